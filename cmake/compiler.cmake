@@ -1,0 +1,24 @@
+# Warnings, hardening and sanitizers for every target of the project.
+add_compile_options(
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Wold-style-cast
+  -Wcast-qual -Wformat=2 -Wimplicit-fallthrough -Werror)
+
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+include(CheckPIESupported)
+check_pie_supported()
+
+# The crash report names functions: keep their symbols and frames in every build.
+add_compile_options(-g -fno-omit-frame-pointer)
+add_link_options(-rdynamic)
+
+if(LB_SANITIZER STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(LB_SANITIZER STREQUAL "thread")
+  add_compile_options(-fsanitize=thread)
+  add_link_options(-fsanitize=thread)
+else()
+  add_compile_options(-fstack-protector-strong)
+  add_compile_definitions($<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+  add_link_options(-Wl,-z,relro,-z,now)
+endif()

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+class LoadBalance;
+class LBArp;
+class LBNeighbor;
+
+/// One worker: a network namespace and an address family. Built by the namespace thread, handed by
+/// pointer to every operation of the cycle, unchanged for the worker's life. Owns nothing.
+struct context {
+    LoadBalance* lb = nullptr;       ///< the one engine of the process
+    LBArp* arp = nullptr;            ///< set in an IPv4 context only
+    LBNeighbor* neighbor = nullptr;  ///< set in an IPv6 context only
+    bool ipv6 = false;
+    std::string* ns_name = nullptr;  ///< empty: the default namespace
+};

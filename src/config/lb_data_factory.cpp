@@ -1,0 +1,118 @@
+#include "config/lb_data_factory.h"
+
+#include <array>
+#include <cstdio>
+#include <memory>
+
+#include "config/probe_maker.h"
+#include "config/str_proc.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr int stack_size = 32;
+constexpr std::size_t line_buffer_size = 1024;  // a longer line is read as several
+
+struct CloseFile {
+    void operator()(FILE* file) const { fclose(file); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
+
+/// The keywords that opened the enclosing blocks. Brackets can drive the depth outside the stack
+/// within one line; a word there acts on nothing.
+struct BlockStack {
+    std::vector<std::string> keywords = std::vector<std::string>(stack_size);
+    int depth = 0;
+
+    bool is_inside() const { return depth >= 0 && depth < stack_size; }
+    void set(const std::string& keyword) {
+        if (is_inside()) {
+            keywords[static_cast<std::size_t>(depth)] = keyword;
+        }
+    }
+};
+
+struct Statement {
+    std::string key;
+    std::string value;
+};
+
+/// The text between the first and the last double quote; with one quote only, the rest of the line.
+std::string quoted_part(const std::string& line) {
+    const std::size_t first = line.find('"');
+    const std::size_t last = line.rfind('"');
+    return first == last ? line.substr(first + 1) : line.substr(first + 1, last - first - 1);
+}
+
+Statement read_words(const std::vector<std::string>& words, const std::string& line,
+                     BlockStack& blocks) {
+    Statement statement;
+    for (const std::string& word : words) {
+        if (word == "{") {
+            ++blocks.depth;
+            continue;
+        }
+        if (word == "}") {
+            blocks.set("");
+            --blocks.depth;
+            continue;
+        }
+        if (statement.key.empty()) {
+            statement.key = word;
+        } else if (statement.value.empty()) {
+            statement.value = line.find('"') == std::string::npos ? word : quoted_part(line);
+        }
+        blocks.set(statement.key);
+    }
+    return statement;
+}
+
+/// The line up to its comment, without its line feed.
+std::string without_comment(const char* read) {
+    const std::string line = read;
+    return line.substr(0, line.find_first_of("#\n"));
+}
+
+}  // namespace
+
+bool LBDataFactory::load(const std::string& path) {
+    const File file(fopen(path.c_str(), "re"));
+    if (file == nullptr) {
+        LOG_ERROR("wan_lb: configuration file not found: %s", path.c_str());
+        return false;
+    }
+    BlockStack blocks;
+    std::array<char, line_buffer_size> buffer;
+    while (fgets(buffer.data(), static_cast<int>(buffer.size()), file.get()) != nullptr) {
+        const std::string line = without_comment(buffer.data());
+        const StrProc words(line, " ");
+        if (words.tokens.empty()) {
+            continue;
+        }
+        const Statement statement = read_words(words.tokens, line, blocks);
+        process(blocks.keywords, blocks.depth, statement.key, statement.value);
+        if (!blocks.is_inside()) {
+            LOG_WARNING("Malformed configuration file: brackets");
+            return false;
+        }
+    }
+    if (blocks.depth != 0) {
+        LOG_WARNING("Configuration error due to mismatched brackets");
+        return false;
+    }
+    add_default_probes();
+    return true;
+}
+
+void LBDataFactory::add_default_probes() {
+    for (auto& [name, health] : data.health) {
+        if (health.tests.empty()) {
+            health.tests.emplace(1, make_probe("ping"));
+        }
+    }
+    for (auto& [name, health] : data.health6) {
+        if (health.tests6.empty()) {
+            health.tests6.emplace(1, make_probe6("ping"));
+        }
+    }
+}

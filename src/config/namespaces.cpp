@@ -1,0 +1,3 @@
+#include "config/namespaces.h"
+
+std::set<std::string> namespaces;

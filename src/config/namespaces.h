@@ -1,0 +1,8 @@
+#pragma once
+
+#include <set>
+#include <string>
+
+/// Every namespace name met in the configuration, and the empty name of the default namespace once
+/// the configuration is loaded. Filled by the main thread, complete before any other thread starts.
+extern std::set<std::string> namespaces;

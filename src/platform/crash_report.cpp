@@ -204,7 +204,7 @@ int above_standard_streams(const Fd& descriptor) {
 /// Descriptors are opened while there are some to be had: they may be what ran out.
 void open_report_descriptors() {
     const Fd log(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const timeval patience{patience_ms / 1000, patience_ms % 1000 * 1000};
+    const timeval patience{patience_ms / 1000, patience_ms % 1000 * 1000L};
     setsockopt(log.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     log_socket = above_standard_streams(log);
     std::array<int, 2> ends{-1, -1};

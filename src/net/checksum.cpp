@@ -40,6 +40,6 @@ std::uint16_t icmp6_checksum(const Ipv6Header& ip, std::span<const std::uint8_t>
     pseudo.destination = ip.destination;
     pseudo.upper_layer_length = static_cast<std::uint32_t>(message.size());
     pseudo.next_header = ip.next_header;
-    const std::uint32_t padded = has_odd_byte(message) ? message.back() << 8U : 0U;
+    const std::uint32_t padded = has_odd_byte(message) ? std::uint32_t{message.back()} << 8U : 0U;
     return fold_and_complement(sum_words(bytes_of(pseudo)) + sum_words(message) + padded);
 }

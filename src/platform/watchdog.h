@@ -3,7 +3,9 @@
 #include <cstdint>
 
 /// The router's watchdog service, here the service manager's notification socket (sd_notify(3)):
-/// ready, main pid, keep-alive. Silent where there is none. No call blocks.
+/// ready, main pid, keep-alive. Silent where there is none. No call blocks. Each returns 0, or -1
+/// where there is a service manager and it could not be told. `kind` is the service's own business
+/// too, and means nothing here.
 
 /// A record of the service; its contents are the service's own business.
 struct wd_record {

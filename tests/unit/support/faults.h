@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstddef>
+
+/// Failures on demand for the system calls and library functions that the daemon makes.
+///
+///     const faults::FailCall no_socket(faults::Call::socket, EMFILE);
+///     const faults::FailCall third_lost(faults::Call::sendto, ENETUNREACH, 3);
+///
+/// The linker sends the calls of this executable's own objects (the daemon's library, the tests,
+/// GoogleTest) to a wrapper, which fails or passes on; calls inside shared libraries (std::thread
+/// and file streams too) are not seen. A failing call returns what its manual page says (-1, null,
+/// 0 or, for the pthread functions, the error itself) and sets errno; it has no effect. Any thread
+/// may call. While mutexes fail nothing may be asserted: GoogleTest takes mutexes.
+namespace faults {
+
+enum class Call : std::size_t {
+    socket,
+    ioctl,
+    sendto,
+    recv,
+    recvfrom,
+    poll,
+    bind,
+    setsockopt,
+    getifaddrs,
+    pthread_create,
+    pthread_detach,
+    pthread_mutex_init,
+    pthread_mutex_lock,
+    pthread_mutex_unlock,
+    popen,
+    kill,
+    fopen,
+    fwrite,
+    mkdir,
+    mnl_socket_open,
+    mnl_socket_bind,
+    mnl_socket_sendto,
+    mnl_socket_recvfrom,
+    nfct_new,
+    inet_ntop,
+    sendmsg,
+    recvmsg,
+    setns,
+    open,
+    if_nametoindex,
+    fork,
+    count  ///< not a call: how many there are
+};
+
+inline constexpr int every_call = 0;
+
+/// While it lives, the `number`-th call from now on (1 is the next one; or every one) fails with
+/// `error`. One at a time for each function.
+class FailCall {
+  public:
+    FailCall(Call call, int error, int number = every_call);
+    ~FailCall();
+    FailCall(const FailCall&) = delete;
+    FailCall& operator=(const FailCall&) = delete;
+
+    /// How many calls were made since, failed or not.
+    int calls() const;
+
+  private:
+    Call call_;
+};
+
+}  // namespace faults

@@ -65,20 +65,20 @@ def start(namespace, *command, **options):
     return subprocess.Popen(("ip", "netns", "exec", namespace, *command), start_new_session=True, **options)
 
 
+def batch(lines, *options):
+    """Has one `ip` do many things."""
+    command = ("ip", *options, "-batch", "-")
+    done = subprocess.run(command, input="\n".join(lines), text=True, capture_output=True, check=False)
+    if done.returncode:
+        raise RuntimeError(f"ip {' '.join(options)} -batch: {done.stderr.strip()}")
+
+
 def build():
-    for name in NAMESPACES:
-        subprocess.run(("ip", "netns", "add", name), check=True)
-        ip(name, "link", "set", "lo", "up")
-    for (here, interface, address), (there, peer, peer_address) in LINKS:
+    batch(f"netns add {name}" for name in NAMESPACES)
+    for (here, interface, _), (there, peer, _) in LINKS:
         ip(here, "link", "add", interface, "type", "veth", "peer", "name", peer, "netns", there)
-        ip(here, "addr", "add", address, "dev", interface)
-        ip(there, "addr", "add", peer_address, "dev", peer)
-        ip(here, "link", "set", interface, "up")
-        ip(there, "link", "set", peer, "up")
-    for address in FAR_ADDRESSES:
-        ip("far", "addr", "add", f"{address}/32", "dev", "lo")
-    for namespace, destination, gateway in ROUTES:
-        ip(namespace, "route", "add", destination, "via", gateway)
+    for name in NAMESPACES:
+        batch(set_up_lines(name), "-n", name)
     for namespace in FORWARDERS:
         set_kernel(namespace, "net/ipv4/ip_forward", 1)
     # Choose the uplink by addresses and ports, so that a client's flows spread by weight.
@@ -87,6 +87,19 @@ def build():
     nft.communicate(TRANSLATION)
     if nft.returncode:
         raise RuntimeError("nft: the router's address translation could not be set up")
+
+
+def set_up_lines(name):
+    yield "link set lo up"
+    if name == "far":
+        yield from (f"addr add {address}/32 dev lo" for address in FAR_ADDRESSES)
+    for namespace, interface, address in (end for link in LINKS for end in link):
+        if namespace == name:
+            yield f"addr add {address} dev {interface}"
+            yield f"link set {interface} up"
+    for namespace, destination, gateway in ROUTES:
+        if namespace == name:
+            yield f"route add {destination} via {gateway}"
 
 
 def set_kernel(namespace, key, value):

@@ -50,6 +50,7 @@ class Story:
         self._await_default(BOTH)
         self._timeline.say("step", "both uplinks carry traffic: the client starts, 20 requests a second to each service")
         self._watch.traffic = watch.Traffic()
+        self._watch.until(lambda: self._watch.requests, PATIENCE_S, "the client's first answers")
         self._watch.for_a_while(2 * PAUSE_S)
 
     def _act(self, title, change, active, providers):

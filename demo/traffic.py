@@ -1,29 +1,36 @@
 """The client's traffic and the service that answers it; also a program for both ends.
 
-A request is one datagram from a socket, hence a flow, of its own: it takes the uplink that the route gives it now. The
+A request is one datagram from a port, hence a flow, of its own: it takes the uplink that the route gives it now. The
 answer is the source address that the far host saw, which tells the uplink.
 
-    python3 traffic.py serve ADDRESS...         answer on these addresses
+    python3 traffic.py serve ADDRESS...         answer on these addresses; one line on stdout when ready
     python3 traffic.py ask ADDRESS...           ask each of them 20 times a second; one line per request on stdout:
                                                 time sent (seconds, monotonic), address asked, address seen or "lost"
 """
 
+import itertools
 import selectors
 import socket
 import sys
 import time
 
 PORT = 4000
+CLIENT_PORTS = range(10000, 60000)
 INTERVAL_S = 0.05
 PATIENCE_S = 1.0
+
+
+def _socket_for(address):
+    return socket.socket(socket.AF_INET6 if ":" in address else socket.AF_INET, socket.SOCK_DGRAM)
 
 
 def serve(addresses):
     ready = selectors.DefaultSelector()
     for address in addresses:
-        service = socket.socket(socket.AF_INET6 if ":" in address else socket.AF_INET, socket.SOCK_DGRAM)
+        service = _socket_for(address)
         service.bind((address, PORT))
         ready.register(service, selectors.EVENT_READ)
+    print("ready", flush=True)
     while True:
         for key, _ in ready.select():
             _, peer = key.fileobj.recvfrom(64)
@@ -37,12 +44,15 @@ class Client:
         self.report = report
         self.ready = selectors.DefaultSelector()
         self.in_flight = {}
+        # Ports in turn: a port chosen anew too early would meet the router's memory of the flow before it.
+        self.ports = itertools.cycle(CLIENT_PORTS)
 
     def ask(self, address):
         sent_at = time.monotonic()
-        flow = socket.socket(socket.AF_INET6 if ":" in address else socket.AF_INET, socket.SOCK_DGRAM)
+        flow = _socket_for(address)
         flow.setblocking(False)
         try:
+            flow.bind(("", next(self.ports)))
             flow.connect((address, PORT))
             flow.send(b"?")
         except OSError:

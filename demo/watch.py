@@ -62,22 +62,34 @@ class SystemLog:
             yield re.sub(r"^\w+ +\d+ [\d:]+ ", "", line)
 
 
+class RouteMonitor:
+    """Tells whether the kernel has announced a change of the router's routes since it was last asked."""
+
+    def __init__(self):
+        self._announcements = network.start("router", "ip", "monitor", "route", stdout=subprocess.PIPE).stdout
+        os.set_blocking(self._announcements.fileno(), False)
+
+    def changed(self):
+        return bool(self._announcements.read())
+
+
 class Traffic:
     """The client's requests, as they end."""
 
     def __init__(self):
         program = str(pathlib.Path(__file__).with_name("traffic.py"))
         services = (network.WEIGHTED_SERVICE, network.FAILOVER_SERVICE)
-        network.start("far", sys.executable, program, "serve", *services)
+        server = network.start("far", sys.executable, program, "serve", *services, stdout=subprocess.PIPE)
+        if not server.stdout.readline():
+            raise RuntimeError("the far host's services did not start")
         self._client = network.start(
             "client", sys.executable, program, "ask", *services, stdout=subprocess.PIPE
         )
         self._rest = b""
-        self._file = self._client.stdout
-        os.set_blocking(self._file.fileno(), False)
+        os.set_blocking(self._client.stdout.fileno(), False)
 
     def ended_requests(self):
-        self._rest += self._file.read() or b""
+        self._rest += self._client.stdout.read() or b""
         *lines, self._rest = self._rest.split(b"\n")
         for line in lines:
             sent_at, service, outcome = line.decode().split()
@@ -99,6 +111,7 @@ class Watch:
         self.requests = []
         self.active = {interface: False for interface in network.UPLINKS}
         self.routes = {}
+        self._route_monitor = RouteMonitor()
         self._fragments = {}
         self._shown_requests = 0
         self._next_traffic_line = 0.0
@@ -123,9 +136,11 @@ class Watch:
         self._router.require_alive()
         for message in self.log.new_messages():
             self._note(message)
+        routes_changed = self._route_monitor.changed()
         for family in router.FAMILIES:
             self._look_at_fragment(family)
-            self._look_at_routes(family)
+            if routes_changed:
+                self._look_at_routes(family)
         if self.traffic:
             self.requests.extend(self.traffic.ended_requests())
             self._show_traffic()
@@ -177,7 +192,7 @@ class Watch:
                 f"{name} {shares_text(ended, service)}"
                 for name, service in (("weighted:", network.WEIGHTED_SERVICE), ("failover:", network.FAILOVER_SERVICE))
             )
-            self._timeline.say("traffic", "   ".join(f"{share:<34}" for share in shares).rstrip())
+            self._timeline.say("traffic", "   ".join(f"{share:<37}" for share in shares).rstrip())
 
 
 def _hops_text(hops):

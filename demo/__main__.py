@@ -10,14 +10,14 @@ import watch
 
 WHAT_TO_DO_NOW = """
 The lab stays up; process {pid} is its first one.
-  a shell in it      sudo {enter} ip netns exec router bash      (or client, isp1, isp2, far)
-  the log            sudo {enter} tail -f /run/demo/log
-  the fragment       sudo {enter} cat /usr/etc/routing-wlb.conf
-  the kernel's route sudo {enter} ip -n router route
-  traffic            sudo {enter} ip netns exec client python3 {here}/traffic.py ask 203.0.113.10
-  an outage          sudo {enter} ip -n isp1 route replace blackhole 203.0.113.0/24
-  its end            sudo {enter} ip -n isp1 route replace 203.0.113.0/24 via 10.1.0.2
-  end the lab        sudo kill {pid}"""
+  a shell in it       sudo {enter} ip netns exec router bash      (or client, isp1, isp2, far)
+  the log             sudo {enter} tail -f /run/demo/log
+  the fragment        sudo {enter} cat /usr/etc/routing-wlb.conf
+  the kernel's routes sudo {enter} ip -n router route
+  traffic             sudo {enter} ip netns exec client python3 {here}/traffic.py ask 203.0.113.10
+  an outage           sudo {enter} ip -n isp1 route replace blackhole 203.0.113.0/24
+  its end             sudo {enter} ip -n isp1 route replace 203.0.113.0/24 via 10.1.0.2
+  end the lab         sudo kill {pid}"""
 
 
 def lab(keep):

@@ -23,6 +23,7 @@ The lab stays up; process {pid} is its first one.
 def lab(keep):
     network.build()
     router.LAB_DIR.mkdir()
+    router.OUTPUT_DIR.mkdir()
     timeline = watch.Timeline()
     the_router = router.Router()
     the_watch = watch.Watch(timeline, the_router)

@@ -6,29 +6,18 @@ all others, and with them go the mounts and the network namespaces. The daemon's
 
 import ctypes
 import os
+import pathlib
 import signal
 import sys
 
+sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "tests/lab"))
+from kit import sandbox  # the lab tests live on the same private paths
+
 CLONE_NEWNS, CLONE_NEWPID, CLONE_NEWNET = 0x00020000, 0x20000000, 0x40000000
-MS_BIND, MS_MOVE, MS_REC, MS_PRIVATE = 0x1000, 0x2000, 0x4000, 0x40000
+MS_REC, MS_PRIVATE = 0x4000, 0x40000
 PR_SET_PDEATHSIG = 1
 
-STAGE = "/run/stage"
-
 _libc = ctypes.CDLL(None, use_errno=True)
-
-
-def _check(result, what):
-    if result != 0:
-        code = ctypes.get_errno()
-        raise OSError(code, f"{what}: {os.strerror(code)}")
-
-
-def _mount(source, target, kind=None, flags=0):
-    def text(value):
-        return value.encode() if value else None
-
-    _check(_libc.mount(text(source), text(target), text(kind), ctypes.c_ulong(flags), None), f"mount {target}")
 
 
 def run(lab):
@@ -37,7 +26,8 @@ def run(lab):
     When the lab calls keep(), this returns at once (0, process id of the lab), and the lab lives on without a terminal.
     """
     kept, keep = os.pipe()
-    _check(_libc.unshare(CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET), "unshare")
+    if _libc.unshare(CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET) != 0:
+        sys.exit(f"demo: no namespaces of our own here: {os.strerror(ctypes.get_errno())}")
     pid = os.fork()
     if pid == 0:
         os.close(kept)
@@ -81,32 +71,6 @@ def _detach(keep_pipe):
 
 
 def _make_private_mounts():
-    _mount(None, "/", flags=MS_REC | MS_PRIVATE)
-    _mount("proc", "/proc", "proc")
-    _mount("lab", "/run", "tmpfs")
-    os.makedirs("/run/netns")
-    os.makedirs("/run/load-balance")
-    _cover("/usr", ["etc"])
-    _cover("/var", ["db", "vrfs"])
-    _cover("/dev", ["log"])
-    os.rmdir("/dev/log")  # the log's socket takes its place
-
-
-def _cover(directory, fresh):
-    """Replaces `directory` by a view of it in which the folders named in `fresh` are empty and ours."""
-    os.mkdir(STAGE)
-    _mount("lab", STAGE, "tmpfs")
-    for entry in os.scandir(directory):
-        if entry.name in fresh:
-            continue
-        ours = f"{STAGE}/{entry.name}"
-        if entry.is_symlink():
-            os.symlink(os.readlink(entry.path), ours)
-        else:
-            os.mkdir(ours) if entry.is_dir() else os.close(os.open(ours, os.O_CREAT))
-            _mount(entry.path, ours, flags=MS_BIND | MS_REC)
-    for name in fresh:
-        os.mkdir(f"{STAGE}/{name}")
-    os.chmod(STAGE, 0o755)
-    _mount(STAGE, directory, flags=MS_MOVE)
-    os.rmdir(STAGE)
+    sandbox.mount("none", "/", flags=MS_REC | MS_PRIVATE)
+    sandbox.mount("proc", "/proc", "proc")
+    sandbox.make_paths_private()

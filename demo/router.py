@@ -10,6 +10,7 @@ import network
 HERE = pathlib.Path(__file__).resolve().parent
 BUILD = HERE.parent / "build"
 LAB_DIR = pathlib.Path("/run/demo")
+OUTPUT_DIR = pathlib.Path("/run/load-balance")  # the daemon's default
 LEASES = {"gi1_2": f"lease {{\n  option routers {network.DHCP_ROUTER};\n}}\n"}
 
 

@@ -19,14 +19,14 @@ _libc = ctypes.CDLL(None, use_errno=True)
 _MS_BIND, _MS_REC, _MNT_DETACH = 0x1000, 0x4000, 2
 
 
-def _mount(source, target, kind="", flags=0):
+def mount(source, target, kind="", flags=0):
     arguments = [word.encode() for word in (source, target, kind)]
     if _libc.mount(*arguments, ctypes.c_ulong(flags), None) != 0:
         raise OSError(ctypes.get_errno(), f"mounting {source} on {target}")
 
 
 def _tmpfs(path):
-    _mount("lab", path, "tmpfs")
+    mount("lab", path, "tmpfs")
 
 
 def _copy_entry(entry, target):
@@ -36,20 +36,20 @@ def _copy_entry(entry, target):
         os.symlink(os.readlink(entry.path), target)
     elif stat.S_ISDIR(mode):
         os.mkdir(target)
-        _mount(entry.path, target, flags=_MS_BIND | _MS_REC)
+        mount(entry.path, target, flags=_MS_BIND | _MS_REC)
     elif stat.S_ISCHR(mode) or stat.S_ISBLK(mode):
         os.mknod(target, mode, entry.stat(follow_symlinks=False).st_rdev)
         os.chmod(target, stat.S_IMODE(mode))
     elif stat.S_ISREG(mode):
         os.close(os.open(target, os.O_CREAT | os.O_WRONLY))
-        _mount(entry.path, target, flags=_MS_BIND)
+        mount(entry.path, target, flags=_MS_BIND)
 
 
 def _shadow(directory, leave_out=()):
     """Puts a writable copy of a directory's first level over it: the machine's stays untouched."""
     staging = "/run/lab-staging"
     os.makedirs(staging, exist_ok=True)
-    _mount(directory, staging, flags=_MS_BIND | _MS_REC)
+    mount(directory, staging, flags=_MS_BIND | _MS_REC)
     _tmpfs(directory)
     os.chmod(directory, 0o755)
     with os.scandir(staging) as entries:
@@ -60,7 +60,8 @@ def _shadow(directory, leave_out=()):
     os.rmdir(staging)
 
 
-def _make_paths_private():
+def make_paths_private():
+    """Makes every fixed path of the daemon private; the caller has a mount namespace of its own."""
     _tmpfs("/run")
     if os.path.realpath("/var/run") != "/run":
         _tmpfs("/var/run")
@@ -75,7 +76,7 @@ def _make_paths_private():
 def enter():
     """Returns inside the sandbox; leaves the process with SKIPPED where there are no rights."""
     if os.environ.get(MARK) and os.getpid() == 1:
-        _make_paths_private()
+        make_paths_private()
         return
     if os.geteuid() != 0:
         print("skipped: a lab test makes network namespaces and needs root")

@@ -23,3 +23,8 @@ as_caller() {
     "$@"
   fi
 }
+
+# What root made inside the build folder belongs to the person behind sudo as well.
+give_to_caller() {
+  [ "${SUDO_UID:-0}" -eq 0 ] || chown -R "$SUDO_UID:$SUDO_GID" "$@"
+}

@@ -11,7 +11,6 @@ import struct
 import subprocess
 import sys
 import time
-import unittest
 
 from kit import LabTest, expect, main
 from kit import echo_policies as policy

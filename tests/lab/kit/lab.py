@@ -67,11 +67,12 @@ class Lab:
         return f"02:00:5e:10:00:{self._links:02x}", f"02:00:5e:20:00:{self._links:02x}"
 
     def uplink(self, name, address=None, gateway=None, *, address6=None, gateway6=None,
-               point_to_point=None, namespace=None):
+               point_to_point=None, namespace=None, known=False):
         """An uplink of the router and its scripted peer, who answers as `gateway`.
 
         `address` and `address6` carry their prefix length; `point_to_point` is the peer address of
-        a tunnel. `namespace` is the router's default one unless given.
+        a tunnel. `namespace` is the router's default one unless given. With `known` the kernel has
+        the gateway's hardware address from the start, so that the first probe leaves at once.
         """
         self._links += 1
         near, far = self.macs()
@@ -88,6 +89,8 @@ class Lab:
         self.far.ip(f"link set {end} up")
         # Until the kernel has noticed the carrier, it drops what it is given to send.
         expect(lambda: " state UP " in space.ip(f"link show {name}"), what=f"{name} is up")
+        if known:
+            space.ip(f"neigh replace {gateway} lladdr {far} dev {name} nud permanent")
         answers_for = [one for one in (gateway, gateway6, point_to_point) if one]
         peer = self._owned(Peer(self.far, end, far, answers_for))
         self.peers[f"{space.name or 'default'}-{name}"] = peer

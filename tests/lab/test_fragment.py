@@ -57,9 +57,10 @@ class Text(LabTest):
     def test_rules_follow_each_other_in_the_order_of_their_names(self):
         attach_two(self.lab)
         self.lab.start(two_uplinks().rule("2_ipv4", {"gi1_1": 7}, {"198.18.9.0/24": 5})
-                       .rule("0x_ipv4", {"gi1_2": 1}, {"198.18.8.0/24": None}))
+                       .rule("10_ipv4", {"gi1_2": 2}, {"198.18.8.0/24": None}))
         expect(lambda: self.lab.fragment() == fragment(
-            VIA_BOTH, "route 198.18.9.0/24 multipath via 192.0.2.1 weight 7 metric 5;"))
+            "route 198.18.8.0/24 multipath via 203.0.113.1 weight 2;", VIA_BOTH,
+            "route 198.18.9.0/24 multipath via 192.0.2.1 weight 7 metric 5;"))
 
     def test_member_without_a_weight_is_never_routed(self):
         attach_two(self.lab)

@@ -16,6 +16,16 @@ CONF = (Conf()
         .rule("1_ipv4", {"gi1_1": 1}, {PREFIX: None})
         .rule("2_ipv4", {"gi1_2": 3}, {PREFIX: None}, namespace="blue"))
 
+KNOWN_REPLIES = """
+table inet lab {
+    counter known { }
+    chain in {
+        type filter hook input priority 0; policy accept;
+        icmp type echo-reply ct state established counter name known
+    }
+}
+"""
+
 
 class TwoNamespaces(LabTest):
     def setUp(self):
@@ -59,10 +69,8 @@ class TwoNamespaces(LabTest):
         self.assertEqual(len(identifiers), len(set(identifiers)))
 
     def test_records_of_connections_land_where_their_probes_run(self):
-        rules = ("table inet lab { counter known { }\nchain in { type filter hook input priority 0;\n"
-                 "icmp type echo-reply ct state established counter name known } }\n")
         with open("/run/known.nft", "w", encoding="ascii") as file:
-            file.write(rules)
+            file.write(KNOWN_REPLIES)
         for space in (self.lab.router, self.blue):
             space.run("nft", "-f", "/run/known.nft")
         self.lab.start(CONF)

@@ -173,6 +173,10 @@ class LabTest(unittest.TestCase):
 
     maxDiff = None
 
+    def run(self, result=None):
+        self._result = result if result is not None else self.defaultTestResult()
+        return super().run(self._result)
+
     def setUp(self):
         # From the script's name, for the module is __main__.
         script = os.path.splitext(os.path.basename(sys.argv[0]))[0]
@@ -185,7 +189,9 @@ class LabTest(unittest.TestCase):
         self.addCleanup(self._save_state_after_failure)
 
     def _failed(self):
-        return not self._outcome.success
+        """Whether this test, or a subtest of it, has already failed."""
+        return any(self in (test, getattr(test, "test_case", None))
+                   for test, _ in self._result.failures + self._result.errors)
 
     def _save_state_after_failure(self):
         if self._failed():

@@ -55,8 +55,8 @@ class SystemLog:
         with self._lock:
             return [line for line in self._lines if severity in (None, line.severity)]
 
-    def texts(self):
-        return [line.text for line in self.lines()]
+    def texts(self, severity=None):
+        return [line.text for line in self.lines(severity)]
 
     def count(self, text):
         """How often exactly this line was logged."""

@@ -11,10 +11,12 @@ import struct
 import subprocess
 import sys
 import time
+import unittest.mock
 
 from kit import LabTest, expect, main
 from kit import echo_policies as policy
 from kit import packets
+from kit.daemon import Daemon
 from kit.routing_daemon import fragment_path
 
 
@@ -176,6 +178,38 @@ class Captures(LabTest):
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
             sender.sendto(b"READY=1\nWATCHDOG=1", alive.environment["NOTIFY_SOCKET"])
         expect(lambda: alive.times("READY=1") and alive.times("WATCHDOG=1"))
+
+
+class DaemonUnderTest(LabTest):
+    def start(self, script):
+        """A shell script in the daemon's place."""
+        path = "/run/stand-in"
+        with open(path, "w", encoding="ascii") as file:
+            file.write("#!/bin/sh\n" + script)
+        os.chmod(path, 0o755)
+        environment = unittest.mock.patch.dict(os.environ, {"LB_BINARY": path})
+        with environment:
+            return Daemon(self.lab.router, [], self.folder)
+
+    def test_report_of_a_sanitizer_fails_the_test(self):
+        for report in ("echo 'WARNING: ThreadSanitizer: data race' >&2",
+                       'echo "ERROR: AddressSanitizer" > "$(echo $ASAN_OPTIONS | sed "s/.*log_path=//; s/:.*//")".1'):
+            with self.subTest(report):
+                daemon = self.start(report + "\n")
+                daemon.wait()
+                with self.assertRaisesRegex(AssertionError, "sanitizer report"):
+                    daemon.stop()
+
+    def test_daemon_that_ends_by_itself_fails_the_test(self):
+        daemon = self.start("exit 3\n")
+        expect(lambda: not daemon.running())
+        with self.assertRaisesRegex(AssertionError, "ended with 3"):
+            daemon.stop()
+
+    def test_daemon_that_runs_until_it_is_stopped_is_fine(self):
+        daemon = self.start("exec sleep 60\n")
+        daemon.stop()
+        self.assertFalse(daemon.running())
 
 
 class Sandbox(LabTest):

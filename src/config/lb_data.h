@@ -43,9 +43,9 @@ class LBData {
     LBData(const LBData&) = default;
     ~LBData() = default;
 
-    std::map<std::string, LBRule> rules;      ///< by the rule's name, for example 1_ipv4
-    std::map<std::string, LBHealth> health;   ///< IPv4 interfaces by kernel name
-    std::map<std::string, LBHealth> health6;  ///< IPv6 interfaces by kernel name
+    std::map<std::string, LBRule> rules;              ///< by the rule's name, for example 1_ipv4
+    std::map<std::string, LBHealth> health;           ///< IPv4 interfaces by kernel name
+    std::map<std::string, LBHealth> health6;          ///< IPv6 interfaces by kernel name
     std::map<std::string, std::string> last_routes4;  ///< per namespace: the text last written
     std::map<std::string, std::string> last_routes6;
 

@@ -39,8 +39,7 @@ class LBDataFactory {
                                                    const std::string& value);
     void process_health_interface_rule_type_timeout(const std::string& key,
                                                     const std::string& value);
-    void process_health_interface_rule_type_count(const std::string& key,
-                                                  const std::string& value);
+    void process_health_interface_rule_type_count(const std::string& key, const std::string& value);
     void process_health_interface_rule_type_loss(const std::string& key, const std::string& value);
     void process_health_interface_rule_type_rtt(const std::string& key, const std::string& value);
     void process_health_interface_rule_type_jitter(const std::string& key,
@@ -66,7 +65,7 @@ class LBDataFactory {
   private:
     void process_health_line(int depth, const std::string& key, const std::string& value);
     void process_health_probe(const std::string& key, const std::string& value);
-    void process_rule_line(const std::vector<std::string>& stack, int depth,
-                           const std::string& key, const std::string& value);
+    void process_rule_line(const std::vector<std::string>& stack, int depth, const std::string& key,
+                           const std::string& value);
     void add_default_probes();
 };

@@ -14,7 +14,8 @@ class LBHealthHistory {
   public:
     LBHealthHistory() = default;
 
-    int last_success = 0;  ///< s since the epoch: last evaluation that found the interface up; 0 never
+    int last_success =
+        0;  ///< s since the epoch: last evaluation that found the interface up; 0 never
     int last_failure = 0;  ///< s since the epoch: last evaluation that found it down; 0 never
     std::map<std::string, int> last_resp;  ///< confirmed result per target: 0 success, -1 failure
 
@@ -33,9 +34,9 @@ class LBHealth {
   public:
     LBHealth(const std::string& ifname, bool is_ipv6);
 
-    int success_ct = 0;        ///< successes in a row that make a target count as up; 0 not configured
-    int failure_ct = 0;        ///< failures in a row that make it count as down; 0 not configured
-    std::string nexthop;       ///< an address, or "dhcp" or "tunnel"
+    int success_ct = 0;   ///< successes in a row that make a target count as up; 0 not configured
+    int failure_ct = 0;   ///< failures in a row that make it count as down; 0 not configured
+    std::string nexthop;  ///< an address, or "dhcp" or "tunnel"
     std::string nexthop_addr;  ///< learnt address for "dhcp" and "tunnel"
     LBHealthHistory history;
     bool active = false;
@@ -43,8 +44,8 @@ class LBHealth {
     int last_change = 0;        ///< s since the epoch of the last reported change
     std::string name;           ///< kernel name, equal to the map key
     bool ipv6 = false;
-    bool check_all = false;      ///< every target must be up, not just one
-    std::string source_address;  ///< of the probes; empty: the interface's own
+    bool check_all = false;          ///< every target must be up, not just one
+    std::string source_address;      ///< of the probes; empty: the interface's own
     std::map<int, LBTest*> tests;    ///< by the number of the health rule; IPv4 interfaces
     std::map<int, LBTest6*> tests6;  ///< the same for IPv6 interfaces
     std::string namespace_name;      ///< empty: the default namespace

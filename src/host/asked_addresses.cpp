@@ -39,8 +39,9 @@ AskedAddressesRef take_asked_addresses(void* argument) {
     return *owner;
 }
 
-ReceiverEnd receive_frames(int receiver, bool (*handle)(std::span<const std::uint8_t> frame,
-                                                        AskedAddresses& asked),
+ReceiverEnd receive_frames(int receiver,
+                           bool (*handle)(std::span<const std::uint8_t> frame,
+                                          AskedAddresses& asked),
                            AskedAddresses& asked) {
     constexpr std::size_t largest_frame = 65535;
     std::array<std::uint8_t, largest_frame> buffer;

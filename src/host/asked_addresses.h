@@ -45,6 +45,7 @@ AskedAddressesRef take_asked_addresses(void* argument);
 enum class ReceiverEnd { wait_failed, receive_failed, handler_ended };
 
 /// Reads frames for ever and hands each to `handle`, until that returns false or the socket fails.
-ReceiverEnd receive_frames(int receiver, bool (*handle)(std::span<const std::uint8_t> frame,
-                                                        AskedAddresses& asked),
+ReceiverEnd receive_frames(int receiver,
+                           bool (*handle)(std::span<const std::uint8_t> frame,
+                                          AskedAddresses& asked),
                            AskedAddresses& asked);

@@ -24,8 +24,7 @@ constexpr std::size_t largest_buffer = 8192;
 constexpr std::uint32_t record_lifetime_s = 32;
 constexpr std::uint16_t new_record_type = NFNL_SUBSYS_CTNETLINK << 8U | IPCTNL_MSG_CT_NEW;
 // Request, acknowledge, replace, create: a record that exists already is renewed, not refused.
-constexpr std::uint16_t new_record_flags =
-    NLM_F_REQUEST | NLM_F_ACK | NLM_F_REPLACE | NLM_F_CREATE;
+constexpr std::uint16_t new_record_flags = NLM_F_REQUEST | NLM_F_ACK | NLM_F_REPLACE | NLM_F_CREATE;
 static_assert(new_record_type == 0x0100 && new_record_flags == 0x0505);
 
 constexpr const char* function_name = "create_conntrack_record";
@@ -122,8 +121,7 @@ bool exchange(mnl_socket* handle, const std::string& source, const std::string& 
     message->nlmsg_type = new_record_type;
     message->nlmsg_flags = new_record_flags;
     message->nlmsg_seq = static_cast<std::uint32_t>(time(nullptr));
-    auto* extra =
-        static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg)));
+    auto* extra = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg)));
     extra->nfgen_family = static_cast<std::uint8_t>(ipv6 ? AF_INET6 : AF_INET);
     extra->version = NFNETLINK_V0;
     extra->res_id = 0;

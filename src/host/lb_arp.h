@@ -40,5 +40,4 @@ class LBArp {
 
     static NamespaceTable<int> _send_sock;
     static NamespaceTable<bool> is_start_recv;
-
 };

@@ -46,7 +46,9 @@ std::optional<NamesByAddress>& known_addresses() {
 
 }  // namespace
 
-void forget_interface_addresses() { known_addresses().reset(); }
+void forget_interface_addresses() {
+    known_addresses().reset();
+}
 
 bool check_src_addr_on_interface(const std::string& ifname, const std::string& address) {
     auto& known = known_addresses();

@@ -12,7 +12,8 @@ class Be16 {
   public:
     Be16() = default;
     constexpr Be16(std::uint16_t value)
-        : bytes_{static_cast<std::uint8_t>(value >> 8U), static_cast<std::uint8_t>(value & 0xffU)} {}
+        : bytes_{static_cast<std::uint8_t>(value >> 8U), static_cast<std::uint8_t>(value & 0xffU)} {
+    }
     constexpr operator std::uint16_t() const {
         return static_cast<std::uint16_t>(bytes_[0] << 8U | bytes_[1]);
     }

@@ -1,6 +1,9 @@
 #include "net/checksum.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstddef>
+#include <vector>
 
 namespace {
 
@@ -20,7 +23,9 @@ std::uint16_t fold_and_complement(std::uint32_t sum) {
     return static_cast<std::uint16_t>(~sum & 0xffffU);
 }
 
-bool has_odd_byte(std::span<const std::uint8_t> data) { return data.size() % 2 != 0; }
+bool has_odd_byte(std::span<const std::uint8_t> data) {
+    return data.size() % 2 != 0;
+}
 
 }  // namespace
 
@@ -42,4 +47,31 @@ std::uint16_t icmp6_checksum(const Ipv6Header& ip, std::span<const std::uint8_t>
     pseudo.next_header = ip.next_header;
     const std::uint32_t padded = has_odd_byte(message) ? std::uint32_t{message.back()} << 8U : 0U;
     return fold_and_complement(sum_words(bytes_of(pseudo)) + sum_words(message) + padded);
+}
+
+namespace {
+
+/// A header and the data behind it.
+template <class Header>
+std::vector<std::uint8_t> joined(const Header& header, const unsigned char* data, int length) {
+    const auto head = bytes_of(header);
+    const auto count = static_cast<std::size_t>(std::max(length, 0));
+    std::vector<std::uint8_t> message(head.begin(), head.end());
+    message.insert(message.end(), data, data + count);
+    return message;
+}
+
+}  // namespace
+
+std::uint16_t icmp4_checksum(icmphdr header, const unsigned char* data, int length) {
+    header.checksum = 0;
+    std::vector<std::uint8_t> message = joined(header, data, length);
+    message.resize(message.size() + message.size() % 2);
+    return internet_checksum(message);
+}
+
+std::uint16_t icmp6_checksum(const ip6_hdr& ip, icmp6_hdr header, const unsigned char* data,
+                             int length) {
+    header.icmp6_cksum = 0;
+    return icmp6_checksum(std::bit_cast<Ipv6Header>(ip), joined(header, data, length));
 }

@@ -7,8 +7,12 @@
 
 namespace {
 
-Ipv4Bytes address_bytes(const in_addr& address) { return std::bit_cast<Ipv4Bytes>(address); }
-Ipv6Bytes address_bytes(const in6_addr& address) { return std::bit_cast<Ipv6Bytes>(address); }
+Ipv4Bytes address_bytes(const in_addr& address) {
+    return std::bit_cast<Ipv4Bytes>(address);
+}
+Ipv6Bytes address_bytes(const in6_addr& address) {
+    return std::bit_cast<Ipv6Bytes>(address);
+}
 
 EthernetHeader ethernet(const MacAddress& destination, const MacAddress& source,
                         std::uint16_t ethertype) {
@@ -93,14 +97,14 @@ NeighborSolicitation neighbor_solicitation(const MacAddress& source_mac, const i
                                            const in6_addr& destination, const in6_addr& target) {
     const Ipv6Bytes t = address_bytes(target);
     NeighborSolicitation frame;
-    frame.ethernet =
-        ethernet({0x33, 0x33, 0xff, t[13], t[14], t[15]}, source_mac, ethertype_ipv6);
+    frame.ethernet = ethernet({0x33, 0x33, 0xff, t[13], t[14], t[15]}, source_mac, ethertype_ipv6);
     frame.ip.payload_length = sizeof frame - offsetof(NeighborSolicitation, type);
     frame.ip.source = address_bytes(source);
     frame.ip.destination = address_bytes(destination);
     std::copy(t.begin() + 13, t.end(), frame.ip.destination.begin() + 13);
     frame.target = t;
     frame.option_mac = source_mac;
-    frame.checksum = icmp6_checksum(frame.ip, bytes_of(frame).subspan(offsetof(NeighborSolicitation, type)));
+    frame.checksum =
+        icmp6_checksum(frame.ip, bytes_of(frame).subspan(offsetof(NeighborSolicitation, type)));
     return frame;
 }

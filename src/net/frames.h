@@ -130,7 +130,8 @@ static_assert(sizeof(ArpFrame) == 42);
 static_assert(offsetof(ArpFrame, operation) == 20 && offsetof(ArpFrame, sender_mac) == 22);
 static_assert(offsetof(ArpFrame, sender_address) == 28);
 
-/// Neighbour solicitation with a source link-layer address option, RFC 4861, sections 4.3 and 4.6.1.
+/// Neighbour solicitation with a source link-layer address option, RFC 4861, sections 4.3
+/// and 4.6.1.
 struct NeighborSolicitation {
     EthernetHeader ethernet;
     Ipv6Header ip;

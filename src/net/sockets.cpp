@@ -28,7 +28,9 @@ std::span<const sock_filter> pass_nothing() {
     return program;
 }
 
-Fd open_send_only_packet_socket() { return Fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0)); }
+Fd open_send_only_packet_socket() {
+    return Fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+}
 
 Fd open_packet_receiver(std::uint16_t protocol, std::span<const sock_filter> filter) {
     // Protocol 0 receives nothing; binding to the real one comes after the filter.
@@ -56,6 +58,27 @@ Fd open_raw_icmp_socket(int domain, int protocol, std::span<const sock_filter> f
     return raw;
 }
 
+namespace {
+
+template <class Address>
+int send_to(int number, const Address& destination, std::span<const std::uint8_t> message) {
+    return static_cast<int>(sendto(number, message.data(), message.size(), 0,
+                                   reinterpret_cast<const sockaddr*>(&destination),
+                                   sizeof destination));
+}
+
+}  // namespace
+
+int send_datagram(int raw_socket, const sockaddr_in& destination,
+                  std::span<const std::uint8_t> message) {
+    return send_to(raw_socket, destination, message);
+}
+
+int send_datagram(int raw_socket, const sockaddr_in6& destination,
+                  std::span<const std::uint8_t> message) {
+    return send_to(raw_socket, destination, message);
+}
+
 int send_frame(int packet_socket, int interface_index, const MacAddress& own_mac,
                std::span<const std::uint8_t> frame) {
     sockaddr_ll address{};
@@ -63,6 +86,5 @@ int send_frame(int packet_socket, int interface_index, const MacAddress& own_mac
     address.sll_ifindex = interface_index;
     address.sll_halen = static_cast<unsigned char>(own_mac.size());
     std::copy(own_mac.begin(), own_mac.end(), address.sll_addr);
-    return static_cast<int>(sendto(packet_socket, frame.data(), frame.size(), 0,
-                                   reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    return send_to(packet_socket, address, frame);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <linux/filter.h>
+#include <netinet/in.h>
 
 #include <cstdint>
 #include <span>
@@ -31,3 +32,10 @@ std::span<const sock_filter> pass_nothing();
 /// interface's own address. Returns what sendto(2) returns.
 int send_frame(int packet_socket, int interface_index, const MacAddress& own_mac,
                std::span<const std::uint8_t> frame);
+
+/// Sends a whole ICMP message to an IPv4 address; the kernel adds the IP header. Returns what
+/// sendto(2) returns.
+int send_datagram(int raw_socket, const sockaddr_in& destination,
+                  std::span<const std::uint8_t> message);
+int send_datagram(int raw_socket, const sockaddr_in6& destination,
+                  std::span<const std::uint8_t> message);

@@ -26,12 +26,16 @@ std::int64_t whole_ms(const timespec& time) {
 
 }  // namespace
 
-timespec monotonic_now() { return monotonic_source.load()(); }
+timespec monotonic_now() {
+    return monotonic_source.load()();
+}
 
-timeval wall_now() { return wall_source.load()(); }
+timeval wall_now() {
+    return wall_source.load()();
+}
 
-int elapsed_ms(const timespec& earlier, const timespec& later) {
-    return static_cast<int>(whole_ms(later) - whole_ms(earlier));
+std::int64_t elapsed_ms(const timespec& earlier, const timespec& later) {
+    return whole_ms(later) - whole_ms(earlier);
 }
 
 void set_clock_source(const ClockSource& source) {

@@ -2,6 +2,7 @@
 
 #include <sys/time.h>
 
+#include <cstdint>
 #include <ctime>
 
 /// The two clocks of the daemon: the monotonic one measures, the wall clock dates. Whatever judges
@@ -10,7 +11,7 @@ timespec monotonic_now();
 timeval wall_now();
 
 /// Milliseconds from `earlier` to `later`, each side first rounded down to whole milliseconds.
-int elapsed_ms(const timespec& earlier, const timespec& later);
+std::int64_t elapsed_ms(const timespec& earlier, const timespec& later);
 
 /// The sources behind the two; a null member keeps the kernel's clock.
 struct ClockSource {

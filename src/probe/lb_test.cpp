@@ -12,9 +12,13 @@ pthread_mutex_t LBTest::_ipv4_result_mutex = PTHREAD_MUTEX_INITIALIZER;
 PendingProbes LBTest::_results;
 std::atomic<int> LBTest::_packet_id{0};
 
-LBTest::~LBTest() { close_namespace(ipv4_probes, ns_name); }
+LBTest::~LBTest() {
+    close_namespace(ipv4_probes, ns_name);
+}
 
-void LBTest::init(context* ctx) { set_up_namespace(ipv4_probes, *ctx->ns_name); }
+void LBTest::init(context* ctx) {
+    set_up_namespace(ipv4_probes, *ctx->ns_name);
+}
 
 void LBTest::set_up(context* ctx) {
     LBTest::init(ctx);
@@ -27,4 +31,6 @@ void LBTest::recv(LBHealth& health, context* ctx) {
     }
 }
 
-std::string LBTest::status() { return status_text; }
+std::string LBTest::status() {
+    return status_text;
+}

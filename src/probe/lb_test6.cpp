@@ -12,9 +12,13 @@ pthread_mutex_t LBTest6::_ipv6_result_mutex = PTHREAD_MUTEX_INITIALIZER;
 PendingProbes LBTest6::_results;
 std::atomic<int> LBTest6::_packet_id{0};
 
-LBTest6::~LBTest6() { close_namespace(ipv6_probes, ns_name); }
+LBTest6::~LBTest6() {
+    close_namespace(ipv6_probes, ns_name);
+}
 
-void LBTest6::init(context* ctx) { set_up_namespace(ipv6_probes, *ctx->ns_name); }
+void LBTest6::init(context* ctx) {
+    set_up_namespace(ipv6_probes, *ctx->ns_name);
+}
 
 void LBTest6::set_up(context* ctx) {
     LBTest6::init(ctx);
@@ -27,4 +31,6 @@ void LBTest6::recv(LBHealth& health, context* ctx) {
     }
 }
 
-std::string LBTest6::status() { return status_text; }
+std::string LBTest6::status() {
+    return status_text;
+}

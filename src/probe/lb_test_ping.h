@@ -8,9 +8,9 @@
 #include "probe/lb_test.h"
 
 /// The extended ping, type "ping_ext", IPv4 only: a burst of echoes to its target, judged by loss,
-/// mean round-trip time and jitter. It waits for each answer in turn, so a run blocks its worker for
-/// up to `count` x `ping_timeout`; no lock is held meanwhile. Its verdict goes to the interface at
-/// once; nothing is left to collect.
+/// mean round-trip time and jitter. It waits for each answer in turn, so a run blocks its worker
+/// for up to `count` x `ping_timeout`; no lock is held meanwhile. Its verdict goes to the interface
+/// at once; nothing is left to collect.
 class LBTestPING : public LBTest {
   public:
     LBTestPING();
@@ -38,14 +38,14 @@ class LBTestPING : public LBTest {
     unsigned short icmp4_checksum(icmphdr header, unsigned char* payload, int length);
 
     timespec ping_timeout{.tv_sec = 1, .tv_nsec = 0};  ///< how long one echo may take
-    int period = 240;  ///< s before the second run; after that every cycle runs
-    int jitter = 50;   ///< ms; at or above it the run fails
-    int count = 10;    ///< echoes per run; 0 or less: every run fails
-    int loss = 1;      ///< percent; at or above it the run fails
-    int rtt = 200;     ///< ms; a mean at or above it fails the run
-    int last_jitter = 0;  ///< ms, of the last run that was judged
-    int last_loss = 0;    ///< percent
-    int last_rtt = 0;     ///< ms, mean
+    int period = 240;         ///< s before the second run; after that every cycle runs
+    int jitter = 50;          ///< ms; at or above it the run fails
+    int count = 10;           ///< echoes per run; 0 or less: every run fails
+    int loss = 1;             ///< percent; at or above it the run fails
+    int rtt = 200;            ///< ms; a mean at or above it fails the run
+    int last_jitter = 0;      ///< ms, of the last run that was judged
+    int last_loss = 0;        ///< percent
+    int last_rtt = 0;         ///< ms, mean
     timespec period_start{};  ///< monotonic clock; the first run
 };
 

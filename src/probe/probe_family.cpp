@@ -152,14 +152,14 @@ void set_up_namespace(const ProbeFamily& family, const std::string& ns_name) {
     }
     make_mutex_ready(family);
     const bool can_send =
-        keep_socket(family.send_raw_sock, ns_name,
-                    reusable(open_raw_icmp_socket(family.domain, family.protocol,
-                                                  pass_nothing()))) &&
+        keep_socket(
+            family.send_raw_sock, ns_name,
+            reusable(open_raw_icmp_socket(family.domain, family.protocol, pass_nothing()))) &&
         keep_socket(family.send_frame_sock, ns_name, reusable(open_send_only_packet_socket()));
     if (can_send) {
-        keep_socket(family.recv_sock, ns_name,
-                    open_raw_icmp_socket(family.domain, family.protocol,
-                                         pass_our_identifiers(family)));
+        keep_socket(
+            family.recv_sock, ns_name,
+            open_raw_icmp_socket(family.domain, family.protocol, pass_our_identifiers(family)));
     }
 }
 

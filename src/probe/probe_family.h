@@ -22,8 +22,8 @@ struct ProbeFamily {
     const char* receiver_name;  ///< "recv_icmp" or "recv_icmp6"
     void* (*receiver)(void*);   ///< the receiver thread's body; its argument is a std::string*
 
-    int domain;              ///< AF_INET or AF_INET6
-    int protocol;            ///< IPPROTO_ICMP or IPPROTO_ICMPV6
+    int domain;               ///< AF_INET or AF_INET6
+    int protocol;             ///< IPPROTO_ICMP or IPPROTO_ICMPV6
     std::uint8_t reply_type;  ///< echo reply
     std::size_t type_offset;  ///< of the ICMP type in what the reply socket delivers
     std::size_t id_offset;    ///< of the packet identifier in it

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cerrno>
 #include <string>
 
 #include "config/lb_health.h"
 #include "config/live_state.h"
+#include "platform/log.h"
 #include "probe/probe_family.h"
 
 /// Steps that the probes of both families share; `Test` is an `LBTest` or an `LBTest6`. All run on
@@ -71,5 +73,29 @@ void collect(const ProbeFamily& family, Test& test, LBHealth& health, context* c
     if (outcome != ProbeOutcome::nothing) {
         const std::string target = test.target;
         record_result(test, health, ctx, outcome == ProbeOutcome::answered ? 0 : -1, target);
+    }
+}
+
+/// The cycle's step of the echo probes: one echo, unless the one before is still in flight.
+template <class Test>
+void send_echo(const ProbeFamily& family, Test& test, LBHealth& health, const std::string& nexthop,
+               context* ctx) {
+    const std::string target = resolve_target(test, health);
+    publish_status(test);
+    if (target.empty()) {
+        return;
+    }
+    const auto packet_id = register_probe(family, health.name, target, test.last_sent);
+    if (packet_id) {
+        test.send(health.name, target, health.source_address, nexthop, *packet_id, ctx);
+    }
+}
+
+/// Reports a probe that did not go out; errno is the send's. A network that is unreachable is an
+/// everyday state of an uplink and stays silent.
+inline void report_failed_send(const ProbeFamily& family, int sent) {
+    const int error = errno;
+    if (sent < 0 && error != ENETUNREACH) {
+        plain_syslog(7, "wan_lb: error on sending %s packet: %d", family.protocol_word, error);
     }
 }

@@ -57,6 +57,10 @@ void take_reply(const ProbeFamily& family, std::span<const std::uint8_t> datagra
     unlock_results(family, function);
 }
 
-void* recv_icmp(void* ns_name) { return receive_for(ipv4_probes, ns_name); }
+void* recv_icmp(void* ns_name) {
+    return receive_for(ipv4_probes, ns_name);
+}
 
-void* recv_icmp6(void* ns_name) { return receive_for(ipv6_probes, ns_name); }
+void* recv_icmp6(void* ns_name) {
+    return receive_for(ipv6_probes, ns_name);
+}

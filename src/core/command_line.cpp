@@ -1,0 +1,51 @@
+#include "core/command_line.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <iostream>
+
+CommandLine read_command_line(int argc, char* const argv[]) {
+    CommandLine asked;
+    int option = 0;
+    while ((option = getopt(argc, argv, "f:hti:o:dv")) != -1) {
+        switch (option) {
+            case 'f':
+                asked.conf_path = optarg;
+                break;
+            case 't':
+                asked.is_test = true;
+                break;
+            case 'i':
+                asked.pid_path = optarg;
+                break;
+            case 'o':
+                asked.output_dir = optarg;
+                break;
+            case 'd':
+                asked.is_daemon = true;
+                break;
+            case 'v':  // accepted for the sake of old start scripts
+                break;
+            default:
+                asked.wants_usage = true;
+                return asked;
+        }
+    }
+    return asked;
+}
+
+void print_usage() {
+    static constexpr std::array lines{
+        "lb -ftviodh",
+        "  -f [file] configuration file",
+        "  -t load configuration file only and exit",
+        "  -i specify location of pid directory",
+        "  -o specify location of output directory",
+        "  -d run as daemon",
+        "  -h help",
+    };
+    for (const char* line : lines) {
+        std::cout << line << std::endl;
+    }
+}

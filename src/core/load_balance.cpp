@@ -1,0 +1,92 @@
+#include "core/load_balance.h"
+
+#include <chrono>
+#include <thread>
+
+#include "host/interface_name.h"
+#include "platform/log.h"
+#include "probe/lb_test.h"
+#include "probe/lb_test6.h"
+
+LoadBalance::LoadBalance(std::string& output_dir) : status_output(output_dir) {}
+
+LoadBalance::~LoadBalance() {
+    status_output.shutdown();
+}
+
+bool LoadBalance::set_conf(const std::string& path) {
+    factory.load(path);
+    const LBData loaded = factory.get();
+    data.rules = loaded.rules;
+    data.health = loaded.health;
+    data.health6 = loaded.health6;
+    data.last_routes4 = loaded.last_routes4;
+    data.last_routes6 = loaded.last_routes6;
+    return true;
+}
+
+void LoadBalance::check_before_start(NamespaceNeeds& check) {
+    for (const bool ipv6 : {true, false}) {
+        for (const auto& [name, health] : data.family(ipv6)) {
+            check[{health.namespace_name, ipv6 ? 1 : 0}].first = 1;
+        }
+    }
+    for (const auto& [name, rule] : data.rules) {
+        check[{rule.namespace_name, is_ipv4_rule(name) ? 0 : 1}].second = 1;
+    }
+}
+
+void LoadBalance::print_init_interfaces_state(context* ctx) {
+    for (const auto& [name, health] : data.family(ctx->ipv6)) {
+        if (health.namespace_name != *ctx->ns_name) {
+            continue;
+        }
+        LOG_INFO("IP%s interface %s changed state to inactive", ctx->ipv6 ? "v6" : "",
+                 shown_ifname(name, ctx).c_str());
+    }
+}
+
+namespace {
+
+template <class Probes>
+void init_probes(const Probes& probes, context* ctx) {
+    for (const auto& [number, probe] : probes) {
+        probe->init(ctx);
+    }
+}
+
+}  // namespace
+
+void LoadBalance::init_tests_in_namespace(context* ctx) {
+    for (const bool ipv6 : {false, true}) {
+        for (const auto& [name, health] : data.family(ipv6)) {
+            if (health.namespace_name == *ctx->ns_name) {
+                init_probes(health.tests, ctx);
+                init_probes(health.tests6, ctx);
+            }
+        }
+    }
+}
+
+void LoadBalance::health_test(context* ctx) {
+    path_test.start(data, ctx);
+}
+
+void LoadBalance::apply_rules(context* ctx) {
+    decision.run(data, ctx);
+}
+
+void LoadBalance::output(context* ctx) {
+    status_output.write(data, ctx);
+}
+
+void LoadBalance::sleep(context* /*ctx*/) {
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+}
+
+bool LoadBalance::start_cycle(context* ctx) {
+    data.reset_state_changed(ctx);
+    data.update_dhcp_nexthop(ctx);
+    data.update_tunnel_nexthop(ctx);
+    return true;
+}

@@ -1,0 +1,112 @@
+#include "core/start_up.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "config/namespaces.h"
+#include "core/command_line.h"
+#include "core/pid_file.h"
+#include "core/standard_streams.h"
+#include "core/workers.h"
+#include "platform/crash_report.h"
+#include "platform/log.h"
+
+namespace {
+
+void report_crashes(const char* program) {
+    backtrace_set_program_name(program);
+    backtrace_open_console();
+    backtrace_install_signal_handlers();
+}
+
+/// The child goes on; the parent, and a process that could not fork, exits.
+void go_to_background() {
+    const pid_t child = fork();
+    if (child != 0) {
+        send_signal_live(child, 2);
+        exit(0);
+    }
+    leave_standard_streams();
+}
+
+/// The namespaces that have anything to do, the default one first. Afterwards `namespaces_check`
+/// holds every key that a namespace thread asks for, so that the threads only read it.
+std::vector<std::string> find_namespaces_with_work(LoadBalance& lb) {
+    lb.check_before_start(namespaces_check);
+    namespaces.insert("");
+    std::vector<std::string> with_work;
+    for (const std::string& name : namespaces) {
+        const auto need4 = namespaces_check[{name, 0}];
+        const auto need6 = namespaces_check[{name, 1}];
+        if (need4.first + need4.second + need6.first + need6.second != 0) {
+            with_work.push_back(name);
+        }
+    }
+    return with_work;
+}
+
+/// A namespace thread reads its argument whenever it likes, so the arguments stay.
+std::vector<std::unique_ptr<namespace_arg>>& kept_arguments() {
+    static auto* const kept = new std::vector<std::unique_ptr<namespace_arg>>;
+    return *kept;
+}
+
+std::vector<pthread_t> start_namespace_threads(LoadBalance& lb) {
+    std::vector<pthread_t> threads;
+    for (const std::string& name : find_namespaces_with_work(lb)) {
+        auto& argument = kept_arguments().emplace_back(new namespace_arg{&lb, name});
+        pthread_t thread{};
+        if (pthread_create(&thread, nullptr, work_in_namespace, argument.get()) != 0) {
+            LOG_WARNING("Can't create new thread for VRF %s", name.c_str());
+            // Without destructors: the threads that run already use what those would destroy.
+            _exit(255);
+        }
+        threads.push_back(thread);
+    }
+    return threads;
+}
+
+}  // namespace
+
+void run_process(int argc, char* argv[]) {
+    hold_standard_streams();
+    report_crashes(argv[0]);
+    CommandLine asked = read_command_line(argc, argv);
+    if (asked.wants_usage) {
+        print_usage();
+        exit(0);
+    }
+    if (asked.conf_path.empty()) {
+        std::cout << "Configuration file is empty" << std::endl;
+        exit(0);
+    }
+    if (asked.is_daemon) {
+        go_to_background();
+    }
+    if (!asked.pid_path.empty()) {
+        pid_output(asked.pid_path.c_str());
+    }
+    auto lb = std::make_unique<LoadBalance>(asked.output_dir);
+    if (!lb->set_conf(asked.conf_path)) {
+        LOG_ERROR("wan_lb: error loading configuration file: %s", asked.conf_path.c_str());
+        exit(0);
+    }
+    if (asked.is_test) {
+        exit(0);
+    }
+    send_signal_live(1, 2);
+    set_timeout(&wd_timeout);
+    for (const pthread_t thread : start_namespace_threads(*lb)) {
+        pthread_join(thread, nullptr);
+    }
+    lb.reset();
+    while (true) {
+        sleep(4);
+    }
+}

@@ -1,0 +1,20 @@
+"""The lab kit: everything a lab test needs, one job a module.
+
+    sandbox         private mounts, pids and network for one test file
+    netns           network namespaces held by descriptor
+    packets         the few frames that scripted peers read and write
+    peer            the far end of an uplink: answers, delays, drops, lies
+    echo_policies   what a peer does with an echo request
+    recording       frames seen, kept for scapy and for a pcap file
+    system_log      the captured /dev/log
+    keep_alives     the captured notification socket of the service manager
+    routing_daemon  the captured routing daemon and the real one
+    conf            configuration files of the daemon
+    daemon          the daemon under test
+    lab             one router with its uplinks; the base class of lab tests
+"""
+from .conf import Conf, ping, ping_ext
+from .expect import expect, never
+from .lab import Lab, LabTest, main
+
+__all__ = ["Conf", "Lab", "LabTest", "expect", "main", "never", "ping", "ping_ext"]

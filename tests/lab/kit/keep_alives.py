@@ -1,0 +1,42 @@
+"""The captured notification socket of the service manager (sd_notify(3))."""
+import os
+import socket
+import threading
+import time
+
+
+class KeepAlives:
+    """Collects (monotonic time, words) of every notification. Put `environment` into the daemon's."""
+
+    def __init__(self, path):
+        self._path = path
+        self._seen = []
+        self._lock = threading.Lock()
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._socket.bind(path)
+        self.environment = {"NOTIFY_SOCKET": path}
+        self._thread = threading.Thread(target=self._collect, name="keep-alives", daemon=True)
+        self._thread.start()
+
+    def _collect(self):
+        while True:
+            data = self._socket.recv(4096)
+            if not data:
+                return
+            with self._lock:
+                self._seen.append((time.monotonic(), data.decode().split("\n")))
+
+    def seen(self):
+        with self._lock:
+            return list(self._seen)
+
+    def times(self, word):
+        """When notifications with this word came."""
+        return [time_s for time_s, words in self.seen() if word in words]
+
+    def close(self):
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as end:
+            end.sendto(b"", self._path)
+        self._thread.join()
+        self._socket.close()
+        os.unlink(self._path)

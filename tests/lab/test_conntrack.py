@@ -1,0 +1,60 @@
+"""The connection-tracking record that lets an echo reply in.
+
+    router                                        far
+      gi1_1 192.0.2.10/24 ------------------------ scripted peer 192.0.2.1
+      nftables counts replies of known connections
+"""
+import json
+
+from kit import LabTest, expect, main
+from kit import echo_policies as policy
+from scenes import ACTIVE, GATEWAY, ROUTER, one_uplink
+
+COUNTERS = """
+table inet lab {
+    counter established { }
+    counter other { }
+    chain in {
+        type filter hook input priority 0; policy accept;
+        icmp type echo-reply ct state established counter name established accept
+        icmp type echo-reply counter name other drop
+    }
+}
+"""
+
+
+class ConnectionTracking(LabTest):
+    def setUp(self):
+        super().setUp()
+        self.peer = self.lab.uplink("gi1_1", ROUTER + "/24", GATEWAY, known=True)
+        path = "/run/counters.nft"
+        with open(path, "w", encoding="ascii") as file:
+            file.write(COUNTERS)
+        self.lab.router.run("nft", "-f", path)
+
+    def packets(self, counter):
+        listed = json.loads(self.lab.router.run("nft", "-j", "list", "counter", "inet", "lab",
+                                                counter))
+        return next(entry["counter"]["packets"] for entry in listed["nftables"]
+                    if "counter" in entry)
+
+    def test_echo_replies_belong_to_an_established_connection(self):
+        self.lab.start(one_uplink())
+        expect(lambda: self.packets("established") >= 2)
+        expect(lambda: ACTIVE in self.lab.log.texts())
+        self.assertEqual(self.packets("other"), 0)
+
+    def test_renewed_records_are_no_error(self):
+        self.lab.start(one_uplink())
+        expect(lambda: self.packets("established") >= 4)
+        self.assertEqual(self.lab.log.errors(), [])
+
+    def test_reply_of_another_source_belongs_to_no_connection(self):
+        self.peer.echo = policy.lying(source="203.0.113.66")
+        self.lab.start(one_uplink())
+        expect(lambda: self.packets("other") >= 1)
+        self.assertEqual(self.packets("established"), 0)
+
+
+if __name__ == "__main__":
+    main()

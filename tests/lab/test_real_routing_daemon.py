@@ -1,0 +1,62 @@
+"""The real routing daemon reads the fragment, and the kernel routes by it.
+
+    router                                far
+      gi1_1 192.0.2.10/24 ---------------- scripted peer 192.0.2.1    weight 1
+      gi1_2 203.0.113.10/24 -------------- scripted peer 203.0.113.1  weight 3
+"""
+import json
+import socket
+import unittest
+
+from kit import LabTest, expect, main
+from kit import echo_policies as policy
+from kit.routing_daemon import bird_binary
+from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, attach_two, two_uplinks
+
+
+@unittest.skipUnless(bird_binary(), "no bird: set LB_BIRD or run scripts/deps")
+class RealRoutingDaemon(LabTest):
+    def setUp(self):
+        super().setUp()
+        self.one, self.two = attach_two(self.lab)
+        self.bird = self.lab.bird(ROUTER)
+
+    def next_hops(self):
+        """{gateway: weight} of the kernel's route to the prefix."""
+        routes = json.loads(self.lab.router.run("ip", "-j", "route", "show", PREFIX) or "[]")
+        if not routes:
+            return {}
+        hops = routes[0].get("nexthops") or [{"gateway": routes[0]["gateway"], "weight": 1}]
+        return {hop["gateway"]: hop["weight"] for hop in hops}
+
+    def test_kernel_has_the_multipath_route_with_the_weights(self):
+        self.lab.start(two_uplinks())
+        expect(lambda: self.next_hops() == {GATEWAY: 1, GATEWAY_2: 3})
+        self.assertNotIn("error", self.bird.log().lower())
+
+    def test_kernels_route_follows_an_outage_and_the_return(self):
+        self.lab.start(two_uplinks())
+        expect(lambda: self.next_hops() == {GATEWAY: 1, GATEWAY_2: 3})
+        self.two.echo = policy.silence
+        expect(lambda: list(self.next_hops()) == [GATEWAY])
+        self.two.echo = policy.answer
+        expect(lambda: self.next_hops() == {GATEWAY: 1, GATEWAY_2: 3})
+
+    def test_route_goes_when_all_uplinks_are_down(self):
+        self.lab.start(two_uplinks())
+        expect(lambda: self.next_hops() == {GATEWAY: 1, GATEWAY_2: 3})
+        self.one.echo = self.two.echo = policy.silence
+        expect(lambda: self.next_hops() == {})
+
+    def test_traffic_of_the_router_leaves_through_the_working_uplink(self):
+        self.one.echo = policy.silence
+        self.lab.start(two_uplinks())
+        expect(lambda: list(self.next_hops()) == [GATEWAY_2])
+        with self.lab.router.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            sender.sendto(b"through the working uplink", ("198.18.0.1", 9))
+        expect(lambda: any(b"through the working uplink" in frame.data
+                           for frame in self.two.frames()))
+
+
+if __name__ == "__main__":
+    main()

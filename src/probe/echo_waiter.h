@@ -16,3 +16,7 @@ struct EchoAnswer {
 /// passed on to them. Holds no lock while waiting.
 EchoAnswer await_echo(int reply_socket, const ExpectedEcho& echo, const ReplyMailbox& mailbox,
                       const EchoWait& wait);
+
+/// Empties the reply socket before a run and passes on what it holds: where no receiver thread
+/// reads it, what came since the last run would leave no room for the first answer.
+void pass_on_waiting_replies(int reply_socket);

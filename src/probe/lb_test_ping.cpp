@@ -60,6 +60,7 @@ int run_echoes(LBTestPING& test, LBHealth& health, context* ctx, const std::stri
     const int wait_ms = ts2msecs(&test.ping_timeout);
     const int reply_socket = LBTest::_recv_icmp_sock.get(test.ns_name);
     ReplyMailbox mailbox(test.ns_name);
+    pass_on_waiting_replies(reply_socket);
     PingRun run;
     while (run.sent < test.count) {
         expected.sequence = static_cast<std::uint16_t>(run.sent);

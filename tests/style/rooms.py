@@ -7,8 +7,7 @@ import pathlib
 import re
 import sys
 
-# From the process frame down to plain bytes; rooms of one line do not know each other, except that
-# the platform's services use descriptors and bytes as everybody does.
+# From the process frame down to plain bytes; the two rooms of one floor do not know each other.
 FLOORS = (("core",), ("output", "decision"), ("probe",), ("host",), ("config",), ("platform",), ("net",))
 FLOOR_OF = {room: floor for floor, rooms in enumerate(FLOORS) for room in rooms}
 INCLUDE = re.compile(r'^#include "(\w+)/', re.MULTILINE)

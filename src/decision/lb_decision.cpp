@@ -1,0 +1,204 @@
+#include "decision/lb_decision.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <iterator>
+#include <limits>
+#include <memory>
+#include <utility>
+
+#include "config/live_state.h"
+#include "decision/route_text.h"
+#include "platform/log.h"
+
+namespace {
+
+/// The next hop of an interface in a route; empty where it cannot be routed.
+const std::string* usable_nexthop(const LBHealth& health, const LBRule& rule,
+                                  const LBDecision::Weights& weights, const context& ctx) {
+    const bool is_candidate = rule.interfaces.contains({health.name, health.ipv6}) &&
+                              health.active && health.namespace_name == *ctx.ns_name;
+    if (!is_candidate) {
+        return nullptr;
+    }
+    // A member whose configured weight is 0 is never routed, on purpose.
+    const auto weight = weights.find(health.name);
+    const bool is_weighted = weight != weights.end() && weight->second != 0;
+    const bool is_learning = health.nexthop == "dhcp" || health.nexthop == "tunnel";
+    if (!is_weighted || (is_learning && health.nexthop_addr.empty())) {
+        return nullptr;
+    }
+    return &health.effective_nexthop();
+}
+
+/// Leaves the heaviest interface only, among equals the first by name.
+void keep_best(LBDecision::Weights& weights, int heaviest) {
+    std::erase_if(weights, [heaviest](const auto& entry) { return entry.second != heaviest; });
+    if (!weights.empty()) {
+        weights.erase(std::next(weights.begin()), weights.end());
+    }
+}
+
+/// Records the next hop that a failover rule chose for a destination, or with an empty one that it
+/// chose none. A choice is replaced at once, so that no reader sees a gap, and a worker keeps its
+/// hands off what its sibling family chose.
+void publish_choice(LBDecision::RuleEntry rule, const std::string& prefix,
+                    const std::string& nexthop, bool ipv6) {
+    if (!chooses_for(rule->first, rule->second, ipv6)) {
+        return;
+    }
+    auto& chosen = rule->second.chosen_nexthops;
+    const auto before = chosen.find(prefix);
+    const bool is_unchanged = before == chosen.end() ? nexthop.empty() : before->second == nexthop;
+    if (is_unchanged) {
+        return;
+    }
+    const LiveStateWriter hold;
+    if (nexthop.empty()) {
+        chosen.erase(before);
+    } else {
+        chosen[prefix] = nexthop;
+    }
+}
+
+/// The text last written for the worker's namespace and family. Workers of several namespaces add
+/// their entries to one map; an entry then is its worker's own.
+std::string& last_routes(LBData& data, const context& ctx) {
+    const LiveStateWriter hold;
+    return (ctx.ipv6 ? data.last_routes6 : data.last_routes4)[*ctx.ns_name];
+}
+
+struct CloseFile {
+    void operator()(FILE* file) const { fclose(file); }
+};
+
+void write_fragment(const std::string& path, const std::string& text) {
+    // A fragment that cannot be written is dropped silently; the routes before it stay in force.
+    const std::unique_ptr<FILE, CloseFile> file(fopen(path.c_str(), "we"));
+    if (file != nullptr) {
+        fputs(text.c_str(), file.get());
+    }
+}
+
+/// Asks the routing daemon to reload. A text that starts with no number of a single process is not
+/// signalled: 0 and negative numbers would reach whole process groups.
+void signal_reload(const std::string& pid_text) {
+    const long number = strtol(pid_text.c_str(), nullptr, 10);
+    if (number > 0 && number <= std::numeric_limits<pid_t>::max()) {
+        kill(static_cast<pid_t>(number), SIGHUP);
+    }
+}
+
+}  // namespace
+
+LBDecision::Weights LBDecision::get_new_weights(LBData& data, LBRule& rule, context* ctx) {
+    Weights weights;
+    int heaviest = -1;
+    for (const auto& [member, weight] : rule.interfaces) {
+        const auto& [name, is_ipv6] = member;
+        if (is_ipv6 != ctx->ipv6 || data.get_interface_namespace(name, ctx) != *ctx->ns_name ||
+            !data.is_active(name, ctx)) {
+            continue;
+        }
+        heaviest = std::max(heaviest, weight);
+        weights.try_emplace(name, weight);
+    }
+    if (rule.failover != 0) {
+        keep_best(weights, heaviest);
+    }
+    return weights;
+}
+
+void LBDecision::generate_route(HealthEntry health, std::string* line, bool* is_added,
+                                RuleEntry rule, const Weights& weights, TargetEntry target,
+                                context* ctx) {
+    if (line == nullptr || is_added == nullptr) {
+        return;
+    }
+    const LBHealth& interface = health->second;
+    const std::string* nexthop = usable_nexthop(interface, rule->second, weights, *ctx);
+    if (nexthop == nullptr) {
+        return;
+    }
+    *line += via_clause(*nexthop, rule->second.interfaces.at({interface.name, interface.ipv6}));
+    *is_added = true;
+    if (rule->second.failover != 0 && weights.size() == 1) {
+        publish_choice(rule, target->first, *nexthop, ctx->ipv6);
+    }
+}
+
+namespace {
+
+/// The route lines of one rule. Walks the rule's members, which come in the order of their names.
+std::string routes_of(LBDecision& decision, LBData& data, LBDecision::RuleEntry rule,
+                      context* ctx) {
+    const LBDecision::Weights weights = decision.get_new_weights(data, rule->second, ctx);
+    auto& interfaces = data.family(ctx->ipv6);
+    auto& targets = rule->second.targets;
+    std::string routes;
+    for (auto target = targets.begin(); target != targets.end(); ++target) {
+        std::string line;
+        bool is_added = false;
+        for (const auto& [name, weight] : weights) {
+            decision.generate_route(interfaces.find(name), &line, &is_added, rule, weights, target,
+                                    ctx);
+        }
+        if (is_added) {
+            routes += route_line(target->first, line, target->second);
+        } else {
+            publish_choice(rule, target->first, "", ctx->ipv6);
+        }
+    }
+    return routes;
+}
+
+/// Writes the fragment, has the routing daemon reload it and flushes the kernel's route cache.
+void hand_over(LBDecision& decision, const std::string& routes, context* ctx) {
+    write_fragment(fragment_path(*ctx->ns_name, ctx->ipv6), fragment_text(routes, ctx->ipv6));
+    const std::string ask_pid = pid_command(*ctx->ns_name, ctx->ipv6);
+    std::string output;
+    decision.execute(ask_pid, output, ctx, true);
+    if (output.empty()) {
+        plain_syslog(7, "LBDecision::run() can't execute '%s'", ask_pid.c_str());
+        return;
+    }
+    signal_reload(output);
+    decision.execute(ctx->ipv6 ? "ip -6 route flush cache" : "ip route flush cache", output, ctx,
+                     false);
+}
+
+}  // namespace
+
+void LBDecision::run(LBData& data, context* ctx) {
+    std::string routes;
+    for (auto rule = data.rules.begin(); rule != data.rules.end(); ++rule) {
+        if (rule->second.namespace_name == *ctx->ns_name) {
+            routes += routes_of(*this, data, rule, ctx);
+        }
+    }
+    std::string& remembered = last_routes(data, *ctx);
+    if (remembered != routes) {
+        remembered = routes;
+        hand_over(*this, routes, ctx);
+    }
+}
+
+int LBDecision::execute(std::string command, std::string& output, context* /*ctx*/, bool read) {
+    FILE* stream = popen((command + " 2>/dev/null").c_str(), read ? "re" : "we");
+    if (stream == nullptr) {
+        return -1;
+    }
+    if (read) {
+        fflush(stream);
+        char* line = nullptr;
+        std::size_t capacity = 0;
+        while (getline(&line, &capacity, stream) > 0) {
+            output += line;
+            output += ' ';
+        }
+        free(line);
+    }
+    return pclose(stream);
+}

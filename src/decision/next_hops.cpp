@@ -1,0 +1,91 @@
+// Next hops that are learnt: from DHCP leases, from tunnel peers.
+
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+
+#include "config/lb_data.h"
+#include "config/live_state.h"
+#include "decision/lease_file.h"
+#include "host/interface_name.h"
+#include "net/interface.h"
+#include "platform/log.h"
+
+namespace {
+
+struct CloseFile {
+    void operator()(FILE* file) const { fclose(file); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
+
+/// The router that the DHCP client of the interface has learnt; empty where it has none.
+std::string read_lease(const std::string& ifname, bool ipv6) {
+    const std::string path =
+        (ipv6 ? "/var/db/dhcp6_client" : "/var/db/dhclient_") + ifname + ".leases";
+    const File leases(fopen(path.c_str(), "re"));
+    if (leases == nullptr) {
+        return "";
+    }
+    return ipv6 ? router_in_lease6(leases.get()) : router_in_lease(leases.get());
+}
+
+/// The peer's address of a point-to-point interface, as a dotted quad in either family.
+std::optional<std::string> ask_peer(const std::string& ifname, bool ipv6) {
+    ifreq request{};
+    request.ifr_dstaddr.sa_family = static_cast<sa_family_t>(ipv6 ? AF_INET6 : AF_INET);
+    ifname.copy(request.ifr_name, sizeof request.ifr_name - 1);
+    if (ioctl(query_socket(), SIOCGIFDSTADDR, &request) < 0) {
+        return std::nullopt;
+    }
+    sockaddr_in peer;
+    std::memcpy(&peer, &request.ifr_dstaddr, sizeof peer);
+    return to_text(peer.sin_addr);
+}
+
+/// Stores what was learnt. Nothing learnt keeps the address of an earlier cycle: a lease file that
+/// is just being written, or a tunnel that is down, must not take the next hop away.
+void learn(LBHealth& health, const std::string& address) {
+    if (address.empty() || address == health.nexthop_addr) {
+        return;
+    }
+    const LiveStateWriter hold;
+    health.nexthop_addr = address;
+}
+
+/// Calls `act` for the worker's own interfaces with this word as their next hop. Those of other
+/// namespaces belong to other workers, and their interfaces cannot be asked from here.
+template <class Act>
+void for_each_learning(LBData& data, context* ctx, const char* word, Act act) {
+    for (auto& [name, health] : data.family(ctx->ipv6)) {
+        if (health.namespace_name == *ctx->ns_name && health.nexthop == word) {
+            act(health);
+        }
+    }
+}
+
+}  // namespace
+
+void LBData::update_dhcp_nexthop(context* ctx) {
+    for_each_learning(*this, ctx, "dhcp", [ctx](LBHealth& health) {
+        learn(health, read_lease(health.name, ctx->ipv6));
+        if (health.nexthop_addr.empty()) {
+            LOG_WARNING("Failed to get routers option from DHCP on interface %s",
+                        shown_ifname(health.name, ctx).c_str());
+        }
+    });
+}
+
+void LBData::update_tunnel_nexthop(context* ctx) {
+    for_each_learning(*this, ctx, "tunnel", [ctx](LBHealth& health) {
+        learn(health, ask_peer(health.name, ctx->ipv6).value_or(""));
+        if (health.nexthop_addr.empty()) {
+            plain_syslog(7, "Failed to get P-t-P destination from tunnel interface %s",
+                         shown_ifname(health.name, ctx).c_str());
+        }
+    });
+}

@@ -24,9 +24,9 @@ std::string LBData::get_interface_namespace(const std::string& ifname, context* 
 
 void LBData::reset_state_changed(context* ctx) {
     const LiveStateWriter hold;
-    for (auto& [name, health] : family(ctx->ipv6)) {
-        if (health.namespace_name == *ctx->ns_name) {
-            health.state_changed = false;  // others' interfaces are others' to write
+    for (auto& [name, record] : family(ctx->ipv6)) {
+        if (record.namespace_name == *ctx->ns_name) {
+            record.state_changed = false;  // others' interfaces are others' to write
         }
     }
 }
@@ -42,14 +42,14 @@ LBData::Changes LBData::state_changed(context* ctx) {
 
 void LBData::check_state(Changes* changes, std::map<std::string, LBHealth>::iterator entry,
                          context* ctx) {
-    auto& [name, health] = *entry;
-    if (!health.state_changed) {
+    auto& [name, record] = *entry;
+    if (!record.state_changed) {
         return;
     }
-    const char* state = health.active ? "ACTIVE" : "FAILED";
+    const char* state = record.active ? "ACTIVE" : "FAILED";
     {
         const LiveStateWriter hold;
-        health.last_change = static_cast<int>(wall_now().tv_sec);
+        record.last_change = static_cast<int>(wall_now().tv_sec);
     }
     plain_syslog(7, "Interface %s has changed state to %s", shown_ifname(name, ctx).c_str(), state);
     changes->try_emplace(name, state);

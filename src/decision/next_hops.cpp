@@ -71,21 +71,21 @@ void for_each_learning(LBData& data, context* ctx, const char* word, Act act) {
 }  // namespace
 
 void LBData::update_dhcp_nexthop(context* ctx) {
-    for_each_learning(*this, ctx, "dhcp", [ctx](LBHealth& health) {
-        learn(health, read_lease(health.name, ctx->ipv6));
-        if (health.nexthop_addr.empty()) {
+    for_each_learning(*this, ctx, "dhcp", [ctx](LBHealth& record) {
+        learn(record, read_lease(record.name, ctx->ipv6));
+        if (record.nexthop_addr.empty()) {
             LOG_WARNING("Failed to get routers option from DHCP on interface %s",
-                        shown_ifname(health.name, ctx).c_str());
+                        shown_ifname(record.name, ctx).c_str());
         }
     });
 }
 
 void LBData::update_tunnel_nexthop(context* ctx) {
-    for_each_learning(*this, ctx, "tunnel", [ctx](LBHealth& health) {
-        learn(health, ask_peer(health.name, ctx->ipv6).value_or(""));
-        if (health.nexthop_addr.empty()) {
+    for_each_learning(*this, ctx, "tunnel", [ctx](LBHealth& record) {
+        learn(record, ask_peer(record.name, ctx->ipv6).value_or(""));
+        if (record.nexthop_addr.empty()) {
             plain_syslog(7, "Failed to get P-t-P destination from tunnel interface %s",
-                         shown_ifname(health.name, ctx).c_str());
+                         shown_ifname(record.name, ctx).c_str());
         }
     });
 }

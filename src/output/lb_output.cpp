@@ -1,0 +1,267 @@
+#include "output/lb_output.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+
+#include "config/live_state.h"
+#include "net/bytes.h"
+#include "output/records.h"
+#include "output/report_text.h"
+#include "platform/clock.h"
+#include "platform/log.h"
+
+namespace {
+
+struct CloseFile {
+    void operator()(FILE* file) const { fclose(file); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
+
+std::string dumps_of(const std::string& out_dir) {
+    return out_dir + "/wlb_dump";
+}
+
+std::string outbounds_path(const std::string& out_dir, bool ipv6) {
+    return dumps_of(out_dir) + (ipv6 ? "/wlb_ipv6_outbounds.bin" : "/wlb_ipv4_outbounds.bin");
+}
+
+std::string report_path(const std::string& out_dir, bool ipv6) {
+    return out_dir + (ipv6 ? "/wlb_ipv6.out" : "/wlb_ipv4.out");
+}
+
+std::string rules_path(const std::string& out_dir) {
+    return dumps_of(out_dir) + "/wlb_rules.bin";
+}
+std::string routes_path(const std::string& out_dir) {
+    return dumps_of(out_dir) + "/wlb_routes.bin";
+}
+
+template <class Record>
+bool write_record(FILE* file, const Record& record) {
+    return fwrite(&record, sizeof record, 1, file) == 1;
+}
+
+/// A full disk shows only when the buffer goes out.
+bool is_on_disk(FILE* file) {
+    return fflush(file) == 0;
+}
+
+void log_block_failure(const char* function) {
+    LOG_ERROR("wan_lb: <%s> error writing data block", function);
+}
+
+void log_text_failure(const char* function) {
+    LOG_ERROR("<%s> wan_lb: snprintf failed", function);
+}
+
+constexpr const char* dump_rules_name = "dump_rules_and_routes";
+
+std::optional<record::Outbound> read_outbound(const LBHealth& health, int now_s) {
+    const LiveStateReader hold;
+    return outbound_record(health, now_s);
+}
+
+/// Writes a rule's route records; false after logging why the dump stops.
+bool dump_routes(const RuleKey& key, const LBRule& rule, FILE* file) {
+    int position = 0;
+    for (const auto& [prefix, metric] : rule.targets) {
+        if (++position > static_cast<int>(record::most_entries)) {
+            break;
+        }
+        std::optional<record::Route> route;
+        {
+            const LiveStateReader hold;
+            route = route_record(key, rule, prefix, metric, position);
+        }
+        if (!route) {
+            log_text_failure(dump_rules_name);
+            return false;
+        }
+        if (!write_record(file, *route)) {
+            LOG_ERROR("wan_lb: error dumping routes");
+            return false;
+        }
+    }
+    return true;
+}
+
+/// Writes one rule with its routes; false after logging why the dump stops.
+bool dump_rule(const std::string& name, const LBRule& rule, FILE* rules_file, FILE* routes_file) {
+    const auto key = read_rule_key(name);
+    if (!key) {
+        LOG_ERROR("<%s> wan_lb: sscanf failed", dump_rules_name);
+        return false;
+    }
+    const auto record = rule_record(*key, rule);
+    if (!record) {
+        log_text_failure(dump_rules_name);
+        return false;
+    }
+    if (!write_record(rules_file, *record)) {
+        log_block_failure(dump_rules_name);
+        return false;
+    }
+    return dump_routes(*key, rule, routes_file);
+}
+
+File open_shared_file(const std::string& path) {
+    File file(fopen(path.c_str(), "wbe"));
+    if (file == nullptr) {
+        LOG_ERROR("wan_lb: Error open file for writing '%s'", path.c_str());
+    }
+    return file;
+}
+
+}  // namespace
+
+LBOutput::LBOutput(std::string& output_dir) : out_dir(output_dir) {
+    const int rc = pthread_mutex_init(&mutex, nullptr);
+    if (rc != 0) {
+        LOG_ERROR("wan_lb: <%s> error mutex initialization", "LBOutput");
+        pthread_exit(reinterpret_cast<void*>(static_cast<std::intptr_t>(rc)));
+    }
+}
+
+LBOutput::~LBOutput() {
+    const int rc = pthread_mutex_destroy(&mutex);
+    if (rc != 0) {
+        LOG_ERROR("wan_lb: <%s> error mutex destroy", "~LBOutput");
+        pthread_exit(reinterpret_cast<void*>(static_cast<std::intptr_t>(rc)));
+    }
+}
+
+void LBOutput::note_files(bool ipv6) {
+    const std::lock_guard guard(names_lock_);
+    dump_dir = dumps_of(out_dir);
+    files.insert(rules_path(out_dir));
+    files.insert(routes_path(out_dir));
+    auto& family_files = ipv6 ? files6 : files;
+    family_files.insert(outbounds_path(out_dir, ipv6));
+    family_files.insert(report_path(out_dir, ipv6));
+}
+
+void LBOutput::write(const LBData& data, context* ctx) {
+    note_files(ctx->ipv6);
+    const std::string directory = dumps_of(out_dir);
+    errno = 0;
+    if (mkdir(directory.c_str(), 0777) != 0 && errno != EEXIST) {
+        const int error = errno;
+        LOG_ERROR("wan_lb: error create directory: %s, errno = %d", directory.c_str(), error);
+        return;
+    }
+    dump_outbounds(data, wall_now(), ctx, ctx->ipv6 ? 1 : 0);
+    if (dump_shared_files(data, ctx)) {
+        write_report(data, ctx);
+    }
+}
+
+/// False only where the mutex cannot be given back.
+bool LBOutput::dump_shared_files(const LBData& data, context* ctx) {
+    if (pthread_mutex_trylock(&mutex) != 0) {
+        return true;  // another worker is writing them
+    }
+    dump_rules_and_routes(data, ctx);
+    const int rc = pthread_mutex_unlock(&mutex);
+    if (rc != 0) {
+        LOG_ERROR("wan_lb: <%s> mutex unlock error. PThread return code: %d", "write", rc);
+    }
+    return rc == 0;
+}
+
+void LBOutput::write_report(const LBData& data, context* ctx) {
+    const std::unique_lock writer(report_writers_[ctx->ipv6 ? 1 : 0], std::try_to_lock);
+    if (!writer.owns_lock()) {
+        return;
+    }
+    const std::string path = report_path(out_dir, ctx->ipv6);
+    const File file(fopen(path.c_str(), "we"));
+    if (file == nullptr) {
+        LOG_ERROR("wan_lb: error ordering output file %s", path.c_str());
+        return;
+    }
+    const timeval now = wall_now();
+    const auto& interfaces = data.family(ctx->ipv6);
+    for (auto entry = interfaces.begin(); entry != interfaces.end(); ++entry) {
+        single_write(entry, file.get(), now, ctx);
+    }
+}
+
+void LBOutput::single_write(std::map<std::string, LBHealth>::const_iterator entry, FILE* file,
+                            timeval now, context* /*ctx*/) {
+    std::string text;
+    {
+        const LiveStateReader hold;
+        text = report_record(entry->first, entry->second, static_cast<int>(now.tv_sec));
+    }
+    fputs(text.c_str(), file);
+}
+
+void LBOutput::dump_outbounds(const LBData& data, timeval now, context* ctx, int ipv6) {
+    if (ctx == nullptr) {
+        return;
+    }
+    const bool is_ipv6 = ipv6 == 1;
+    const std::unique_lock writer(outbounds_writers_[is_ipv6 ? 1 : 0], std::try_to_lock);
+    if (!writer.owns_lock()) {
+        return;
+    }
+    const std::string path = outbounds_path(out_dir, is_ipv6);
+    const File file(fopen(path.c_str(), "wbe"));
+    if (file == nullptr) {
+        LOG_ERROR("wan_lb: error open file for writing '%s'", path.c_str());
+        return;
+    }
+    for (const auto& [name, health] : data.family(is_ipv6)) {
+        const auto record = read_outbound(health, static_cast<int>(now.tv_sec));
+        if (!record) {
+            log_text_failure("dump_outbounds");
+            return;
+        }
+        if (!write_record(file.get(), *record)) {
+            log_block_failure("dump_outbounds");
+            return;
+        }
+    }
+    if (!is_on_disk(file.get())) {
+        log_block_failure("dump_outbounds");
+    }
+}
+
+void LBOutput::dump_rules_and_routes(const LBData& data, context* ctx) {
+    if (ctx == nullptr) {
+        return;
+    }
+    const File rules_file = open_shared_file(rules_path(out_dir));
+    if (rules_file == nullptr) {
+        return;
+    }
+    const File routes_file = open_shared_file(routes_path(out_dir));
+    if (routes_file == nullptr) {
+        return;
+    }
+    for (const auto& [name, rule] : data.rules) {
+        if (!dump_rule(name, rule, rules_file.get(), routes_file.get())) {
+            return;
+        }
+    }
+    if (!is_on_disk(rules_file.get())) {
+        log_block_failure(dump_rules_name);
+    } else if (!is_on_disk(routes_file.get())) {
+        LOG_ERROR("wan_lb: error dumping routes");
+    }
+}
+
+void LBOutput::shutdown() {
+    const std::lock_guard guard(names_lock_);
+    for (const auto* names : {&files, &files6}) {
+        for (const std::string& path : *names) {
+            unlink(path.c_str());
+        }
+    }
+}

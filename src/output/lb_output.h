@@ -1,0 +1,58 @@
+#pragma once
+
+#include <pthread.h>
+#include <sys/time.h>
+
+#include <array>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "config/context.h"
+#include "config/lb_data.h"
+
+/// Publishes the daemon's view as files: a status report per family for people, binary dumps for
+/// the router's management shell and `lbshow`. Files are rewritten in place, whole, in every cycle
+/// of every worker; every failure is logged, ends that worker's write, and the next cycle tries
+/// again.
+///
+/// One object serves all workers. Records are read one by one under a `LiveStateReader` and written
+/// after it is released. A family's files, and the rules' files, have one writer at a time: a
+/// worker that finds a sibling writing the same file leaves it to that one and never waits for a
+/// disk.
+class LBOutput {
+  public:
+    explicit LBOutput(std::string& output_dir);
+    LBOutput(const LBOutput&) = delete;
+    LBOutput& operator=(const LBOutput&) = delete;
+    ~LBOutput();
+
+    /// One cycle's output for the worker's family.
+    void write(const LBData& data, context* ctx);
+    /// Writes one interface's record of the report.
+    void single_write(std::map<std::string, LBHealth>::const_iterator entry, FILE* file,
+                      timeval now, context* ctx);
+    /// Writes the outbounds dump of a family (1: IPv6); nothing without a context.
+    void dump_outbounds(const LBData& data, timeval now, context* ctx, int ipv6);
+    /// Writes the dumps of rules and routes; the caller holds `mutex`. Nothing without a context.
+    void dump_rules_and_routes(const LBData& data, context* ctx);
+    /// Removes every file that was written.
+    void shutdown();
+
+    pthread_mutex_t mutex;  ///< held by the worker that writes the rules and routes
+    std::string out_dir;
+    std::string dump_dir;          ///< empty until the first write; guarded by names_lock_
+    std::set<std::string> files;   ///< written for IPv4 and for both; guarded by names_lock_
+    std::set<std::string> files6;  ///< written for IPv6 only; guarded by names_lock_
+
+  private:
+    void note_files(bool ipv6);
+    bool dump_shared_files(const LBData& data, context* ctx);
+    void write_report(const LBData& data, context* ctx);
+
+    std::mutex names_lock_;
+    std::array<std::mutex, 2> report_writers_;     // IPv4, IPv6; taken with try_lock only
+    std::array<std::mutex, 2> outbounds_writers_;  // IPv4, IPv6; taken with try_lock only
+};

@@ -1,0 +1,94 @@
+#include "output/report_text.h"
+
+#include <array>
+#include <ctime>
+
+#include "probe/lb_test.h"
+#include "probe/lb_test6.h"
+#include "probe/probe_steps.h"
+
+namespace {
+
+constexpr const char* indent = "  ";
+
+std::string never() {
+    return "n/a\t\t";
+}
+
+std::string success_age(int stamp_s, int now_s) {
+    if (stamp_s == 0) {
+        return never();
+    }
+    return age_text(now_s > stamp_s ? static_cast<std::uint32_t>(now_s - stamp_s) : 0);
+}
+
+/// A failure's age has no guard against a clock that was set back: the shell's readers know the
+/// huge number that comes then.
+std::string failure_age(int stamp_s, int now_s) {
+    return stamp_s == 0
+               ? never()
+               : age_text(static_cast<std::uint32_t>(now_s) - static_cast<std::uint32_t>(stamp_s));
+}
+
+/// The date in ctime(3)'s form, with its line feed.
+std::string date_text(int stamp_s) {
+    constexpr std::size_t ctime_size = 26;
+    const time_t time = stamp_s;
+    std::array<char, ctime_size> text{};
+    return ctime_r(&time, text.data()) == nullptr ? "\n" : text.data();
+}
+
+const char* result_mark(int last_result) {
+    switch (last_result) {
+        case 0:
+            return " ";
+        case 1:
+            return "+";
+        case 2:
+            return "-";
+    }
+    return "";
+}
+
+template <class Probes>
+std::string probe_lines(const Probes& probes) {
+    std::string lines;
+    for (const auto& [number, probe] : probes) {
+        // Made anew rather than taken from the last send, so that a probe whose worker never ran
+        // shows what it would ask.
+        lines += indent;
+        lines += result_mark(probe->last_result);
+        lines += "Test:  " + status_line(*probe) + "\n";
+    }
+    return lines;
+}
+
+}  // namespace
+
+std::string age_text(std::uint32_t age_s) {
+    const std::uint32_t days = age_s / 86400;
+    const std::uint32_t hours = age_s / 3600 % 24;
+    const std::uint32_t minutes = age_s / 60 % 60;
+    std::string text;
+    if (days != 0) {
+        text += std::to_string(days) + "d";
+    }
+    if (hours != 0) {
+        text += std::to_string(hours) + "h";
+    }
+    if (minutes != 0) {
+        text += std::to_string(minutes) + "m";
+    }
+    return text + std::to_string(age_s % 60) + "s\t";
+}
+
+std::string report_record(const std::string& name, const LBHealth& health, int now_s) {
+    std::string text = "Interface:  " + name + "\n";
+    text += indent + std::string("Status:  ") + (health.active ? "active" : "failed") + "\n";
+    text += indent + ("Last Status Change:  " + date_text(health.last_change));
+    text += health.ipv6 ? probe_lines(health.tests6) : probe_lines(health.tests);
+    text +=
+        "    Last Interface Success:  " + success_age(health.history.last_success, now_s) + "\n";
+    text += "    Last Interface Failure:  " + failure_age(health.history.last_failure, now_s);
+    return text + "\n\n";
+}

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <optional>
 
 #include "config/lb_data.h"
 #include "config/live_state.h"
@@ -34,21 +33,21 @@ std::string read_lease(const std::string& ifname, bool ipv6) {
     return ipv6 ? router_in_lease6(leases.get()) : router_in_lease(leases.get());
 }
 
-/// The peer's address of a point-to-point interface, as a dotted quad in either family.
-std::optional<std::string> ask_peer(const std::string& ifname, bool ipv6) {
+/// The peer's address of a point-to-point interface, as a dotted quad in either family. The result of
+/// the request is not looked at: an interface that is missing or has no peer gives 0.0.0.0, which
+/// routers show as the next hop of a tunnel that is not set up.
+std::string ask_peer(const std::string& ifname, bool ipv6) {
     ifreq request{};
     request.ifr_dstaddr.sa_family = static_cast<sa_family_t>(ipv6 ? AF_INET6 : AF_INET);
     ifname.copy(request.ifr_name, sizeof request.ifr_name - 1);
-    if (ioctl(query_socket(), SIOCGIFDSTADDR, &request) < 0) {
-        return std::nullopt;
-    }
+    ioctl(query_socket(), SIOCGIFDSTADDR, &request);
     sockaddr_in peer;
     std::memcpy(&peer, &request.ifr_dstaddr, sizeof peer);
     return to_text(peer.sin_addr);
 }
 
 /// Stores what was learnt. Nothing learnt keeps the address of an earlier cycle: a lease file that
-/// is just being written, or a tunnel that is down, must not take the next hop away.
+/// is just being written must not take the next hop away.
 void learn(LBHealth& health, const std::string& address) {
     if (address.empty() || address == health.nexthop_addr) {
         return;
@@ -82,7 +81,7 @@ void LBData::update_dhcp_nexthop(context* ctx) {
 
 void LBData::update_tunnel_nexthop(context* ctx) {
     for_each_learning(*this, ctx, "tunnel", [ctx](LBHealth& record) {
-        learn(record, ask_peer(record.name, ctx->ipv6).value_or(""));
+        learn(record, ask_peer(record.name, ctx->ipv6));
         if (record.nexthop_addr.empty()) {
             plain_syslog(7, "Failed to get P-t-P destination from tunnel interface %s",
                          shown_ifname(record.name, ctx).c_str());

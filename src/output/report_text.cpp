@@ -5,7 +5,6 @@
 
 #include "probe/lb_test.h"
 #include "probe/lb_test6.h"
-#include "probe/probe_steps.h"
 
 namespace {
 
@@ -54,11 +53,9 @@ template <class Probes>
 std::string probe_lines(const Probes& probes) {
     std::string lines;
     for (const auto& [number, probe] : probes) {
-        // Made anew rather than taken from the last send, so that a probe whose worker never ran
-        // shows what it would ask.
         lines += indent;
         lines += result_mark(probe->last_result);
-        lines += "Test:  " + status_line(*probe) + "\n";
+        lines += "Test:  " + probe->status() + "\n";
     }
     return lines;
 }

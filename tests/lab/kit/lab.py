@@ -16,6 +16,8 @@ from .routing_daemon import (Bird, CapturedRoutingDaemon, fragment_path, make_di
 from .system_log import SystemLog
 
 CONF = "/run/lb.conf"
+# The daemon makes the folder for its dumps, not the one above it.
+OUTPUT_DIRECTORY = "/var/run/load-balance"
 
 
 def results_folder():
@@ -39,6 +41,7 @@ class Lab:
         self.namespaces = [self.router]
         self.peers = {}
         make_directories()
+        os.makedirs(OUTPUT_DIRECTORY)
 
     def _owned(self, thing):
         self._closers.append(thing.close)

@@ -56,8 +56,9 @@ template <class Header>
 std::vector<std::uint8_t> joined(const Header& header, const unsigned char* data, int length) {
     const auto head = bytes_of(header);
     const auto count = static_cast<std::size_t>(std::max(length, 0));
-    std::vector<std::uint8_t> message(head.begin(), head.end());
-    message.insert(message.end(), data, data + count);
+    std::vector<std::uint8_t> message(head.size() + count);
+    std::copy(head.begin(), head.end(), message.begin());
+    std::copy_n(data, count, message.begin() + static_cast<std::ptrdiff_t>(head.size()));
     return message;
 }
 

@@ -1,0 +1,30 @@
+#include "unit/support/loaded.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+TemporaryFile::TemporaryFile(const std::string& content) {
+    std::string name = "/tmp/lb-unit-XXXXXX";
+    const int number = mkstemp(name.data());
+    FILE* const file = fdopen(number, "w");
+    fwrite(content.data(), 1, content.size(), file);
+    fclose(file);
+    path_ = name;
+}
+
+TemporaryFile::~TemporaryFile() {
+    unlink(path_.c_str());
+}
+
+Loaded::Loaded(const std::string& configuration) {
+    const TemporaryFile file(configuration);
+    is_complete = factory.load(file.path());
+}
+
+TestContext::TestContext(bool ipv6, std::string ns_name) : name(std::move(ns_name)) {
+    ctx.ipv6 = ipv6;
+    ctx.ns_name = &name;
+}

@@ -1,0 +1,71 @@
+#include "decision/lease_file.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace {
+
+std::string read_with(std::string (*reader)(FILE*), std::string text) {
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(
+        text.empty() ? fopen("/dev/null", "r") : fmemopen(text.data(), text.size(), "r"), fclose);
+    return reader(file.get());
+}
+
+std::string ipv4(const std::string& text) {
+    return read_with(router_in_lease, text);
+}
+std::string ipv6(const std::string& text) {
+    return read_with(router_in_lease6, text);
+}
+
+TEST(Lease, first_of_several_routers_counts) {
+    EXPECT_EQ(ipv4("lease {\n  option routers 10.0.0.1,10.0.0.2;\n}\n"), "10.0.0.1");
+}
+
+TEST(Lease, semicolon_is_dropped) {
+    EXPECT_EQ(ipv4("  option routers 10.0.0.1;\n"), "10.0.0.1");
+}
+
+TEST(Lease, value_that_ends_in_a_digit_is_kept_whole) {
+    EXPECT_EQ(ipv4("  option routers 10.0.0.12\n"), "10.0.0.12");
+}
+
+TEST(Lease, first_line_with_routers_counts_however_many_leases_follow) {
+    EXPECT_EQ(
+        ipv4("lease {\n  option routers 10.0.0.1;\n}\nlease {\n  option routers 10.0.9.9;\n}\n"),
+        "10.0.0.1");
+}
+
+TEST(Lease, routers_must_be_the_second_word) {
+    EXPECT_EQ(ipv4("routers 10.0.0.1;\noption other routers 10.0.0.2;\n"), "");
+}
+
+TEST(Lease, half_written_file_tells_no_router) {
+    EXPECT_EQ(ipv4(""), "");
+    EXPECT_EQ(ipv4("lease {\n  option rou"), "");
+    EXPECT_EQ(ipv4("lease {\n  option routers"), "");
+    EXPECT_EQ(ipv4("lease {\n  option routers ;\n"), "");
+    EXPECT_EQ(ipv4("lease {\n  option routers ,\n"), "");
+}
+
+TEST(Lease6, quotes_are_dropped) {
+    EXPECT_EQ(ipv6("new_routers='fe80::1'\n"), "fe80::1");
+}
+
+TEST(Lease6, first_of_several_routers_loses_its_last_character) {
+    EXPECT_EQ(ipv6("new_routers='fe80::1 fe80::2'\n"), "fe80::");
+}
+
+TEST(Lease6, other_names_do_not_count) {
+    EXPECT_EQ(ipv6("old_routers='fe80::1'\nx=new_routers\n"), "");
+}
+
+TEST(Lease6, value_shorter_than_its_quotes_tells_no_router) {
+    EXPECT_EQ(ipv6("new_routers=\n"), "");
+    EXPECT_EQ(ipv6("new_routers='\n"), "");
+    EXPECT_EQ(ipv6("new_routers=''\n"), "");
+    EXPECT_EQ(ipv6("new_routers"), "");
+}
+
+}  // namespace

@@ -218,6 +218,10 @@ TEST(Conntrack, each_failing_step_is_reported) {
     TestContext ctx;
     TestContext ctx6(true);
     {
+        const FailCall failed(Call::mnl_socket_open, EMFILE);
+        create_conntrack_record("192.0.2.1", "192.0.2.2", ctx);
+    }
+    {
         const FailCall failed(Call::mnl_socket_bind, EACCES);
         create_conntrack_record("192.0.2.1", "192.0.2.2", ctx);
     }
@@ -236,6 +240,7 @@ TEST(Conntrack, each_failing_step_is_reported) {
     }
     create_conntrack_record("nonsense", "2001:db8::2", ctx6);
     Lines expected{
+        {3, "<create_conntrack_record> mnl_socket_open: Too many open files"},
         {3, "<create_conntrack_record> mnl_socket_bind: Permission denied"},
         {3, "<create_conntrack_record> mnl_nlmsg_put_extra_header: Cannot allocate memory"},
         {3, "<create_conntrack_record> mnl_socket_sendto: Operation not permitted"},

@@ -221,9 +221,9 @@ int __wrap_mkdir(const char* path, mode_t mode) {
     return through<Call::mkdir>(__real_mkdir, path, mode);
 }
 
-decltype(mnl_socket_open) __real_mnl_socket_open;
-mnl_socket* __wrap_mnl_socket_open(int bus) {
-    return through<Call::mnl_socket_open, Failure::nothing>(__real_mnl_socket_open, bus);
+decltype(mnl_socket_open2) __real_mnl_socket_open2;
+mnl_socket* __wrap_mnl_socket_open2(int bus, int flags) {
+    return through<Call::mnl_socket_open, Failure::nothing>(__real_mnl_socket_open2, bus, flags);
 }
 
 decltype(mnl_socket_bind) __real_mnl_socket_bind;

@@ -105,7 +105,7 @@ void run_process(int argc, char* argv[]) {
     for (const pthread_t thread : start_namespace_threads(*lb)) {
         pthread_join(thread, nullptr);
     }
-    lb.reset();
+    delete lb.release();  // reset() would not let a thread's end through
     while (true) {
         sleep(4);
     }

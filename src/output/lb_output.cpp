@@ -128,7 +128,7 @@ LBOutput::LBOutput(std::string& output_dir) : out_dir(output_dir) {
     }
 }
 
-LBOutput::~LBOutput() {
+LBOutput::~LBOutput() noexcept(false) {
     const int rc = pthread_mutex_destroy(&mutex);
     if (rc != 0) {
         LOG_ERROR("wan_lb: <%s> error mutex destroy", "~LBOutput");

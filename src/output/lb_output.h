@@ -27,7 +27,9 @@ class LBOutput {
     explicit LBOutput(std::string& output_dir);
     LBOutput(const LBOutput&) = delete;
     LBOutput& operator=(const LBOutput&) = delete;
-    ~LBOutput();
+    /// Ends the calling thread, as the constructor does, where the mutex cannot be given back; the
+    /// unwinding of a thread's end must be let through.
+    ~LBOutput() noexcept(false);
 
     /// One cycle's output for the worker's family.
     void write(const LBData& data, context* ctx);

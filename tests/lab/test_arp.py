@@ -29,7 +29,8 @@ class Arp(LabTest):
         peer = self.attach()
         self.lab.start(one_uplink())
         first = expect(peer.echo_requests)[0]
-        self.assertEqual(first.packet_id, 2)  # the first probe had nowhere to go
+        # The first probe has nowhere to go, unless the answer beats its look at the kernel's table.
+        self.assertLessEqual(first.packet_id, 2)
         self.assertEqual(len(peer.arp_requests()), 1)
         waited_s = peer.echo_frames()[0].time_s - peer.arp_requests()[0].time_s
         self.assertLess(waited_s, 3.5)  # two cycles, not another timeout

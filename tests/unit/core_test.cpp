@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 
 #include "config/namespaces.h"
 #include "core/command_line.h"
@@ -181,30 +182,30 @@ TEST(StartUp, thread_that_cannot_be_created_ends_the_process_with_255) {
 }
 
 struct Engine : testing::Test {
-    Engine() : lb(folder) {}
     std::string folder = "/tmp/lb-engine-unused";
-    LoadBalance lb;
+    // Behind a pointer: GoogleTest's fixtures let no exception out of their destructors.
+    std::unique_ptr<LoadBalance> lb = std::make_unique<LoadBalance>(folder);
     CapturedLog log;
 };
 
 TEST_F(Engine, keeps_its_spare_number) {
-    EXPECT_EQ(lb.lb_spare, 5000);
+    EXPECT_EQ(lb->lb_spare, 5000);
 }
 
 TEST_F(Engine, accepts_a_file_that_does_not_load) {
-    EXPECT_TRUE(lb.set_conf("/nonexistent/lb.conf"));
+    EXPECT_TRUE(lb->set_conf("/nonexistent/lb.conf"));
     const TemporaryFile conf("health {\n interface eth0 {\n");
-    EXPECT_TRUE(lb.set_conf(conf.path()));
-    EXPECT_TRUE(lb.data.health.contains("eth0"));
+    EXPECT_TRUE(lb->set_conf(conf.path()));
+    EXPECT_TRUE(lb->data.health.contains("eth0"));
 }
 
 TEST_F(Engine, tells_what_each_namespace_needs) {
     const TemporaryFile conf(
         "health {\n interface a {\n }\n interface6 b {\n namespace blue\n }\n}\n"
         "rule 1_ipv4 {\n}\nrule 2 {\n namespace red\n}\n");
-    lb.set_conf(conf.path());
+    lb->set_conf(conf.path());
     NamespaceNeeds needs;
-    lb.check_before_start(needs);
+    lb->check_before_start(needs);
     EXPECT_EQ(needs,
               (NamespaceNeeds{{{"", 0}, {1, 1}}, {{"blue", 1}, {1, 0}}, {{"red", 1}, {0, 1}}}));
 }
@@ -214,11 +215,11 @@ TEST_F(Engine, reports_the_workers_interfaces_as_inactive) {
         "health {\n interface gi1_1 {\n }\n interface eth0 {\n }\n interface gi1_2 {\n namespace "
         "x\n }\n"
         " interface6 po1 {\n }\n}\n");
-    lb.set_conf(conf.path());
+    lb->set_conf(conf.path());
     TestContext ctx;
     TestContext ctx6(true);
-    lb.print_init_interfaces_state(ctx);
-    lb.print_init_interfaces_state(ctx6);
+    lb->print_init_interfaces_state(ctx);
+    lb->print_init_interfaces_state(ctx6);
     EXPECT_EQ(
         log.lines(),
         (Lines{{6, "%WAN-I-INSTANCE: IP interface unknown interface changed state to inactive"},
@@ -230,30 +231,30 @@ TEST_F(Engine, makes_the_probes_of_both_families_in_the_namespace_ready) {
     const TemporaryFile conf(
         "health {\n interface a {\n namespace init4\n }\n interface6 b {\n"
         " namespace init4\n }\n interface c {\n }\n}\n");
-    lb.set_conf(conf.path());
+    lb->set_conf(conf.path());
     TestContext ctx(false, "init4");
     LBTest::_initialized.set("init4", true);
     LBTest6::_initialized.set("init4", true);
-    lb.init_tests_in_namespace(ctx);
-    EXPECT_EQ(lb.data.health.at("a").tests.at(1)->ns_name, "init4");
-    EXPECT_EQ(lb.data.health6.at("b").tests6.at(1)->status(), "ping");
-    EXPECT_EQ(lb.data.health.at("c").tests.at(1)->status(), "");
+    lb->init_tests_in_namespace(ctx);
+    EXPECT_EQ(lb->data.health.at("a").tests.at(1)->ns_name, "init4");
+    EXPECT_EQ(lb->data.health6.at("b").tests6.at(1)->status(), "ping");
+    EXPECT_EQ(lb->data.health.at("c").tests.at(1)->status(), "");
 }
 
 TEST_F(Engine, starts_every_cycle) {
     TestContext ctx;
-    EXPECT_TRUE(lb.start_cycle(ctx));
+    EXPECT_TRUE(lb->start_cycle(ctx));
 }
 
 TEST_F(Engine, namespace_without_a_file_is_reported) {
-    namespace_arg start{&lb, "no such namespace"};
+    namespace_arg start{lb.get(), "no such namespace"};
     EXPECT_EQ(work_in_namespace(&start), nullptr);
     EXPECT_EQ(log.lines(),
               (Lines{{4, "%WAN-W-ERR: wan_lb, can't open /var/run/netns/no such namespace"}}));
 }
 
 TEST_F(Engine, namespace_thread_without_work_ends_at_once) {
-    namespace_arg start{&lb, ""};
+    namespace_arg start{lb.get(), ""};
     namespaces_check.clear();
     namespaces_check[{"", 0}] = {1, 0};
     namespaces_check[{"", 1}] = {0, 1};
@@ -263,7 +264,7 @@ TEST_F(Engine, namespace_thread_without_work_ends_at_once) {
 }
 
 TEST_F(Engine, workers_that_cannot_be_created_are_reported_each) {
-    namespace_arg start{&lb, ""};
+    namespace_arg start{lb.get(), ""};
     namespaces_check[{"", 0}] = {1, 1};
     namespaces_check[{"", 1}] = {1, 1};
     {

@@ -184,6 +184,12 @@ int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*
                                                                     mutex, attributes);
 }
 
+decltype(pthread_mutex_destroy) __real_pthread_mutex_destroy;
+int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex) {
+    return through<Call::pthread_mutex_destroy, Failure::error_number>(__real_pthread_mutex_destroy,
+                                                                       mutex);
+}
+
 decltype(pthread_mutex_lock) __real_pthread_mutex_lock;
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
     return through<Call::pthread_mutex_lock, Failure::error_number>(__real_pthread_mutex_lock,

@@ -27,6 +27,7 @@ enum class Call : std::size_t {
     pthread_create,
     pthread_detach,
     pthread_mutex_init,
+    pthread_mutex_destroy,
     pthread_mutex_lock,
     pthread_mutex_unlock,
     popen,

@@ -1,0 +1,120 @@
+"""The status files of a running daemon, read by lbshow and by people.
+
+    gi1_1 -- GATEWAY   (default namespace)        gi1_2 -- GATEWAY_2
+"""
+import json
+import os
+import subprocess
+
+from kit import LabTest, expect, main
+from kit.daemon import binary
+from kit.echo_policies import silence
+from kit.lab import OUTPUT_DIRECTORY
+from scenes import ACTIVE, ACTIVE_2, GATEWAY_2, INACTIVE_2, PREFIX, attach_two, two_uplinks
+
+LBSHOW = os.path.join(os.path.dirname(binary()), "lbshow")
+
+
+def lbshow(*arguments):
+    return subprocess.run([LBSHOW, *arguments], capture_output=True, text=True, check=False,
+                          timeout=30)
+
+
+def state():
+    return json.loads(lbshow("--json").stdout)
+
+
+class Lbshow(LabTest):
+    def setUp(self):
+        super().setUp()
+        self.peers = attach_two(self.lab)
+
+    def start(self, **options):
+        self.lab.start(two_uplinks(**options))
+        expect(lambda: {ACTIVE, ACTIVE_2} <= set(self.lab.log.texts()))
+
+    def test_interfaces_rules_and_routes_of_a_running_daemon_are_shown(self):
+        self.start()
+        expect(lambda: [one["active"] for one in state()["interfaces"]] == [True, True])
+        shown = state()
+        self.assertEqual([one["name"] for one in shown["interfaces"]], ["gi1_1", "gi1_2"])
+        self.assertEqual(shown["rules"][0]["members"][1],
+                         {"interface": "gi1_2", "family": 4, "weight": 3})
+        self.assertEqual(shown["routes"][0]["prefix"], PREFIX)
+        self.assertIsNone(shown["routes"][0]["nexthop"])
+
+    def test_uplink_that_goes_silent_is_shown_as_failed(self):
+        self.start()
+        self.peers[1].echo = silence
+        expect(lambda: INACTIVE_2 in self.lab.log.texts()[2:])
+        expect(lambda: [one["active"] for one in state()["interfaces"]] == [True, False])
+        self.assertIn("no answer", lbshow("interfaces", "gi1_2").stdout)
+
+    def test_failover_rule_shows_its_choice_in_the_route(self):
+        self.start(failover=True)
+        expect(lambda: state()["routes"][0]["nexthop"] == GATEWAY_2)
+
+    def test_metrics_are_those_of_the_interfaces(self):
+        self.start()
+        expect(lambda: 'lb_interface_active{interface="gi1_2",family="ipv4",namespace=""} 1\n'
+               in lbshow("--metrics").stdout)
+
+    def test_report_for_people_tells_status_and_target(self):
+        self.start()
+        path = os.path.join(OUTPUT_DIRECTORY, "wlb_ipv4.out")
+
+        def report():
+            with open(path, encoding="utf-8") as file:
+                return file.read()
+        expect(lambda: report().count("Status:  active\n") == 2)
+        self.assertIn("Interface:  gi1_1\n", report())
+        self.assertIn("Test:  ping\tTarget: 198.51.100.1\n", report())
+        self.assertFalse(os.path.exists(os.path.join(OUTPUT_DIRECTORY, "wlb_ipv6.out")))
+
+    def test_faults_of_the_output_directory_are_reported_and_end_with_the_fault(self):
+        self.start()
+        os.rename(OUTPUT_DIRECTORY, "/run/moved")
+        message = ("%WAN-W-ERR: wan_lb: error create directory: "
+                   f"{OUTPUT_DIRECTORY}/wlb_dump, errno = 2")
+        expect(lambda: message in self.lab.log.texts())
+        os.rename("/run/moved", OUTPUT_DIRECTORY)
+        dump = os.path.join(OUTPUT_DIRECTORY, "wlb_dump", "wlb_ipv4_outbounds.bin")
+        os.unlink(dump)
+        os.mkdir(dump)
+        expect(lambda: f"%WAN-W-ERR: wan_lb: error open file for writing '{dump}'"
+               in self.lab.log.texts())
+        os.rmdir(dump)
+        expect(lambda: os.path.isfile(dump) and os.path.getsize(dump) == 2 * 4312)
+
+
+class CommandLine(LabTest):
+    def test_missing_directory_is_a_clear_error(self):
+        done = lbshow("-o", "/nonexistent")
+        self.assertEqual(done.returncode, 1)
+        self.assertEqual(done.stderr, "lbshow: no dumps below /nonexistent: is the daemon running "
+                         "with this directory?\n")
+
+    def test_unknown_option_is_an_error_and_help_is_none(self):
+        self.assertEqual(lbshow("--nonsense").returncode, 1)
+        done = lbshow("--help")
+        self.assertEqual(done.returncode, 0)
+        self.assertIn("--byte-order", done.stdout)
+
+    def test_unknown_name_is_an_error(self):
+        os.makedirs(os.path.join(OUTPUT_DIRECTORY, "wlb_dump"))
+        done = lbshow("interfaces", "eth9")
+        self.assertEqual((done.returncode, done.stderr),
+                         (1, "lbshow: nothing is called 'eth9'\n"))
+
+    def test_foreign_file_is_refused(self):
+        folder = os.path.join(OUTPUT_DIRECTORY, "wlb_dump")
+        os.makedirs(folder)
+        with open(os.path.join(folder, "wlb_rules.bin"), "wb") as file:
+            file.write(b"\xff" * 3343)
+        done = lbshow()
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("wlb_rules.bin is no dump of the daemon", done.stderr)
+
+
+if __name__ == "__main__":
+    main()

@@ -11,6 +11,7 @@ PATH = "/dev/log"
 ERROR, WARNING, INFO, DEBUG = 3, 4, 6, 7
 _LINE = re.compile(r"<(\d+)>(?:\w{3} [ \d]\d [\d:]{8} )?([^\[:]+)(?:\[(\d+)\])?: (.*)", re.DOTALL)
 _CREDENTIALS = struct.Struct("3i")
+_MARKER = b"\1marker"  # no log line: lines() sends it behind what has arrived
 
 
 @dataclasses.dataclass(frozen=True)
@@ -29,6 +30,7 @@ class SystemLog:
     def __init__(self):
         self._lines = []
         self._lock = threading.Lock()
+        self._marked = threading.Semaphore(0)
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_PASSCRED, 1)
         self._socket.bind(PATH)
@@ -40,6 +42,9 @@ class SystemLog:
             data, ancillary, _, _ = self._socket.recvmsg(65536, 256)
             if not data:
                 return
+            if data == _MARKER:
+                self._marked.release()
+                continue
             pid = next((_CREDENTIALS.unpack(value[:_CREDENTIALS.size])[0]
                         for _, kind, value in ancillary if kind == socket.SCM_CREDENTIALS), 0)
             self._keep(data.rstrip(b"\0\n").decode(errors="replace"), pid)
@@ -52,6 +57,10 @@ class SystemLog:
             self._lines.append(line)
 
     def lines(self, severity=None):
+        """What was logged so far, also what the collector has not come to yet."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as marker:
+            marker.sendto(_MARKER, PATH)
+        self._marked.acquire()
         with self._lock:
             return [line for line in self._lines if severity in (None, line.severity)]
 

@@ -400,7 +400,8 @@ TEST_F(Files, without_a_context_nothing_is_dumped) {
 TEST_F(Files, unlock_that_fails_ends_the_write_without_a_report) {
     std::vector<LogLine> lines;
     {
-        const FailCall no_unlock(Call::pthread_mutex_unlock, EPERM);
+        // The third one: the names and the outbounds dump have been unlocked by then.
+        const FailCall no_unlock(Call::pthread_mutex_unlock, EPERM, 3);
         output->write(data, ctx);
         lines = log.lines();
     }
@@ -408,7 +409,7 @@ TEST_F(Files, unlock_that_fails_ends_the_write_without_a_report) {
     EXPECT_EQ(lines.back().text,
               err + "wan_lb: <write> mutex unlock error. PThread return code: 1");
     EXPECT_FALSE(fs::exists(folder + "/wlb_ipv4.out"));
-    pthread_mutex_init(&output->mutex, nullptr);  // as after the fault
+    EXPECT_EQ(pthread_mutex_unlock(&output->mutex), 0);
 }
 
 TEST_F(Files, mutex_that_cannot_be_made_ends_the_thread) {

@@ -10,6 +10,9 @@
                          198.51.100.0/24 +--------+  10.2.0.0/30
                                  gi1_2
 
+IPv6 lies on the same links: the LAN is 2001:db8:0:1::/64, the uplinks 2001:db8:1::/64 and 2001:db8:2::/64 with the same last
+numbers, the far host's addresses 2001:db8:ffff::10 (weighted service), ::53 and ::54 (probe targets).
+
 The router translates the client's address to that of the uplink which a flow takes (as sites with two providers do), so
 an answer comes back through the same provider, and the far host sees which one it was.
 """
@@ -19,9 +22,18 @@ import subprocess
 NAMESPACES = ("client", "router", "isp1", "isp2", "far")
 UPLINKS = {"gi1_1": "ISP 1", "gi1_2": "ISP 2"}
 # What an uplink is recognised by: the source address that the far host sees, the next hop in a route.
-PROVIDER_OF = {"192.0.2.2": "ISP 1", "192.0.2.1": "ISP 1", "198.51.100.2": "ISP 2", "198.51.100.1": "ISP 2"}
-WEIGHTED_SERVICE, FAILOVER_SERVICE = "203.0.113.10", "203.0.113.130"
-FAR_NETWORK = "203.0.113.0/24"
+PROVIDER_OF = {
+    "192.0.2.2": "ISP 1",
+    "192.0.2.1": "ISP 1",
+    "2001:db8:1::2": "ISP 1",
+    "2001:db8:1::1": "ISP 1",
+    "198.51.100.2": "ISP 2",
+    "198.51.100.1": "ISP 2",
+    "2001:db8:2::2": "ISP 2",
+    "2001:db8:2::1": "ISP 2",
+}
+WEIGHTED_SERVICE, FAILOVER_SERVICE, SERVICE6 = "203.0.113.10", "203.0.113.130", "2001:db8:ffff::10"
+FAR_NETWORK, FAR_NETWORK6 = "203.0.113.0/24", "2001:db8:ffff::/64"
 DHCP_ROUTER = "198.51.100.1"
 
 # (namespace, interface, address) at both ends of each link.
@@ -32,18 +44,36 @@ LINKS = (
     (("isp1", "core", "10.1.0.1/30"), ("far", "isp1", "10.1.0.2/30")),
     (("isp2", "core", "10.2.0.1/30"), ("far", "isp2", "10.2.0.2/30")),
 )
+ADDRESSES6 = (
+    ("client", "lan", "2001:db8:0:1::2/64"),
+    ("router", "lan", "2001:db8:0:1::1/64"),
+    ("router", "gi1_1", "2001:db8:1::2/64"),
+    ("isp1", "customer", "2001:db8:1::1/64"),
+    ("router", "gi1_2", "2001:db8:2::2/64"),
+    ("isp2", "customer", "2001:db8:2::1/64"),
+    ("isp1", "core", "2001:db8:a1::1/64"),
+    ("far", "isp1", "2001:db8:a1::2/64"),
+    ("isp2", "core", "2001:db8:a2::1/64"),
+    ("far", "isp2", "2001:db8:a2::2/64"),
+)
 FAR_ADDRESSES = (WEIGHTED_SERVICE, FAILOVER_SERVICE, "203.0.113.53", "203.0.113.54")
+FAR_ADDRESSES6 = (SERVICE6, "2001:db8:ffff::53", "2001:db8:ffff::54")
 ROUTES = (
     ("client", "default", "10.0.0.1"),
     ("isp1", FAR_NETWORK, "10.1.0.2"),
     ("isp2", FAR_NETWORK, "10.2.0.2"),
     ("far", "192.0.2.0/24", "10.1.0.1"),
     ("far", "198.51.100.0/24", "10.2.0.1"),
+    ("client", "default", "2001:db8:0:1::1"),
+    ("isp1", FAR_NETWORK6, "2001:db8:a1::2"),
+    ("isp2", FAR_NETWORK6, "2001:db8:a2::2"),
+    ("far", "2001:db8:1::/64", "2001:db8:a1::1"),
+    ("far", "2001:db8:2::/64", "2001:db8:a2::1"),
 )
 FORWARDERS = ("router", "isp1", "isp2")
 
 TRANSLATION = """
-table ip translation {
+table inet translation {
   chain postrouting {
     type nat hook postrouting priority srcnat; policy accept;
     oifname "gi1_*" masquerade
@@ -75,14 +105,21 @@ def batch(lines, *options):
 
 def build():
     batch(f"netns add {name}" for name in NAMESPACES)
+    for name in NAMESPACES:
+        for scope in ("all", "default"):
+            set_kernel(name, f"net/ipv6/conf/{scope}/disable_ipv6", 0)
+            # A provider's port that goes down comes back with its addresses.
+            set_kernel(name, f"net/ipv6/conf/{scope}/keep_addr_on_down", 1)
     for (here, interface, _), (there, peer, _) in LINKS:
         ip(here, "link", "add", interface, "type", "veth", "peer", "name", peer, "netns", there)
     for name in NAMESPACES:
         batch(set_up_lines(name), "-n", name)
     for namespace in FORWARDERS:
         set_kernel(namespace, "net/ipv4/ip_forward", 1)
+        set_kernel(namespace, "net/ipv6/conf/all/forwarding", 1)
     # Choose the uplink by addresses and ports, so that a client's flows spread by weight.
-    set_kernel("router", "net/ipv4/fib_multipath_hash_policy", 1)
+    for family in ("ipv4", "ipv6"):
+        set_kernel("router", f"net/{family}/fib_multipath_hash_policy", 1)
     nft = start("router", "nft", "-f", "-", stdin=subprocess.PIPE, text=True)
     nft.communicate(TRANSLATION)
     if nft.returncode:
@@ -93,10 +130,13 @@ def set_up_lines(name):
     yield "link set lo up"
     if name == "far":
         yield from (f"addr add {address}/32 dev lo" for address in FAR_ADDRESSES)
+        yield from (f"addr add {address}/128 dev lo" for address in FAR_ADDRESSES6)
     for namespace, interface, address in (end for link in LINKS for end in link):
         if namespace == name:
             yield f"addr add {address} dev {interface}"
             yield f"link set {interface} up"
+    # Without duplicate detection: the lab is to work at once.
+    yield from (f"addr add {address} dev {link} nodad" for space, link, address in ADDRESSES6 if space == name)
     for namespace, destination, gateway in ROUTES:
         if namespace == name:
             yield f"route add {destination} via {gateway}"

@@ -18,6 +18,7 @@ LEASES = {"gi1_2": f"lease {{\n  option routers {network.DHCP_ROUTER};\n}}\n"}
 class Family:
     """What differs between the address families on the router."""
 
+    name: str
     ip_option: str
     routing_daemon: pathlib.Path
     routing_config: str
@@ -28,6 +29,7 @@ class Family:
 
 
 IPV4 = Family(
+    name="IPv4",
     ip_option="-4",
     routing_daemon=BUILD / "tools/bird/usr/sbin/bird",
     routing_config="bird.conf",
@@ -36,7 +38,17 @@ IPV4 = Family(
     control="/run/demo/bird.ctl",
     default="0.0.0.0/0",
 )
-FAMILIES = (IPV4,)
+IPV6 = Family(
+    name="IPv6",
+    ip_option="-6",
+    routing_daemon=BUILD / "tools/bird/usr/sbin/bird6",
+    routing_config="bird6.conf",
+    fragment=pathlib.Path("/usr/etc/routing6-wlb.conf"),
+    pid_file="/var/run/routing6.pid",
+    control="/run/demo/bird6.ctl",
+    default="::/0",
+)
+FAMILIES = (IPV4, IPV6)
 
 
 class Router:
@@ -58,6 +70,12 @@ class Router:
                 + ("-s", family.control, "-P", family.pid_file),
             )
         self._start("lb", (BUILD / "lb", "-f", LAB_DIR / "lb.conf"))
+
+    @staticmethod
+    def interfaces():
+        """What lbshow tells of the uplinks."""
+        done = subprocess.run((BUILD / "lbshow", "interfaces"), text=True, capture_output=True, check=False)
+        return (done.stdout or done.stderr).partition("\n\n")[0]
 
     def _start(self, name, command):
         with open(LAB_DIR / f"{name}.out", "wb") as output:

@@ -30,63 +30,63 @@ class Story:
 
     def tell(self):
         self._start_up()
-        self._act(
-            "outage behind the gateway of ISP 1 (its link stays up)",
-            network.break_path_behind_isp1,
-            active=False,
-            providers=ONLY_SECOND,
-        )
-        self._act("the path through ISP 1 works again", network.mend_path_behind_isp1, active=True, providers=BOTH)
-        self._act("link to ISP 1 lost", network.cut_link_of_isp1, active=False, providers=ONLY_SECOND)
-        self._act("link to ISP 1 back", network.restore_link_of_isp1, active=True, providers=BOTH)
+        ipv4, both = (router.IPV4,), router.FAMILIES
+        self._act("IPv4 outage behind the gateway of ISP 1", network.break_path_behind_isp1, ipv4, active=False)
+        self._act("IPv4 through ISP 1 works again", network.mend_path_behind_isp1, ipv4, active=True)
+        self._act("link to ISP 1 lost", network.cut_link_of_isp1, both, active=False)
+        self._act("link to ISP 1 back", network.restore_link_of_isp1, both, active=True)
         self._watch.for_a_while(1.2)  # the last requests still in flight
         self._watch.traffic.stop()
         self._summary()
 
     def _start_up(self):
         self._timeline.say("step", "the daemons start")
-        for interface, provider in network.UPLINKS.items():
-            self._watch.until(lambda i=interface: self._watch.active[i], PATIENCE_S, f"{provider} active")
-        self._await_default(BOTH)
+        self._watch.until(lambda: all(self._watch.active.values()), PATIENCE_S, "all uplinks active")
+        for family in router.FAMILIES:
+            self._watch.until(
+                lambda f=family: self._watch.default_route(f) == BOTH, PATIENCE_S, f"{family.name} default route over both"
+            )
         self._timeline.say("step", "both uplinks carry traffic: the client starts, 20 requests a second to each service")
         self._watch.traffic = watch.Traffic()
         self._watch.until(lambda: self._watch.requests, PATIENCE_S, "the client's first answers")
         self._watch.for_a_while(2 * PAUSE_S)
 
-    def _act(self, title, change, active, providers):
-        """Changes the network and measures how long the verdict and the kernel's route take to follow."""
+    def _act(self, title, change, families, active):
+        """Changes the network and measures how long verdict and kernel route of these families take to follow; the
+        other family must not notice."""
         self._timeline.say("step", title)
+        untouched = [family for family in router.FAMILIES if family not in families]
+        before = {family: self._watch.routes.get(family) for family in untouched}
         began_at = time.monotonic()
         change()
+        providers = BOTH if active else ONLY_SECOND
         seen = {}
 
-        def both_seen():
-            if self._watch.active["gi1_1"] == active:
+        def all_seen():
+            if all(self._watch.active[family, "gi1_1"] == active for family in families):
                 seen.setdefault("verdict", time.monotonic())
-            if self._watch.default_route(router.IPV4) == providers:
+            if all(self._watch.default_route(family) == providers for family in families):
                 seen.setdefault("route", time.monotonic())
             return len(seen) == 2
 
-        self._watch.until(both_seen, PATIENCE_S, f"verdict and route after '{title}'")
+        self._watch.until(all_seen, PATIENCE_S, f"verdict and route after '{title}'")
+        self._watch.show_interfaces()
         self._watch.for_a_while(PAUSE_S)
+        for family in untouched:
+            if self._watch.routes.get(family) != before[family] or not self._watch.active[family, "gi1_1"]:
+                raise RuntimeError(f"{family.name} did not stay as it was during '{title}'")
         self._acts.append(
             Act(title, began_at, seen["verdict"] - began_at, seen["route"] - began_at, time.monotonic())
         )
 
-    def _await_default(self, providers):
-        self._watch.until(
-            lambda: self._watch.default_route(router.IPV4) == providers, PATIENCE_S, f"default route over {providers}"
-        )
-
     def _summary(self):
+        services = (network.WEIGHTED_SERVICE, network.FAILOVER_SERVICE, network.SERVICE6)
         print()
-        print(f"{'event':<56} {'verdict':>8} {'route':>8}   lost of asked (for)")
-        print(f"{'':<56} {'after':>8} {'after':>8}   {'weighted':<20} failover")
+        print(f"{'event':<40} {'verdict':>8} {'route':>8}   lost of asked (for)")
+        print(f"{'':<40} {'after':>8} {'after':>8}   {'weighted':<18} {'failover':<18} IPv6")
         for act in self._acts:
-            weighted, failover = (
-                self._losses(act, service) for service in (network.WEIGHTED_SERVICE, network.FAILOVER_SERVICE)
-            )
-            print(f"{act.title:<56} {act.verdict_s:>6.1f} s {act.route_s:>6.1f} s   {weighted:<20} {failover}")
+            losses = " ".join(f"{self._losses(act, service):<18}" for service in services).rstrip()
+            print(f"{act.title:<40} {act.verdict_s:>6.1f} s {act.route_s:>6.1f} s   {losses}")
         lost = sum(request.outcome == "lost" for request in self._watch.requests)
         print(f"\n{lost} of {len(self._watch.requests)} requests lost in all.")
 

@@ -17,7 +17,7 @@ COLOURS = {"step": "1", "up": "32", "down": "31", "fragment": "33", "kernel": "3
 POLL_S = 0.05
 TRAFFIC_LINE_EVERY_S = 2.0
 INTERFACE_OF = {"gigabitethernet 1/0/1": "gi1_1", "gigabitethernet 1/0/2": "gi1_2"}
-STATE_CHANGE = re.compile(r"IP(?:v6)? interface (.+) changed state to (active|inactive)")
+STATE_CHANGE = re.compile(r"IP(v6)? interface (.+) changed state to (active|inactive)")
 
 Request = collections.namedtuple("Request", "sent_at service outcome")
 
@@ -78,7 +78,7 @@ class Traffic:
 
     def __init__(self):
         program = str(pathlib.Path(__file__).with_name("traffic.py"))
-        services = (network.WEIGHTED_SERVICE, network.FAILOVER_SERVICE)
+        services = (network.WEIGHTED_SERVICE, network.FAILOVER_SERVICE, network.SERVICE6)
         server = network.start("far", sys.executable, program, "serve", *services, stdout=subprocess.PIPE)
         if not server.stdout.readline():
             raise RuntimeError("the far host's services did not start")
@@ -109,7 +109,7 @@ class Watch:
         self.log = SystemLog()
         self.traffic = None
         self.requests = []
-        self.active = {interface: False for interface in network.UPLINKS}
+        self.active = {(family, interface): False for family in router.FAMILIES for interface in network.UPLINKS}
         self.routes = {}
         self._route_monitor = RouteMonitor()
         self._fragments = {}
@@ -148,8 +148,8 @@ class Watch:
     def _note(self, message):
         look = None
         if change := STATE_CHANGE.search(message):
-            interface, state = INTERFACE_OF.get(change[1]), change[2]
-            self.active[interface] = state == "active"
+            family, state = router.IPV6 if change[1] else router.IPV4, change[3]
+            self.active[family, INTERFACE_OF.get(change[2])] = state == "active"
             look = "up" if state == "active" else "down"
         self._timeline.say("log", message, look)
 
@@ -160,7 +160,7 @@ class Watch:
             return
         self._fragments[family] = text
         routes = [line for line in text.splitlines() if line.startswith("route ")]
-        self._timeline.say("fragment", "\n".join(routes) or "(no route)")
+        self._timeline.say("fragment", "\n".join(routes) or f"(no {family.name} route)")
 
     def _look_at_routes(self, family):
         listing = json.loads(network.ip("router", family.ip_option, "-j", "route", "show", "proto", "bird") or "[]")
@@ -174,8 +174,11 @@ class Watch:
         if routes == self.routes.get(family, {}):
             return
         self.routes[family] = routes
-        shown = [f"{destination} -> {_hops_text(hops)}" for destination, hops in routes.items()]
-        self._timeline.say("kernel", "\n".join(shown) or "(no route)")
+        shown = [f"{family.name} {destination} -> {_hops_text(hops)}" for destination, hops in routes.items()]
+        self._timeline.say("kernel", "\n".join(shown) or f"(no {family.name} route)")
+
+    def show_interfaces(self):
+        self._timeline.say("lbshow", self._router.interfaces())
 
     def default_route(self, family):
         """The providers of the family's default route."""
@@ -190,9 +193,13 @@ class Watch:
         if ended:
             shares = (
                 f"{name} {shares_text(ended, service)}"
-                for name, service in (("weighted:", network.WEIGHTED_SERVICE), ("failover:", network.FAILOVER_SERVICE))
+                for name, service in (
+                    ("weighted:", network.WEIGHTED_SERVICE),
+                    ("failover:", network.FAILOVER_SERVICE),
+                    ("IPv6:", network.SERVICE6),
+                )
             )
-            self._timeline.say("traffic", "   ".join(f"{share:<37}" for share in shares).rstrip())
+            self._timeline.say("traffic", "   ".join(f"{share:<35}" for share in shares).rstrip())
 
 
 def _hops_text(hops):

@@ -33,9 +33,9 @@ std::string read_lease(const std::string& ifname, bool ipv6) {
     return ipv6 ? router_in_lease6(leases.get()) : router_in_lease(leases.get());
 }
 
-/// The peer's address of a point-to-point interface, as a dotted quad in either family. The result of
-/// the request is not looked at: an interface that is missing or has no peer gives 0.0.0.0, which
-/// routers show as the next hop of a tunnel that is not set up.
+/// The peer's address of a point-to-point interface, as a dotted quad in either family. The result
+/// of the request is not looked at: an interface that is missing or has no peer gives 0.0.0.0,
+/// which routers show as the next hop of a tunnel that is not set up.
 std::string ask_peer(const std::string& ifname, bool ipv6) {
     ifreq request{};
     request.ifr_dstaddr.sa_family = static_cast<sa_family_t>(ipv6 ? AF_INET6 : AF_INET);

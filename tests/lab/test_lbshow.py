@@ -6,11 +6,13 @@ import json
 import os
 import subprocess
 
-from kit import LabTest, expect, main
+from kit import Conf, LabTest, expect, main, ping
 from kit.daemon import binary
 from kit.echo_policies import silence
 from kit.lab import OUTPUT_DIRECTORY
-from scenes import ACTIVE, ACTIVE_2, GATEWAY_2, INACTIVE_2, PREFIX, attach_two, two_uplinks
+from scenes import (ACTIVE, ACTIVE_2, GATEWAY, GATEWAY_2, INACTIVE_2, PREFIX, ROUTER, attach_two,
+                    two_uplinks)
+from scenes6 import GATEWAY6, ROUTER6
 
 LBSHOW = os.path.join(os.path.dirname(binary()), "lbshow")
 
@@ -21,7 +23,9 @@ def lbshow(*arguments):
 
 
 def state():
-    return json.loads(lbshow("--json").stdout)
+    """What is shown; nothing as long as the daemon has written nothing."""
+    done = lbshow("--json")
+    return json.loads(done.stdout or '{"interfaces": [], "rules": [], "routes": []}')
 
 
 class Lbshow(LabTest):
@@ -85,6 +89,36 @@ class Lbshow(LabTest):
                in self.lab.log.texts())
         os.rmdir(dump)
         expect(lambda: os.path.isfile(dump) and os.path.getsize(dump) == 2 * 4312)
+
+
+class ManyWriters(LabTest):
+    """Three namespaces with an uplink each, both families on it, all writing the same files."""
+
+    NAMESPACES = ("", "blue", "red")
+
+    def test_every_reading_is_whole_while_three_namespaces_and_both_families_write(self):
+        conf = Conf()
+        for i, name in enumerate(self.NAMESPACES, 1):
+            space = self.lab.namespace(name) if name else self.lab.router
+            self.lab.uplink(f"gi1_{i}", ROUTER + "/24", GATEWAY, address6=ROUTER6 + "/64",
+                            gateway6=GATEWAY6, namespace=space, known=True)
+            conf.interface(f"gi1_{i}", nexthop=GATEWAY, probes=[ping(None, 900)], namespace=name)
+            conf.interface(f"gi1_{i}", nexthop=GATEWAY6, source=ROUTER6, namespace=name,
+                           probes=[ping(None, 900)], ipv6=True)
+            conf.rule(f"{i}_ipv4", {f"gi1_{i}": 1}, {PREFIX: None}, namespace=name, failover=True)
+            conf.rule(f"{i}_ipv6", interfaces6={f"gi1_{i}": 1}, targets={"2001:db8::/32": None},
+                      namespace=name, failover=True)
+        self.lab.start(conf)
+        expect(lambda: [one["active"] for one in state()["interfaces"]] == [True] * 6)
+        expect(lambda: [one["nexthop"] for one in state()["routes"]] == [GATEWAY, GATEWAY6] * 3)
+        for _ in range(60):
+            done = lbshow("--json")
+            self.assertEqual(done.stderr, "")
+            shown = json.loads(done.stdout)
+            self.assertEqual([one["active"] for one in shown["interfaces"]], [True] * 6)
+            # What one family's worker chose is not wiped by the other's run.
+            self.assertEqual([one["nexthop"] for one in shown["routes"]], [GATEWAY, GATEWAY6] * 3)
+        self.assertEqual([text for text in self.lab.log.errors() if "wan_lb:" in text], [])
 
 
 class CommandLine(LabTest):

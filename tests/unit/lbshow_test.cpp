@@ -138,6 +138,21 @@ TEST(Dumps, foreign_files_are_refused) {
     EXPECT_NE(lbshow::read_interfaces(counted, 4, false).problem, "");
 }
 
+TEST(Ages, of_zero_seconds_are_now_for_the_present_state_and_never_for_the_other) {
+    Dump dump = outbound();
+    std::fill(dump.begin() + 4289, dump.begin() + 4297, std::uint8_t{0});
+    const auto active = lbshow::read_interfaces(dump, 4, false).items.at(0);
+    EXPECT_EQ(active.since_success_s, 0);
+    EXPECT_EQ(active.since_failure_s, std::nullopt);
+    dump[4311] = 0;
+    const auto failed = lbshow::read_interfaces(dump, 4, false).items.at(0);
+    EXPECT_EQ(failed.since_success_s, std::nullopt);
+    EXPECT_EQ(failed.since_failure_s, 0);
+    dump[188 + 54] = 0;  // neither probe has a result yet
+    dump[270 + 54] = 0;
+    EXPECT_EQ(lbshow::read_interfaces(dump, 4, false).items.at(0).since_failure_s, std::nullopt);
+}
+
 TEST(Tables, are_aligned) {
     EXPECT_EQ(
         lbshow::tables(state(), {}, false),

@@ -38,9 +38,11 @@ int family_of(std::uint8_t is_ipv6) {
     return is_ipv6 == 1 ? 6 : 4;
 }
 
-std::optional<int> age_of(const record::Number& seconds, bool is_swapped) {
+/// An age of 0 stands for "just now" as well as for "never"; the caller knows whether there was
+/// one.
+std::optional<int> age_of(const record::Number& seconds, bool is_swapped, bool there_was_one) {
     const int age = seconds.read(is_swapped);
-    return age == 0 ? std::nullopt : std::make_optional(age);
+    return age == 0 && !there_was_one ? std::nullopt : std::make_optional(age);
 }
 
 bool is_sound(const record::Outbound& entry) {
@@ -100,13 +102,16 @@ Interface interface_of(const record::Outbound& entry, int family, bool is_swappe
                         : entry.is_tunnel == 1 ? "tunnel"
                                                : "configured";
     made.source_address = text_of(entry.source_address);
-    made.since_success_s = age_of(entry.since_success_s, is_swapped);
-    made.since_failure_s = age_of(entry.since_failure_s, is_swapped);
     made.success_ct = entry.success_ct.read(is_swapped);
     made.failure_ct = entry.failure_ct.read(is_swapped);
     for (std::size_t i = 0; i < entry.probe_count; ++i) {
         made.probes.push_back(probe_of(entry.probes[i], is_swapped));
     }
+    const bool is_judged =
+        std::any_of(made.probes.begin(), made.probes.end(),
+                    [](const Probe& probe) { return probe.last_result != Result::none; });
+    made.since_success_s = age_of(entry.since_success_s, is_swapped, made.is_active);
+    made.since_failure_s = age_of(entry.since_failure_s, is_swapped, !made.is_active && is_judged);
     return made;
 }
 

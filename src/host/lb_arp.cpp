@@ -18,6 +18,7 @@
 #include "net/fd.h"
 #include "net/frame_builder.h"
 #include "net/interface.h"
+#include "net/resolve.h"
 #include "net/sockets.h"
 #include "platform/log.h"
 
@@ -37,26 +38,17 @@ arpreq table_query(in_addr address, const std::string& ifname) {
     return query;
 }
 
-struct ResolveFree {
-    void operator()(addrinfo* list) const { freeaddrinfo(list); }
-};
-
 /// The IPv4 address of a name, or nothing after logging why.
 std::optional<in_addr> resolve(const std::string& address) {
-    addrinfo hints{};
-    hints.ai_flags = AI_CANONNAME;
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* list = nullptr;
-    const int status = getaddrinfo(address.c_str(), nullptr, &hints, &list);
+    sockaddr_storage first{};
+    const int status = resolve_host(address, AF_INET, first);
     if (status != 0) {
         LOG_ERROR("<%s> getaddrinfo() failed: %s", "send_arp", gai_strerror(status));
         return std::nullopt;
     }
-    const std::unique_ptr<addrinfo, ResolveFree> owner(list);
-    sockaddr_in first;
-    std::memcpy(&first, list->ai_addr, sizeof first);
-    return first.sin_addr;
+    sockaddr_in found;
+    std::memcpy(&found, &first, sizeof found);
+    return found.sin_addr;
 }
 
 bool log_link_failure(const LinkAnswer& link) {

@@ -6,6 +6,8 @@
 #include <map>
 #include <memory>
 
+#include "net/address_monitor.h"
+
 namespace {
 
 struct FreeAddresses {
@@ -45,7 +47,7 @@ std::optional<Candidates> ask_candidates() {
     return candidates;
 }
 
-/// What the calling thread knows in this pass; a thread stays in one namespace.
+/// What the calling thread knows; a thread stays in one namespace.
 std::optional<Candidates>& known_candidates() {
     thread_local std::optional<Candidates> known;
     return known;
@@ -54,7 +56,10 @@ std::optional<Candidates>& known_candidates() {
 }  // namespace
 
 void forget_link_local_addresses() {
-    known_candidates().reset();
+    thread_local AddressMonitor monitor;
+    if (monitor.has_changed()) {
+        known_candidates().reset();
+    }
 }
 
 LinkLocalAnswer find_link_local_address(const std::string& ifname) {

@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "net/address_monitor.h"
 #include "net/interface.h"
 #include "platform/log.h"
 
@@ -38,7 +39,7 @@ std::optional<NamesByAddress> ask_addresses() {
     return names;
 }
 
-/// What the calling thread knows in this pass; a thread stays in one namespace.
+/// What the calling thread knows; a thread stays in one namespace.
 std::optional<NamesByAddress>& known_addresses() {
     thread_local std::optional<NamesByAddress> known;
     return known;
@@ -47,7 +48,10 @@ std::optional<NamesByAddress>& known_addresses() {
 }  // namespace
 
 void forget_interface_addresses() {
-    known_addresses().reset();
+    thread_local AddressMonitor monitor;
+    if (monitor.has_changed()) {
+        known_addresses().reset();
+    }
 }
 
 bool check_src_addr_on_interface(const std::string& ifname, const std::string& address) {

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <thread>
 
 #include "host/arp_receiver.h"
 #include "host/asked_addresses.h"
@@ -48,24 +49,44 @@ TEST(SourceAddress, of_the_loopback_is_found_by_a_prefix_of_its_name) {
     EXPECT_FALSE(check_src_addr_on_interface("lo", "192.0.2.77"));
 }
 
-TEST(SourceAddress, list_is_asked_once_in_a_pass) {
+/// Starts a pass after a change of addresses: one so large that its announcements were lost.
+void start_pass_after_a_change() {
+    const FailCall overrun(Call::recv, ENOBUFS, 1);
     forget_interface_addresses();
+}
+
+TEST(SourceAddress, list_is_asked_again_only_after_a_change) {
+    forget_interface_addresses();  // the first pass subscribes to the announcements
+    start_pass_after_a_change();
     const FailCall counted(Call::getifaddrs, 0, 99);
     check_src_addr_on_interface("lo", "127.0.0.1");
     check_src_addr_on_interface("lo", "127.0.0.2");
-    EXPECT_EQ(counted.calls(), 1);
     forget_interface_addresses();
+    check_src_addr_on_interface("lo", "127.0.0.1");
+    EXPECT_EQ(counted.calls(), 1);
+    start_pass_after_a_change();
     check_src_addr_on_interface("lo", "127.0.0.1");
     EXPECT_EQ(counted.calls(), 2);
 }
 
+TEST(SourceAddress, without_announcements_every_pass_asks) {
+    std::thread([] {
+        const FailCall no_subscription(Call::bind, EPERM, 0);
+        const FailCall counted(Call::getifaddrs, 0, 99);
+        for (int pass = 0; pass < 3; ++pass) {
+            forget_interface_addresses();
+            check_src_addr_on_interface("lo", "127.0.0.1");
+        }
+        EXPECT_EQ(counted.calls(), 3);
+    }).join();
+}
+
 TEST(SourceAddress, unreadable_list_is_reported) {
     const CapturedLog log;
-    forget_interface_addresses();
+    start_pass_after_a_change();
     const FailCall no_list(Call::getifaddrs, ENOMEM);
     EXPECT_FALSE(check_src_addr_on_interface("lo", "127.0.0.1"));
     EXPECT_EQ(log.lines(), errors({"getifaddrs failed"}));
-    forget_interface_addresses();
 }
 
 TEST(AskedAddresses, unknown_sender_leaves_an_empty_entry) {

@@ -229,11 +229,13 @@ TEST_F(Probes, unreadable_address_list_is_reported) {
     sockaddr_in6 address{};
     forget_link_local_addresses();
     EXPECT_EQ(probe.get_link_local_addr("no such", &address, ctx6), -2);
-    forget_link_local_addresses();
+    {
+        const faults::FailCall lost_announcements(faults::Call::recv, ENOBUFS, 1);
+        forget_link_local_addresses();
+    }
     const faults::FailCall no_list(faults::Call::getifaddrs, ENOMEM);
     EXPECT_EQ(probe.get_link_local_addr("lo", &address, ctx6), -1);
     EXPECT_EQ(log.lines(), (Lines{{4, err + "getifaddrs"}}));
-    forget_link_local_addresses();
 }
 
 TEST_F(Probes, link_local_address_that_cannot_be_printed_stops_the_probe) {

@@ -1,0 +1,238 @@
+"""The bench's network, and what is measured in it. Runs inside the lab tests' sandbox."""
+import json
+import os
+import pathlib
+import socket
+import statistics
+import struct
+import subprocess
+import sys
+import time
+
+BUILD = pathlib.Path(__file__).resolve().parent.parent / "build"
+WARM_UP_S = 6
+UNRELATED_PACKETS = 100_000
+
+
+def ip(*words, batch=None):
+    subprocess.run(["ip", *words, *(("-batch", "-") if batch else ())], check=True, text=True,
+                   input="\n".join(batch) if batch else None)
+
+
+def inside(namespace, *command, **options):
+    return subprocess.Popen(["ip", "netns", "exec", namespace, *command], **options)
+
+
+def address(uplink):
+    return f"10.{uplink // 250}.{uplink % 250}"
+
+
+def build_network(routers):
+    """Namespaces by name with their uplinks: a veth pair each to `far`; on the router's end one macvlan per
+    uplink, with an address and a known next hop."""
+    for name in ("far", *routers):
+        subprocess.run(["ip", "netns", "del", name], stderr=subprocess.DEVNULL, check=False)
+        ip("netns", "add", name)
+    for name, uplinks in routers.items():
+        ip("-n", name, "link", "add", "trunk", "type", "veth", "peer", "name", name, "netns", "far")
+        ip("-n", "far", "link", "set", name, "up")
+        listed = subprocess.check_output(["ip", "-n", "far", "-j", "link", "show", name])
+        mac = json.loads(listed)[0]["address"]
+        lines = ["link set lo up", "link set trunk up"]
+        for i in uplinks:
+            lines += [f"link add up{i} link trunk type macvlan mode private",
+                      f"addr add {address(i)}.2/24 dev up{i}", f"link set up{i} up",
+                      f"neigh add {address(i)}.1 lladdr {mac} dev up{i} nud permanent"]
+        lines += [f"route add 198.18.0.0/15 via {address(uplinks[0])}.1"]
+        ip("-n", name, batch=lines)
+
+
+class Responder:
+    """The far end of a router's uplinks, for the length of a with block."""
+
+    def __init__(self, router="router"):
+        self._process = inside("far", str(BUILD / "bench_responder"), router, stdout=subprocess.PIPE)
+        self._process.stdout.readline()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._process.kill()
+        self._process.wait()
+
+
+def target(uplink):
+    return f"198.18.{uplink // 250}.{uplink % 250 + 1}"
+
+
+def write_conf(routers, path="/run/lb.conf"):
+    """One probe for each uplink, one rule for each namespace; the first is the daemon's own."""
+    health, rules = [], []
+    for number, (name, uplinks) in enumerate(routers.items(), 1):
+        inside_namespace = [f"namespace {name}"] if number > 1 else []
+        rules += [f"rule {number}_ipv4 {{", *inside_namespace, "target {", "address 203.0.113.0/24", "}"]
+        for i in uplinks:
+            health += [f"interface up{i} {{", f"nexthop {address(i)}.1", "success-ct 1", "failure-ct 2",
+                       *inside_namespace, "rule 1 {", "type ping {", f"target {target(i)}", "resp-time 3000", "}",
+                       "}", "}"]
+            rules += [f"interface up{i} {{", "weight 1", "}"]
+        rules += ["}"]
+    pathlib.Path(path).write_text("\n".join(["health {", *health, "}", *rules]) + "\n", encoding="ascii")
+
+
+def cpu_s(pid):
+    """The kernel's count for all threads of a process."""
+    total = 0
+    for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
+        total += int((task / "schedstat").read_text().split()[0])
+    return total / 1e9
+
+
+def rss_mb(pid):
+    pages = int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[1])
+    return pages * os.sysconf("SC_PAGESIZE") / 1e6
+
+
+def probes_received():
+    listed = json.loads(subprocess.check_output(["ip", "-n", "far", "-j", "-s", "link", "show", "router"]))
+    return listed[0]["stats64"]["rx"]["packets"]
+
+
+def keep_alives():
+    path = "/run/notify"
+    if os.path.exists(path):
+        os.unlink(path)
+    manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    manager.bind(path)
+    return manager, path
+
+
+def cycle_work_ms(manager, seconds):
+    """The work of each cycle: what lies between two keep-alives beyond the second's sleep."""
+    end, moments = time.monotonic() + seconds, []
+    while (left := end - time.monotonic()) > 0:
+        manager.settimeout(left)
+        try:
+            if b"WATCHDOG=1" in manager.recv(512):
+                moments.append(time.monotonic())
+        except TimeoutError:
+            break
+    return [(later - earlier - 1) * 1000 for earlier, later in zip(moments, moments[1:])]
+
+
+class Daemon:
+    """The daemon on the router, warmed up, for the length of a with block."""
+
+    def __init__(self, warm_up_s=WARM_UP_S):
+        self.keep_alives, path = keep_alives()
+        os.makedirs("/run/load-balance", exist_ok=True)
+        self._process = inside("router", str(BUILD / "lb"), "-f", "/run/lb.conf",
+                               env={**os.environ, "NOTIFY_SOCKET": path})
+        self.pid = self._process.pid
+        cycle_work_ms(self.keep_alives, warm_up_s)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._process.kill()
+        self._process.wait()
+        self.keep_alives.close()
+
+
+def measure_daemon(seconds):
+    with Daemon() as daemon:
+        before, sent, began = cpu_s(daemon.pid), probes_received(), time.monotonic()
+        work_ms = cycle_work_ms(daemon.keep_alives, seconds)
+        used, probes = cpu_s(daemon.pid) - before, probes_received() - sent
+        return {"cpu_us_per_probe": used / probes * 1e6, "probes_per_s": probes / (time.monotonic() - began),
+                "cycle_ms": statistics.median(work_ms), "rss_mb": rss_mb(daemon.pid)}
+
+
+def measure_fping(uplinks, seconds):
+    fping = inside("router", "fping", "-q", "-l", "-p", "1000", "-i", "1", *(target(i) for i in range(uplinks)),
+                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        time.sleep(WARM_UP_S)
+        before, sent = cpu_s(fping.pid), probes_received()
+        time.sleep(seconds)
+        return {"cpu_us_per_probe": (cpu_s(fping.pid) - before) / (probes_received() - sent) * 1e6}
+    finally:
+        fping.kill()
+        fping.wait()
+
+
+
+
+def unrelated_frames(mac):
+    """UDP, TCP and a foreign echo reply, as they reach the router."""
+    def frame(protocol, payload):
+        header = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 20 + len(payload), 0, 0, 64, protocol, 0,
+                             socket.inet_aton("198.18.0.1"), socket.inet_aton(f"{address(0)}.2"))
+        return mac + b"\2\0\0\0\0\1" + b"\x08\x00" + header + payload
+    return [frame(17, struct.pack("!HHHH", 5001, 5001, 24, 0) + bytes(16)),
+            frame(6, struct.pack("!HHIIBBHHH", 80, 50000, 1, 1, 0x50, 16, 512, 0, 0)),
+            frame(1, struct.pack("!BBHHHI", 0, 0, 0, 77, 1, 0x66000000) + bytes(16))]
+
+
+def measure_unrelated(seconds):
+    """CPU that the daemon takes while 100,000 packets which are none of its business reach its namespace, less what
+    it takes without them in the same time."""
+    listed = subprocess.check_output(["ip", "-n", "router", "-j", "link", "show", "up0"])
+    mac = bytes.fromhex(json.loads(listed)[0]["address"].replace(":", ""))
+    frames = unrelated_frames(mac)
+    sender = "import socket,sys,time\n" \
+             "s=socket.socket(socket.AF_PACKET,socket.SOCK_RAW); s.bind(('router',0))\n" \
+             "f=[bytes.fromhex(h) for h in sys.argv[3:]]; n=int(sys.argv[1]); t=float(sys.argv[2])/n; b=time.monotonic()\n" \
+             "for i in range(n):\n" \
+             "  s.send(f[i%len(f)])\n" \
+             "  if i%100==0:\n" \
+             "    d=b+i*t-time.monotonic()\n" \
+             "    if d>0: time.sleep(d)\n"
+    with Daemon() as daemon:
+        before = cpu_s(daemon.pid)
+        time.sleep(seconds)
+        idle = cpu_s(daemon.pid) - before
+        before = cpu_s(daemon.pid)
+        began = time.monotonic()
+        inside("far", sys.executable, "-c", sender, str(UNRELATED_PACKETS), str(seconds * 0.9),
+               *(frame.hex() for frame in frames)).wait()
+        time.sleep(max(0.0, seconds - (time.monotonic() - began)))
+        return (cpu_s(daemon.pid) - before - idle) * 1000
+
+
+def measure_outage():
+    """Seconds from a silent far end to the fragment without its route (timeout 3 s, two failures in a row)."""
+    fragment = pathlib.Path("/usr/etc/routing-wlb.conf")
+    fragment.unlink(missing_ok=True)
+    with Responder() as responder, Daemon(warm_up_s=0):
+        while not fragment.exists() or "route " not in fragment.read_text(encoding="ascii"):
+            time.sleep(0.05)
+        time.sleep(3)
+        began = time.monotonic()
+        responder.__exit__()
+        while "route " in fragment.read_text(encoding="ascii"):
+            time.sleep(0.02)
+        return time.monotonic() - began
+
+
+def measure_loader(interfaces, rules):
+    """Seconds of `lb -t` for a configuration of this size, the shortest of five."""
+    text = ["health {"]
+    for i in range(interfaces):
+        text += [f"interface up{i} {{", "nexthop 192.0.2.1", "rule 1 {", "type ping {", f"target {target(i)}", "}",
+                 "}", "}"]
+    text += ["}"]
+    for number in range(1, rules + 1):
+        text += [f"rule {number}_ipv4 {{", "target {", f"address 10.{number // 250}.{number % 250}.0/24", "}"]
+        for j in range(10):
+            text += [f"interface up{(number * 10 + j) % interfaces} {{", "weight 1", "}"]
+        text += ["}"]
+    pathlib.Path("/run/large.conf").write_text("\n".join(text) + "\n", encoding="ascii")
+    times = []
+    for _ in range(5):
+        began = time.monotonic()
+        subprocess.run([str(BUILD / "lb"), "-t", "-f", "/run/large.conf"], check=True)
+        times.append(time.monotonic() - began)
+    return min(times)

@@ -14,12 +14,16 @@
 #include "net/sockets.h"
 #include "platform/clock.h"
 #include "platform/log.h"
+#include "platform/watchdog.h"
 #include "probe/echo_waiter.h"
 #include "probe/frame_path.h"
 #include "probe/probe_steps.h"
 #include "probe/tunnel_path.h"
 
 namespace {
+
+/// A run may take many times a cycle; its worker is at work all the same.
+constexpr int progress_every_ms = 1000;
 
 bool goes_through_tunnel(const std::string& ifname) {
     return ifname.find("ip4ip4") != std::string::npos || ifname.find("gre") != std::string::npos;
@@ -61,6 +65,7 @@ int run_echoes(LBTestPING& test, LBHealth& health, context* ctx, const std::stri
     const int reply_socket = LBTest::_recv_icmp_sock.get(test.ns_name);
     ReplyMailbox mailbox(test.ns_name);
     pass_on_waiting_replies(reply_socket);
+    timespec reported = monotonic_now();
     PingRun run;
     while (run.sent < test.count) {
         expected.sequence = static_cast<std::uint16_t>(run.sent);
@@ -71,6 +76,10 @@ int run_echoes(LBTestPING& test, LBHealth& health, context* ctx, const std::stri
         }
         ++run.sent;
         const EchoAnswer answer = await_echo(reply_socket, expected, mailbox, wait);
+        if (elapsed_ms(reported, monotonic_now()) >= progress_every_ms) {
+            report_progress();
+            reported = monotonic_now();
+        }
         if (answer.is_in_time) {
             run.answered(wait_ms - EchoWait::whole_ms(answer.remaining_us));
         } else if (run.sent == 1) {

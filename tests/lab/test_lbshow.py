@@ -63,6 +63,15 @@ class Lbshow(LabTest):
         expect(lambda: 'lb_interface_active{interface="gi1_2",family="ipv4",namespace=""} 1\n'
                in lbshow("--metrics").stdout)
 
+    def test_watch_shows_again_and_again(self):
+        self.start()
+        with subprocess.Popen([LBSHOW, "--watch", "0.2"], stdout=subprocess.PIPE, text=True) as watch:
+            heads = 0
+            while heads < 3:
+                heads += watch.stdout.readline().startswith("INTERFACE  FAMILY")
+            watch.kill()
+        self.assertEqual(heads, 3)
+
     def test_report_for_people_tells_status_and_target(self):
         self.start()
         path = os.path.join(OUTPUT_DIRECTORY, "wlb_ipv4.out")

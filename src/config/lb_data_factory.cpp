@@ -84,6 +84,9 @@ bool LBDataFactory::load(const std::string& path) {
     BlockStack blocks;
     std::array<char, line_buffer_size> buffer;
     while (fgets(buffer.data(), static_cast<int>(buffer.size()), file.get()) != nullptr) {
+        if (observer != nullptr) {
+            observer->line(buffer.data());
+        }
         const std::string line = without_comment(buffer.data());
         const StrProc words(line, " ");
         if (words.tokens.empty()) {
@@ -91,6 +94,9 @@ bool LBDataFactory::load(const std::string& path) {
         }
         const Statement statement = read_words(words.tokens, line, blocks);
         process(blocks.keywords, blocks.depth, statement.key, statement.value);
+        if (observer != nullptr) {
+            observer->statement(blocks.depth, statement.key, statement.value, handled_);
+        }
         if (!blocks.is_inside()) {
             LOG_WARNING("Malformed configuration file: brackets");
             return false;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "config/lb_data.h"
+#include "config/load_observer.h"
 
 /// Loads the configuration file: lines of words, blocks in curly brackets, "#" comments.
 ///
@@ -62,10 +63,14 @@ class LBDataFactory {
     std::optional<std::map<int, LBTest6*>::iterator> cur_test6;
     std::optional<std::map<std::string, int>::iterator> cur_target;
 
+    LoadObserver* observer = nullptr;  ///< not owned; none in the daemon
+
   private:
     void process_health_line(int depth, const std::string& key, const std::string& value);
     void process_health_probe(const std::string& key, const std::string& value);
     void process_rule_line(const std::vector<std::string>& stack, int depth, const std::string& key,
                            const std::string& value);
     void add_default_probes();
+
+    Handled handled_ = Handled::ignored;  // what became of the statement being processed
 };

@@ -25,6 +25,7 @@ bool is_interface_keyword(const std::string& key) {
 
 void LBDataFactory::process(const std::vector<std::string>& stack, int depth,
                             const std::string& key, const std::string& value) {
+    handled_ = Handled::ignored;
     if (stack[0] == "health") {
         process_health_line(depth, key, value);
     } else if (stack[0] == "rule") {
@@ -50,7 +51,9 @@ void LBDataFactory::process_health(const std::string& /*key*/, const std::string
     if (value.empty()) {
         return;
     }
-    cur_health = data.family(ipv6).try_emplace(value, value, ipv6).first;
+    const auto [entry, is_new] = data.family(ipv6).try_emplace(value, value, ipv6);
+    handled_ = is_new ? Handled::acted : Handled::kept;
+    cur_health = entry;
     cur_test.reset();
     cur_test6.reset();
 }
@@ -60,8 +63,10 @@ void LBDataFactory::process_health_interface(const std::string& key, const std::
         return;
     }
     LBHealth& health = (*cur_health)->second;
+    handled_ = Handled::acted;
     if (key == "success-ct") {
         if (number(value) <= 0) {
+            handled_ = Handled::refused;
             LOG_ERROR("wan_lb: illegal success-ct specified in configuration file: %s",
                       value.c_str());
             return;
@@ -69,6 +74,7 @@ void LBDataFactory::process_health_interface(const std::string& key, const std::
         health.success_ct = number(value);
     } else if (key == "failure-ct") {
         if (number(value) <= 0) {
+            handled_ = Handled::refused;
             LOG_ERROR("wan_lb: illegal failure-ct specified in configuration file: %s",
                       value.c_str());
             return;
@@ -83,14 +89,17 @@ void LBDataFactory::process_health_interface(const std::string& key, const std::
     } else if (key == "namespace") {
         health.namespace_name = value;
         namespaces.insert(value);
+    } else {
+        handled_ = Handled::ignored;
     }
 }
 
 // Every line at this depth sets the number: the closing bracket of a type block sets it to 0, so a
 // second type block in one rule gets a number of its own.
-void LBDataFactory::process_health_interface_rule(const std::string& /*key*/,
+void LBDataFactory::process_health_interface_rule(const std::string& key,
                                                   const std::string& value) {
     cur_test_no = number(value);
+    handled_ = key == "rule" || key.empty() ? Handled::acted : Handled::ignored;
 }
 
 void LBDataFactory::process_health_probe(const std::string& key, const std::string& value) {
@@ -108,6 +117,7 @@ void LBDataFactory::process_health_probe(const std::string& key, const std::stri
     };
     const auto handler = handlers.find(key);
     if (handler != handlers.end() && cur_health) {
+        handled_ = Handled::acted;
         (this->*handler->second)(key, value);
     }
 }
@@ -116,9 +126,11 @@ namespace {
 
 /// Stores the probe under the number unless that is taken; gives the probe that has it, if any.
 template <class Probe>
-auto keep_first(std::map<int, Probe*>& probes, int test_no, Probe* probe) {
+auto keep_first(std::map<int, Probe*>& probes, int test_no, Probe* probe, Handled& handled) {
+    handled = probe == nullptr ? Handled::ignored : Handled::acted;
     if (probe != nullptr && !probes.try_emplace(test_no, probe).second) {
         discard_probe(probe);
+        handled = Handled::dropped;
     }
     const auto found = probes.find(test_no);
     return found == probes.end() ? std::nullopt : std::make_optional(found);
@@ -130,11 +142,12 @@ void LBDataFactory::process_health_interface_rule_type(const std::string& /*key*
                                                        const std::string& value) {
     LBHealth& health = (*cur_health)->second;
     if (!health.ipv6) {
-        cur_test = keep_first(health.tests, cur_test_no, make_probe(value));
+        cur_test = keep_first(health.tests, cur_test_no, make_probe(value), handled_);
         return;
     }
+    handled_ = Handled::ignored;
     if (LBTest6* probe = make_probe6(value); probe != nullptr) {
-        cur_test6 = keep_first(health.tests6, cur_test_no, probe);
+        cur_test6 = keep_first(health.tests6, cur_test_no, probe, handled_);
     }
 }
 
@@ -143,6 +156,7 @@ void LBDataFactory::process_health_interface_rule_type_target(const std::string&
     LBHealth& health = (*cur_health)->second;
     const bool has_probe = health.ipv6 ? cur_test6.has_value() : cur_test.has_value();
     if (!has_probe || value.empty()) {
+        handled_ = Handled::ignored;
         return;
     }
     if (health.ipv6) {
@@ -226,10 +240,13 @@ void LBDataFactory::process_rule(const std::string& key, const std::string& valu
         return;
     }
     if (number(value) < 1) {
+        handled_ = Handled::refused;
         LOG_WARNING("Illegal rule number: %s", value.c_str());
         return;
     }
-    cur_rule = data.rules.try_emplace(value).first;
+    const auto [entry, is_new] = data.rules.try_emplace(value);
+    handled_ = is_new ? Handled::acted : Handled::kept;
+    cur_rule = entry;
     cur_rule_if.reset();
     cur_target.reset();
 }
@@ -241,17 +258,20 @@ void LBDataFactory::process_rule_interface(const std::string& key, const std::st
     if (is_interface_keyword(key)) {
         auto& members = (*cur_rule)->second.interfaces;
         cur_rule_if = members.try_emplace({value, key == "interface6"}, 0).first;
+        handled_ = Handled::acted;
         return;
     }
     if (key != "weight" || !cur_rule_if) {
         return;
     }
     if (number(value) < 1) {
+        handled_ = Handled::refused;
         LOG_ERROR("wan_lb: illegal interface weight specified in configuration file: %s",
                   value.c_str());
         return;
     }
     (*cur_rule_if)->second = number(value);
+    handled_ = Handled::acted;
 }
 
 void LBDataFactory::process_rule_target(const std::string& key, const std::string& value) {
@@ -260,8 +280,10 @@ void LBDataFactory::process_rule_target(const std::string& key, const std::strin
     }
     if (key == "address") {
         cur_target = (*cur_rule)->second.targets.try_emplace(value, -1).first;
+        handled_ = Handled::acted;
     } else if (key == "metric" && cur_target) {
         (*cur_target)->second = number(value);
+        handled_ = Handled::acted;
     }
 }
 
@@ -273,11 +295,13 @@ void LBDataFactory::process_rule_namespace(const std::string& key, const std::st
     }
     (*cur_rule)->second.namespace_name = value;
     namespaces.insert(value);
+    handled_ = Handled::acted;
 }
 
 void LBDataFactory::process_rule_failover(const std::string& /*key*/,
                                           const std::string& /*value*/) {
     if (cur_rule) {
         (*cur_rule)->second.failover = 1;
+        handled_ = Handled::acted;
     }
 }

@@ -23,9 +23,18 @@ def shown():
     return json.loads(done.stdout)["interfaces"] if done.returncode == 0 else []
 
 
+def collected():
+    """The result of the first probe's latest run, once one is published."""
+    def result():
+        results = [probe["last_result"] for one in shown() for probe in one["probes"]]
+        return results and results[0] != "none" and results[0]
+    return expect(result)
+
+
 def figures():
-    """The measurements of the first probe: loss, mean, jitter."""
-    quality = shown()[0]["probes"][0]["quality"]
+    """The measurements of the first probe's latest run: loss, mean, jitter."""
+    collected()
+    quality = expect(shown)[0]["probes"][0]["quality"]
     return quality["loss_percent"], quality["rtt_ms"], quality["jitter_ms"]
 
 
@@ -37,11 +46,6 @@ class Pinging(LabTest):
 
     def start(self, **limits):
         return self.lab.start(one_uplink(probes=[ping_ext(TARGET, **{**LOOSE, **limits})]))
-
-    def collected(self):
-        """The result of the first run, once there is one."""
-        expect(lambda: shown() and shown()[0]["probes"][0]["last_result"] != "none")
-        return shown()[0]["probes"][0]["last_result"]
 
 
 class Frames(Pinging):
@@ -81,7 +85,7 @@ class Figures(Pinging):
     def test_one_of_ten_lost_counts_with_its_whole_wait(self):
         self.attach(policy.scripted([True] * 4 + [False], policy.delayed(0.005)))
         self.start(count=10)
-        self.assertEqual(self.collected(), "timed_out")
+        self.assertEqual(collected(), "timed_out")
         loss, mean_ms, jitter_ms = figures()
         self.assertEqual(loss, 10)
         self.assertGreaterEqual(mean_ms, 104)
@@ -97,21 +101,21 @@ class Figures(Pinging):
     def test_slow_answers_fail_by_their_mean(self):
         self.attach(policy.delayed(0.08))
         self.start(count=3, rtt=60)
-        self.assertEqual(self.collected(), "timed_out")
+        self.assertEqual(collected(), "timed_out")
         self.assertEqual(figures()[0], 0)
         self.assertGreaterEqual(figures()[1], 80)
 
     def test_one_slow_answer_fails_by_jitter(self):
         self.attach(lambda request, number: [(0.4 if number == 2 else 0.0, request.reply())])
         self.start(count=4, rtt=900, jitter=150)
-        self.assertEqual(self.collected(), "timed_out")
+        self.assertEqual(collected(), "timed_out")
         self.assertEqual(figures()[0], 0)
         self.assertGreaterEqual(figures()[2], 150)
 
     def test_loss_limit_of_zero_fails_every_run(self):
         self.attach()
         self.start(count=2, loss=0)
-        self.assertEqual(self.collected(), "timed_out")
+        self.assertEqual(collected(), "timed_out")
         self.assertEqual(figures()[0], 0)
 
     def test_tolerated_loss_is_a_success(self):
@@ -123,7 +127,7 @@ class Figures(Pinging):
     def test_count_of_zero_fails_without_an_echo(self):
         peer = self.attach()
         self.start(count=0)
-        self.assertEqual(self.collected(), "timed_out")
+        self.assertEqual(collected(), "timed_out")
         self.assertEqual(peer.echo_requests(), [])
 
 
@@ -131,7 +135,7 @@ class Answers(Pinging):
     def assert_first_echo_lost(self, echo):
         peer = self.attach(echo)
         self.start(count=5, timeout=400)
-        self.assertEqual(self.collected(), "timed_out")
+        self.assertEqual(collected(), "timed_out")
         self.assertEqual(len(peer.echo_requests()), 1)
         self.assertEqual(figures(), (0, 0, 0))
 
@@ -160,7 +164,7 @@ class Answers(Pinging):
     def test_late_answer_to_an_earlier_echo_does_not_count(self):
         peer = self.attach(lambda request, number: [(0.6 if number == 2 else 0.0, request.reply())])
         self.start(count=3, timeout=400)
-        self.assertEqual(self.collected(), "timed_out")
+        self.assertEqual(collected(), "timed_out")
         self.assertEqual(len(peer.echo_requests()), 3)
         self.assertEqual(figures()[0], 33)
 
@@ -187,8 +191,8 @@ class Runs(Pinging):
         text = warning("Address '192.0.2.77' not present on any interface")
         expect(lambda: self.lab.log.count(text) >= 2)
         self.assertEqual(peer.echo_requests(), [])
-        self.assertEqual(shown()[0]["probes"][0]["last_result"], "none")
-        self.assertEqual(shown()[0]["probes"][0]["failure_run"], 0)
+        probe = expect(shown)[0]["probes"][0]
+        self.assertEqual((probe["last_result"], probe["failure_run"]), ("none", 0))
 
     def test_tunnel_wait_of_whole_seconds_works(self):
         self.lab.uplink("gre_1", ROUTER, GATEWAY, point_to_point=GATEWAY)
@@ -201,7 +205,7 @@ class Runs(Pinging):
                                                             period=0, **LOOSE)]))
         expect(lambda: len(peer.echo_requests()) >= 3)
         self.assertEqual({echo.sequence for echo in peer.echo_requests()}, {0})
-        self.assertEqual(self.collected(), "timed_out")
+        self.assertEqual(collected(), "timed_out")
 
     def test_missing_tunnel_is_a_warning(self):
         self.lab.start(one_uplink("gre_1", probes=[ping_ext(GATEWAY, **LOOSE)]))

@@ -39,6 +39,8 @@ long set_whole_area(Ptrace next, pid_t pid, void* regset, const iovec& known) {
 
 }  // namespace
 
+// The type of the first parameter is the C library's; clang warns of it before `...`.
+#pragma GCC diagnostic ignored "-Wvarargs"
 extern "C" long ptrace(__ptrace_request request, ...) noexcept {
     static const auto next = reinterpret_cast<Ptrace>(dlsym(RTLD_NEXT, "ptrace"));
     va_list arguments;

@@ -65,7 +65,9 @@ NetlinkAnswer read_error(std::span<const std::uint8_t> message) {
     if (error == 0) {
         return NetlinkAnswer::acknowledged;
     }
-    LOG_ERROR("RTNETLINK answers: %s\n", strerror(-error));
+    // Negated without a sign: the most negative number has no positive counterpart.
+    const int reason = static_cast<int>(0U - static_cast<unsigned>(error));
+    LOG_ERROR("RTNETLINK answers: %s\n", strerror(reason));
     return NetlinkAnswer::refused;
 }
 

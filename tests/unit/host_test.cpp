@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <thread>
 
 #include "host/arp_receiver.h"
@@ -528,6 +529,17 @@ TEST(NetlinkAnswers, error_of_the_kernel_is_reported) {
     neighbours_in(refused.done(NLMSG_ERROR), answer);
     EXPECT_EQ(answer, NetlinkAnswer::refused);
     EXPECT_EQ(log.lines(), errors({"RTNETLINK answers: Operation not permitted\n"}));
+}
+
+TEST(NetlinkAnswers, error_without_a_positive_counterpart_is_reported_as_any_other) {
+    const CapturedLog log;
+    Answer refused;
+    const int error = std::numeric_limits<int>::min();
+    std::memcpy(refused.bytes.data() + 16, &error, sizeof error);
+    NetlinkAnswer answer{};
+    neighbours_in(refused.done(NLMSG_ERROR), answer);
+    EXPECT_EQ(answer, NetlinkAnswer::refused);
+    EXPECT_EQ(log.lines().size(), 1U);
 }
 
 TEST(NetlinkAnswers, lengths_that_do_not_fit_end_the_walk) {

@@ -20,10 +20,12 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <type_traits>
 
 namespace {
 
 using faults::Call;
+using faults::StandIns;
 
 /// No lock guards these: locks are among the calls that fail.
 struct Fault {
@@ -46,6 +48,16 @@ std::array<Fault, static_cast<std::size_t>(Call::count)> all_faults;
 
 Fault& fault_of(Call call) {
     return all_faults[static_cast<std::size_t>(call)];
+}
+
+constexpr faults::StandIns all_real;
+std::atomic<const faults::StandIns*> stand_ins{&all_real};
+
+/// Who answers a call: the test's function where there is one.
+template <class Function>
+Function* answering(Function* faults::StandIns::*stand_in, std::type_identity_t<Function>* real) {
+    Function* const given = stand_ins.load()->*stand_in;
+    return given == nullptr ? real : given;
 }
 
 /// How a function says that it failed. All but the last set errno as well.
@@ -109,7 +121,7 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     va_start(arguments, request);
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
-    return through<Call::ioctl>(__real_ioctl, fd, request, argument);
+    return through<Call::ioctl>(answering(&StandIns::ioctl, __real_ioctl), fd, request, argument);
 }
 
 decltype(sendto) __real_sendto;
@@ -204,17 +216,19 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
 
 decltype(popen) __real_popen;
 FILE* __wrap_popen(const char* command, const char* mode) {
-    return through<Call::popen, Failure::nothing>(__real_popen, command, mode);
+    return through<Call::popen, Failure::nothing>(answering(&StandIns::popen, __real_popen),
+                                                  command, mode);
 }
 
 decltype(kill) __real_kill;
 int __wrap_kill(pid_t process, int signal) {
-    return through<Call::kill>(__real_kill, process, signal);
+    return through<Call::kill>(answering(&StandIns::kill, __real_kill), process, signal);
 }
 
 decltype(fopen) __real_fopen;
 FILE* __wrap_fopen(const char* path, const char* mode) {
-    return through<Call::fopen, Failure::nothing>(__real_fopen, path, mode);
+    return through<Call::fopen, Failure::nothing>(answering(&StandIns::fopen, __real_fopen), path,
+                                                  mode);
 }
 
 decltype(fwrite) __real_fwrite;
@@ -301,3 +315,23 @@ pid_t __wrap_fork() {
 }
 
 }  // extern "C"
+
+namespace faults {
+
+void set_stand_ins(const StandIns& given) {
+    stand_ins = &given;
+}
+
+void reset_stand_ins() {
+    stand_ins = &all_real;
+}
+
+FILE* real_fopen(const char* path, const char* mode) {
+    return __real_fopen(path, mode);
+}
+
+FILE* real_popen(const char* command, const char* mode) {
+    return __real_popen(command, mode);
+}
+
+}  // namespace faults

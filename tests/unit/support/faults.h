@@ -1,5 +1,7 @@
 #pragma once
 
+#include <ifaddrs.h>
+
 #include <cstddef>
 
 /// Failures on demand for the system calls and library functions that the daemon makes.
@@ -66,6 +68,15 @@ class FailCall {
 
   private:
     Call call_;
+};
+
+/// While it lives, getifaddrs(3) gives this list, which stays the caller's. One at a time.
+class GivenAddresses {
+  public:
+    explicit GivenAddresses(ifaddrs* list);
+    ~GivenAddresses();
+    GivenAddresses(const GivenAddresses&) = delete;
+    GivenAddresses& operator=(const GivenAddresses&) = delete;
 };
 
 }  // namespace faults

@@ -45,6 +45,7 @@ struct Fault {
 };
 
 std::array<Fault, static_cast<std::size_t>(Call::count)> all_faults;
+std::atomic<ifaddrs*> given_addresses{nullptr};
 
 Fault& fault_of(Call call) {
     return all_faults[static_cast<std::size_t>(call)];
@@ -100,6 +101,14 @@ FailCall::~FailCall() {
 
 int FailCall::calls() const {
     return fault_of(call_).calls;
+}
+
+GivenAddresses::GivenAddresses(ifaddrs* list) {
+    given_addresses = list;
+}
+
+GivenAddresses::~GivenAddresses() {
+    given_addresses = nullptr;
 }
 
 }  // namespace faults
@@ -175,7 +184,18 @@ int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_
 
 decltype(getifaddrs) __real_getifaddrs;
 int __wrap_getifaddrs(ifaddrs** list) {
+    if (given_addresses != nullptr) {
+        *list = given_addresses;
+        return 0;
+    }
     return through<Call::getifaddrs>(__real_getifaddrs, list);
+}
+
+decltype(freeifaddrs) __real_freeifaddrs;
+void __wrap_freeifaddrs(ifaddrs* list) {
+    if (list != given_addresses) {
+        __real_freeifaddrs(list);
+    }
 }
 
 decltype(pthread_create) __real_pthread_create;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ifaddrs.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -86,6 +87,15 @@ class FailCall {
 
   private:
     Call call_;
+};
+
+/// While it lives, getifaddrs(3) gives this list, which stays the caller's. One at a time.
+class GivenAddresses {
+  public:
+    explicit GivenAddresses(ifaddrs* list);
+    ~GivenAddresses();
+    GivenAddresses(const GivenAddresses&) = delete;
+    GivenAddresses& operator=(const GivenAddresses&) = delete;
 };
 
 }  // namespace faults

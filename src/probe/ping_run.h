@@ -24,7 +24,7 @@ struct PingRun {
     }
 
     int loss_percent() const {
-        return 100 - static_cast<int>(std::lround(received * 100.0 / sent));
+        return 100 - static_cast<int>(std::lround(static_cast<double>(received) / sent * 100.0));
     }
     /// `count` is the configured one, above 0.
     int mean_ms(int count) const { return static_cast<int>(total_ms / count); }

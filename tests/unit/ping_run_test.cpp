@@ -45,6 +45,11 @@ TEST(PingRun, loss_is_rounded_to_the_nearest_percent) {
     EXPECT_EQ(run_of(199, 1, 1, 1).loss_percent(), 0);  // 99.5 rounds up to 100
 }
 
+TEST(PingRun, loss_is_rounded_from_the_share_of_answers) {
+    // 23 / 40 is a little below 0.575 in binary, so its 57.5 percent round down.
+    EXPECT_EQ(run_of(23, 1, 17, 1).loss_percent(), 43);
+}
+
 TEST(PingRun, mean_is_cut_to_whole_milliseconds) {
     EXPECT_EQ(run_of(1, 7, 0, 1).mean_ms(2), 3);
 }

@@ -5,7 +5,7 @@
 """
 from kit import Conf, LabTest, expect, main, ping, ping_ext
 from kit import echo_policies as policy
-from ping_scene import FAILURE, LOOSE, NOT_YET, Pinging, after_a_run, dumped
+from ping_scene import FAILURE, LOOSE, NOT_YET, SUCCESS, Pinging, after_a_run, dumped
 from scenes import ACTIVE, GATEWAY, PREFIX, ROUTER, TARGET, changed, one_uplink, warning
 
 
@@ -90,6 +90,18 @@ class Figures(Pinging):
         expect(lambda: ACTIVE in self.lab.log.texts())
         self.assertEqual(figures()[0], 25)
 
+    def test_limit_of_the_loss_that_is_reached_fails_the_run(self):
+        self.attach(policy.scripted([True, False]))
+        self.start(count=4, loss=25, timeout=500)
+        self.assertEqual(after_a_run(FAILURE).figures[0], 25)
+
+    def test_losses_of_a_pattern_are_all_counted_with_their_wait(self):
+        self.attach(policy.scripted([True, False, True, True, False, False, True, False]))
+        self.start(count=8, loss=60, timeout=400)
+        self.assertEqual(after_a_run(SUCCESS).figures[0], 50)
+        self.assertGreaterEqual(figures()[1], 200)
+        self.assertEqual(figures()[1] + figures()[2], 400)
+
     def test_count_of_zero_fails_without_an_echo(self):
         peer = self.attach()
         self.start(count=0)
@@ -133,6 +145,35 @@ class Answers(Pinging):
         after_a_run(FAILURE)
         self.assertEqual(len(peer.echo_requests()), 3)
         self.assertEqual(figures()[0], 33)
+
+    def test_answers_that_change_places_lose_the_overtaken_echo(self):
+        held = []
+
+        def swap(request, number):
+            if number == 2:
+                held.append(request.reply())
+                return []
+            late = [(0.0, held.pop())] if held else []
+            return late + [(0.1 * len(late), request.reply())]
+        self.attach(swap)
+        self.start(count=4, timeout=600, loss=26)
+        loss, mean_ms, _ = after_a_run(SUCCESS).figures
+        self.assertEqual(loss, 25)
+        self.assertGreaterEqual(mean_ms, (600 + 100) // 4)  # the third waited for its own answer
+
+    def test_answer_with_ip_options_is_misread(self):
+        self.assert_first_echo_lost(policy.lying(ip_options=b"\x01\x01\x01\x00"))
+
+    def test_answer_without_a_payload_is_refused(self):
+        self.assert_first_echo_lost(policy.lying(payload=b""))
+
+    def test_answer_is_found_among_those_of_strangers(self):
+        def crowd(request, _number):
+            stranger = request.reply(payload=b"\0\0\x12\x34")
+            return [(0.0, stranger)] * 300 + [(0.0, request.reply())]
+        self.attach(crowd)
+        self.start(count=5)
+        self.assertEqual(after_a_run(SUCCESS).figures[0], 0)
 
     def test_duplicated_answers_count_once(self):
         self.attach(policy.duplicated(3))

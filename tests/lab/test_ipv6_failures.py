@@ -9,7 +9,7 @@ import errno
 from kit import expect, main, packets
 from kit.system_log import DEBUG
 from scenes import error
-from scenes6 import (ACTIVE6, FAR_MAC, GATEWAY6, INACTIVE6, NEAR_MAC, Ipv6Test, attach_two6,
+from scenes6 import (ACTIVE6, FAR_MAC, GATEWAY6, INACTIVE6, NEAR_MAC, ROUTER6, Ipv6Test, attach_two6,
                      changed6, one_uplink6, two_uplinks6)
 
 ACTIVE6_2 = changed6("active", "gigabitethernet 1/0/2")
@@ -74,6 +74,8 @@ class Entries(Ipv6Test):
         self.lab.start(one_uplink6())
         expect(self.logged(error("RTNETLINK answers: Invalid argument")))
         self.lab.router.ip("link set gi1_1 mtu 1500")
+        self.lab.router.sysctl("ipv6/conf/gi1_1/disable_ipv6", "0")
+        self.lab.router.ip(f"address add {ROUTER6}/64 dev gi1_1 nodad")
         expect(lambda: FAR_MAC in self.entry())
 
     def test_answer_for_an_interface_that_is_gone_is_reported(self):

@@ -68,28 +68,30 @@ class RealRoutingDaemon(LabTest):
 
 @unittest.skipUnless(bird_binary(ipv6=True), "no bird6: set LB_BIRD or run scripts/deps")
 class RealRoutingDaemon6(LabTest):
+    """This routing daemon adds the hops of an IPv6 route one by one and leaves their weights out."""
+
     def setUp(self):
         super().setUp()
         self.one, self.two = attach_two6(self.lab)
         self.bird = self.lab.bird(ROUTER, ipv6=True)
         self.lab.start(two_uplinks6())
-        expect(lambda: self.next_hops() == {GATEWAY6: 1, GATEWAY6_2: 3})
+        expect(lambda: self.gateways() == {GATEWAY6, GATEWAY6_2})
 
-    def next_hops(self):
-        return next_hops(self.lab.router, "-6", PREFIX6)
+    def gateways(self):
+        return set(next_hops(self.lab.router, "-6", PREFIX6))
 
     def test_fragment_without_a_link_check_is_read_without_complaint(self):
         self.assertNotIn("error", self.bird.log().lower())
 
     def test_kernels_route_follows_an_outage_and_the_return(self):
         self.two.echo = policy.silence
-        expect(lambda: list(self.next_hops()) == [GATEWAY6])
+        expect(lambda: self.gateways() == {GATEWAY6})
         self.two.echo = policy.answer
-        expect(lambda: self.next_hops() == {GATEWAY6: 1, GATEWAY6_2: 3})
+        expect(lambda: self.gateways() == {GATEWAY6, GATEWAY6_2})
 
     def test_route_goes_when_all_uplinks_are_down(self):
         self.one.echo = self.two.echo = policy.silence
-        expect(lambda: self.next_hops() == {})
+        expect(lambda: self.gateways() == set())
 
 
 if __name__ == "__main__":

@@ -34,6 +34,15 @@ class KeepAlives:
         """When notifications with this word came."""
         return [time_s for time_s, words in self.seen() if word in words]
 
+    def cycles(self):
+        """How many cycles the slowest worker has ended."""
+        return len(self.times("WATCHDOG=1"))
+
+    def cycle_lengths_s(self, first=0):
+        """The slowest worker's cycles from the given one on."""
+        ends = self.times("WATCHDOG=1")[first:]
+        return [later - earlier for earlier, later in zip(ends, ends[1:])]
+
     def close(self):
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as end:
             end.sendto(b"", self._path)

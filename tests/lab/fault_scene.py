@@ -7,7 +7,6 @@
 Faults happen to the first. The second is never in doubt, and the cycles keep their pace.
 """
 import socket
-import statistics
 
 import golden
 from kit import Conf, LabTest, expect, ping
@@ -110,13 +109,6 @@ class FaultTest(LabTest):
             frame = expect(lambda t=target, b=before: self.peer.echo_frames(t)[b:], within=30)[0]
             self.assertEqual(frame.data.hex(), layout(self.near, self.far, identifier,
                                                       frame.message.packet_id))
-
-    def assert_pace_kept(self, calm_cycles):
-        """The cycles since the given one are as long as those before it, no second longer."""
-        lengths_s = self.alive.cycle_lengths_s()
-        calm_s = statistics.median(lengths_s[:calm_cycles])
-        during_s = statistics.median(lengths_s[calm_cycles:])
-        self.assertLess(during_s, calm_s + 0.5)
 
     def count(self, *texts):
         """How often each of these lines was logged."""

@@ -57,7 +57,7 @@ class Interfaces(FaultTest):
             self.peer.link(state)
             time.sleep(0.1)  # the flapping itself
         self.expect_all_right()
-        self.assert_pace_kept(calm)
+        self.alive.assert_pace_kept(calm)
 
     def test_full_queue_costs_the_probes_that_it_swallows(self):
         self.lab.router.run("tc", "qdisc", "replace", "dev", "gi1_1", "root", "pfifo", "limit", "0")

@@ -66,7 +66,7 @@ class LateAnswers(FaultTest):
         self.expect_logged(ACTIVE, ACTIVE6)
         self.expect_routes(SECOND_ALONE)
         self.expect_all_right()
-        self.assert_pace_kept(calm)
+        self.alive.assert_pace_kept(calm)
 
     def test_silence_takes_the_uplink_out_until_it_ends(self):
         self.peer.arp_silent = True
@@ -77,7 +77,7 @@ class LateAnswers(FaultTest):
 
         self.peer.arp_silent = False
         self.expect_all_right()
-        self.assert_pace_kept(calm)
+        self.alive.assert_pace_kept(calm)
 
 
 if __name__ == "__main__":

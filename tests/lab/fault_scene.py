@@ -14,17 +14,15 @@ from kit import echo_policies as policy
 from kit.lab import OUTPUT_DIRECTORY
 from scenes import (GATEWAY, GATEWAY_2, INACTIVE_2, PREFIX, ROUTER, ROUTER_2, TARGET, TARGET_2, VIA_1,
                     VIA_2, VIA_BOTH, fragment)
-from scenes6 import GATEWAY6, PREFIX6, ROUTER6, TARGET6, VIA_6, changed6, fragment6
+from scenes6 import (GATEWAY6, GATEWAY6_2, PREFIX6, ROUTER6, ROUTER6_2, TARGET6, TARGET6_2, VIA_6,
+                     VIA_6_2, VIA_BOTH6, changed6, fragment6)
 
-ROUTER6_2, GATEWAY6_2, TARGET6_2 = "2001:db8:2::10", "2001:db8:2::1", "2001:db8:1::54"
-VIA_6_2 = f"route {PREFIX6} multipath via {GATEWAY6_2} weight 3;"
-VIA_6_BOTH = f"route {PREFIX6} multipath via {GATEWAY6} weight 1 via {GATEWAY6_2} weight 3;"
 INACTIVE6_2 = changed6("inactive", "gigabitethernet 1/0/2")
 
-BOTH = (fragment(VIA_BOTH), fragment6(VIA_6_BOTH))
+BOTH = (fragment(VIA_BOTH), fragment6(VIA_BOTH6))
 FIRST_ALONE = (fragment(VIA_1), fragment6(VIA_6))
 SECOND_ALONE = (fragment(VIA_2), fragment6(VIA_6_2))
-SECOND_ALONE_IN_IPV4 = (fragment(VIA_2), fragment6(VIA_6_BOTH))
+SECOND_ALONE_IN_IPV4 = (fragment(VIA_2), fragment6(VIA_BOTH6))
 SECOND_ALONE_IN_IPV6 = (fragment(VIA_BOTH), fragment6(VIA_6_2))
 
 RESPONSE_TIME_MS = 900  # less than a cycle, and enough for a busy machine

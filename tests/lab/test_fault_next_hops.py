@@ -7,6 +7,7 @@ from scenes6 import ACTIVE6, GATEWAY6, INACTIVE6
 
 NEW_MAC = "02005e2000aa"
 ALL_NODES_MAC, ALL_NODES = "333300000001", "ff02::1"
+UNSOLICITED = 0x20000000  # overriding an address that is known (RFC 4861, 4.4)
 
 
 class NextHopTest(FaultTest):
@@ -22,7 +23,7 @@ class AnnouncedMac(NextHopTest):
         mac = self.peer.mac
         self.peer.send(packets.arp(operation, mac, GATEWAY, mac, GATEWAY, packets.BROADCAST))
         self.peer.send(packets.advertisement(mac, GATEWAY6, bytes.fromhex(ALL_NODES_MAC), ALL_NODES,
-                                             solicited=False))
+                                             flags=UNSOLICITED))
 
     def test_change_announced_by_an_arp_reply_is_followed(self):
         self.change_mac()

@@ -111,8 +111,8 @@ class Lab:
     def routing_daemon(self, namespace="", ipv6=False, pid_text="%d\n", group=0):
         return self._owned(CapturedRoutingDaemon(self.folder, namespace, ipv6, pid_text, group))
 
-    def bird(self, router_id):
-        return self._owned(Bird(self.router, self.folder, router_id))
+    def bird(self, router_id, ipv6=False):
+        return self._owned(Bird(self.router, self.folder, router_id, ipv6=ipv6))
 
     def keep_alives(self):
         return self._owned(KeepAlives("/run/notify"))

@@ -131,9 +131,8 @@ def _ipv6(source, destination, hop_limit, payload):
             + packed(source) + packed(destination) + payload)
 
 
-def advertisement(sender_mac, target, destination_mac, destination, solicited=True):
-    """A neighbour advertisement with the target's link-layer address, which overrides another."""
-    flags = 0x60000000 if solicited else 0x20000000
+def advertisement(sender_mac, target, destination_mac, destination, flags=0x60000000):
+    """A neighbour advertisement, solicited and overriding, with the target's link-layer address."""
     message = struct.pack("!BBHI", ADVERTISEMENT, 0, 0, flags) + packed(target)
     message += b"\x02\x01" + sender_mac
     packet = _ipv6(target, destination, 255, _icmpv6(target, destination, message))

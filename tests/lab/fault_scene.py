@@ -31,16 +31,15 @@ RESPONSE_TIME_MS = 900  # less than a cycle, and enough for a busy machine
 CYCLES_TO_RECOVER = 8
 
 
-def dual_stack(first_source=None, resp_time=RESPONSE_TIME_MS):
-    """The configuration; `first_source` is the first uplink's IPv4 source, its own address without."""
+def dual_stack(first_source=None, first_probe=None, resp_time=RESPONSE_TIME_MS):
+    """The configuration. The first uplink's IPv4 side may have a source and a probe of its own."""
     conf = Conf()
-    for name, ipv6, nexthop, source, target in (
-            ("gi1_1", False, GATEWAY, first_source, TARGET),
-            ("gi1_2", False, GATEWAY_2, None, TARGET_2),
-            ("gi1_1", True, GATEWAY6, ROUTER6, TARGET6),
-            ("gi1_2", True, GATEWAY6_2, ROUTER6_2, TARGET6_2)):
-        conf.interface(name, nexthop=nexthop, source=source, ipv6=ipv6,
-                       probes=[ping(target, resp_time)])
+    for name, ipv6, nexthop, source, probe in (
+            ("gi1_1", False, GATEWAY, first_source, first_probe or ping(TARGET, resp_time)),
+            ("gi1_2", False, GATEWAY_2, None, ping(TARGET_2, resp_time)),
+            ("gi1_1", True, GATEWAY6, ROUTER6, ping(TARGET6, resp_time)),
+            ("gi1_2", True, GATEWAY6_2, ROUTER6_2, ping(TARGET6_2, resp_time))):
+        conf.interface(name, nexthop=nexthop, source=source, ipv6=ipv6, probes=[probe])
     weights = {"gi1_1": 1, "gi1_2": 3}
     return (conf.rule("1_ipv4", weights, {PREFIX: None})
             .rule("1_ipv6", interfaces6=weights, targets={PREFIX6: None}))

@@ -4,9 +4,9 @@ import time
 
 from fault_scene import (SECOND_ALONE, SECOND_ALONE_IN_IPV4, SECOND_ALONE_IN_IPV6, FaultTest,
                          dual_stack)
-from kit import expect, main
+from kit import LabTest, expect, main, ping
 from kit.system_log import DEBUG
-from scenes import ACTIVE, INACTIVE, ROUTER, error
+from scenes import (ACTIVE, GATEWAY, INACTIVE, ROUTER, VIA_1, changed, error, fragment, one_uplink)
 from scenes6 import ACTIVE6, GATEWAY6, INACTIVE6, ROUTER6
 
 CANNOT_SEND, CANNOT_SEND6 = (f"wan_lb: error on sending {word} packet: " for word in ("icmp", "icmp6"))
@@ -92,6 +92,29 @@ class ConfiguredSource(FaultTest):
 
         self.lab.router.ip(f"address add {ROUTER}/24 dev gi1_1")
         self.expect_all_right()
+
+
+class Tunnel(LabTest):
+    """gre_1 192.0.2.10 peer 192.0.2.1 ---- scripted peer 192.0.2.1"""
+
+    def attach(self):
+        return self.lab.uplink("gre_1", ROUTER, GATEWAY, point_to_point=GATEWAY)
+
+    def test_tunnel_that_is_deleted_and_made_again_is_used_again(self):
+        active, inactive = (changed("gre 1", state) for state in ("active", "inactive"))
+        self.attach()
+        self.lab.start(one_uplink("gre_1", nexthop="tunnel", probes=[ping(GATEWAY, 900)]))
+        expect(lambda: self.lab.fragment() == fragment(VIA_1))
+
+        self.lab.router.ip("link delete gre_1")
+        expect(lambda: error("wan_lb: failure to bind to interface: gre 1") in self.lab.log.texts())
+        expect(lambda: self.lab.fragment() == fragment())
+        self.assertEqual(self.lab.log.count(inactive), 2)
+
+        peer = self.attach()
+        expect(lambda: self.lab.fragment() == fragment(VIA_1))
+        self.assertEqual(self.lab.log.count(active), 2)
+        self.assertGreater(len(peer.echo_requests(GATEWAY)), 0)
 
 
 if __name__ == "__main__":

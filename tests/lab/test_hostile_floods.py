@@ -1,8 +1,10 @@
 """More frames than anybody needs (the stage: hostile_scene.py)."""
 import os
 
+from fault_scene import dual_stack
 from hostile_scene import HostileTest
-from kit import expect, main
+from kit import expect, main, ping_ext
+from scenes import TARGET
 
 SENDERS = 16000
 PARTS = 4
@@ -46,6 +48,14 @@ class UnknownSenders(HostileTest):
         self.assert_unimpressed()
 
 
+class TalkativeNextHop(HostileTest):
+    def test_answers_of_the_next_hop_by_the_thousand_cost_no_verdict(self):
+        """Each is written into the kernel's tables."""
+        answers = (self.arp_reply(), self.advertisement())
+        self.pour(answers[number % 2] for number in range(SENDERS))
+        self.assert_unimpressed()
+
+
 class Echoes(HostileTest):
     def test_random_words_for_identifiers_answer_no_probe(self):
         self.pour(self.echo_reply(self.random.randrange(1 << 32), ipv6=number % 2 == 1)
@@ -70,6 +80,17 @@ class Echoes(HostileTest):
         slots = self.random.randint(1, 9)
         record = bytes((7, 3 + 4 * slots, 4)) + bytes(4 * slots)
         return self.random.choice((b"\x01" * 4 * slots, b"\0" * 4 * slots, record + b"\0"))
+
+
+class ExtendedPing(HostileTest):
+    conf = dual_stack(resp_time=2500, first_probe=ping_ext(TARGET, period=0, count=20, timeout=2500,
+                                                           loss=5, rtt=2500, jitter=2500))
+
+    def test_waits_for_its_own_answers_among_all_others(self):
+        self.pour(self.echo_reply(self.random.randrange(PACKET_IDS)) for _ in range(ECHOES))
+        expect(lambda: self.alive.cycles() > self.calm + 3)
+        self.assert_first_was_right_throughout()
+        self.alive.assert_pace_kept(self.calm)
 
 
 if __name__ == "__main__":

@@ -6,6 +6,8 @@
 import json
 import struct
 
+import golden
+from golden import in_hex, sum_over
 from kit import expect, main, never
 from kit import echo_policies as policy
 from kit import packets
@@ -14,17 +16,6 @@ from scenes6 import (ACTIVE6, FAR_MAC, GATEWAY6, INACTIVE6, NEAR_MAC, ROUTER6, T
                      Ipv6Test, fragment6, one_uplink6)
 
 NEAR, FAR = NEAR_MAC.replace(":", ""), FAR_MAC.replace(":", "")
-
-
-def in_hex(address):
-    return packets.packed(address).hex()
-
-
-def sum_over(source, destination, message):
-    """The ICMPv6 checksum of a message in hex whose checksum field is zero, in hex."""
-    data = bytes.fromhex(message)
-    pseudo = packets.packed(source) + packets.packed(destination) + struct.pack("!I3xB", len(data), 58)
-    return f"{packets.checksum(pseudo + data):04x}"
 
 
 class Frames(Ipv6Test):
@@ -43,11 +34,8 @@ class Frames(Ipv6Test):
         peer = self.attach()
         daemon = self.lab.start(one_uplink6())
         frame = expect(peer.echo_frames)[0]
-        identifier, payload = f"{daemon.pid & 0xffff:04x}", f"{frame.message.packet_id:08x}"
-        total = sum_over(ROUTER6, TARGET6, "80000000" + identifier + "0000" + payload)
-        self.assertEqual(frame.data.hex(), (
-            FAR + NEAR + "86dd" "60000000" "000c" "3a" "ff" + in_hex(ROUTER6) + in_hex(TARGET6)
-            + "8000" + total + identifier + "0000" + payload))
+        self.assertEqual(frame.data.hex(), golden.echo6(NEAR, FAR, daemon.pid & 0xFFFF,
+                                                        frame.message.packet_id))
 
     def test_both_have_right_checksums_to_scapy(self):
         peer = self.attach()

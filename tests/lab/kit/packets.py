@@ -12,6 +12,7 @@ ECHO_REQUEST = {4: 8, 6: 128}
 ECHO_REPLY = {4: 0, 6: 129}
 SOLICITATION, ADVERTISEMENT = 135, 136
 BROADCAST = b"\xff" * 6
+GROUP_BIT = 1  # of a hardware address's first byte: broadcast or multicast
 
 
 def mac_bytes(text):

@@ -5,9 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
+#include <thread>
 
 #include "config/namespaces.h"
 #include "core/command_line.h"
@@ -29,6 +32,11 @@ namespace {
 using faults::Call;
 using faults::FailCall;
 using Lines = std::vector<LogLine>;
+
+std::string content_of(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
 
 CommandLine read(std::vector<std::string> words) {
     words.insert(words.begin(), "lb");
@@ -87,10 +95,7 @@ TEST(PidFile, holds_the_process_id_and_is_writable_by_the_owner_only) {
     const mode_t mask = umask(0);
     EXPECT_EQ(pid_output(place.path().c_str()), getpid());
     EXPECT_EQ(umask(mask), 0U);
-    std::ifstream file(place.path());
-    std::string line;
-    std::getline(file, line);
-    EXPECT_EQ(line, std::to_string(getpid()));
+    EXPECT_EQ(content_of(place.path()), std::to_string(getpid()) + "\n");
     struct stat status {};
     stat(place.path().c_str(), &status);
     EXPECT_EQ(status.st_mode & 0777U, 0644U);
@@ -102,6 +107,19 @@ TEST(PidFile, that_cannot_be_opened_is_reported) {
     EXPECT_EQ(log.lines(), (Lines{{4,
                                    "%WAN-W-ERR: Can't fopen pid lock file /nonexistent/lb.pid, "
                                    "continuing"}}));
+}
+
+TEST(PidFile, replaces_what_stood_there) {
+    const TemporaryFile place("a longer text than any process id\n");
+    pid_output(place.path().c_str());
+    EXPECT_EQ(content_of(place.path()), std::to_string(getpid()) + "\n");
+}
+
+TEST(PidFile, that_cannot_be_opened_leaves_the_mask_as_it_was) {
+    const CapturedLog log;
+    const mode_t mask = umask(0027);
+    pid_output("/nonexistent/lb.pid");
+    EXPECT_EQ(umask(mask), 0027U);
 }
 
 TEST(StandardStreams, closed_ones_are_held_on_dev_null) {
@@ -150,10 +168,7 @@ TEST(StartUp, without_a_file_says_so_and_does_nothing_else) {
     EXPECT_EQ(end.status, 0);
     EXPECT_EQ(end.standard_error, "Configuration file is empty\n");
     EXPECT_EQ(run_lb({"-f", ""}).standard_error, "Configuration file is empty\n");
-    std::ifstream file(pid.path());
-    std::string line;
-    std::getline(file, line);
-    EXPECT_EQ(line, "untouched");
+    EXPECT_EQ(content_of(pid.path()), "untouched");
 }
 
 TEST(StartUp, unknown_option_prints_the_usage_with_status_zero) {
@@ -162,23 +177,95 @@ TEST(StartUp, unknown_option_prints_the_usage_with_status_zero) {
     EXPECT_NE(end.standard_error.find("lb -ftviodh\n"), std::string::npos);
 }
 
+void log_to_standard_error() {
+    set_log_sink([](int, const char* line) { fprintf(stderr, "%s\n", line); });
+}
+
 TEST(StartUp, test_flag_writes_the_pid_file_loads_and_ends) {
     const TemporaryFile conf("rule 0_ipv4 {\n}\n");
     const TemporaryFile pid("");
-    const ChildEnd end = run_lb({"-t", "-i", pid.path(), "-f", conf.path()});
+    const TemporaryFile expected("");
+    const ChildEnd end = run_lb({"-v", "-t", "-i", pid.path(), "-f", conf.path()}, [&] {
+        std::ofstream(expected.path()) << getpid() << "\n";
+        log_to_standard_error();
+    });
     EXPECT_EQ(end.status, 0);
-    EXPECT_GT(std::filesystem::file_size(pid.path()), 1U);
+    EXPECT_EQ(end.standard_error, "%WAN-W-WARN: Illegal rule number: 0_ipv4\n");
+    EXPECT_EQ(content_of(pid.path()), content_of(expected.path()));
+}
+
+TEST(StartUp, pid_file_that_cannot_be_opened_does_not_stop_it) {
+    const ChildEnd end =
+        run_lb({"-t", "-i", "/nonexistent/pid", "-f", "/nonexistent/conf"}, log_to_standard_error);
+    EXPECT_EQ(end.status, 0);
+    EXPECT_EQ(end.standard_error,
+              "%WAN-W-ERR: Can't fopen pid lock file /nonexistent/pid, continuing\n"
+              "%WAN-W-ERR: wan_lb: configuration file not found: /nonexistent/conf\n");
+}
+
+TEST(StartUp, in_the_background_the_pid_file_holds_the_childs_pid) {
+    const TemporaryFile conf("");
+    const TemporaryFile pid("");
+    const TemporaryFile parent("");
+    const ChildEnd end = run_lb({"-t", "-d", "-i", pid.path(), "-f", conf.path()},
+                                [&] { std::ofstream(parent.path()) << getpid() << "\n"; });
+    EXPECT_EQ(end.status, 0);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!content_of(pid.path()).ends_with('\n') && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_TRUE(content_of(pid.path()).ends_with('\n'));
+    EXPECT_NE(content_of(pid.path()), content_of(parent.path()));
+}
+
+TEST(StartUp, fork_that_fails_ends_it_like_a_parent) {
+    const TemporaryFile conf("rule 0_ipv4 {\n}\n");
+    const TemporaryFile pid("untouched");
+    const ChildEnd end = run_lb({"-d", "-i", pid.path(), "-f", conf.path()}, [] {
+        static const FailCall no_process(Call::fork, EAGAIN);
+        log_to_standard_error();
+    });
+    EXPECT_EQ(end.status, 0);
+    EXPECT_EQ(end.standard_error, "");
+    EXPECT_EQ(content_of(pid.path()), "untouched");
 }
 
 TEST(StartUp, thread_that_cannot_be_created_ends_the_process_with_255) {
     const TemporaryFile conf("health {\n interface eth0 {\n }\n}\n");
     const ChildEnd end = run_lb({"-f", conf.path()}, [] {
         static const FailCall no_thread(Call::pthread_create, EAGAIN);
-        set_log_sink([](int, const char* line) { fprintf(stderr, "%s\n", line); });
+        log_to_standard_error();
     });
     EXPECT_TRUE(WIFEXITED(end.status));
     EXPECT_EQ(WEXITSTATUS(end.status), 255);
     EXPECT_EQ(end.standard_error, "%WAN-W-WARN: Can't create new thread for VRF \n");
+}
+
+/// A start-up with work in the default namespace and in two that do not exist, whose thread of
+/// this number (1 is the first) cannot be created. The threads before it may speak too.
+ChildEnd run_without_thread(int number) {
+    const TemporaryFile conf(
+        "health {\n interface a {\n namespace no-such-red\n }\n"
+        " interface b {\n namespace no-such-blue\n }\n}\nrule 1_ipv6 {\n}\n");
+    return run_lb({"-f", conf.path()}, [number] {
+        static const FailCall no_thread(Call::pthread_create, EAGAIN, number);
+        log_to_standard_error();
+    });
+}
+
+const std::string no_thread_for = "%WAN-W-WARN: Can't create new thread for VRF ";
+
+TEST(StartUp, default_namespace_gets_the_first_thread) {
+    const ChildEnd end = run_without_thread(1);
+    EXPECT_EQ(WEXITSTATUS(end.status), 255);
+    EXPECT_EQ(end.standard_error, no_thread_for + "\n");
+}
+
+TEST(StartUp, named_namespaces_get_theirs_in_the_order_of_their_names) {
+    EXPECT_NE(run_without_thread(2).standard_error.find(no_thread_for + "no-such-blue\n"),
+              std::string::npos);
+    EXPECT_NE(run_without_thread(3).standard_error.find(no_thread_for + "no-such-red\n"),
+              std::string::npos);
 }
 
 struct Engine : testing::Test {
@@ -251,6 +338,27 @@ TEST_F(Engine, namespace_without_a_file_is_reported) {
     EXPECT_EQ(work_in_namespace(&start), nullptr);
     EXPECT_EQ(log.lines(),
               (Lines{{4, "%WAN-W-ERR: wan_lb, can't open /var/run/netns/no such namespace"}}));
+}
+
+TEST_F(Engine, default_namespace_is_not_entered) {
+    namespace_arg start{lb.get(), ""};
+    const FailCall entered(Call::setns, EPERM);
+    work_in_namespace(&start);
+    EXPECT_EQ(entered.calls(), 0);
+}
+
+TEST_F(Engine, namespace_that_cannot_be_entered_is_reported) {
+    if (!std::filesystem::is_directory("/var/run/netns")) {
+        GTEST_SKIP() << "no network namespace was ever named on this system";
+    }
+    namespace_arg start{lb.get(), "."};  // opens, as the folder itself
+    namespaces_check[{".", 0}] = {1, 1};
+    const FailCall refused(Call::setns, EPERM);
+    const FailCall no_worker(Call::pthread_create, EAGAIN);
+    EXPECT_EQ(work_in_namespace(&start), nullptr);
+    EXPECT_EQ(log.lines(), (Lines{{4, "%WAN-W-ERR: wan_lb, setns failed"}}));
+    EXPECT_EQ(no_worker.calls(), 0);
+    namespaces_check.clear();
 }
 
 TEST_F(Engine, namespace_thread_without_work_ends_at_once) {

@@ -80,6 +80,52 @@ TEST(Syntax, bracket_inside_quotes_opens_a_block_all_the_same) {
     EXPECT_EQ(log.lines(), (std::vector<LogLine>{{4, mismatched}}));
 }
 
+TEST(Syntax, empty_quotes_give_an_empty_value) {
+    Loaded loaded("health {\n interface eth0 {\n nexthop x\n nexthop \"\"\n }\n}\n");
+    EXPECT_EQ(loaded.health("eth0").nexthop, "");
+}
+
+TEST(Syntax, quote_anywhere_in_the_line_gives_the_value) {
+    Loaded loaded("health {\n interface eth0 {\n nexthop first \"second\"\n }\n}\n");
+    EXPECT_EQ(loaded.health("eth0").nexthop, "second");
+}
+
+TEST(Syntax, comment_sign_inside_quotes_starts_a_comment_all_the_same) {
+    Loaded loaded("health {\n interface eth0 {\n nexthop \"a#b\"\n }\n}\n");
+    EXPECT_EQ(loaded.health("eth0").nexthop, "a");
+}
+
+TEST(Syntax, tilde_ends_a_word) {
+    Loaded loaded("health {\n interface eth0 {\n nexthop~192.0.2.1~ignored\n }\n}\n");
+    EXPECT_EQ(loaded.health("eth0").nexthop, "192.0.2.1");
+}
+
+TEST(Syntax, bracket_that_touches_a_word_is_part_of_it) {
+    const CapturedLog log;
+    const Loaded loaded("health{\n interface eth0{\n");
+    EXPECT_TRUE(loaded.is_complete);
+    EXPECT_TRUE(loaded.data().health.empty());
+}
+
+TEST(Syntax, last_line_needs_no_line_feed) {
+    const Loaded loaded("health {\n interface eth0 {\n }\n}");
+    EXPECT_TRUE(loaded.is_complete);
+    EXPECT_TRUE(loaded.data().health.contains("eth0"));
+}
+
+TEST(Syntax, carriage_return_stays_on_the_value) {
+    Loaded loaded("health {\n interface eth0 {\n nexthop 192.0.2.1\r\n }\n}\n");
+    EXPECT_EQ(loaded.health("eth0").nexthop, "192.0.2.1\r");
+}
+
+TEST(Syntax, second_file_adds_to_what_was_loaded) {
+    Loaded loaded("health {\n interface eth0 {\n }\n}\n");
+    const TemporaryFile more("health {\n interface eth1 {\n }\n}\n");
+    EXPECT_TRUE(loaded.factory.load(more.path()));
+    EXPECT_TRUE(loaded.data().health.contains("eth0"));
+    EXPECT_TRUE(loaded.data().health.contains("eth1"));
+}
+
 TEST(Syntax, third_word_is_ignored) {
     Loaded loaded("health {\n interface eth0 {\n nexthop 192.0.2.1 192.0.2.2\n }\n}\n");
     EXPECT_EQ(loaded.health("eth0").nexthop, "192.0.2.1");

@@ -154,6 +154,7 @@ TEST(Type, ping_ext_of_an_ipv6_interface_leaves_the_current_probe) {
 TEST(Type, extended_settings_do_nothing_to_an_echo_probe_or_without_one) {
     Loaded echo(probe_block("ping", "count 3\nloss 4\nperiod 5\ntimeout 6\nrtt 7\njitter 8"));
     EXPECT_NE(dynamic_cast<LBTestICMP*>(echo.health("eth0").tests.at(1)), nullptr);
+    EXPECT_EQ(echo.health("eth0").tests.at(1)->timeout, 5000);
     Loaded none(interface_block("rule 1 {\n a {\n count 3\n loss 4\n }\n}"));
     EXPECT_EQ(none.health("eth0").tests.size(), 1U);
 }
@@ -236,6 +237,148 @@ TEST(Rule, members_carry_the_family_of_their_keyword) {
     const auto& members = loaded.data().rules.at("1_ipv4").interfaces;
     EXPECT_EQ(members.at({"eth0", false}), 1);
     EXPECT_EQ(members.at({"eth0", true}), 2);
+}
+
+TEST(FailureCount, letters_are_refused) {
+    const CapturedLog log;
+    Loaded loaded(interface_block("failure-ct few"));
+    EXPECT_EQ(loaded.health("eth0").failure_ct, 0);
+    EXPECT_EQ(log.lines(), error("failure-ct specified in configuration file: few"));
+}
+
+/// What the loader reads out of the text: a metric takes any number.
+int number_read(const std::string& text) {
+    const Loaded loaded(rule_block("target {\n address 10.0.0.0/8\n metric " + text + "\n}"));
+    return loaded.data().rules.at("1_ipv4").targets.at("10.0.0.0/8");
+}
+
+TEST(Number, is_read_up_to_the_first_character_that_is_no_digit) {
+    EXPECT_EQ(number_read("12letters"), 12);
+    EXPECT_EQ(number_read("1.9"), 1);
+    EXPECT_EQ(number_read("letters"), 0);
+    EXPECT_EQ(number_read(""), 0);
+}
+
+TEST(Number, is_decimal) {
+    EXPECT_EQ(number_read("010"), 10);
+    EXPECT_EQ(number_read("0x10"), 0);
+}
+
+TEST(Number, may_have_a_sign_and_blanks_before_it) {
+    EXPECT_EQ(number_read("+7"), 7);
+    EXPECT_EQ(number_read("-7"), -7);
+    EXPECT_EQ(number_read("\" 8\""), 8);
+}
+
+TEST(Number, is_cut_to_32_bits) {
+    EXPECT_EQ(number_read("2147483647"), 2147483647);
+    EXPECT_EQ(number_read("2147483648"), -2147483647 - 1);
+    EXPECT_EQ(number_read("4294967297"), 1);
+    EXPECT_EQ(number_read("99999999999999999999"), -1);
+}
+
+TEST(Weight, letters_and_negative_numbers_are_refused) {
+    const CapturedLog log;
+    const Loaded loaded(rule_block("interface eth0 {\n weight 3\n weight much\n weight -1\n}"));
+    EXPECT_EQ(loaded.data().rules.at("1_ipv4").interfaces.at({"eth0", false}), 3);
+    EXPECT_EQ(log.lines(),
+              (std::vector<LogLine>{
+                  {4,
+                   "%WAN-W-ERR: wan_lb: illegal interface weight specified in configuration "
+                   "file: much"},
+                  {4,
+                   "%WAN-W-ERR: wan_lb: illegal interface weight specified in configuration "
+                   "file: -1"}}));
+}
+
+TEST(Interface, keywords_act_at_their_own_depth_only) {
+    const CapturedLog log;
+    Loaded loaded(
+        "health {\n interface eth0 {\n }\n nexthop 192.0.2.1\n success-ct 0\n"
+        " interface eth1\n}\n");
+    EXPECT_EQ(loaded.health("eth0").nexthop, "");
+    EXPECT_FALSE(loaded.data().health.contains("eth1"));
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(Interface, flags_ignore_their_value) {
+    EXPECT_TRUE(Loaded(interface_block("check_all no")).health("eth0").check_all);
+    EXPECT_EQ(Loaded(rule_block("failover no")).data().rules.at("1_ipv4").failover, 1);
+}
+
+TEST(ProbeNumber, is_taken_from_a_line_of_any_keyword) {
+    Loaded loaded(interface_block("anything 4 {\n type ping {\n }\n}"));
+    EXPECT_TRUE(loaded.health("eth0").tests.contains(4));
+}
+
+TEST(ProbeNumber, is_zero_where_none_is_given) {
+    Loaded loaded(interface_block("rule {\n type ping {\n }\n}"));
+    EXPECT_TRUE(loaded.health("eth0").tests.contains(0));
+}
+
+TEST(Type, unknown_word_makes_the_probe_of_the_number_current) {
+    Loaded loaded(
+        interface_block("rule 1 {\n type ping {\n target a\n }\n}\n"
+                        "rule 2 {\n type ping {\n target b\n }\n}\n"
+                        "rule 1 {\n type tcp {\n target c\n }\n}"));
+    EXPECT_EQ(loaded.health("eth0").tests.at(1)->target, "c");
+    EXPECT_EQ(loaded.health("eth0").tests.at(2)->target, "b");
+}
+
+TEST(Type, extended_settings_in_an_ipv6_interface_leave_the_ipv4_probe_before_it) {
+    Loaded loaded(probe_block("ping_ext") + probe_block("ping", "count 3", "interface6"));
+    const auto* probe = dynamic_cast<LBTestPING*>(loaded.health("eth0").tests.at(1));
+    ASSERT_NE(probe, nullptr);
+    EXPECT_EQ(probe->count, 10);
+}
+
+TEST(Target, of_an_ipv6_probe_is_entered_as_unanswered) {
+    Loaded loaded(probe_block("ping", "target 2001:db8::53", "interface6"));
+    EXPECT_EQ(loaded.health6("eth0").history.last_resp,
+              (std::map<std::string, int>{{"2001:db8::53", -1}}));
+}
+
+TEST(Target, second_one_of_a_probe_replaces_the_first_and_both_are_remembered) {
+    Loaded loaded(probe_block("ping", "target a\ntarget b"));
+    EXPECT_EQ(loaded.health("eth0").tests.at(1)->target, "b");
+    EXPECT_EQ(loaded.health("eth0").history.last_resp,
+              (std::map<std::string, int>{{"a", -1}, {"b", -1}}));
+}
+
+TEST(Rule, any_keyword_inside_it_names_a_rule) {
+    const Loaded loaded(rule_block("whatever 5_ipv6"));
+    EXPECT_TRUE(loaded.data().rules.contains("5_ipv6"));
+}
+
+TEST(Rule, line_outside_of_any_block_names_a_rule) {
+    LBDataFactory factory;
+    std::vector<std::string> stack(32);
+    stack[0] = "rule";
+    factory.process(stack, 0, "rule", "4_ipv4");
+    factory.process(stack, -1, "rule", "5_ipv4");
+    EXPECT_TRUE(factory.data.rules.contains("4_ipv4"));
+    EXPECT_TRUE(factory.data.rules.contains("5_ipv4"));
+}
+
+TEST(Rule, failover_block_counts_like_a_failover_line) {
+    const Loaded loaded(rule_block("failover {\n whatever\n}"));
+    EXPECT_EQ(loaded.data().rules.at("1_ipv4").failover, 1);
+}
+
+TEST(Rule, closing_bracket_of_a_namespace_block_keeps_the_name) {
+    const Loaded loaded(rule_block("namespace blue {\n}"));
+    EXPECT_EQ(loaded.data().rules.at("1_ipv4").namespace_name, "blue");
+}
+
+TEST(Rule, member_declared_twice_keeps_its_weight) {
+    const Loaded loaded(rule_block("interface eth0 {\n weight 3\n}\ninterface eth0 {\n}"));
+    EXPECT_EQ(loaded.data().rules.at("1_ipv4").interfaces.at({"eth0", false}), 3);
+}
+
+TEST(Rule, destination_declared_twice_keeps_its_metric) {
+    const Loaded loaded(
+        rule_block("target {\n address 10.0.0.0/8\n metric 3\n address 10.0.0.0/8\n}"));
+    EXPECT_EQ(loaded.data().rules.at("1_ipv4").targets.at("10.0.0.0/8"), 3);
 }
 
 }  // namespace

@@ -35,6 +35,7 @@ ROUTING_DAEMON = f"""[Service]
 Type=exec
 User=daemon
 ExecStart=/usr/bin/python3 -I -S {HUP_RECORDER} {routing_daemon.fragment_path()} {HUPS}
+ExecStartPost=+/bin/sh -c 'echo $MAINPID > {routing_daemon.pid_path()}'
 """
 # The first cycle comes before the first look at the leases.
 NO_LEASE_READ_YET = "%WAN-W-ERR: <check_arp_exist> Inet_aton() failed Invalid argument(22)"
@@ -161,7 +162,6 @@ class Service(unittest.TestCase):
         pathlib.Path(HUPS).touch()
         os.chmod(HUPS, 0o666)
         cls.manager.control("start", "routing.service")
-        pathlib.Path(routing_daemon.pid_path()).write_text(cls.manager.shown("routing.service", "MainPID") + "\n")
         cls.manager.control("start", "lb.service")
 
     @classmethod

@@ -49,12 +49,37 @@ TEST(Lease, half_written_file_tells_no_router) {
     EXPECT_EQ(ipv4("lease {\n  option routers ,\n"), "");
 }
 
+TEST(Lease, blank_after_the_comma_changes_nothing) {
+    EXPECT_EQ(ipv4("  option routers 10.0.0.1, 10.0.0.2;\n"), "10.0.0.1");
+}
+
+TEST(Lease, tabs_separate_words) {
+    EXPECT_EQ(ipv4("\toption\trouters\t10.0.0.1;\n"), "10.0.0.1");
+}
+
+TEST(Lease, only_the_last_character_is_dropped) {
+    EXPECT_EQ(ipv4("  option routers 10.0.0.1;\r\n"), "10.0.0.1;");
+}
+
+TEST(Lease, line_is_cut_after_1023_characters) {
+    const std::string cut = "option routers 10.0.0.1";
+    EXPECT_EQ(ipv4(std::string(1023 - cut.size(), ' ') + cut + "23;\n"), "10.0.0.1");
+}
+
+TEST(Lease, rest_of_a_cut_line_is_a_line) {
+    EXPECT_EQ(ipv4(std::string(1023, 'x') + "option routers 10.0.0.1;\n"), "10.0.0.1");
+}
+
 TEST(Lease6, quotes_are_dropped) {
     EXPECT_EQ(ipv6("new_routers='fe80::1'\n"), "fe80::1");
 }
 
 TEST(Lease6, first_of_several_routers_loses_its_last_character) {
     EXPECT_EQ(ipv6("new_routers='fe80::1 fe80::2'\n"), "fe80::");
+}
+
+TEST(Lease6, first_line_with_routers_counts) {
+    EXPECT_EQ(ipv6("new_routers='fe80::1'\nnew_routers='fe80::9'\n"), "fe80::1");
 }
 
 TEST(Lease6, other_names_do_not_count) {

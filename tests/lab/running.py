@@ -12,9 +12,16 @@ from kit.cycles import Cycles
 from kit.lab import OUTPUT_DIRECTORY
 from kit.lbshow import active
 from kit.routing_daemon import text_of
-from scenes import (ACTIVE_2, INACTIVE_2, VIA_1, VIA_BOTH, attach_two, fragment, two_uplinks)
+from scenes import (ACTIVE_2, INACTIVE_2, VIA_1, VIA_BOTH, attach_two, error, fragment,
+                    two_uplinks)
 
 REPORT = os.path.join(OUTPUT_DIRECTORY, "wlb_ipv4.out")
+DUMPS = os.path.join(OUTPUT_DIRECTORY, "wlb_dump")
+OUTBOUNDS = os.path.join(DUMPS, "wlb_ipv4_outbounds.bin")
+# What a cycle logs that can open none of its files.
+NOT_OPENED = [error(f"wan_lb: error open file for writing '{OUTBOUNDS}'"),
+              error(f"wan_lb: Error open file for writing '{DUMPS}/wlb_rules.bin'"),
+              error(f"wan_lb: error ordering output file {REPORT}")]
 
 
 def reported():

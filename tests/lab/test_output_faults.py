@@ -10,16 +10,11 @@ from kit import echo_policies as policy
 from kit.lab import OUTPUT_DIRECTORY
 from kit.lbshow import lbshow
 from kit.routing_daemon import bird_binary
-from running import REPORT, RunningTest, published, reported
+from running import DUMPS, NOT_OPENED, OUTBOUNDS, RunningTest, published, reported
 from scenes import GATEWAY, GATEWAY_2, ROUTER, VIA_1, VIA_BOTH, error, fragment, two_uplinks
 
-DUMPS = os.path.join(OUTPUT_DIRECTORY, "wlb_dump")
-OUTBOUNDS = os.path.join(DUMPS, "wlb_ipv4_outbounds.bin")
 ROUTES = 150  # more of them than a page holds
 NO_FOLDER = error(f"wan_lb: error create directory: {DUMPS}, errno = 2")
-NOT_OPENED = [error(f"wan_lb: error open file for writing '{OUTBOUNDS}'"),
-              error(f"wan_lb: Error open file for writing '{DUMPS}/wlb_rules.bin'"),
-              error(f"wan_lb: error ordering output file {REPORT}")]
 NOT_WRITTEN = [error("wan_lb: <dump_outbounds> error writing data block"),
                error("wan_lb: <dump_rules_and_routes> error writing data block")]
 

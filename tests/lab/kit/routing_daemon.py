@@ -44,9 +44,12 @@ class CapturedRoutingDaemon:
     process into another one's process group.
     """
 
+    _runs = 0
+
     def __init__(self, folder, namespace="", ipv6=False, pid_text="%d\n", group=0):
         make_directories(namespace)
-        name = f"routing{'6' if ipv6 else ''}-{namespace or 'default'}-{group}.hups"
+        CapturedRoutingDaemon._runs += 1
+        name = f"routing{CapturedRoutingDaemon._runs}.hups"
         self._record = os.path.join(folder, name)
         self._process = subprocess.Popen(
             [sys.executable, "-I", "-S", _RECORDER, fragment_path(namespace, ipv6), self._record],

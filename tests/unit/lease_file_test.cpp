@@ -49,6 +49,26 @@ TEST(Lease, half_written_file_tells_no_router) {
     EXPECT_EQ(ipv4("lease {\n  option routers ,\n"), "");
 }
 
+TEST(Lease, value_that_is_not_ended_yet_tells_no_router) {
+    EXPECT_EQ(ipv4("lease {\n  option routers 192.0.2"), "");
+    EXPECT_EQ(ipv4("lease {\n  option routers 192.0.2.1"), "");
+    EXPECT_EQ(ipv4("lease {\n  option routers 192.0.2.17,192"), "");
+}
+
+TEST(Lease, closed_value_needs_no_end_of_its_line) {
+    EXPECT_EQ(ipv4("lease {\n  option routers 192.0.2.17;"), "192.0.2.17");
+    EXPECT_EQ(ipv6("new_routers='fe80::1'"), "fe80::1");
+}
+
+TEST(Lease, line_longer_than_the_buffer_tells_its_first_router) {
+    EXPECT_EQ(ipv4("  option routers 10.0.0.1," + std::string(2000, '2')), "10.0.0.1");
+}
+
+TEST(Lease6, value_that_is_not_ended_yet_tells_no_router) {
+    EXPECT_EQ(ipv6("new_routers='fe80::1"), "");
+    EXPECT_EQ(ipv6("new_routers='fe80::1 fe80:"), "");
+}
+
 TEST(Lease6, quotes_are_dropped) {
     EXPECT_EQ(ipv6("new_routers='fe80::1'\n"), "fe80::1");
 }

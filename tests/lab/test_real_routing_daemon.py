@@ -4,7 +4,6 @@
       gi1_1 192.0.2.10/24 ---------------- scripted peer 192.0.2.1    weight 1
       gi1_2 203.0.113.10/24 -------------- scripted peer 203.0.113.1  weight 3
 """
-import json
 import socket
 import unittest
 
@@ -22,12 +21,7 @@ class RealRoutingDaemon(LabTest):
         self.bird = self.lab.bird(ROUTER)
 
     def next_hops(self):
-        """{gateway: weight} of the kernel's route to the prefix."""
-        routes = json.loads(self.lab.router.run("ip", "-j", "route", "show", PREFIX) or "[]")
-        if not routes:
-            return {}
-        hops = routes[0].get("nexthops") or [{"gateway": routes[0]["gateway"], "weight": 1}]
-        return {hop["gateway"]: hop["weight"] for hop in hops}
+        return self.bird.next_hops(PREFIX)
 
     def test_kernel_has_the_multipath_route_with_the_weights(self):
         self.lab.start(two_uplinks())

@@ -1,8 +1,10 @@
 """Routing daemons that read the fragments: a captured one and the real one."""
+import contextlib
 import glob
 import json
 import os
 import shutil
+import signal
 import subprocess
 import sys
 
@@ -107,8 +109,11 @@ class Bird:
         conf = os.path.join(folder, "bird.conf")
         with open(conf, "w", encoding="ascii") as file:
             file.write(_BIRD_CONF.format(router_id=router_id, fragment=fragment))
+        self._namespace = lab_namespace
         self._log_path = os.path.join(folder, "bird.err")
-        with open(self._log_path, "wb") as log:
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink("/run/bird.ctl")  # of one that was killed
+        with open(self._log_path, "ab") as log:
             self._process = subprocess.Popen(
                 lab_namespace.command(bird_binary(), "-d", "-c", conf, "-s", "/run/bird.ctl"),
                 stdout=log, stderr=log, stdin=subprocess.DEVNULL)
@@ -118,6 +123,19 @@ class Bird:
 
     def log(self):
         return text_of(self._log_path) or ""
+
+    def next_hops(self, prefix):
+        """{gateway: weight} of the kernel's route to a prefix."""
+        routes = json.loads(self._namespace.run("ip", "-j", "route", "show", prefix) or "[]")
+        if not routes:
+            return {}
+        hops = routes[0].get("nexthops") or [{"gateway": routes[0]["gateway"], "weight": 1}]
+        return {hop["gateway"]: hop["weight"] for hop in hops}
+
+    def end(self, number=signal.SIGTERM):
+        """Ends by a signal, its pid file left behind."""
+        self._process.send_signal(number)
+        self._process.wait()
 
     def close(self):
         self._process.kill()

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include "config/probe_maker.h"
@@ -35,6 +36,7 @@ struct BlockStack {
 struct Statement {
     std::string key;
     std::string value;
+    std::string surplus;  // the first of the words that are ignored
 };
 
 /// The text between the first and the last double quote; with one quote only, the rest of the line.
@@ -46,6 +48,7 @@ std::string quoted_part(const std::string& line) {
 
 Statement read_words(const std::vector<std::string>& words, const std::string& line,
                      BlockStack& blocks) {
+    const bool is_quoted = line.find('"') != std::string::npos;
     Statement statement;
     for (const std::string& word : words) {
         if (word == "{") {
@@ -60,11 +63,20 @@ Statement read_words(const std::vector<std::string>& words, const std::string& l
         if (statement.key.empty()) {
             statement.key = word;
         } else if (statement.value.empty()) {
-            statement.value = line.find('"') == std::string::npos ? word : quoted_part(line);
+            statement.value = is_quoted ? quoted_part(line) : word;
+        } else if (statement.surplus.empty() && !is_quoted) {
+            statement.surplus = word;
         }
         blocks.set(statement.key);
     }
     return statement;
+}
+
+using LineBuffer = std::array<char, line_buffer_size>;
+
+/// True when the line goes on behind what one read takes.
+bool is_cut(const LineBuffer& read) {
+    return strlen(read.data()) == read.size() - 1 && read[read.size() - 2] != '\n';
 }
 
 /// The line up to its comment, without its line feed.
@@ -82,10 +94,10 @@ bool LBDataFactory::load(const std::string& path) {
         return false;
     }
     BlockStack blocks;
-    std::array<char, line_buffer_size> buffer;
+    LineBuffer buffer;
     while (fgets(buffer.data(), static_cast<int>(buffer.size()), file.get()) != nullptr) {
         if (observer != nullptr) {
-            observer->line(buffer.data());
+            observer->line(buffer.data(), is_cut(buffer));
         }
         const std::string line = without_comment(buffer.data());
         const StrProc words(line, " ");
@@ -95,7 +107,8 @@ bool LBDataFactory::load(const std::string& path) {
         const Statement statement = read_words(words.tokens, line, blocks);
         process(blocks.keywords, blocks.depth, statement.key, statement.value);
         if (observer != nullptr) {
-            observer->statement(blocks.depth, statement.key, statement.value, handled_);
+            observer->statement({blocks.keywords, blocks.depth, statement.key, statement.value,
+                                 statement.surplus, handled_});
         }
         if (!blocks.is_inside()) {
             LOG_WARNING("Malformed configuration file: brackets");

@@ -169,54 +169,54 @@ void LBDataFactory::process_health_interface_rule_type_target(const std::string&
 
 void LBDataFactory::process_health_interface_rule_type_resptime(const std::string& /*key*/,
                                                                 const std::string& value) {
-    if ((*cur_health)->second.ipv6) {
-        if (cur_test6) {
-            set_probe_timeout(*(*cur_test6)->second, number(value));
-        }
-    } else if (cur_test) {
+    const bool is_ipv6 = (*cur_health)->second.ipv6;
+    if (is_ipv6 && cur_test6) {
+        set_probe_timeout(*(*cur_test6)->second, number(value));
+    } else if (!is_ipv6 && cur_test) {
         set_probe_timeout(*(*cur_test)->second, number(value));
+    } else {
+        handled_ = Handled::ignored;
     }
 }
 
 namespace {
 
-void set_current(const std::optional<std::map<int, LBTest*>::iterator>& cur_test,
-                 PingSetting setting, const std::string& value) {
-    if (cur_test) {
-        set_ping(*(*cur_test)->second, setting, number(value));
-    }
+Handled set_current(const std::optional<std::map<int, LBTest*>::iterator>& cur_test,
+                    PingSetting setting, const std::string& value) {
+    const bool is_set = cur_test && set_ping(*(*cur_test)->second, setting, number(value));
+    return is_set ? Handled::acted : Handled::ignored;
 }
 
 }  // namespace
 
 void LBDataFactory::process_health_interface_rule_type_period(const std::string& /*key*/,
                                                               const std::string& value) {
-    set_current(cur_test, PingSetting::period_s, value);
+    handled_ = set_current(cur_test, PingSetting::period_s, value);
 }
 
 void LBDataFactory::process_health_interface_rule_type_timeout(const std::string& /*key*/,
                                                                const std::string& value) {
-    set_current(cur_test, PingSetting::wait_ms, value);
+    handled_ = set_current(cur_test, PingSetting::wait_ms, value);
 }
 
 void LBDataFactory::process_health_interface_rule_type_count(const std::string& /*key*/,
                                                              const std::string& value) {
-    set_current(cur_test, PingSetting::count, value);
+    handled_ = set_current(cur_test, PingSetting::count, value);
 }
 
 void LBDataFactory::process_health_interface_rule_type_loss(const std::string& /*key*/,
                                                             const std::string& value) {
-    set_current(cur_test, PingSetting::loss_percent, value);
+    handled_ = set_current(cur_test, PingSetting::loss_percent, value);
 }
 
 void LBDataFactory::process_health_interface_rule_type_rtt(const std::string& /*key*/,
                                                            const std::string& value) {
-    set_current(cur_test, PingSetting::rtt_ms, value);
+    handled_ = set_current(cur_test, PingSetting::rtt_ms, value);
 }
 
 void LBDataFactory::process_health_interface_rule_type_jitter(const std::string& /*key*/,
                                                               const std::string& value) {
-    set_current(cur_test, PingSetting::jitter_ms, value);
+    handled_ = set_current(cur_test, PingSetting::jitter_ms, value);
 }
 
 void LBDataFactory::process_rule_line(const std::vector<std::string>& stack, int depth,
@@ -235,6 +235,7 @@ void LBDataFactory::process_rule_line(const std::vector<std::string>& stack, int
     }
 }
 
+// Any key acts here as "rule" does: a line that lacks its block makes a rule of its own.
 void LBDataFactory::process_rule(const std::string& key, const std::string& value) {
     if (key.empty()) {
         return;
@@ -246,6 +247,9 @@ void LBDataFactory::process_rule(const std::string& key, const std::string& valu
     }
     const auto [entry, is_new] = data.rules.try_emplace(value);
     handled_ = is_new ? Handled::acted : Handled::kept;
+    if (key != "rule") {
+        handled_ = Handled::strayed;
+    }
     cur_rule = entry;
     cur_rule_if.reset();
     cur_target.reset();
@@ -257,8 +261,9 @@ void LBDataFactory::process_rule_interface(const std::string& key, const std::st
     }
     if (is_interface_keyword(key)) {
         auto& members = (*cur_rule)->second.interfaces;
-        cur_rule_if = members.try_emplace({value, key == "interface6"}, 0).first;
-        handled_ = Handled::acted;
+        const auto [member, is_new] = members.try_emplace({value, key == "interface6"}, 0);
+        handled_ = is_new ? Handled::acted : Handled::kept;
+        cur_rule_if = member;
         return;
     }
     if (key != "weight" || !cur_rule_if) {
@@ -279,8 +284,9 @@ void LBDataFactory::process_rule_target(const std::string& key, const std::strin
         return;
     }
     if (key == "address") {
-        cur_target = (*cur_rule)->second.targets.try_emplace(value, -1).first;
-        handled_ = Handled::acted;
+        const auto [target, is_new] = (*cur_rule)->second.targets.try_emplace(value, -1);
+        handled_ = is_new ? Handled::acted : Handled::kept;
+        cur_target = target;
     } else if (key == "metric" && cur_target) {
         (*cur_target)->second = number(value);
         handled_ = Handled::acted;

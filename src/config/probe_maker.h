@@ -32,5 +32,5 @@ enum class PingSetting {
     rtt_ms,
     jitter_ms,
 };
-/// Applies to an extended ping only; any other probe stays as it is.
-void set_ping(LBTest& probe, PingSetting setting, int value);
+/// Applies to an extended ping only; any other probe stays as it is. True when it was applied.
+bool set_ping(LBTest& probe, PingSetting setting, int value);

@@ -15,11 +15,12 @@
 
 namespace {
 
-/// The next hop of an interface in a route; empty where it cannot be routed.
+/// The next hop of an interface in a route; null where it cannot be routed.
 const std::string* usable_nexthop(const LBHealth& health, const LBRule& rule,
                                   const LBDecision::Weights& weights, const context& ctx) {
-    const bool is_candidate = rule.interfaces.contains({health.name, health.ipv6}) &&
-                              health.active && health.namespace_name == *ctx.ns_name;
+    // The namespace first: only the worker's own interfaces may be read without a lock.
+    const bool is_candidate = health.namespace_name == *ctx.ns_name && health.active &&
+                              rule.interfaces.contains({health.name, health.ipv6});
     if (!is_candidate) {
         return nullptr;
     }
@@ -63,11 +64,23 @@ void publish_choice(LBDecision::RuleEntry rule, const std::string& prefix,
     }
 }
 
-/// The text last written for the worker's namespace and family. Workers of several namespaces add
-/// their entries to one map; an entry then is its worker's own.
-std::string& last_routes(LBData& data, const context& ctx) {
+/// Remembers the routes of the worker's namespace and family; false when they are those of its last
+/// run. Workers of all namespaces add their entries to one map, so even finding an entry takes the
+/// lock: shared in the many cycles that change nothing.
+bool remember(LBData& data, const context& ctx, const std::string& routes) {
+    auto& last_routes = ctx.ipv6 ? data.last_routes6 : data.last_routes4;
+    {
+        const LiveStateReader hold;
+        const auto last = last_routes.find(*ctx.ns_name);
+        const bool is_unchanged =
+            last == last_routes.end() ? routes.empty() : last->second == routes;
+        if (is_unchanged) {
+            return false;
+        }
+    }
     const LiveStateWriter hold;
-    return (ctx.ipv6 ? data.last_routes6 : data.last_routes4)[*ctx.ns_name];
+    last_routes[*ctx.ns_name] = routes;
+    return true;
 }
 
 struct CloseFile {
@@ -178,9 +191,7 @@ void LBDecision::run(LBData& data, context* ctx) {
             routes += routes_of(*this, data, rule, ctx);
         }
     }
-    std::string& remembered = last_routes(data, *ctx);
-    if (remembered != routes) {
-        remembered = routes;
+    if (remember(data, *ctx, routes)) {
         hand_over(*this, routes, ctx);
     }
 }

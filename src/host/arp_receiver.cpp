@@ -41,14 +41,18 @@ void add_arp_entry(const ArpFrame& reply, in_addr sender, const std::string& ifn
 
 }  // namespace
 
-Fd open_arp_receiver() {
-    static constexpr std::array<sock_filter, 4> pass_replies{
+std::span<const sock_filter> pass_arp_replies() {
+    static constexpr std::array<sock_filter, 4> program{
         sock_filter{BPF_LD | BPF_H | BPF_ABS, 0, 0, offsetof(ArpFrame, operation)},
         sock_filter{BPF_JMP | BPF_JEQ | BPF_K, 0, 1, arp_reply},
         sock_filter{BPF_RET | BPF_K, 0, 0, 0xffffffffU},
         sock_filter{BPF_RET | BPF_K, 0, 0, 0},
     };
-    return open_packet_receiver(ETH_P_ARP, pass_replies);
+    return program;
+}
+
+Fd open_arp_receiver() {
+    return open_packet_receiver(ETH_P_ARP, pass_arp_replies());
 }
 
 bool take_arp_frame(std::span<const std::uint8_t> frame, AskedAddresses& asked) {

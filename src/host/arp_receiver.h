@@ -1,10 +1,15 @@
 #pragma once
 
+#include <linux/filter.h>
+
 #include <cstdint>
 #include <span>
 
 #include "host/asked_addresses.h"
 #include "net/fd.h"
+
+/// The filter that passes, of ARP frames, replies only.
+std::span<const sock_filter> pass_arp_replies();
 
 /// A packet socket that receives ARP replies only, of every interface of the calling thread's
 /// namespace; closed where none can be had.

@@ -24,7 +24,7 @@ namespace {
 constexpr std::size_t receive_buffer_size = 1'048'576;
 constexpr std::uint16_t last_kept_attribute = 10;
 
-/// How often an entry was written by any receiver of this process.
+/// How many entries the receivers of this process have written.
 std::atomic<std::uint64_t> entries_written{0};
 
 Fd open_route_netlink() {
@@ -171,7 +171,16 @@ std::optional<KnownNeighbors> dump_neighbors() {
     return status < 0 ? std::nullopt : std::make_optional(std::move(known));
 }
 
-bool is_fresh(const std::optional<KnownNeighbors>& known) {
+/// The MAC of an address in what is known; null where nothing is known or it is not among it.
+const MacAddress* look_up(const std::optional<KnownNeighbors>& known, const std::string& address) {
+    if (!known) {
+        return nullptr;
+    }
+    const auto found = known->macs.find(address);
+    return found == known->macs.end() ? nullptr : &found->second;
+}
+
+bool is_complete(const std::optional<KnownNeighbors>& known) {
     return known && known->entries_written_before == entries_written.load();
 }
 
@@ -264,23 +273,22 @@ void add_neighbor_entry(const std::string& address, const std::string& ifname,
     body.ndm_ifindex = static_cast<int>(index);
     std::memcpy(request.data() + NLMSG_HDRLEN, &body, sizeof body);
     iovec whole{request.data(), header->nlmsg_len};
-    neighbor_netlink_talk(&whole, 1, nullptr, "");
-    ++entries_written;
+    if (neighbor_netlink_talk(&whole, 1, nullptr, "") == 0) {
+        ++entries_written;
+    }
 }
 
 int find_neighbor(const std::string& address, unsigned char* mac) {
     auto& known = known_neighbors();
-    if (!is_fresh(known)) {
+    const MacAddress* found = look_up(known, address);
+    if (found == nullptr && !is_complete(known)) {
         known = dump_neighbors();
+        found = look_up(known, address);
     }
-    if (!known) {
-        return -1;
+    if (found == nullptr) {
+        return known ? 0 : -1;
     }
-    const auto found = known->macs.find(address);
-    if (found == known->macs.end()) {
-        return 0;
-    }
-    std::copy(found->second.begin(), found->second.end(), mac);
+    std::copy(found->begin(), found->end(), mac);
     return 1;
 }
 

@@ -48,8 +48,9 @@ void add_neighbor_entry(const std::string& address, const std::string& ifname,
                         const MacAddress& mac);
 
 /// As `LBNeighbor::check_neighbor_exist`, for any address. The table is dumped once in a pass of
-/// the calling thread, and again when an entry was written meanwhile: a dump per uplink would make
-/// a pass quadratic.
+/// the calling thread, and again when an address is missing and an entry was written meanwhile: a
+/// dump per uplink would make a pass quadratic, and one per advertisement would let a neighbour
+/// that floods them stall it.
 int find_neighbor(const std::string& address, unsigned char* mac);
 
 /// Starts a pass of the calling thread: the kernel's table may have changed since the last one.

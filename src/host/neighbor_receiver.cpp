@@ -14,16 +14,25 @@
 #include "net/sockets.h"
 #include "platform/log.h"
 
-Fd open_neighbor_receiver() {
-    static constexpr std::array<sock_filter, 6> pass_advertisements{
+std::span<const sock_filter> pass_advertisements() {
+    // A load beyond the frame's end drops it: the last one asks for room for the MAC.
+    static constexpr std::array<sock_filter, 9> program{
         sock_filter{BPF_LD | BPF_H | BPF_ABS, 0, 0, offsetof(EthernetHeader, ethertype)},
-        sock_filter{BPF_JMP | BPF_JEQ | BPF_K, 0, 3, ethertype_ipv6},
+        sock_filter{BPF_JMP | BPF_JEQ | BPF_K, 0, 6, ethertype_ipv6},
+        sock_filter{BPF_LD | BPF_B | BPF_ABS, 0, 0,
+                    offsetof(NeighborAdvertisement, ip) + offsetof(Ipv6Header, next_header)},
+        sock_filter{BPF_JMP | BPF_JEQ | BPF_K, 0, 4, IPPROTO_ICMPV6},
         sock_filter{BPF_LD | BPF_B | BPF_ABS, 0, 0, offsetof(NeighborAdvertisement, type)},
-        sock_filter{BPF_JMP | BPF_JEQ | BPF_K, 0, 1, icmp6_neighbor_advertisement},
-        sock_filter{BPF_RET | BPF_K, 0, 0, 0xffffffffU},
+        sock_filter{BPF_JMP | BPF_JEQ | BPF_K, 0, 2, icmp6_neighbor_advertisement},
+        sock_filter{BPF_LD | BPF_B | BPF_ABS, 0, 0, sizeof(NeighborAdvertisement) - 1},
+        sock_filter{BPF_RET | BPF_K, 0, 0, sizeof(NeighborAdvertisement)},
         sock_filter{BPF_RET | BPF_K, 0, 0, 0},
     };
-    return open_packet_receiver(ETH_P_IPV6, pass_advertisements);
+    return program;
+}
+
+Fd open_neighbor_receiver() {
+    return open_packet_receiver(ETH_P_IPV6, pass_advertisements());
 }
 
 bool take_neighbor_frame(std::span<const std::uint8_t> frame, AskedAddresses& asked) {
@@ -31,8 +40,10 @@ bool take_neighbor_frame(std::span<const std::uint8_t> frame, AskedAddresses& as
         return true;
     }
     const auto advertisement = read_at<NeighborAdvertisement>(frame, 0);
-    if (advertisement.ethernet.ethertype != ethertype_ipv6 ||
-        advertisement.type != icmp6_neighbor_advertisement) {
+    const bool is_advertisement = advertisement.ethernet.ethertype == ethertype_ipv6 &&
+                                  advertisement.ip.next_header == IPPROTO_ICMPV6 &&
+                                  advertisement.type == icmp6_neighbor_advertisement;
+    if (!is_advertisement) {
         return true;
     }
     std::array<char, INET6_ADDRSTRLEN> target{};

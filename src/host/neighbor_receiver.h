@@ -1,10 +1,20 @@
 #pragma once
 
+#include <linux/filter.h>
+
 #include <cstdint>
 #include <span>
 
 #include "host/asked_addresses.h"
 #include "net/fd.h"
+
+/// The filter that passes neighbour advertisements directly behind the IPv6 header, with room for a
+/// link-layer address, and cuts them there.
+///
+/// It asks for ICMPv6 beside the type: in a forwarded TCP or UDP packet the type's place is the
+/// high byte of the source port, and every such packet from the ports 34816 to 35071 would leave an
+/// entry of its own in the table of asked addresses.
+std::span<const sock_filter> pass_advertisements();
 
 /// A packet socket that receives neighbour advertisements only, of every interface of the calling
 /// thread's namespace; closed where none can be had.

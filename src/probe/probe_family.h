@@ -60,7 +60,7 @@ int next_packet_id(const ProbeFamily& family);
 
 /// Enters a probe into the table of probes in flight and gives its identifier, or nothing when one
 /// for the same interface and target is still in flight or the table cannot be locked.
-/// `last_sent` receives the moment, unless the probe was refused as being in flight.
+/// `last_sent` receives the moment, unless the probe was refused for one of these reasons.
 std::optional<int> register_probe(const ProbeFamily& family, const std::string& interface,
                                   const std::string& target, timespec& last_sent);
 

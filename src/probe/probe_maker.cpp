@@ -64,10 +64,10 @@ void set_probe_timeout(LBTest6& probe, int timeout_ms) {
     probe.timeout = timeout_ms;
 }
 
-void set_ping(LBTest& probe, PingSetting setting, int value) {
+bool set_ping(LBTest& probe, PingSetting setting, int value) {
     auto* ping = dynamic_cast<LBTestPING*>(&probe);
     if (ping == nullptr) {
-        return;
+        return false;
     }
     switch (setting) {
         case PingSetting::period_s:
@@ -89,4 +89,5 @@ void set_ping(LBTest& probe, PingSetting setting, int value) {
             ping->jitter = value;
             break;
     }
+    return true;
 }

@@ -4,42 +4,18 @@
       gi1_1 2001:db8::10/64, 02:00:5e:10:00:01 ----- peer 2001:db8::1:2:3, 02:00:5e:20:00:01
 """
 import json
-import os
-import socket
 import struct
 
-from kit import LabTest, expect, main, never
+import golden
+from golden import in_hex, sum_over
+from kit import expect, main, never
 from kit import echo_policies as policy
 from kit import packets
 from scenes import ACTIVE, GATEWAY, INACTIVE, ROUTER, VIA_1, fragment, one_uplink
 from scenes6 import (ACTIVE6, FAR_MAC, GATEWAY6, INACTIVE6, NEAR_MAC, ROUTER6, TARGET6, VIA_6,
-                     fragment6, one_uplink6)
+                     Ipv6Test, fragment6, one_uplink6)
 
 NEAR, FAR = NEAR_MAC.replace(":", ""), FAR_MAC.replace(":", "")
-
-
-def in_hex(address):
-    return packets.packed(address).hex()
-
-
-def sum_over(source, destination, message):
-    """The ICMPv6 checksum of a message in hex whose checksum field is zero, in hex."""
-    data = bytes.fromhex(message)
-    pseudo = packets.packed(source) + packets.packed(destination) + struct.pack("!I3xB", len(data), 58)
-    return f"{packets.checksum(pseudo + data):04x}"
-
-
-class Ipv6Test(LabTest):
-    def attach(self, **options):
-        options.setdefault("address6", ROUTER6 + "/64")
-        return self.lab.uplink("gi1_1", gateway6=GATEWAY6, **options)
-
-    def solicitations(self, target=GATEWAY6):
-        return [frame for frame, message in self.lab.peers["default-gi1_1"].seen(packets.Solicitation)
-                if message.target == target]
-
-    def entry(self, address=GATEWAY6):
-        return self.lab.neighbour(address, "gi1_1")
 
 
 class Frames(Ipv6Test):
@@ -58,11 +34,8 @@ class Frames(Ipv6Test):
         peer = self.attach()
         daemon = self.lab.start(one_uplink6())
         frame = expect(peer.echo_frames)[0]
-        identifier, payload = f"{daemon.pid & 0xffff:04x}", f"{frame.message.packet_id:08x}"
-        total = sum_over(ROUTER6, TARGET6, "80000000" + identifier + "0000" + payload)
-        self.assertEqual(frame.data.hex(), (
-            FAR + NEAR + "86dd" "60000000" "000c" "3a" "ff" + in_hex(ROUTER6) + in_hex(TARGET6)
-            + "8000" + total + identifier + "0000" + payload))
+        self.assertEqual(frame.data.hex(), golden.echo6(NEAR, FAR, daemon.pid & 0xFFFF,
+                                                        frame.message.packet_id))
 
     def test_both_have_right_checksums_to_scapy(self):
         peer = self.attach()
@@ -137,27 +110,6 @@ class Neighbours(Ipv6Test):
         self.lab.start(one_uplink6(nexthop="fe80::77"))
         expect(lambda: ACTIVE6 in self.lab.log.texts())
 
-    def test_receiver_sleeps_through_unrelated_packets(self):
-        peer = self.attach()
-        daemon = self.lab.start(one_uplink6())
-        expect(lambda: ACTIVE6 in self.lab.log.texts())
-
-        def wake_ups():
-            total = 0
-            for task in os.listdir(f"/proc/{daemon.pid}/task"):
-                with open(f"/proc/{daemon.pid}/task/{task}/status", encoding="ascii") as status:
-                    total += sum(int(line.split()[1]) for line in status
-                                 if line.startswith("voluntary_ctxt_switches"))
-            return total
-        before = wake_ups()
-        udp = bytes.fromhex("1389138900080000")
-        header = struct.pack("!IHBB", 6 << 28, len(udp), socket.IPPROTO_UDP, 64)
-        frame = packets.ethernet(packets.mac_bytes(NEAR_MAC), peer.mac, packets.IPV6, header
-                                 + packets.packed(GATEWAY6) + packets.packed(ROUTER6) + udp)
-        for _ in range(2000):
-            peer.send(frame)
-        never(lambda: wake_ups() - before > 1000, during=1)
-
 
 class Sources(Ipv6Test):
     def sources(self, peer):
@@ -173,7 +125,7 @@ class Sources(Ipv6Test):
     def test_without_a_link_local_address_the_source_is_unspecified_until_there_is_one(self):
         peer = self.attach()
         self.lab.router.ip("-6 address flush dev gi1_1 scope link")
-        self.lab.router.ip(f"neigh replace {GATEWAY6} lladdr {FAR_MAC} dev gi1_1 nud permanent")
+        self.know_gateway()
         self.lab.start(one_uplink6(source=None))
         self.assertEqual(expect(lambda: self.sources(peer))[0], "::")
         self.lab.router.ip("address add fe80::55/64 dev gi1_1 nodad")
@@ -182,7 +134,7 @@ class Sources(Ipv6Test):
     def test_address_with_80_as_second_byte_counts_as_link_local(self):
         peer = self.attach(address6="fd80::1/64")
         self.lab.router.ip("-6 address flush dev gi1_1 scope link")
-        self.lab.router.ip(f"neigh replace {GATEWAY6} lladdr {FAR_MAC} dev gi1_1 nud permanent")
+        self.know_gateway()
         self.lab.start(one_uplink6(source=None))
         self.assertEqual(expect(lambda: self.sources(peer))[0], "fd80::1")
 
@@ -191,14 +143,13 @@ class Sources(Ipv6Test):
         self.lab.router.ip("-6 address flush dev gi1_10 scope link")
         self.lab.router.ip("address add fe80::10/64 dev gi1_10 nodad")
         peer = self.attach()
-        self.lab.router.ip(f"neigh replace {GATEWAY6} lladdr 02:00:5e:20:00:02 dev gi1_1 "
-                           "nud permanent")
+        self.know_gateway("02:00:5e:20:00:02")
         self.lab.start(one_uplink6(source=None))
         self.assertEqual(expect(lambda: self.sources(peer))[0], "fe80::10")
 
     def test_unreadable_source_sends_nothing_and_says_why(self):
         peer = self.attach()
-        self.lab.router.ip(f"neigh replace {GATEWAY6} lladdr {FAR_MAC} dev gi1_1 nud permanent")
+        self.know_gateway()
         self.lab.start(one_uplink6(source="2001:db8::zz"))
         expect(lambda: "%WAN-W-ERR: inet_pton() failed.\nError message: Success"
                in self.lab.log.texts())
@@ -235,16 +186,9 @@ class Verdicts(Ipv6Test):
         self.lab.router.ip("link set gi1_1 up")
         expect(lambda: daemon.stderr.count("sendto() failed: ") >= 3)
         self.assertEqual(self.solicitations(), [])
-        self.lab.router.ip(f"neigh replace {GATEWAY6} lladdr {FAR_MAC} dev gi1_1 nud permanent")
+        self.know_gateway()
         self.lab.router.ip(f"address add {ROUTER6}/64 dev gi1_1 nodad", check=False)
         expect(lambda: ACTIVE6 in self.lab.log.texts())  # probes themselves go on
-
-    def test_address_under_duplicate_detection_does_not_hold_the_cycle_up(self):
-        peer = self.attach()
-        self.lab.router.ip("address add 2001:db8::99/64 dev gi1_1")
-        self.lab.start(one_uplink6(source="2001:db8::99"))
-        expect(peer.echo_requests)
-        expect(lambda: ACTIVE6 in self.lab.log.texts())
 
     def test_echo_replies_belong_to_an_established_connection(self):
         with open("/run/known.nft", "w", encoding="ascii") as file:

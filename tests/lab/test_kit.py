@@ -120,6 +120,18 @@ class ScriptedPeer(LabTest):
         self.assertEqual(len(self.ping.replies(within=15)), 1)
         self.assertGreaterEqual(len(self.peer.arp_requests("192.0.2.1")), 3)
 
+    def test_delays_its_arp_answers(self):
+        self.peer.arp_delay_s = 0.5
+        self.assertEqual(self.sequences(1), [1])
+        self.assertGreaterEqual(self.peer.echo_frames()[0].time_s - self.peer.arp_requests()[0].time_s,
+                                0.5)
+
+    def test_takes_nothing_that_is_meant_for_another_hardware_address(self):
+        self.lab.router.ip("neigh replace 192.0.2.1 lladdr 02:00:5e:20:00:99 dev gi1_1")
+        self.ping.send(1)
+        expect(self.peer.echo_requests)
+        self.assertEqual(self.ping.replies(within=0.4), [])
+
     def test_link_down_takes_the_carrier(self):
         self.peer.link("down")
         expect(lambda: "NO-CARRIER" in self.lab.router.ip("link show gi1_1"))

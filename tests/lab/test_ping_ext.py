@@ -3,49 +3,15 @@
     router                                        far
       gi1_1 192.0.2.10/24 ------------------------ scripted peer 192.0.2.1
 """
-import json
-import os
-import subprocess
-
 from kit import Conf, LabTest, expect, main, ping, ping_ext
 from kit import echo_policies as policy
-from kit.daemon import binary
+from ping_scene import FAILURE, LOOSE, NOT_YET, SUCCESS, Pinging, after_a_run, dumped
 from scenes import ACTIVE, GATEWAY, PREFIX, ROUTER, TARGET, changed, one_uplink, warning
-
-LBSHOW = os.path.join(os.path.dirname(binary()), "lbshow")
-# Limits that only a lost echo reaches, however slow the machine is.
-LOOSE = {"rtt": 900, "jitter": 900}
-
-
-def shown():
-    done = subprocess.run([LBSHOW, "interfaces", "--json"], capture_output=True, text=True,
-                          check=False, timeout=30)
-    return json.loads(done.stdout)["interfaces"] if done.returncode == 0 else []
-
-
-def collected():
-    """The result of the first probe's latest run, once one is published."""
-    def result():
-        results = [probe["last_result"] for one in shown() for probe in one["probes"]]
-        return results and results[0] != "none" and results[0]
-    return expect(result)
 
 
 def figures():
-    """The measurements of the first probe's latest run: loss, mean, jitter."""
-    collected()
-    quality = expect(shown)[0]["probes"][0]["quality"]
-    return quality["loss_percent"], quality["rtt_ms"], quality["jitter_ms"]
-
-
-class Pinging(LabTest):
-    def attach(self, echo=policy.answer):
-        peer = self.lab.uplink("gi1_1", ROUTER + "/24", GATEWAY, known=True)
-        peer.echo = echo
-        return peer
-
-    def start(self, **limits):
-        return self.lab.start(one_uplink(probes=[ping_ext(TARGET, **{**LOOSE, **limits})]))
+    """Loss, mean and jitter of the first probe's latest run."""
+    return after_a_run().figures
 
 
 class Frames(Pinging):
@@ -85,7 +51,7 @@ class Figures(Pinging):
     def test_one_of_ten_lost_counts_with_its_whole_wait(self):
         self.attach(policy.scripted([True] * 4 + [False], policy.delayed(0.005)))
         self.start(count=10)
-        self.assertEqual(collected(), "timed_out")
+        after_a_run(FAILURE)
         loss, mean_ms, jitter_ms = figures()
         self.assertEqual(loss, 10)
         self.assertGreaterEqual(mean_ms, 104)
@@ -101,21 +67,21 @@ class Figures(Pinging):
     def test_slow_answers_fail_by_their_mean(self):
         self.attach(policy.delayed(0.08))
         self.start(count=3, rtt=60)
-        self.assertEqual(collected(), "timed_out")
+        after_a_run(FAILURE)
         self.assertEqual(figures()[0], 0)
         self.assertGreaterEqual(figures()[1], 80)
 
     def test_one_slow_answer_fails_by_jitter(self):
         self.attach(lambda request, number: [(0.4 if number == 2 else 0.0, request.reply())])
         self.start(count=4, rtt=900, jitter=150)
-        self.assertEqual(collected(), "timed_out")
+        after_a_run(FAILURE)
         self.assertEqual(figures()[0], 0)
         self.assertGreaterEqual(figures()[2], 150)
 
     def test_loss_limit_of_zero_fails_every_run(self):
         self.attach()
         self.start(count=2, loss=0)
-        self.assertEqual(collected(), "timed_out")
+        after_a_run(FAILURE)
         self.assertEqual(figures()[0], 0)
 
     def test_tolerated_loss_is_a_success(self):
@@ -124,10 +90,22 @@ class Figures(Pinging):
         expect(lambda: ACTIVE in self.lab.log.texts())
         self.assertEqual(figures()[0], 25)
 
+    def test_limit_of_the_loss_that_is_reached_fails_the_run(self):
+        self.attach(policy.scripted([True, False]))
+        self.start(count=4, loss=25, timeout=500)
+        self.assertEqual(after_a_run(FAILURE).figures[0], 25)
+
+    def test_losses_of_a_pattern_are_all_counted_with_their_wait(self):
+        self.attach(policy.scripted([True, False, True, True, False, False, True, False]))
+        self.start(count=8, loss=60, timeout=400)
+        self.assertEqual(after_a_run(SUCCESS).figures[0], 50)
+        self.assertGreaterEqual(figures()[1], 200)
+        self.assertEqual(figures()[1] + figures()[2], 400)
+
     def test_count_of_zero_fails_without_an_echo(self):
         peer = self.attach()
         self.start(count=0)
-        self.assertEqual(collected(), "timed_out")
+        after_a_run(FAILURE)
         self.assertEqual(peer.echo_requests(), [])
 
 
@@ -135,7 +113,7 @@ class Answers(Pinging):
     def assert_first_echo_lost(self, echo):
         peer = self.attach(echo)
         self.start(count=5, timeout=400)
-        self.assertEqual(collected(), "timed_out")
+        after_a_run(FAILURE)
         self.assertEqual(len(peer.echo_requests()), 1)
         self.assertEqual(figures(), (0, 0, 0))
 
@@ -164,9 +142,39 @@ class Answers(Pinging):
     def test_late_answer_to_an_earlier_echo_does_not_count(self):
         peer = self.attach(lambda request, number: [(0.6 if number == 2 else 0.0, request.reply())])
         self.start(count=3, timeout=400)
-        self.assertEqual(collected(), "timed_out")
+        after_a_run(FAILURE)
         self.assertEqual(len(peer.echo_requests()), 3)
         self.assertEqual(figures()[0], 33)
+
+    def test_answers_that_change_places_lose_the_overtaken_echo(self):
+        held = []
+
+        def swap(request, number):
+            if number == 2:
+                held.append(request.reply())
+                return []
+            late = [(0.0, held.pop())] if held else []
+            return late + [(0.1 * len(late), request.reply())]
+        self.attach(swap)
+        self.start(count=4, timeout=600, loss=26)
+        loss, mean_ms, _ = after_a_run(SUCCESS).figures
+        self.assertEqual(loss, 25)
+        self.assertGreaterEqual(mean_ms, (600 + 100) // 4)  # the third waited for its own answer
+
+    def test_answer_with_ip_options_is_misread(self):
+        self.assert_first_echo_lost(policy.lying(ip_options=b"\x01\x01\x01\x00"))
+
+    def test_answer_without_a_payload_is_refused(self):
+        self.assert_first_echo_lost(policy.lying(payload=b""))
+
+    def test_answer_is_found_among_those_of_strangers(self):
+        def crowd(request, _number):
+            stranger = request.reply(payload=b"\0\0\x12\x34")
+            # Fewer than a reply socket's queue holds (about 270), so that none is lost on the way.
+            return [(0.0, stranger)] * 150 + [(0.0, request.reply())]
+        self.attach(crowd)
+        self.start(count=5)
+        self.assertEqual(after_a_run(SUCCESS).figures[0], 0)
 
     def test_duplicated_answers_count_once(self):
         self.attach(policy.duplicated(3))
@@ -191,8 +199,8 @@ class Runs(Pinging):
         text = warning("Address '192.0.2.77' not present on any interface")
         expect(lambda: self.lab.log.count(text) >= 2)
         self.assertEqual(peer.echo_requests(), [])
-        probe = expect(shown)[0]["probes"][0]
-        self.assertEqual((probe["last_result"], probe["failure_run"]), ("none", 0))
+        probe = expect(dumped)[0]
+        self.assertEqual((probe.result, probe.failures), (NOT_YET, 0))
 
     def test_tunnel_wait_of_whole_seconds_works(self):
         self.lab.uplink("gre_1", ROUTER, GATEWAY, point_to_point=GATEWAY)
@@ -205,7 +213,7 @@ class Runs(Pinging):
                                                             period=0, **LOOSE)]))
         expect(lambda: len(peer.echo_requests()) >= 3)
         self.assertEqual({echo.sequence for echo in peer.echo_requests()}, {0})
-        self.assertEqual(collected(), "timed_out")
+        after_a_run(FAILURE)
 
     def test_missing_tunnel_is_a_warning(self):
         self.lab.start(one_uplink("gre_1", probes=[ping_ext(GATEWAY, **LOOSE)]))
@@ -224,7 +232,6 @@ class Runs(Pinging):
         before = len(other.echo_requests())
         expect(lambda: len(other.echo_requests()) >= before + 2, within=7)
         self.assertLess(len(self.lab.peers["default-gi1_1"].echo_requests()), 8)
-
 
     def test_burst_does_not_hold_up_the_keep_alives(self):
         alive = self.lab.keep_alives()
@@ -261,8 +268,7 @@ class SharedSocket(LabTest):
                           and ".2 failure" in text], [])
         states = [text for text in self.lab.log.texts() if "changed state to inactive" in text]
         self.assertEqual(len(states), self.UPLINKS)  # those of the start
-        losses = [probe["quality"]["loss_percent"] for one in shown() for probe in one["probes"]
-                  if probe["quality"]]
+        losses = [probe.figures[0] for probe in expect(dumped) if probe.is_extended]
         self.assertEqual(losses, [0] * self.UPLINKS)
 
 

@@ -1,7 +1,4 @@
-"""The daemon is stopped for a while and goes on (see running.py).
-
-The long stops last 10 s; LB_STOP_SECONDS asks for another time.
-"""
+"""The daemon is stopped for a while and goes on (see running.py)."""
 import os
 import signal
 import time
@@ -11,7 +8,7 @@ from kit import echo_policies as policy
 from running import RunningTest
 from scenes import INACTIVE, INACTIVE_2, VIA_2, VIA_BOTH, fragment, two_uplinks
 
-SECONDS = float(os.environ.get("LB_STOP_SECONDS", "10"))
+SECONDS = 10  # of a long stop; one of a minute is in test_stopped_for_a_minute_slow.py
 
 
 class StoppingTest(RunningTest):

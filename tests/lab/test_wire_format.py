@@ -4,13 +4,11 @@
       gi1_1 192.0.2.10/24, 02:00:5e:10:00:01 --- peer 192.0.2.1, 02:00:5e:20:00:01
       gre_1 192.0.2.10 peer 192.0.2.1 ---------- the same behind a tunnel's name
 """
+import golden
+from golden import word
 from kit import LabTest, expect, main, ping
 from kit import packets
 from scenes import GATEWAY, ROUTER, TARGET, one_uplink
-
-
-def word(number):
-    return f"{number:04x}"
 
 
 class EchoFrame(LabTest):
@@ -21,13 +19,8 @@ class EchoFrame(LabTest):
 
     def test_has_46_bytes_in_the_order_of_the_table(self):
         daemon, frame = self.first_echo()
-        identifier = word(daemon.pid & 0xFFFF)
-        payload = "00000001"
-        icmp_sum = word(packets.checksum(bytes.fromhex("08000000" + identifier + "0000" + payload)))
-        self.assertEqual(frame.data.hex(), (
-            "02005e200001" "02005e100001" "0800"
-            "45" "00" "0020" "0000" "0000" "ff" "01" "cf9d" "c000020a" "c6336401"
-            "08" "00" + icmp_sum + identifier + "0000" + payload))
+        self.assertEqual(frame.data.hex(), golden.echo("02005e100001", "02005e200001",
+                                                       daemon.pid & 0xFFFF, 1))
 
     def test_is_an_echo_request_with_right_checksums_to_scapy(self):
         daemon, frame = self.first_echo()

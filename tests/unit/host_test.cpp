@@ -7,9 +7,11 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <span>
 #include <thread>
 
 #include "host/arp_receiver.h"
@@ -328,6 +330,19 @@ TEST_F(Neighbours, table_is_dumped_once_in_a_pass) {
     EXPECT_EQ(counted.calls(), 1);
 }
 
+TEST_F(Neighbours, refused_entry_does_not_make_the_table_be_dumped_again) {
+    forget_neighbors();
+    ask("2001:db8::1");
+    neighbor.check_neighbor_exist(mac);
+    {
+        const FailCall refused(Call::sendmsg, EPERM);
+        add_neighbor_entry("2001:db8::1", "lo", {});
+    }
+    const FailCall counted(Call::sendmsg, 0, 99);
+    neighbor.check_neighbor_exist(mac);
+    EXPECT_EQ(counted.calls(), 0);
+}
+
 TEST_F(Neighbours, failing_netlink_steps_are_reported) {
     ask("2001:db8::1");
     for (const Call call : {Call::socket, Call::bind, Call::sendmsg}) {
@@ -399,6 +414,7 @@ Bytes advertisement() {
     Bytes frame(86);
     frame[12] = 0x86;
     frame[13] = 0xdd;
+    frame[20] = 58;
     frame[54] = 136;
     const Bytes target{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
     std::copy(target.begin(), target.end(), frame.begin() + 62);
@@ -422,11 +438,62 @@ TEST_F(Neighbours, other_frames_are_ignored) {
     Bytes ipv4 = advertisement();
     ipv4[12] = 0x08;
     take_neighbor_frame(ipv4, asked);
+    Bytes udp_from_port_34816 = advertisement();
+    udp_from_port_34816[20] = 17;
+    take_neighbor_frame(udp_from_port_34816, asked);
     const Bytes whole = advertisement();
     for (std::size_t length = 0; length < whole.size(); ++length) {
         take_neighbor_frame(std::span(whole).first(length), asked);
     }
     EXPECT_EQ(asked.size(), 0U);
+}
+
+/// The sizes of what is left of frames after a filter; those that it drops have none.
+std::vector<std::size_t> filtered(std::span<const sock_filter> filter,
+                                  const std::vector<Bytes>& frames) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()), 0);
+    const Fd sender(ends[0]);
+    const Fd receiver(ends[1]);
+    const sock_fprog program{static_cast<unsigned short>(filter.size()),
+                             const_cast<sock_filter*>(filter.data())};
+    EXPECT_EQ(setsockopt(ends[1], SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program), 0);
+    for (const Bytes& frame : frames) {
+        send(ends[0], frame.data(), frame.size(), 0);
+    }
+    std::vector<std::size_t> sizes;
+    Bytes taken(2000);
+    for (ssize_t size = 0; (size = recv(ends[1], taken.data(), taken.size(), 0)) >= 0;) {
+        sizes.push_back(static_cast<std::size_t>(size));
+    }
+    return sizes;
+}
+
+TEST_F(Neighbours, filter_wakes_for_whole_advertisements_only) {
+    Bytes longer = advertisement();
+    longer.resize(1500);
+    Bytes shorter = advertisement();
+    shorter.pop_back();
+    Bytes solicitation = advertisement();
+    solicitation[54] = 135;
+    Bytes ipv4 = advertisement();
+    ipv4[12] = 0x08;
+    Bytes udp_from_port_34816 = advertisement();
+    udp_from_port_34816[20] = 17;
+    EXPECT_EQ(filtered(pass_advertisements(),
+                       {shorter, solicitation, ipv4, udp_from_port_34816, Bytes(14)}),
+              std::vector<std::size_t>{});
+    EXPECT_EQ(filtered(pass_advertisements(), {advertisement(), longer}),
+              (std::vector<std::size_t>{86, 86}));
+}
+
+TEST(ArpFilter, wakes_for_replies_only) {
+    Bytes reply(42);
+    reply[21] = 2;
+    Bytes request(42);
+    request[21] = 1;
+    EXPECT_EQ(filtered(pass_arp_replies(), {request, Bytes(21)}), std::vector<std::size_t>{});
+    EXPECT_EQ(filtered(pass_arp_replies(), {reply}), std::vector<std::size_t>{42});
 }
 
 TEST_F(Neighbours, entry_for_an_interface_that_is_gone_is_reported) {

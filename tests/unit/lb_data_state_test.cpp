@@ -1,11 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <cerrno>
-
 #include "config/lb_data.h"
 #include "probe/lb_test.h"
 #include "unit/support/captured_log.h"
-#include "unit/support/faults.h"
 #include "unit/support/given_clock.h"
 #include "unit/support/loaded.h"
 
@@ -14,11 +11,8 @@ namespace {
 using Lines = std::vector<LogLine>;
 
 struct State : testing::Test {
-    LBHealth& interface(const std::string& name, const std::string& nexthop = "",
-                        bool ipv6 = false) {
-        LBHealth& made = data.family(ipv6).try_emplace(name, name, ipv6).first->second;
-        made.nexthop = nexthop;
-        return made;
+    LBHealth& interface(const std::string& name, bool ipv6 = false) {
+        return data.family(ipv6).try_emplace(name, name, ipv6).first->second;
     }
 
     LBData data;
@@ -35,7 +29,7 @@ TEST_F(State, unknown_interface_is_inactive_and_lies_nowhere) {
 
 TEST_F(State, families_are_asked_apart) {
     interface("eth0").active = true;
-    interface("eth0", "", true).namespace_name = "blue";
+    interface("eth0", true).namespace_name = "blue";
     EXPECT_TRUE(data.is_active("eth0", ctx));
     EXPECT_FALSE(data.is_active("eth0", ctx6));
     EXPECT_EQ(data.get_interface_namespace("eth0", ctx), "");
@@ -46,7 +40,7 @@ TEST_F(State, a_cycle_starts_without_changes_in_the_workers_own_interfaces) {
     LBHealth& own = interface("eth0");
     LBHealth& foreign = interface("eth1");
     foreign.namespace_name = "blue";
-    LBHealth& sibling = interface("eth0", "", true);
+    LBHealth& sibling = interface("eth0", true);
     data.reset_state_changed(ctx);
     EXPECT_FALSE(own.state_changed);
     EXPECT_TRUE(foreign.state_changed);
@@ -70,50 +64,6 @@ TEST_F(State, known_change_is_kept) {
     LBData::Changes changes{{"gi1_1", "FAILED"}};
     data.check_state(&changes, data.health.begin(), ctx);
     EXPECT_EQ(changes.at("gi1_1"), "FAILED");
-}
-
-TEST_F(State, missing_lease_warns_only_while_nothing_was_learnt) {
-    LBHealth& health = interface("gi1_1", "dhcp");
-    const faults::FailCall no_file(faults::Call::fopen, ENOENT);
-    data.update_dhcp_nexthop(ctx);
-    EXPECT_EQ(log.lines(), (Lines{{4,
-                                   "%WAN-W-WARN: Failed to get routers option from DHCP on "
-                                   "interface gigabitethernet 1/0/1"}}));
-    health.nexthop_addr = "192.0.2.1";
-    data.update_dhcp_nexthop(ctx);
-    EXPECT_EQ(log.lines().size(), 1U);
-    EXPECT_EQ(health.nexthop_addr, "192.0.2.1");
-}
-
-TEST_F(State, lease_of_each_family_is_looked_for) {
-    interface("gi1_1", "192.0.2.1");
-    interface("eth0", "dhcp", true);
-    const faults::FailCall no_file(faults::Call::fopen, ENOENT);
-    data.update_dhcp_nexthop(ctx);
-    EXPECT_EQ(no_file.calls(), 0);
-    data.update_dhcp_nexthop(ctx6);
-    EXPECT_EQ(no_file.calls(), 1);
-    EXPECT_EQ(log.lines().front().text,
-              "%WAN-W-WARN: Failed to get routers option from DHCP on interface unknown interface");
-}
-
-TEST_F(State, tunnel_that_does_not_exist_has_a_zero_peer) {
-    LBHealth& health = interface("gre_99", "tunnel");
-    LBHealth& foreign = interface("gre_98", "tunnel");
-    foreign.namespace_name = "blue";
-    data.update_tunnel_nexthop(ctx);
-    EXPECT_EQ(health.nexthop_addr, "0.0.0.0");
-    EXPECT_EQ(foreign.nexthop_addr, "");
-    EXPECT_TRUE(log.lines().empty());
-}
-
-TEST_F(State, peer_that_cannot_be_printed_is_a_debug_line) {
-    LBHealth& health = interface("gre_9", "tunnel");
-    const faults::FailCall no_text(faults::Call::inet_ntop, ENOSPC);
-    data.update_tunnel_nexthop(ctx);
-    EXPECT_EQ(health.nexthop_addr, "");
-    EXPECT_EQ(log.lines(),
-              (Lines{{7, "Failed to get P-t-P destination from tunnel interface gre 9"}}));
 }
 
 TEST_F(State, dump_prints_interfaces_probes_and_rules) {

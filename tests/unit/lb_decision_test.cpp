@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
+#include <future>
 
+#include "config/live_state.h"
 #include "decision/route_text.h"
 #include "unit/support/captured_log.h"
 #include "unit/support/faults.h"
@@ -19,6 +22,11 @@ TEST(RouteText, line_has_head_clauses_and_metric) {
         "route 10.8.0.0/16 multipath via 10.0.0.1 weight 1 via 192.168.1.1 weight 3 metric 20;\n");
     EXPECT_EQ(route_line("0.0.0.0/0", via_clause("10.0.0.1", 1), -1),
               "route 0.0.0.0/0 multipath via 10.0.0.1 weight 1;\n");
+}
+
+TEST(RouteText, only_minus_1_is_no_metric) {
+    EXPECT_EQ(route_line("0.0.0.0/0", "", 0), "route 0.0.0.0/0 multipath metric 0;\n");
+    EXPECT_EQ(route_line("0.0.0.0/0", "", -2), "route 0.0.0.0/0 multipath metric -2;\n");
 }
 
 TEST(RouteText, only_the_ipv4_fragment_checks_links) {
@@ -186,6 +194,65 @@ TEST_F(Deciding, null_pointers_make_no_route) {
     EXPECT_FALSE(is_added);
 }
 
+TEST_F(Deciding, rule_without_targets_leaves_its_choices_alone) {
+    interface("a", "10.0.0.1");
+    LBRule& made = rule("1_ipv4", {}, {{"a", 1}});
+    made.failover = 1;
+    made.chosen_nexthops["10.0.0.0/8"] = "kept";
+    EXPECT_EQ(run(), "");
+    EXPECT_EQ(made.chosen_nexthops.at("10.0.0.0/8"), "kept");
+}
+
+TEST_F(Deciding, member_that_fails_is_left_out_from_then_on) {
+    interface("a", "10.0.0.1");
+    interface("b", "10.0.0.2");
+    rule("1_ipv4", {{"0.0.0.0/0", -1}}, {{"a", 1}, {"b", 1}});
+    run();
+    data.health.at("a").active = false;
+    EXPECT_EQ(run(), "route 0.0.0.0/0 multipath via 10.0.0.2 weight 1;\n");
+}
+
+TEST_F(Deciding, interface_that_carries_nothing_in_this_run_makes_no_route) {
+    interface("a", "10.0.0.1");
+    LBRule& made = rule("1_ipv4", {{"0.0.0.0/0", -1}}, {{"a", 1}, {"b", 1}});
+    std::string line;
+    bool is_added = false;
+    LBDecision().generate_route(data.health.begin(), &line, &is_added, data.rules.begin(),
+                                Weights{{"b", 1}}, made.targets.begin(), ctx);
+    EXPECT_EQ(line, "");
+    EXPECT_FALSE(is_added);
+}
+
+TEST_F(Deciding, choice_is_remembered_of_the_only_interface_left) {
+    interface("a", "10.0.0.1");
+    LBRule& made = rule("1_ipv4", {{"0.0.0.0/0", -1}}, {{"a", 1}, {"b", 1}});
+    made.failover = 1;
+    std::string line;
+    bool is_added = false;
+    const auto route_with = [&](const Weights& weights) {
+        LBDecision().generate_route(data.health.begin(), &line, &is_added, data.rules.begin(),
+                                    weights, made.targets.begin(), ctx);
+    };
+    route_with({{"a", 1}, {"b", 1}});
+    EXPECT_TRUE(made.chosen_nexthops.empty());
+    route_with({{"a", 1}});
+    EXPECT_EQ(made.chosen_nexthops.at("0.0.0.0/0"), "10.0.0.1");
+}
+
+TEST_F(Deciding, a_cycle_without_changes_waits_for_no_reader) {
+    interface("a", "10.0.0.1");
+    rule("1_ipv4", {{"0.0.0.0/0", -1}}, {{"a", 1}}).failover = 1;
+    run();
+    std::future_status ended{};
+    std::future<void> cycle;
+    {
+        const LiveStateReader hold;
+        cycle = std::async(std::launch::async, [this] { LBDecision().run(data, ctx); });
+        ended = cycle.wait_for(std::chrono::seconds(5));
+    }
+    EXPECT_EQ(ended, std::future_status::ready);
+}
+
 TEST_F(Deciding, weights_of_a_failover_rule_hold_one_interface) {
     interface("a", "10.0.0.1");
     interface("b", "10.0.0.2");
@@ -200,6 +267,19 @@ TEST_F(Deciding, command_output_comes_line_by_line_with_a_blank) {
     std::string output;
     EXPECT_EQ(LBDecision().execute("printf '1234\\n5'; false", output, ctx, true), 256);
     EXPECT_EQ(output, "1234\n 5 ");
+}
+
+TEST_F(Deciding, command_output_is_added_to_what_is_there) {
+    std::string output = "before ";
+    LBDecision().execute("echo 1234", output, ctx, true);
+    EXPECT_EQ(output, "before 1234\n ");
+}
+
+TEST_F(Deciding, command_that_cannot_run_leaves_the_output_alone) {
+    std::string output = "before";
+    const faults::FailCall no_shell(faults::Call::popen, EAGAIN);
+    EXPECT_EQ(LBDecision().execute("echo 1234", output, ctx, true), -1);
+    EXPECT_EQ(output, "before");
 }
 
 TEST_F(Deciding, command_that_is_not_read_gives_its_status_only) {

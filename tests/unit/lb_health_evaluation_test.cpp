@@ -1,8 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <utility>
+
 #include "config/lb_data.h"
 #include "probe/lb_path_test.h"
 #include "probe/lb_test.h"
+#include "probe/lb_test6.h"
 #include "unit/support/captured_log.h"
 #include "unit/support/given_clock.h"
 #include "unit/support/loaded.h"
@@ -153,10 +157,35 @@ TEST_F(Evaluated, ipv6_interface_without_a_router_name_says_so) {
               "%WAN-I-INSTANCE: IPv6 interface unknown interface changed state to active");
 }
 
+TEST(Put, success_at_its_threshold_renews_the_verdict) {
+    LBHealth health = health_with(1, 1);
+    put_all(health, {7, 0});
+    EXPECT_EQ(health.history.last_resp.at("a"), 0);
+}
+
+TEST(Put, targets_have_runs_of_their_own) {
+    LBHealth health = health_with(2, 2);
+    health.put(success, nullptr, "a");
+    health.put(failure, nullptr, "b");
+    EXPECT_EQ(health.get_success_ct_by_str("a"), 1);
+    EXPECT_EQ(health.get_success_ct_by_str("b"), 0);
+    EXPECT_EQ(health.get_failure_ct_by_str("b"), 1);
+    EXPECT_TRUE(health.history.last_resp.empty());
+}
+
+TEST(Put, asking_for_a_run_inserts_no_target) {
+    LBHealth health = health_with(1, 1);
+    EXPECT_EQ(health.get_success_ct_by_str("a"), 0);
+    EXPECT_EQ(health.get_failure_ct_by_str("a"), 0);
+    EXPECT_TRUE(health.success_count.empty());
+    EXPECT_TRUE(health.failure_count.empty());
+}
+
 /// A probe that notes when it is used.
-class NotedProbe : public LBTest {
+template <class Base>
+class Noted : public Base {
   public:
-    NotedProbe(std::vector<std::string>& notes, std::string own) : notes_(notes), own_(own) {}
+    Noted(std::vector<std::string>& notes, std::string own) : notes_(notes), own_(own) {}
     void send(LBHealth&, context*) override { notes_.push_back("send " + own_); }
     void recv(LBHealth& health, context* ctx) override {
         notes_.push_back("recv " + own_);
@@ -169,6 +198,7 @@ class NotedProbe : public LBTest {
     std::vector<std::string>& notes_;
     std::string own_;
 };
+using NotedProbe = Noted<LBTest>;
 
 TEST_F(Evaluated, a_pass_sends_all_probes_before_it_collects_any) {
     std::vector<std::string> notes;
@@ -184,6 +214,44 @@ TEST_F(Evaluated, a_pass_sends_all_probes_before_it_collects_any) {
     EXPECT_TRUE(data.health.at("a").active);
     EXPECT_FALSE(other.active);
     EXPECT_EQ(data.health.at("a").test_it, data.health.at("a").tests.begin());
+}
+
+TEST_F(Evaluated, a_pass_of_the_ipv6_worker_leaves_ipv4_interfaces_alone) {
+    std::vector<std::string> notes;
+    NotedProbe probe(notes, "4");
+    Noted<LBTest6> probe6(notes, "6");
+    data.health.try_emplace("a", "a", false).first->second.tests = {{1, &probe}};
+    LBHealth& health6 = data.health6.try_emplace("a", "a", true).first->second;
+    health6.tests6 = {{1, &probe6}};
+    ctx.ctx.ipv6 = true;
+    LBPathTest().start(data, ctx);
+    EXPECT_EQ(notes, (std::vector<std::string>{"send 6", "recv 6"}));
+    EXPECT_TRUE(health6.active);
+    EXPECT_EQ(health6.test6_it, health6.tests6.begin());
+}
+
+TEST_F(Evaluated, interface_is_evaluated_before_the_next_one_is_collected) {
+    std::vector<std::string> notes;
+    int active_before = -1;
+    struct Looking : NotedProbe {
+        Looking(std::vector<std::string>& own_notes, std::function<void()> look_around)
+            : NotedProbe(own_notes, "x"), look(std::move(look_around)) {}
+        void recv(LBHealth& record, context* context_) override {
+            look();
+            NotedProbe::recv(record, context_);
+        }
+        std::function<void()> look;
+    };
+    const auto count_active = [&] {
+        active_before = static_cast<int>(data.health.at("a").active) +
+                        static_cast<int>(data.health.at("b").active);
+    };
+    Looking first(notes, count_active);
+    Looking second(notes, count_active);
+    data.health.try_emplace("a", "a", false).first->second.tests = {{1, &first}};
+    data.health.try_emplace("b", "b", false).first->second.tests = {{1, &second}};
+    LBPathTest().start(data, ctx);
+    EXPECT_EQ(active_before, 1);  // seen by the second one to be collected
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // The probes up to the edge of the network: targets, status lines, paths, messages, period.
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "host/lb_arp.h"
@@ -12,9 +14,12 @@
 #include "probe/lb_test_icmp.h"
 #include "probe/lb_test_icmp6.h"
 #include "probe/lb_test_ping.h"
+#include "probe/probe_steps.h"
 #include "unit/support/captured_log.h"
+#include "unit/support/echo_replies.h"
 #include "unit/support/faults.h"
 #include "unit/support/given_clock.h"
+#include "unit/support/hex.h"
 #include "unit/support/loaded.h"
 
 namespace {
@@ -185,6 +190,139 @@ TEST_F(Probes, host_name_passes_the_resolver_and_fails_as_an_address) {
     LBTestICMP probe;
     EXPECT_EQ(probe.send_for_tunnel(bindable.get(), "lo", "localhost", 1, ctx), -1);
     EXPECT_EQ(log.lines(), (Lines{{4, err + "inet_aton() failed: Invalid argument"}}));
+}
+
+/// The bytes with the process identifier and the checksum, which covers it, blanked at 2 to 5.
+std::string blanked(Bytes message) {
+    std::fill(message.begin() + 2, message.begin() + 6, std::uint8_t{0});
+    return to_hex(message);
+}
+
+Bytes sent_to(const DatagramPair& pair) {
+    Bytes message(100);
+    const ssize_t length = ::recv(pair.far.get(), message.data(), message.size(), MSG_DONTWAIT);
+    message.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    return message;
+}
+
+TEST_F(Probes, echo_into_a_tunnel_is_bound_and_sent_to_the_socket) {
+    const DatagramPair tunnel;
+    LBTestICMP probe;
+    EXPECT_EQ(probe.send_for_tunnel(tunnel.near.get(), "lo", "192.0.2.1", 0x1234, ctx), 24);
+    EXPECT_EQ(blanked(sent_to(tunnel)), "080000000000000100001234000000000000000000000000");
+    char bound[16] = {};
+    socklen_t length = sizeof bound;
+    getsockopt(tunnel.near.get(), SOL_SOCKET, SO_BINDTODEVICE, bound, &length);
+    EXPECT_STREQ(bound, "lo");
+}
+
+TEST_F(Probes, ipv6_echo_into_a_tunnel_carries_the_time_before_the_identifier) {
+    const DatagramPair tunnel;
+    LBTestICMP6 probe;
+    EXPECT_EQ(probe.send_for_tunnel(tunnel.near.get(), "lo", "2001:db8::1", 0x1234, ctx6), 40);
+    EXPECT_EQ(blanked(sent_to(tunnel)),  // 1,700,000,000 s, 0 us
+              "80000000000000016553f1000000000000001234"
+              "0000000000000000000000000000000000000000");
+}
+
+TEST_F(Probes, failed_send_is_a_debug_line_unless_the_network_is_unreachable) {
+    errno = ENETUNREACH;
+    report_failed_send(ipv4_probes, -1);
+    errno = EPERM;
+    report_failed_send(ipv4_probes, 46);
+    EXPECT_TRUE(log.lines().empty());
+    report_failed_send(ipv4_probes, -1);
+    report_failed_send(ipv6_probes, -1);
+    EXPECT_EQ(log.lines(), (Lines{{7, "wan_lb: error on sending icmp packet: 1"},
+                                  {7, "wan_lb: error on sending icmp6 packet: 1"}}));
+}
+
+TEST_F(Probes, timed_out_probe_counts_against_its_target_and_is_sent_anew) {
+    LBTestICMP probe;
+    probe.ns_name = "probe test";
+    LBTest::_received.set("probe test", true);  // no receiver thread is needed
+    LBHealth health = uplink("no such", "192.0.2.1");
+    health.failure_ct = 2;
+    probe.send(health, ctx);
+    clock.advance_ms(5000);
+    probe.recv(health, ctx);
+    EXPECT_EQ(probe.last_result, 0);
+    clock.advance_ms(1);
+    probe.recv(health, ctx);
+    EXPECT_EQ(probe.last_result, 2);
+    EXPECT_EQ(health.get_failure_ct_by_str("192.0.2.1"), 1);
+    probe.send(health, ctx);
+    EXPECT_EQ(LBTest::_results.size(), 1U);
+}
+
+TEST_F(Probes, answered_ipv6_probe_counts_for_its_target) {
+    LBTestICMP6 probe;
+    probe.ns_name = "probe test";
+    LBTest6::_received.set("probe test", true);
+    LBHealth health = uplink("no such", "2001:db8::1", true);
+    health.source_address = "2001:db8::2";
+    health.success_ct = 2;
+    probe.send(health, ctx6);
+    LBTest6::_results.mark_answered(LBTest6::_packet_id);
+    probe.recv(health, ctx);
+    EXPECT_EQ(probe.last_result, 0);  // not in the context of the other family
+    probe.recv(health, ctx6);
+    EXPECT_EQ(probe.last_result, 1);
+    EXPECT_EQ(health.get_success_ct_by_str("2001:db8::1"), 1);
+}
+
+TEST_F(Probes, configured_source_of_an_ipv6_probe_stays) {
+    LBTestICMP6 probe;
+    LBHealth health = uplink("no such", "2001:db8::1", true);
+    health.source_address = "2001:db8::2";
+    probe.send(health, ctx6);
+    EXPECT_EQ(health.source_address, "2001:db8::2");
+}
+
+/// The checksums that the classes offer, over messages whose sums are worked out by hand.
+struct ProbeChecksums : testing::Test {
+    ProbeChecksums() {
+        ip.ip6_nxt = 58;
+        // Sum of both addresses, 2001:db8::2 and 2001:db8:1::5: 0x5b7a.
+        ip.ip6_src = {{{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2}}};
+        ip.ip6_dst = {{{0x20, 0x01, 0x0d, 0xb8, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5}}};
+    }
+    ip6_hdr ip{};
+    unsigned char data[4] = {0x01, 0x02, 0x03, 0x04};
+};
+
+TEST_F(ProbeChecksums, of_an_icmp_message_ignore_the_one_in_the_header) {
+    icmphdr header{};
+    header.type = 8;
+    header.checksum = 0xffee;
+    header.un.echo.id = htons(0x1234);
+    LBTestICMP probe;
+    LBTestPING ping;
+    // 0x0800 + 0x1234 + 0x0102 + 0x0304 = 0x1e3a
+    EXPECT_EQ(probe.icmp4_checksum(header, data, 4), 0xe1c5);
+    EXPECT_EQ(ping.icmp4_checksum(header, data, 4), 0xe1c5);
+    // Three bytes are padded: 0x0800 + 0x1234 + 0x0102 + 0x0300 = 0x1e36
+    EXPECT_EQ(probe.icmp4_checksum(header, data, 3), 0xe1c9);
+}
+
+TEST_F(ProbeChecksums, of_an_icmpv6_message_cover_the_pseudo_header) {
+    icmp6_hdr header{};
+    header.icmp6_type = 128;
+    header.icmp6_cksum = 0xffee;
+    header.icmp6_id = htons(0x1234);
+    LBTestICMP6 probe;
+    // 0x5b7a + length 12 + next header 58 + 0x8000 + 0x1234 + 0x0102 + 0x0304 = 0xf1fa
+    EXPECT_EQ(probe.in_checksum(ip, header, data, 4), 0x0e05);
+    // Three bytes: length 11 and 0x0300 instead of 0x0304
+    EXPECT_EQ(probe.in_checksum(ip, header, data, 3), 0x0e0a);
+}
+
+TEST_F(ProbeChecksums, of_bytes_are_the_same_in_every_class) {
+    alignas(unsigned short) unsigned char bytes[4] = {0x12, 0x34, 0x00, 0x01};
+    auto* words = reinterpret_cast<unsigned short*>(bytes);
+    EXPECT_EQ(LBTestICMP().in_checksum(words, 4), 0xedca);
+    EXPECT_EQ(LBTestPING().in_checksum(words, 4), 0xedca);
+    EXPECT_EQ(LBTestICMP6().checksum(words, 4), 0xedca);
 }
 
 TEST_F(Probes, echo_of_the_wrong_family_is_not_sent) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "lbcheck/findings.h"
+#include "unit/support/captured_log.h"
 #include "unit/support/loaded.h"
 
 namespace {
@@ -26,8 +27,8 @@ std::string conf(const std::string& in_interface = "", const std::string& in_pro
            in_rule + "}\n" + behind;
 }
 
-/// The one finding of a file, as "line severity 'text' message".
-std::string only_finding(const std::string& text) {
+/// What is found in a file, as "line severity 'text' message".
+std::string found_in(const std::string& text) {
     const auto findings = findings_in(text);
     std::string all;
     for (const Finding& one : findings) {
@@ -39,7 +40,7 @@ std::string only_finding(const std::string& text) {
 }
 
 TEST(Check, clean_file_has_no_findings) {
-    EXPECT_EQ(only_finding(conf()), "");
+    EXPECT_EQ(found_in(conf()), "");
 }
 
 TEST(Check, missing_file_is_an_error) {
@@ -50,114 +51,41 @@ TEST(Check, missing_file_is_an_error) {
 }
 
 TEST(Check, unknown_keyword_is_told_with_its_line) {
-    EXPECT_EQ(only_finding(conf("nexthopp 192.0.2.2\n")),
+    EXPECT_EQ(found_in(conf("nexthopp 192.0.2.2\n")),
               "6 warning 'nexthopp 192.0.2.2' unknown or misplaced keyword: ignored");
 }
 
-TEST(Check, value_that_is_cut_short_is_told) {
-    EXPECT_EQ(only_finding(conf("", "resp-time 12s\n")),
-              "9 warning 'resp-time 12s' no plain number: the digits before the first other "
-              "character count");
-}
-
-TEST(Check, refused_value_is_told_in_the_loaders_words) {
-    EXPECT_EQ(only_finding(conf("success-ct 0\n")),
-              "6 warning '' wan_lb: illegal success-ct specified in configuration file: 0");
-}
-
-TEST(Check, carriage_returns_are_an_error) {
-    const auto findings = findings_in("health {\r\n}\r\n");
-    ASSERT_FALSE(findings.empty());
-    EXPECT_EQ(findings[0].severity, Severity::error);
-    EXPECT_NE(findings[0].message.find("carriage returns"), std::string::npos);
-}
-
-TEST(Check, brackets_are_an_error) {
-    EXPECT_EQ(only_finding("}\n"), "1 error '' Malformed configuration file: brackets");
-    EXPECT_EQ(only_finding("health {\n"),
-              "1 error '' Configuration error due to mismatched brackets");
-}
-
-TEST(Check, comment_longer_than_a_read_is_told) {
-    EXPECT_NE(only_finding("# " + std::string(1100, 'x') + "\n")
-                  .find("1 warning '' the line is longer than a read of 1,023 characters: the rest "
-                        "of its comment"),
-              std::string::npos);
-}
-
-TEST(Check, block_declared_twice_is_told) {
-    EXPECT_EQ(
-        only_finding(conf("", "", "", "health {\ninterface eth0 {\n}\n}\n")),
-        "22 warning 'interface eth0' declared before: the lines of both blocks act on one entry");
-    EXPECT_EQ(
-        only_finding(conf("", "", "", "rule 1_ipv4 {\n}\n")),
-        "21 warning 'rule 1_ipv4' declared before: the lines of both blocks act on one entry");
-}
-
-TEST(Check, probe_dropped_by_a_repeated_number_is_told) {
-    EXPECT_EQ(only_finding(conf("rule 1 {\ntype ping {\ntarget 198.51.100.9\n}\n}\n")),
-              "12 warning 'type ping_ext' the number of this rule has a probe already: this one is "
-              "dropped");
-}
-
 TEST(Check, rule_without_targets_or_members_is_told) {
-    EXPECT_EQ(only_finding(conf("", "", "", "rule 2_ipv4 {\n}\n")),
+    EXPECT_EQ(found_in(conf("", "", "", "rule 2_ipv4 {\n}\n")),
               "21 warning 'rule 2_ipv4' has no target: it routes nothing\n"
               "21 warning 'rule 2_ipv4' has no interface: it routes nothing");
 }
 
-TEST(Check, rule_whose_namespace_has_no_interface_is_told) {
-    EXPECT_EQ(only_finding(conf("", "", "namespace blue\n")),
-              "13 warning 'rule 1_ipv4' no interface of its family lies in its namespace: no "
-              "worker serves it\n"
-              "13 warning 'interface eth0' lies in another namespace than the rule");
-}
-
-TEST(Check, member_that_is_not_under_health_is_told) {
-    EXPECT_EQ(only_finding(conf("", "", "interface eth9 {\nweight 1\n}\n")),
-              "13 warning 'interface eth9' is not under health: never active");
-}
-
 TEST(Check, interface_in_no_rule_is_told) {
     EXPECT_EQ(
-        only_finding(conf(
+        found_in(conf(
             "", "", "",
             "health {\ninterface eth1 {\nsuccess-ct 1\nfailure-ct 1\nnexthop 192.0.2.9\n}\n}\n")),
         "22 warning 'interface eth1' is a member of no rule: probed, never routed");
 }
 
-TEST(Check, missing_counts_are_told) {
-    EXPECT_EQ(only_finding(conf("", "", "interface eth1 {\nweight 1\n}\n",
-                                "health {\ninterface eth1 {\nnexthop 192.0.2.9\n}\n}\n")),
-              "25 warning 'interface eth1' without success-ct or failure-ct every single result "
-              "counts at once");
-}
-
-TEST(Check, member_without_weight_is_told) {
-    EXPECT_EQ(
-        only_finding(conf(
-            "", "", "interface eth1 {\n}\n",
-            "health {\ninterface eth1 {\nsuccess-ct 1\nfailure-ct 1\nnexthop 192.0.2.9\n}\n}\n")),
-        "13 warning 'interface eth1' has no weight: never routed");
-}
-
 TEST(Check, addresses_that_do_not_parse_are_errors) {
-    EXPECT_EQ(only_finding(conf("nexthop 2001:db8::1\n")),
+    EXPECT_EQ(found_in(conf("nexthop 2001:db8::1\n")),
               "6 error 'nexthop 2001:db8::1' no address of the interface's family");
-    EXPECT_EQ(only_finding(conf("source_address eth0\n")),
+    EXPECT_EQ(found_in(conf("source_address eth0\n")),
               "6 error 'source_address eth0' no address of the interface's family");
-    EXPECT_EQ(only_finding(conf("", "target example.org\n")),
+    EXPECT_EQ(found_in(conf("", "target example.org\n")),
               "9 error 'target example.org' no address of the interface's family: the probe is "
               "never sent");
-    EXPECT_EQ(only_finding(conf("", "", "target {\naddress 10.0.0.0\n}\n")),
+    EXPECT_EQ(found_in(conf("", "", "target {\naddress 10.0.0.0\n}\n")),
               "21 error 'address 10.0.0.0' no prefix of the rule's family");
-    EXPECT_EQ(only_finding(conf("", "", "target {\naddress 10.0.0.0/33\n}\n")),
+    EXPECT_EQ(found_in(conf("", "", "target {\naddress 10.0.0.0/33\n}\n")),
               "21 error 'address 10.0.0.0/33' no prefix of the rule's family");
 }
 
 TEST(Check, extended_ping_for_ipv6_is_an_error) {
     const std::string found =
-        only_finding("health {\ninterface6 eth0 {\nrule 1 {\ntype ping_ext {\n}\n}\n}\n}\n");
+        found_in("health {\ninterface6 eth0 {\nrule 1 {\ntype ping_ext {\n}\n}\n}\n}\n");
     EXPECT_NE(found.find(
                   "4 error 'type ping_ext' there is no extended ping for IPv6: nothing is created"),
               std::string::npos)
@@ -165,7 +93,7 @@ TEST(Check, extended_ping_for_ipv6_is_an_error) {
 }
 
 TEST(Check, unknown_type_and_its_target_are_told) {
-    const std::string found = only_finding(
+    const std::string found = found_in(
         "health {\ninterface eth0 {\nrule 1 {\ntype tcp {\ntarget 192.0.2.1\n}\n}\n}\n}\n");
     EXPECT_NE(found.find("4 error 'type tcp' no such type of probe: nothing is created"),
               std::string::npos);
@@ -173,22 +101,246 @@ TEST(Check, unknown_type_and_its_target_are_told) {
               std::string::npos);
 }
 
+/// A second interface under health, with what it needs.
+const char* const eth1 =
+    "health {\ninterface eth1 {\nsuccess-ct 1\nfailure-ct 1\nnexthop 192.0.2.9\n}\n}\n";
+
+TEST(Check, nothing_of_it_reaches_the_system_log) {
+    const CapturedLog log;
+    found_in(conf("success-ct 0\n"));
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(Check, value_that_is_cut_short_is_told) {
+    EXPECT_EQ(found_in(conf("", "rtt 12ms\n")), "9 warning 'rtt 12ms' no plain number: read as 12");
+    EXPECT_EQ(found_in(conf("", "rtt fast\n")), "9 warning 'rtt fast' no number: read as 0");
+    EXPECT_EQ(found_in(conf("", "rtt 4294967297\n")),
+              "9 warning 'rtt 4294967297' no 32-bit number: read as 1");
+}
+
+TEST(Check, number_of_a_probe_that_is_cut_short_is_told) {
+    EXPECT_EQ(found_in(conf("rule 2nd {\ntype ping {\ntarget 198.51.100.2\n}\n}\n")),
+              "6 warning 'rule 2nd' no plain number: read as 2");
+}
+
+TEST(Check, refused_value_is_told_in_the_loaders_words) {
+    EXPECT_EQ(found_in(conf("success-ct 0\n")),
+              "6 error 'success-ct 0' wan_lb: illegal success-ct specified in configuration file: "
+              "0");
+    EXPECT_EQ(found_in(conf("", "", "", "rule ipv4 {\n}\n")),
+              "21 error 'rule ipv4' Illegal rule number: ipv4");
+}
+
+TEST(Check, words_behind_the_value_are_told) {
+    EXPECT_EQ(found_in(conf("", "rtt 100 ms\n")),
+              "9 warning 'ms' one word and one value a line: from here on the line is ignored");
+}
+
+TEST(Check, quoted_value_has_no_words_behind_it) {
+    EXPECT_EQ(found_in(conf("", "", "", "remark \"a b c\"\n")),
+              "21 warning 'remark a b c' unknown or misplaced keyword: ignored");
+}
+
+TEST(Check, value_of_a_word_that_has_none_is_told) {
+    EXPECT_EQ(found_in(conf("", "", "failover no\n")),
+              "20 warning 'failover no' has no value: it acts whatever stands behind it");
+    EXPECT_EQ(found_in(conf("check_all off\n")),
+              "6 warning 'check_all off' has no value: it acts whatever stands behind it");
+}
+
+TEST(Check, line_that_makes_a_rule_for_want_of_a_block_is_an_error) {
+    const std::string found = found_in(conf("", "", "target 10.0.0.0/8\n"));
+    EXPECT_TRUE(found.starts_with(
+        "20 error 'target 10.0.0.0/8' lacks a block of its own: it makes a rule of this name\n"))
+        << found;
+}
+
+TEST(Check, target_block_with_a_value_is_told) {
+    EXPECT_EQ(found_in(conf("", "", "target 10.0.0.0/8 {\naddress 10.0.0.0/8\n}\n")),
+              "20 warning 'target 10.0.0.0/8' a target block has no value: the prefix is its "
+              "address line");
+}
+
+TEST(Check, carriage_returns_are_an_error) {
+    const std::string found = found_in("health {\r\n}\r\n");
+    EXPECT_NE(
+        found.find("1 error 'health {' lines end in carriage returns: no bracket is seen, and "
+                   "so no block"),
+        std::string::npos)
+        << found;
+}
+
+TEST(Check, carriage_returns_are_told_once) {
+    const std::string found = found_in("health {\r\n}\r\n");
+    EXPECT_EQ(found.find("carriage returns"), found.rfind("carriage returns"));
+}
+
+TEST(Check, bracket_too_many_is_an_error) {
+    EXPECT_EQ(found_in(conf("", "", "", "}\n")),
+              "21 error '}' Malformed configuration file: brackets");
+}
+
+TEST(Check, block_that_does_not_end_is_an_error_at_its_line) {
+    EXPECT_EQ(found_in(conf("", "", "interface eth0 {\n")),
+              "13 error 'rule 1_ipv4' Configuration error due to mismatched brackets: this block "
+              "does not end\n"
+              "20 warning 'interface eth0' declared before: the lines of both blocks act on one "
+              "entry");
+}
+
+TEST(Check, line_longer_than_a_read_is_told) {
+    const std::string rest = "the line is longer than a read of 1,023 characters: the rest ";
+    EXPECT_EQ(found_in(conf("", "", "", "# " + std::string(1021, 'x') + "{ }\n")),
+              "21 warning '' " + rest + "of its comment is read as a line of its own");
+    EXPECT_EQ(found_in(conf("", "", "", "}" + std::string(1022, ' ') + "}\n")),
+              "21 error '}" + std::string(1022, ' ') + "' Malformed configuration file: brackets");
+    EXPECT_EQ(found_in(conf("", "", "", std::string(1023, ' ') + "health\n")),
+              "21 warning '' " + rest + "is read as a line of its own");
+}
+
+TEST(Check, blanks_behind_a_read_are_not_told) {
+    EXPECT_EQ(found_in(conf("", "", "", "#" + std::string(1100, ' ') + "\n")), "");
+}
+
+TEST(Check, zero_byte_is_an_error) {
+    EXPECT_EQ(found_in(std::string("#a\0b\n", 5) + conf()),
+              "1 error '' holds a zero byte: the rest of the line is not read");
+}
+
+TEST(Check, block_declared_twice_is_told) {
+    const std::string twice = "declared before: the lines of both blocks act on one entry";
+    EXPECT_EQ(found_in(conf("", "", "", "health {\ninterface eth0 {\n}\n}\n")),
+              "22 warning 'interface eth0' " + twice);
+    EXPECT_EQ(found_in(conf("", "", "", "rule 1_ipv4 {\n}\n")),
+              "21 warning 'rule 1_ipv4' " + twice);
+}
+
+TEST(Check, member_or_destination_declared_twice_is_told) {
+    const std::string twice = "declared before: the lines of both blocks act on one entry";
+    EXPECT_EQ(found_in(conf("", "", "interface eth0 {\n}\n")),
+              "20 warning 'interface eth0' " + twice);
+    EXPECT_EQ(found_in(conf("", "", "target {\naddress 0.0.0.0/0\n}\n")),
+              "21 warning 'address 0.0.0.0/0' " + twice);
+}
+
+TEST(Check, probe_dropped_by_a_repeated_number_is_told) {
+    EXPECT_EQ(found_in(conf("rule 1 {\ntype ping_ext {\ntarget 198.51.100.9\n}\n}\n")),
+              "12 warning 'type ping_ext' the number of this rule has a probe already: this one is "
+              "dropped, its lines act on the first");
+}
+
+TEST(Check, probes_of_one_target_are_told) {
+    EXPECT_EQ(found_in(conf("rule 2 {\ntype ping {\ntarget 198.51.100.1\n}\n}\n")),
+              "2 warning 'interface eth0' probe 2 has the target of another one");
+}
+
+TEST(Check, rule_whose_namespace_has_no_interface_is_told) {
+    EXPECT_EQ(found_in(conf("", "", "",
+                            "rule 2_ipv4 {\nnamespace blue\ninterface eth0 {\nweight "
+                            "1\n}\ntarget {\naddress 10.0.0.0/8\n}\n}\n")),
+              "21 warning 'rule 2_ipv4' no interface of its family lies in its namespace: no "
+              "worker serves it\n"
+              "23 warning 'interface eth0' lies in another namespace than the rule");
+}
+
+TEST(Check, interface_whose_namespace_has_no_rule_is_told) {
+    EXPECT_EQ(
+        found_in(conf("", "", "", eth1) + "health {\ninterface eth1 {\nnamespace blue\n}\n}\n"),
+        "22 warning 'interface eth1' no rule of its family lies in its namespace: no worker "
+        "probes it\n"
+        "29 warning 'interface eth1' declared before: the lines of both blocks act on one "
+        "entry");
+}
+
+TEST(Check, configuration_without_work_is_an_error) {
+    EXPECT_EQ(found_in(""),
+              "0 error '' nothing to do: no namespace has both an interface and a rule of one "
+              "family");
+}
+
+TEST(Check, member_that_is_not_under_health_is_told) {
+    EXPECT_EQ(found_in(conf("", "", "interface eth9 {\nweight 1\n}\n")),
+              "20 warning 'interface eth9' is not under health: never active");
+}
+
+TEST(Check, member_of_the_other_family_is_told) {
+    EXPECT_NE(found_in(conf("", "", "interface6 eth0 {\nweight 1\n}\n"))
+                  .find("20 warning 'interface6 eth0' the rule's name makes it an IPv4 rule"),
+              std::string::npos);
+}
+
+TEST(Check, missing_counts_are_told) {
+    EXPECT_EQ(found_in(conf("", "", "interface eth1 {\nweight 1\n}\n",
+                            "health {\ninterface eth1 {\nfailure-ct 1\nnexthop 192.0.2.9\n}\n}\n")),
+              "25 warning 'interface eth1' without success-ct every single success counts at once");
+    EXPECT_EQ(found_in(conf("", "", "interface eth1 {\nweight 1\n}\n",
+                            "health {\ninterface eth1 {\nsuccess-ct 1\nnexthop 192.0.2.9\n}\n}\n")),
+              "25 warning 'interface eth1' without failure-ct every single failure counts at once");
+}
+
+TEST(Check, missing_next_hop_is_an_error) {
+    EXPECT_EQ(found_in(conf("", "", "interface eth1 {\nweight 1\n}\n",
+                            "health {\ninterface eth1 {\nsuccess-ct 1\nfailure-ct 1\n}\n}\n")),
+              "25 error 'interface eth1' has no nexthop to send frames and routes to");
+}
+
+TEST(Check, member_without_weight_is_told) {
+    EXPECT_EQ(found_in(conf("", "", "interface eth1 {\n}\n", eth1)),
+              "20 warning 'interface eth1' has no weight: never routed");
+}
+
+TEST(Check, weight_that_the_routing_daemon_refuses_is_told) {
+    EXPECT_EQ(found_in(conf("", "", "interface eth1 {\nweight 257\n}\n", eth1)),
+              "21 warning 'weight 257' the routing daemon takes weights up to 256");
+}
+
+TEST(Check, name_that_no_interface_can_have_is_an_error) {
+    EXPECT_NE(found_in(conf("", "", "interface eth1.23456789012 {\nweight 1\n}\n"))
+                  .find("20 error 'interface eth1.23456789012' no interface has a name longer than "
+                        "15 characters"),
+              std::string::npos);
+}
+
 TEST(Check, limits_that_fail_every_run_are_told) {
-    EXPECT_EQ(only_finding(conf("", "loss 0\n")),
+    EXPECT_EQ(found_in(conf("", "loss 0\n")),
               "9 warning 'loss 0' a loss limit of 0 fails every run");
-    EXPECT_EQ(only_finding(conf("", "count 0\n")),
-              "9 warning 'count 0' a count of 0 fails every run");
+    EXPECT_EQ(found_in(conf("", "rtt 0\n")), "9 warning 'rtt 0' a rtt limit of 0 fails every run");
+    EXPECT_EQ(found_in(conf("", "jitter 0\n")),
+              "9 warning 'jitter 0' a jitter limit of 0 fails every run");
+    EXPECT_EQ(found_in(conf("", "count 0\n")), "9 warning 'count 0' a count of 0 fails every run");
+}
+
+TEST(Check, times_that_leave_no_answer_are_told) {
+    EXPECT_EQ(found_in(conf("", "timeout 0\n")),
+              "9 warning 'timeout 0' leaves no time for an answer");
+    EXPECT_EQ(found_in(conf("", "resp-time 0\n")),
+              "9 warning 'resp-time 0' leaves no time for an answer");
+}
+
+TEST(Check, broken_seconds_on_a_tunnel_are_an_error) {
+    EXPECT_EQ(found_in(conf("", "", "interface gre_1 {\nweight 1\n}\n",
+                            "health {\ninterface gre_1 {\nsuccess-ct 1\nfailure-ct 1\nnexthop "
+                            "tunnel\nrule 1 {\ntype ping_ext {\ntimeout 1500\n}\n}\n}\n}\n")),
+              "31 error 'timeout 1500' on a tunnel only whole seconds work: every run fails");
 }
 
 TEST(Check, extended_settings_of_an_echo_probe_are_told) {
-    EXPECT_EQ(only_finding(conf("rule 2 {\ntype ping {\ncount 3\n}\n}\n")),
-              "8 warning 'count 3' acts on a probe of type ping_ext only");
+    EXPECT_EQ(found_in(conf("rule 2 {\ntype ping {\ncount 3\n}\n}\n")),
+              "8 warning 'count 3' acts on a probe of type ping_ext only: ignored");
 }
 
-TEST(Check, learnt_next_hop_for_ipv6_is_told) {
-    const std::string found = only_finding("health {\ninterface6 eth0 {\nnexthop dhcp\n}\n}\n");
-    EXPECT_NE(found.find("2 warning 'nexthop dhcp' an IPv6 probe needs a configured next hop"),
+TEST(Check, settings_without_a_probe_are_told) {
+    const std::string found = found_in(conf("rule 2 {\ntype tcp {\nresp-time 3\ntarget\n}\n}\n"));
+    EXPECT_NE(found.find("8 warning 'resp-time 3' no probe is current: ignored"),
               std::string::npos);
+    EXPECT_NE(found.find("9 warning 'target' has no value: ignored"), std::string::npos);
+}
+
+TEST(Check, learnt_next_hop_for_ipv6_is_an_error) {
+    const std::string found = found_in("health {\ninterface6 eth0 {\nnexthop dhcp\n}\n}\n");
+    EXPECT_NE(found.find("3 error 'nexthop dhcp' an IPv6 probe needs a configured next hop"),
+              std::string::npos)
+        << found;
 }
 
 TEST(ExitStatus, tells_errors_from_warnings) {
@@ -211,16 +363,28 @@ TEST(Texts, name_file_line_and_text) {
 }
 
 TEST(Explanation, shows_workers_probes_and_routes) {
-    const TemporaryFile file(conf("", "", "failover\n"));
-    EXPECT_EQ(lbcheck::explain(lbcheck::check(file.path()).data),
-              "Workers:\n  the default namespace, IPv4: 1 interfaces, 1 rules\n"
-              "Interfaces:\n  eth0 (IPv4), the default namespace, next hop 192.0.2.1, up after 3, "
-              "down after 2\n"
-              "    probe 1: ping extended, target 198.51.100.1, 5000 ms; 10 echoes of 1000 ms, "
-              "limits loss 1%, "
-              "rtt 200 ms, jitter 50 ms\n"
-              "Rules:\n  1_ipv4, the default namespace, failover\n"
-              "    route 0.0.0.0/0 multipath via 192.0.2.1 weight 1;\n");
+    const TemporaryFile file(conf("rule 2 {\ntype ping {\n}\n}\n", "", "failover\n"));
+    EXPECT_EQ(
+        lbcheck::explain(lbcheck::check(file.path()).data),
+        "Workers:\n  the default namespace, IPv4: 1 interfaces, 1 rules\n"
+        "Interfaces:\n  eth0 (IPv4), the default namespace, next hop 192.0.2.1, up after 3, "
+        "down after 2\n"
+        "    probe 1: ping extended, target 198.51.100.1, 10 echoes of 1000 ms, period 240 s, "
+        "limits loss 1%, rtt 200 ms, jitter 50 ms\n"
+        "    probe 2: ping, target the next hop, answer within 5000 ms\n"
+        "Rules:\n  1_ipv4, the default namespace, failover\n"
+        "    route 0.0.0.0/0 multipath via 192.0.2.1 weight 1;\n");
+}
+
+TEST(Explanation, shows_no_route_where_no_worker_makes_one) {
+    // Without "ipv4" in its name it is an IPv6 rule: nothing starts an IPv4 worker.
+    const TemporaryFile file(
+        "health {\ninterface eth0 {\nnexthop 192.0.2.1\n}\n}\n"
+        "rule 1 {\ninterface eth0 {\nweight 1\n}\ntarget {\naddress 0.0.0.0/0\n}\n}\n");
+    const std::string text = lbcheck::explain(lbcheck::check(file.path()).data);
+    EXPECT_NE(text.find("  1, the default namespace, shared by weight\n    no route\n"),
+              std::string::npos)
+        << text;
 }
 
 }  // namespace

@@ -64,6 +64,27 @@ TEST(Lease, line_longer_than_the_buffer_tells_its_first_router) {
     EXPECT_EQ(ipv4("  option routers 10.0.0.1," + std::string(2000, '2')), "10.0.0.1");
 }
 
+TEST(Lease, blank_after_the_comma_changes_nothing) {
+    EXPECT_EQ(ipv4("  option routers 10.0.0.1, 10.0.0.2;\n"), "10.0.0.1");
+}
+
+TEST(Lease, tabs_separate_words) {
+    EXPECT_EQ(ipv4("\toption\trouters\t10.0.0.1;\n"), "10.0.0.1");
+}
+
+TEST(Lease, only_the_last_character_is_dropped) {
+    EXPECT_EQ(ipv4("  option routers 10.0.0.1;\r\n"), "10.0.0.1;");
+}
+
+TEST(Lease, line_is_cut_after_1023_characters) {
+    const std::string cut = "option routers 10.0.0.1";
+    EXPECT_EQ(ipv4(std::string(1023 - cut.size(), ' ') + cut + "23;\n"), "10.0.0.1");
+}
+
+TEST(Lease, rest_of_a_cut_line_is_a_line) {
+    EXPECT_EQ(ipv4(std::string(1023, 'x') + "option routers 10.0.0.1;\n"), "10.0.0.1");
+}
+
 TEST(Lease6, value_that_is_not_ended_yet_tells_no_router) {
     EXPECT_EQ(ipv6("new_routers='fe80::1"), "");
     EXPECT_EQ(ipv6("new_routers='fe80::1 fe80:"), "");
@@ -75,6 +96,10 @@ TEST(Lease6, quotes_are_dropped) {
 
 TEST(Lease6, first_of_several_routers_loses_its_last_character) {
     EXPECT_EQ(ipv6("new_routers='fe80::1 fe80::2'\n"), "fe80::");
+}
+
+TEST(Lease6, first_line_with_routers_counts) {
+    EXPECT_EQ(ipv6("new_routers='fe80::1'\nnew_routers='fe80::9'\n"), "fe80::1");
 }
 
 TEST(Lease6, other_names_do_not_count) {

@@ -45,6 +45,10 @@ TEST(PingRun, loss_is_rounded_to_the_nearest_percent) {
     EXPECT_EQ(run_of(199, 1, 1, 1).loss_percent(), 0);  // 99.5 rounds up to 100
 }
 
+TEST(PingRun, share_of_answers_is_divided_before_it_becomes_percent) {
+    EXPECT_EQ(run_of(23, 1, 17, 1).loss_percent(), 43);  // 0.575 is stored as a little less
+}
+
 TEST(PingRun, mean_is_cut_to_whole_milliseconds) {
     EXPECT_EQ(run_of(1, 7, 0, 1).mean_ms(2), 3);
 }

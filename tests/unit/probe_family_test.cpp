@@ -1,34 +1,33 @@
 #include "probe/probe_family.h"
 
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <functional>
 #include <thread>
 
 #include "net/fd.h"
+#include "net/sockets.h"
 #include "probe/lb_test.h"
 #include "probe/lb_test6.h"
 #include "probe/reply_mailbox.h"
 #include "probe/reply_receiver.h"
 #include "unit/support/captured_log.h"
+#include "unit/support/echo_replies.h"
 #include "unit/support/faults.h"
 #include "unit/support/given_clock.h"
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-
-/// An IPv4 echo reply as a raw socket delivers it, with this word where our identifiers stand.
+/// An IPv4 message with this word where our identifiers stand.
 Bytes reply4(std::uint32_t word, std::uint8_t type = 0) {
-    Bytes datagram(32);
-    datagram[0] = 0x45;
+    Bytes datagram = echo_reply4(word);
     datagram[20] = type;
-    for (int i = 0; i < 4; ++i) {
-        datagram[28 + i] = static_cast<std::uint8_t>(word >> (24 - 8 * i));
-    }
     return datagram;
 }
 
@@ -166,6 +165,52 @@ TEST_F(Probing, probe_that_cannot_be_registered_is_reported_and_not_sent) {
                                   "failed!!!!! rc = 22, errno = "));
 }
 
+TEST_F(Probing, probe_whose_table_cannot_be_unlocked_is_taken_back_and_not_sent) {
+    for (const auto* family : {&ipv4_probes, &ipv6_probes}) {
+        const CapturedLog log;
+        bool was_sent = true;
+        {
+            const faults::FailCall no_unlock(faults::Call::pthread_mutex_unlock, EPERM, 1);
+            was_sent = send(*family).has_value();
+        }
+        pthread_mutex_unlock(&family->result_mutex);  // the call that failed had no effect
+        EXPECT_FALSE(was_sent);
+        EXPECT_EQ(family->results.size(), 0U);
+        ASSERT_EQ(log.lines().size(), 1U);
+        const std::string expected = std::string("%WAN-W-ERR: <send> pthread_mutex_unlock for ") +
+                                     family->word + " failed!!!!! rc = 1, errno = ";
+        EXPECT_TRUE(log.lines()[0].text.starts_with(expected)) << log.lines()[0].text;
+    }
+}
+
+TEST_F(Probing, step_is_carried_out_though_the_table_cannot_be_locked) {
+    const auto id = send();
+    ProbeOutcome outcome = ProbeOutcome::nothing;
+    {
+        const CapturedLog log;
+        const faults::FailCall no_lock(faults::Call::pthread_mutex_lock, EINVAL);
+        const faults::FailCall no_unlock(faults::Call::pthread_mutex_unlock, EPERM);
+        take_reply(ipv4_probes, reply4(static_cast<std::uint32_t>(*id)), "recv_icmp");
+        outcome = collect(5000);
+    }
+    EXPECT_EQ(outcome, ProbeOutcome::answered);
+}
+
+TEST_F(Probing, identifier_still_in_flight_after_a_wrap_keeps_its_probe) {
+    const auto first = send();
+    LBTest::_packet_id = *first - 1;
+    EXPECT_EQ(send(ipv4_probes, "b"), first);
+    EXPECT_EQ(LBTest::_results.find(*first)->target, "a");
+    EXPECT_EQ(LBTest::_results.size(), 1U);
+}
+
+TEST_F(Probing, families_count_and_keep_their_probes_apart) {
+    const int of_ipv4 = LBTest::_packet_id;
+    EXPECT_TRUE(send(ipv4_probes));
+    EXPECT_TRUE(send(ipv6_probes));
+    EXPECT_EQ(LBTest::_packet_id, of_ipv4 + 1);
+}
+
 TEST_F(Probing, lock_failures_name_family_and_function) {
     std::vector<LogLine> lines;
     {
@@ -200,6 +245,67 @@ TEST(ProbeSockets, first_failed_one_is_reported_once_and_leaves_zero) {
     set_up_namespace(ipv4_probes, "no sockets");  // is not tried again
     EXPECT_EQ(log.lines().size(), 1U);
     EXPECT_EQ(LBTest::_send_ip_sock.get("no sockets"), 0);
+}
+
+/// The descriptors of a namespace in the order in which they are opened.
+std::array<int, 3> sockets_of(const ProbeFamily& family, const std::string& ns_name) {
+    return {family.send_raw_sock.get(ns_name), family.send_frame_sock.get(ns_name),
+            family.recv_sock.get(ns_name)};
+}
+
+bool may_open_raw_sockets() {
+    return open_raw_icmp_socket(AF_INET, IPPROTO_ICMP, pass_nothing()).is_open();
+}
+
+TEST(ProbeSockets, failed_one_leaves_zero_and_those_behind_it_unopened) {
+    if (!may_open_raw_sockets()) {
+        GTEST_SKIP() << "needs the right to open raw sockets";
+    }
+    for (const auto* family : {&ipv4_probes, &ipv6_probes}) {
+        for (std::size_t failing = 0; failing < 3; ++failing) {
+            const std::string name = "failing " + std::to_string(failing);
+            const CapturedLog log;
+            {
+                const faults::FailCall no_socket(faults::Call::socket, EMFILE,
+                                                 static_cast<int>(failing) + 1);
+                set_up_namespace(*family, name);
+                EXPECT_EQ(no_socket.calls(), static_cast<int>(failing) + 1);
+            }
+            EXPECT_EQ(log.lines(),
+                      (std::vector<LogLine>{{4, "%WAN-W-ERR: wan_lb: failed to acquired socket"}}));
+            const auto sockets = sockets_of(*family, name);
+            for (std::size_t i = 0; i < 3; ++i) {
+                EXPECT_EQ(sockets[i] > 0, i < failing) << family->word << ' ' << failing << i;
+            }
+            close_namespace(*family, name);
+        }
+    }
+}
+
+TEST(ProbeSockets, are_closed_for_good_with_a_probe_of_their_namespace) {
+    struct Probe : LBTest {
+        void send(LBHealth&, context*) override {}
+        std::string dump(context*) override { return ""; }
+        std::string name() override { return ""; }
+    };
+    const std::string name = "closing";
+    std::array<int, 3> opened{};
+    {
+        Probe probe;
+        probe.ns_name = name;
+        LBTest::_initialized.set(name, true);
+        std::size_t i = 0;
+        for (auto* table :
+             {&LBTest::_send_icmp_sock, &LBTest::_send_ip_sock, &LBTest::_recv_icmp_sock}) {
+            opened.at(i) = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+            table->set(name, opened.at(i++));
+        }
+    }
+    for (const int closed : opened) {
+        EXPECT_EQ(fcntl(closed, F_GETFD), -1);
+    }
+    set_up_namespace(ipv4_probes, name);
+    EXPECT_EQ(sockets_of(ipv4_probes, name), (std::array<int, 3>{}));
 }
 
 bool within_seconds(int seconds, const std::function<bool()>& condition) {
@@ -258,11 +364,43 @@ TEST(Receiver, answers_that_wait_in_the_socket_are_taken_by_the_worker) {
 }
 
 TEST(Receiver, failed_wait_is_reported_and_lets_the_next_one_start) {
-    const CapturedLog log;
-    LBTest6::_recv_icmp6_sock.set("wait", 1'000'000);  // no such descriptor
-    start_receiver(ipv6_probes, "wait");
-    EXPECT_TRUE(within_seconds(10, [] { return !LBTest6::_received.get("wait"); }));
-    EXPECT_EQ(log.lines(), (std::vector<LogLine>{{4, "%WAN-W-ERR: select for ipv6 failed!!!!!"}}));
+    for (const auto* family : {&ipv4_probes, &ipv6_probes}) {
+        const std::string word = family->word;
+        const CapturedLog log;
+        family->recv_sock.set("wait", 1'000'000);  // no such descriptor
+        start_receiver(*family, "wait");
+        EXPECT_TRUE(within_seconds(10, [family] { return !family->received.get("wait"); }));
+        EXPECT_EQ(log.lines(),
+                  (std::vector<LogLine>{{4, "%WAN-W-ERR: select for " + word + " failed!!!!!"}}));
+    }
+}
+
+TEST(Receiver, that_ended_is_started_anew_by_the_next_collection) {
+    for (const auto* family : {&ipv4_probes, &ipv6_probes}) {
+        const std::string name = "anew";
+        const CapturedLog log;
+        DatagramPair replies;
+        family->recv_sock.set(name, replies.near.get());
+        timespec last_sent{};
+        const auto id =
+            static_cast<std::uint32_t>(*register_probe(*family, "eth9", "anew", last_sent));
+        deliver(replies.far, family == &ipv4_probes ? reply4(id) : reply6(id));
+        {
+            const faults::FailCall broken(faults::Call::recv, EIO, 1);
+            start_receiver(*family, name);
+            EXPECT_TRUE(within_seconds(10, [&] { return !family->received.get(name); }));
+        }
+        EXPECT_EQ(log.lines(), (std::vector<LogLine>{{4, std::string("%WAN-W-ERR: recv for ") +
+                                                             family->word + " failed!!!!!"}}));
+
+        start_receiver(*family, name);
+        EXPECT_TRUE(within_seconds(10, [family] {
+            return collect_probe(*family, "eth9", "anew", 100'000) == ProbeOutcome::answered;
+        }));
+        replies.far = Fd();
+        EXPECT_TRUE(within_seconds(10, [&] { return !family->received.get(name); }));
+        family->recv_sock.set(name, 0);
+    }
 }
 
 TEST(Receiver, thread_that_cannot_be_created_is_reported_and_not_tried_again) {
@@ -279,8 +417,7 @@ TEST(Receiver, thread_that_cannot_be_created_is_reported_and_not_tried_again) {
 
 TEST(Mailbox, wakes_for_the_awaited_echo_only) {
     ReplyMailbox mailbox("mail");
-    ExpectedEcho echo{.source = {}, .packet_id = 5, .sequence = 0};
-    mailbox.expect(echo);
+    mailbox.expect({.source = {.s_addr = htonl(INADDR_LOOPBACK)}, .packet_id = 5, .sequence = 0});
     hand_to_waiting_ping("mail", reply4(6));
     hand_to_waiting_ping("other", reply4(5));
     char buffer[8];
@@ -292,12 +429,10 @@ TEST(Mailbox, wakes_for_the_awaited_echo_only) {
 }
 
 TEST(ExpectedEcho, compares_source_identifier_and_sequence) {
-    Bytes datagram = reply4(5);
-    datagram[12] = 192;
-    datagram[27] = 3;
+    const Bytes datagram = echo_reply4(5, 3);
     ExpectedEcho echo{.source = {}, .packet_id = 5, .sequence = 3};
     EXPECT_FALSE(echo.matches(datagram));
-    reinterpret_cast<std::uint8_t*>(&echo.source)[0] = 192;
+    echo.source.s_addr = htonl(INADDR_LOOPBACK);
     EXPECT_TRUE(echo.matches(datagram));
     echo.sequence = 2;
     EXPECT_FALSE(echo.matches(datagram));

@@ -15,6 +15,7 @@
 #include "output/lb_output.h"
 #include "platform/log.h"
 #include "probe/lb_test.h"
+#include "probe/lb_test6.h"
 #include "probe/lb_test_icmp.h"
 #include "probe/probe_family.h"
 #include "unit/support/captured_log.h"
@@ -127,7 +128,9 @@ TEST(ReceiverThread, that_cannot_be_detached_is_reported_and_runs_all_the_same) 
         constexpr int no_such_descriptor = 1'000'000;  // with it a receiver ends at once
         LBTest::_recv_icmp_sock.set("detach", no_such_descriptor);
         start_receiver(ipv4_probes, "detach");
-        while (LBTest::_received.get("detach")) {
+        LBTest6::_recv_icmp6_sock.set("detach", 1'000'000);
+        start_receiver(ipv6_probes, "detach");
+        while (LBTest::_received.get("detach") || LBTest6::_received.get("detach")) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         LBArp arp;
@@ -143,7 +146,8 @@ TEST(ReceiverThread, that_cannot_be_detached_is_reported_and_runs_all_the_same) 
     });
     for (const char* text :
          {"Can't detach thread for icmp recv\n", "select for ipv4 failed!!!!!\n",
-          "Can't detach thread for arp recv\n", "Can't detach thread for neigh recv\n"}) {
+          "Can't detach thread for icmp6 recv\n", "Can't detach thread for arp recv\n",
+          "Can't detach thread for neigh recv\n"}) {
         EXPECT_NE(end.standard_error.find(err + text), std::string::npos) << text << "in\n"
                                                                           << end.standard_error;
     }

@@ -14,9 +14,10 @@ int main(int argc, char* argv[]) {
         "lbcheck");
     app.add_option("FILE", path, "the configuration")->required();
     app.add_flag("--strict", is_strict, "warnings count as well");
-    app.add_flag("--json", as_json, "findings as a JSON object");
+    auto* const json = app.add_flag("--json", as_json, "findings as a JSON object, for programs");
     app.add_flag("--explain", wants_explanation,
-                 "print the configuration as understood, with the routes when all uplinks work");
+                 "print the configuration as understood, with the routes when all uplinks work")
+        ->excludes(json);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -1,6 +1,7 @@
 """The captured notification socket of the service manager (sd_notify(3))."""
 import os
 import socket
+import statistics
 import threading
 import time
 
@@ -33,6 +34,22 @@ class KeepAlives:
     def times(self, word):
         """When notifications with this word came."""
         return [time_s for time_s, words in self.seen() if word in words]
+
+    def cycles(self):
+        """How many cycles the slowest worker has ended."""
+        return len(self.times("WATCHDOG=1"))
+
+    def cycle_lengths_s(self):
+        """How long each of the slowest worker's cycles took."""
+        ends = self.times("WATCHDOG=1")
+        return [later - earlier for earlier, later in zip(ends, ends[1:])]
+
+    def assert_pace_kept(self, calm):
+        """The cycles after the first `calm` ones were as long as those, but for half a second."""
+        lengths_s = self.cycle_lengths_s()
+        calm_s, since_s = (statistics.median(part) for part in (lengths_s[:calm], lengths_s[calm:]))
+        if since_s > calm_s + 0.5:
+            raise AssertionError(f"cycles of {since_s:.2f} s after some of {calm_s:.2f} s")
 
     def close(self):
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as end:

@@ -67,7 +67,7 @@ class Lab:
         return made
 
     def macs(self):
-        """Addresses of the next link: (the router's end, the far end)."""
+        """Addresses of the latest link: (the router's end, the far end)."""
         return f"02:00:5e:10:00:{self._links:02x}", f"02:00:5e:20:00:{self._links:02x}"
 
     def uplink(self, name, address=None, gateway=None, *, address6=None, gateway6=None,
@@ -81,7 +81,8 @@ class Lab:
         self._links += 1
         near, far = self.macs()
         space, end = namespace or self.router, f"far{self._links}"
-        space.ip(f"link add {name} address {near} type veth peer name {end} address {far} "
+        # Up from its first moment: a daemon that runs already never meets it down.
+        space.ip(f"link add {name} up address {near} type veth peer name {end} address {far} "
                  f"netns {self.far.path}")
         if address:
             remote = f" peer {point_to_point}" if point_to_point else ""
@@ -89,7 +90,6 @@ class Lab:
         if address6:
             space.sysctl(f"ipv6/conf/{name}/disable_ipv6", "0")
             space.ip(f"address add {address6} dev {name} nodad")
-        space.ip(f"link set {name} up")
         self.far.ip(f"link set {end} up")
         # Until the kernel has noticed the carrier, it drops what it is given to send.
         expect(lambda: " state UP " in space.ip(f"link show {name}"), what=f"{name} is up")
@@ -112,8 +112,8 @@ class Lab:
     def routing_daemon(self, namespace="", ipv6=False, pid_text="%d\n", group=0):
         return self._owned(CapturedRoutingDaemon(self.folder, namespace, ipv6, pid_text, group))
 
-    def bird(self, router_id):
-        return self._owned(Bird(self.router, self.folder, router_id))
+    def bird(self, router_id, ipv6=False):
+        return self._owned(Bird(self.router, self.folder, router_id, ipv6=ipv6))
 
     def disk(self, directory, pages=64, free_pages=None):
         return self._owned(Disk(directory, pages, free_pages))

@@ -12,6 +12,7 @@ ECHO_REQUEST = {4: 8, 6: 128}
 ECHO_REPLY = {4: 0, 6: 129}
 SOLICITATION, ADVERTISEMENT = 135, 136
 BROADCAST = b"\xff" * 6
+GROUP_BIT = 1  # of a hardware address's first byte: broadcast or multicast
 
 
 def mac_bytes(text):
@@ -130,9 +131,8 @@ def _ipv6(source, destination, hop_limit, payload):
             + packed(source) + packed(destination) + payload)
 
 
-def advertisement(sender_mac, target, destination_mac, destination):
-    """A solicited neighbour advertisement with the target's link-layer address."""
-    flags = 0x60000000
+def advertisement(sender_mac, target, destination_mac, destination, flags=0x60000000):
+    """A neighbour advertisement, solicited and overriding, with the target's link-layer address."""
     message = struct.pack("!BBHI", ADVERTISEMENT, 0, 0, flags) + packed(target)
     message += b"\x02\x01" + sender_mac
     packet = _ipv6(target, destination, 255, _icmpv6(target, destination, message))

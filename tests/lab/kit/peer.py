@@ -13,6 +13,7 @@ from .recording import LONGEST_FRAME, Recording, packet_socket
 class Peer:
     """Answers ARP and neighbour solicitations for `addresses` and every echo by its policy.
 
+    Like a network card it takes nothing that is meant for another's hardware address, but records it.
     Tests change the fields below while the thread runs; each takes effect with the next frame.
     """
 
@@ -24,6 +25,7 @@ class Peer:
         self.echo = echo_policies.answer
         self.arp_silent = False
         self.arp_answers_from = 1  # the first request that gets an answer
+        self.arp_delay_s = 0.0  # between a request, or a solicitation, and its answer
         self.recording = Recording()
         self._arp_seen = 0
         self._echo_seen = 0
@@ -103,6 +105,8 @@ class Peer:
         if address[2] == outgoing:
             return
         message = self.recording.add(data).message
+        if data[:6] != self.mac and not data[0] & packets.GROUP_BIT:
+            return
         if isinstance(message, packets.ArpRequest) and message.operation == 1:
             self._answer_arp(message)
         elif isinstance(message, packets.Solicitation):
@@ -115,15 +119,19 @@ class Peer:
             return
         self._arp_seen += 1
         if not self.arp_silent and self._arp_seen >= self.arp_answers_from:
-            self.send(packets.arp(2, self.mac, request.target, request.sender_mac, request.sender))
+            self._send_after(self.arp_delay_s, packets.arp(2, self.mac, request.target,
+                                                           request.sender_mac, request.sender))
 
     def _answer_solicitation(self, request):
         if request.target in self.addresses and not self.arp_silent:
-            self.send(packets.advertisement(self.mac, request.target, request.sender_mac,
-                                            request.sender))
+            self._send_after(self.arp_delay_s, packets.advertisement(
+                self.mac, request.target, request.sender_mac, request.sender))
 
     def _answer_echo(self, request):
         self._echo_seen += 1
         for delay_s, reply in self.echo(request, self._echo_seen):
-            frame = packets.echo(reply, self.mac, request.sender_mac)
-            heapq.heappush(self._due, (time.monotonic() + delay_s, next(self._order), frame))
+            self._send_after(delay_s, packets.echo(reply, self.mac, request.sender_mac))
+
+    def _send_after(self, delay_s, frame):
+        """For the serving thread only."""
+        heapq.heappush(self._due, (time.monotonic() + delay_s, next(self._order), frame))

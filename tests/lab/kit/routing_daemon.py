@@ -82,10 +82,17 @@ class CapturedRoutingDaemon:
         self._process.wait()
 
 
-def bird_binary():
-    """The real routing daemon: LB_BIRD, the project's own tools, or the system's; None without."""
-    own = glob.glob(os.path.join(ROOT, "build", "tools", "**", "sbin", "bird"), recursive=True)
-    return next((path for path in (os.environ.get("LB_BIRD"), *own, shutil.which("bird"))
+def bird_binary(ipv6=False):
+    """The real routing daemon: LB_BIRD, the project's own tools, or the system's; None without.
+
+    That of IPv6 stands beside the other one.
+    """
+    name = "bird6" if ipv6 else "bird"
+    given = os.environ.get("LB_BIRD")
+    if given and ipv6:
+        given = os.path.join(os.path.dirname(given), name)
+    own = glob.glob(os.path.join(ROOT, "build", "tools", "**", "sbin", name), recursive=True)
+    return next((path for path in (given, *own, shutil.which(name))
                  if path and os.access(path, os.X_OK)), None)
 
 
@@ -98,39 +105,31 @@ include "{fragment}";
 
 
 class Bird:
-    """The real routing daemon in a namespace, with the fragment in its configuration."""
+    """The real routing daemon of a family in a namespace, with the fragment in its configuration."""
 
-    def __init__(self, lab_namespace, folder, router_id, namespace=""):
+    def __init__(self, lab_namespace, folder, router_id, namespace="", ipv6=False):
+        name = "bird6" if ipv6 else "bird"
         make_directories(namespace)
-        fragment = fragment_path(namespace)
+        fragment = fragment_path(namespace, ipv6)
         if text_of(fragment) is None:
             with open(fragment, "w", encoding="ascii"):
                 pass
-        conf = os.path.join(folder, "bird.conf")
+        conf, control = os.path.join(folder, f"{name}.conf"), f"/run/{name}.ctl"
         with open(conf, "w", encoding="ascii") as file:
             file.write(_BIRD_CONF.format(router_id=router_id, fragment=fragment))
-        self._namespace = lab_namespace
-        self._log_path = os.path.join(folder, "bird.err")
+        self._log_path = os.path.join(folder, f"{name}.err")
         with contextlib.suppress(FileNotFoundError):
-            os.unlink("/run/bird.ctl")  # of one that was killed
+            os.unlink(control)  # of one that was killed
         with open(self._log_path, "ab") as log:
             self._process = subprocess.Popen(
-                lab_namespace.command(bird_binary(), "-d", "-c", conf, "-s", "/run/bird.ctl"),
+                lab_namespace.command(bird_binary(ipv6), "-d", "-c", conf, "-s", control),
                 stdout=log, stderr=log, stdin=subprocess.DEVNULL)
-        expect(lambda: os.path.exists("/run/bird.ctl"), what="bird is ready: " + self.log())
-        with open(pid_path(namespace), "w", encoding="ascii") as file:
+        expect(lambda: os.path.exists(control), what=f"{name} is ready: " + self.log())
+        with open(pid_path(namespace, ipv6), "w", encoding="ascii") as file:
             file.write(f"{self._process.pid}\n")
 
     def log(self):
         return text_of(self._log_path) or ""
-
-    def next_hops(self, prefix):
-        """{gateway: weight} of the kernel's route to a prefix."""
-        routes = json.loads(self._namespace.run("ip", "-j", "route", "show", prefix) or "[]")
-        if not routes:
-            return {}
-        hops = routes[0].get("nexthops") or [{"gateway": routes[0]["gateway"], "weight": 1}]
-        return {hop["gateway"]: hop["weight"] for hop in hops}
 
     def end(self, number=signal.SIGTERM):
         """Ends by a signal, its pid file left behind."""
@@ -140,3 +139,12 @@ class Bird:
     def close(self):
         self._process.kill()
         self._process.wait()
+
+
+def next_hops(namespace, family, prefix):
+    """{gateway: weight} of the kernel's route to the prefix."""
+    routes = json.loads(namespace.run("ip", family, "-j", "route", "show", prefix) or "[]")
+    if not routes:
+        return {}
+    hops = routes[0].get("nexthops") or [{"gateway": routes[0]["gateway"], "weight": 1}]
+    return {hop["gateway"]: hop["weight"] for hop in hops}

@@ -66,7 +66,8 @@ class GuestTest(unittest.TestCase):
 
     def _remove_fragments(self):
         """A fragment of an earlier test would stay until this one's first verdict."""
-        pathlib.Path(routing_daemon.fragment_path()).unlink(missing_ok=True)
+        for ipv6 in (False, True):
+            pathlib.Path(routing_daemon.fragment_path(ipv6=ipv6)).unlink(missing_ok=True)
 
     def namespace(self, name):
         made = netns.Namespace.named(name)
@@ -105,8 +106,8 @@ class GuestTest(unittest.TestCase):
         expect(lambda: [text for text in self.log.texts() if text in lines][-1:] == [wanted],
                within, wanted)
 
-    def expect_fragment(self, text, namespace="", within=15):
-        path = routing_daemon.fragment_path(namespace)
+    def expect_fragment(self, text, namespace="", within=15, ipv6=False):
+        path = routing_daemon.fragment_path(namespace, ipv6)
         expect(lambda: routing_daemon.text_of(path) == text, within,
                f"{path} becomes\n{text}instead of\n{routing_daemon.text_of(path)}")
 

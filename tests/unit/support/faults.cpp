@@ -20,10 +20,12 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <type_traits>
 
 namespace {
 
 using faults::Call;
+using faults::StandIns;
 
 /// No lock guards these: locks are among the calls that fail.
 struct Fault {
@@ -43,9 +45,20 @@ struct Fault {
 };
 
 std::array<Fault, static_cast<std::size_t>(Call::count)> all_faults;
+std::atomic<ifaddrs*> given_addresses{nullptr};
 
 Fault& fault_of(Call call) {
     return all_faults[static_cast<std::size_t>(call)];
+}
+
+constexpr faults::StandIns all_real;
+std::atomic<const faults::StandIns*> stand_ins{&all_real};
+
+/// Who answers a call: the test's function where there is one.
+template <class Function>
+Function* answering(Function* faults::StandIns::*stand_in, std::type_identity_t<Function>* real) {
+    Function* const given = stand_ins.load()->*stand_in;
+    return given == nullptr ? real : given;
 }
 
 /// How a function says that it failed. All but the last set errno as well.
@@ -90,6 +103,14 @@ int FailCall::calls() const {
     return fault_of(call_).calls;
 }
 
+GivenAddresses::GivenAddresses(ifaddrs* list) {
+    given_addresses = list;
+}
+
+GivenAddresses::~GivenAddresses() {
+    given_addresses = nullptr;
+}
+
 }  // namespace faults
 
 // The table: one wrapper for each function. `--wrap=NAME` turns calls of NAME into calls of
@@ -109,7 +130,7 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     va_start(arguments, request);
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
-    return through<Call::ioctl>(__real_ioctl, fd, request, argument);
+    return through<Call::ioctl>(answering(&StandIns::ioctl, __real_ioctl), fd, request, argument);
 }
 
 decltype(sendto) __real_sendto;
@@ -163,7 +184,18 @@ int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_
 
 decltype(getifaddrs) __real_getifaddrs;
 int __wrap_getifaddrs(ifaddrs** list) {
+    if (given_addresses != nullptr) {
+        *list = given_addresses;
+        return 0;
+    }
     return through<Call::getifaddrs>(__real_getifaddrs, list);
+}
+
+decltype(freeifaddrs) __real_freeifaddrs;
+void __wrap_freeifaddrs(ifaddrs* list) {
+    if (list != given_addresses) {
+        __real_freeifaddrs(list);
+    }
 }
 
 decltype(pthread_create) __real_pthread_create;
@@ -204,17 +236,19 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
 
 decltype(popen) __real_popen;
 FILE* __wrap_popen(const char* command, const char* mode) {
-    return through<Call::popen, Failure::nothing>(__real_popen, command, mode);
+    return through<Call::popen, Failure::nothing>(answering(&StandIns::popen, __real_popen),
+                                                  command, mode);
 }
 
 decltype(kill) __real_kill;
 int __wrap_kill(pid_t process, int signal) {
-    return through<Call::kill>(__real_kill, process, signal);
+    return through<Call::kill>(answering(&StandIns::kill, __real_kill), process, signal);
 }
 
 decltype(fopen) __real_fopen;
 FILE* __wrap_fopen(const char* path, const char* mode) {
-    return through<Call::fopen, Failure::nothing>(__real_fopen, path, mode);
+    return through<Call::fopen, Failure::nothing>(answering(&StandIns::fopen, __real_fopen), path,
+                                                  mode);
 }
 
 decltype(fwrite) __real_fwrite;
@@ -301,3 +335,23 @@ pid_t __wrap_fork() {
 }
 
 }  // extern "C"
+
+namespace faults {
+
+void set_stand_ins(const StandIns& given) {
+    stand_ins = &given;
+}
+
+void reset_stand_ins() {
+    stand_ins = &all_real;
+}
+
+FILE* real_fopen(const char* path, const char* mode) {
+    return __real_fopen(path, mode);
+}
+
+FILE* real_popen(const char* command, const char* mode) {
+    return __real_popen(command, mode);
+}
+
+}  // namespace faults

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <ifaddrs.h>
+#include <sys/types.h>
+
 #include <cstddef>
+#include <cstdio>
 
 /// Failures on demand for the system calls and library functions that the daemon makes.
 ///
@@ -13,6 +17,23 @@
 /// 0 or, for the pthread functions, the error itself) and sets errno; it has no effect. Any thread
 /// may call. While mutexes fail nothing may be asserted: GoogleTest takes mutexes.
 namespace faults {
+
+/// Functions of a test that are called instead of the real ones; null keeps the real one. A fault
+/// of the same call goes first.
+struct StandIns {
+    FILE* (*fopen)(const char* path, const char* mode) = nullptr;
+    FILE* (*popen)(const char* command, const char* mode) = nullptr;
+    int (*kill)(pid_t process, int signal) = nullptr;
+    int (*ioctl)(int fd, unsigned long request, ...) = nullptr;
+};
+/// Takes effect for every thread, until the next call. `stand_ins` must live that long.
+void set_stand_ins(const StandIns& stand_ins);
+/// All real again.
+void reset_stand_ins();
+
+/// What stands behind the wrappers, for stand-ins that pass calls on.
+FILE* real_fopen(const char* path, const char* mode);
+FILE* real_popen(const char* command, const char* mode);
 
 enum class Call : std::size_t {
     socket,
@@ -66,6 +87,15 @@ class FailCall {
 
   private:
     Call call_;
+};
+
+/// While it lives, getifaddrs(3) gives this list, which stays the caller's. One at a time.
+class GivenAddresses {
+  public:
+    explicit GivenAddresses(ifaddrs* list);
+    ~GivenAddresses();
+    GivenAddresses(const GivenAddresses&) = delete;
+    GivenAddresses& operator=(const GivenAddresses&) = delete;
 };
 
 }  // namespace faults

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <sys/socket.h>
+
+#include <array>
+#include <cstdint>
+#include <stdexcept>
+#include <vector>
+
+#include "net/fd.h"
+
+using Bytes = std::vector<std::uint8_t>;
+
+/// Two ends of a connection that keeps datagrams apart: a socket that needs no root. One end stands
+/// for a raw socket, the test holds the other. A destination given to its sendto(2) is ignored.
+struct DatagramPair {
+    DatagramPair() {
+        std::array<int, 2> ends{-1, -1};
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+            throw std::runtime_error("no pair of sockets");
+        }
+        near = Fd(ends[0]);
+        far = Fd(ends[1]);
+    }
+    Fd near;
+    Fd far;
+};
+
+inline void deliver(const Fd& end, const Bytes& datagram) {
+    if (send(end.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL) < 0) {
+        throw std::runtime_error("not delivered");
+    }
+}
+
+/// An IPv4 echo reply of 127.0.0.1 as a raw socket delivers it: 20 bytes of IP header, the source
+/// at 12; then type, code, checksum, identifier, sequence (at 26) and packet identifier (at 28).
+inline Bytes echo_reply4(std::uint32_t packet_id, std::uint16_t sequence = 0) {
+    Bytes datagram(32);
+    datagram[0] = 0x45;
+    datagram[12] = 127;
+    datagram[15] = 1;
+    datagram[26] = static_cast<std::uint8_t>(sequence >> 8U);
+    datagram[27] = static_cast<std::uint8_t>(sequence);
+    for (std::size_t i = 0; i < 4; ++i) {
+        datagram[28 + i] = static_cast<std::uint8_t>(packet_id >> (24 - 8 * i));
+    }
+    return datagram;
+}

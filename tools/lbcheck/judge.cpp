@@ -1,0 +1,160 @@
+#include "lbcheck/judge.h"
+
+#include <algorithm>
+#include <set>
+
+#include "probe/lb_test.h"
+#include "probe/lb_test6.h"
+
+namespace lbcheck {
+
+namespace {
+
+bool has_interface_in(const LBData& data, const std::string& ns_name, bool is_ipv6) {
+    const auto& interfaces = data.family(is_ipv6);
+    return std::any_of(interfaces.begin(), interfaces.end(),
+                       [&](const auto& entry) { return entry.second.namespace_name == ns_name; });
+}
+
+bool has_rule_in(const LBData& data, const std::string& ns_name, bool is_ipv6) {
+    return std::any_of(data.rules.begin(), data.rules.end(), [&](const auto& entry) {
+        return entry.second.namespace_name == ns_name && is_ipv4_rule(entry.first) != is_ipv6;
+    });
+}
+
+bool is_member(const LBData& data, const std::string& ifname, bool is_ipv6) {
+    return std::any_of(data.rules.begin(), data.rules.end(), [&](const auto& entry) {
+        return entry.second.interfaces.contains({ifname, is_ipv6});
+    });
+}
+
+std::string interface_text(const std::string& ifname, bool is_ipv6) {
+    return (is_ipv6 ? "interface6 " : "interface ") + ifname;
+}
+
+class Judge {
+  public:
+    Judge(const LBData& data, const Watcher& watcher, std::vector<Finding>& findings)
+        : data_(data), watcher_(watcher), findings_(findings) {}
+
+    void judge_all() {
+        bool has_any_worker = false;
+        for (const bool is_ipv6 : {false, true}) {
+            for (const auto& [name, health] : data_.family(is_ipv6)) {
+                judge_interface(name, health, is_ipv6);
+                has_any_worker =
+                    has_any_worker || has_worker(data_, health.namespace_name, is_ipv6);
+            }
+        }
+        for (const auto& [name, rule] : data_.rules) {
+            judge_rule(name, rule);
+        }
+        if (!has_any_worker) {
+            findings_.push_back({.line = 0,
+                                 .severity = Severity::error,
+                                 .text = "",
+                                 .message = "nothing to do: no namespace has both an interface and "
+                                            "a rule of one family"});
+        }
+    }
+
+  private:
+    void add(const std::string& place, Severity severity, const std::string& text,
+             const std::string& message) {
+        findings_.push_back({.line = watcher_.line_of(place),
+                             .severity = severity,
+                             .text = text,
+                             .message = message});
+    }
+
+    void warn(const std::string& place, const std::string& message) {
+        add(place, Severity::warning, place, message);
+    }
+
+    void judge_interface(const std::string& name, const LBHealth& health, bool is_ipv6) {
+        const std::string place = interface_text(name, is_ipv6);
+        if (health.success_ct == 0) {
+            warn(place, "without success-ct every single success counts at once");
+        }
+        if (health.failure_ct == 0) {
+            warn(place, "without failure-ct every single failure counts at once");
+        }
+        if (health.nexthop.empty()) {
+            add(place, Severity::error, place, "has no nexthop to send frames and routes to");
+        }
+        if (!has_rule_in(data_, health.namespace_name, is_ipv6)) {
+            warn(place, "no rule of its family lies in its namespace: no worker probes it");
+        } else if (!is_member(data_, name, is_ipv6)) {
+            warn(place, "is a member of no rule: probed, never routed");
+        }
+        judge_targets(place, health.tests);
+        judge_targets(place, health.tests6);
+    }
+
+    /// One probe to a target is in flight at a time: a second one for the same target waits for it.
+    template <class Probes>
+    void judge_targets(const std::string& place, const Probes& probes) {
+        std::set<std::string> targets;
+        for (const auto& [number, probe] : probes) {
+            if (!targets.insert(probe->target).second) {
+                add(place, Severity::warning, place,
+                    "probe " + std::to_string(number) + " has the target of another one");
+            }
+        }
+    }
+
+    void judge_rule(const std::string& name, const LBRule& rule) {
+        const std::string place = "rule " + name;
+        const bool is_ipv6 = !is_ipv4_rule(name);
+        if (rule.targets.empty()) {
+            warn(place, "has no target: it routes nothing");
+        }
+        if (rule.interfaces.empty()) {
+            warn(place, "has no interface: it routes nothing");
+        }
+        if (!has_interface_in(data_, rule.namespace_name, is_ipv6)) {
+            warn(place, "no interface of its family lies in its namespace: no worker serves it");
+        }
+        for (const auto& [member, weight] : rule.interfaces) {
+            judge_member(place, rule, member, weight, is_ipv6);
+        }
+    }
+
+    void judge_member(const std::string& rule_place, const LBRule& rule,
+                      const std::pair<std::string, bool>& member, int weight, bool is_ipv6_rule) {
+        const auto& [name, is_ipv6] = member;
+        const std::string text = interface_text(name, is_ipv6);
+        const std::string place = rule_place + " " + text;
+        const auto& interfaces = data_.family(is_ipv6);
+        const auto found = interfaces.find(name);
+        if (found == interfaces.end()) {
+            add(place, Severity::warning, text, "is not under health: never active");
+        } else if (found->second.namespace_name != rule.namespace_name) {
+            add(place, Severity::warning, text, "lies in another namespace than the rule");
+        }
+        if (is_ipv6 != is_ipv6_rule) {
+            add(place, Severity::warning, text,
+                std::string("the rule's name makes it an ") + (is_ipv6_rule ? "IPv6" : "IPv4") +
+                    " rule: its prefixes would get next hops of the other family");
+        }
+        if (weight == 0) {
+            add(place, Severity::warning, text, "has no weight: never routed");
+        }
+    }
+
+    const LBData& data_;
+    const Watcher& watcher_;
+    std::vector<Finding>& findings_;
+};
+
+}  // namespace
+
+bool has_worker(const LBData& data, const std::string& ns_name, bool is_ipv6) {
+    return has_interface_in(data, ns_name, is_ipv6) && has_rule_in(data, ns_name, is_ipv6);
+}
+
+void judge(const LBData& data, const Watcher& watcher, std::vector<Finding>& findings) {
+    Judge(data, watcher, findings).judge_all();
+}
+
+}  // namespace lbcheck

@@ -1,0 +1,264 @@
+#include "lbcheck/watcher.h"
+
+#include <set>
+
+#include "config/lb_data.h"
+#include "lbcheck/values.h"
+
+namespace lbcheck {
+
+namespace {
+
+/// What the loader logged since the last look, in its own words.
+thread_local std::vector<std::string> logged;
+
+void keep_line(int /*severity*/, const char* line) {
+    logged.emplace_back(line);
+}
+
+std::vector<std::string> take_logged() {
+    std::vector<std::string> taken;
+    taken.swap(logged);
+    return taken;
+}
+
+const std::set<std::string> number_keywords{"success-ct", "failure-ct", "resp-time", "period",
+                                            "timeout",    "count",      "loss",      "rtt",
+                                            "jitter",     "weight",     "metric"};
+const std::set<std::string> extended_keywords{"period", "timeout", "count",
+                                              "loss",   "rtt",     "jitter"};
+constexpr std::size_t longest_ifname = 15;  // IFNAMSIZ without its zero
+constexpr int heaviest = 256;               // what the routing daemon takes for a weight
+constexpr int ms_per_s = 1000;
+
+/// A log line without the log's own "%WAN-W-ERR: ".
+std::string without_prefix(const std::string& line) {
+    return line.starts_with('%') ? line.substr(line.find(": ") + 2) : line;
+}
+
+bool is_blank(const std::string& text) {
+    return text.find_first_not_of(" \t\r\n") == std::string::npos;
+}
+
+bool is_interface_keyword(const std::string& key) {
+    return key == "interface" || key == "interface6";
+}
+
+/// An extended ping leaves through the kernel's route, not as a frame, on interfaces so named.
+bool is_tunnel(const std::string& ifname) {
+    return ifname.find("gre") != std::string::npos || ifname.find("ip4ip4") != std::string::npos;
+}
+
+bool is_health(const HandledStatement& statement) {
+    return statement.blocks[0] == "health";
+}
+
+}  // namespace
+
+Watcher::Watcher(std::vector<Finding>& findings)
+    : findings_(findings), sink_before_(set_log_sink(keep_line)) {
+    logged.clear();
+}
+
+Watcher::~Watcher() {
+    set_log_sink(sink_before_);
+}
+
+void Watcher::line(const std::string& read, bool is_cut) {
+    if (!was_cut_) {
+        if (!had_end_) {
+            add(Severity::error, "", "holds a zero byte: the rest of the line is not read");
+        }
+        ++line_;
+        is_in_comment_ = false;
+        has_told_cut_ = false;
+    } else if (!is_blank(read) && !has_told_cut_) {
+        has_told_cut_ = true;
+        add(Severity::warning, "",
+            is_in_comment_ ? "the line is longer than a read of 1,023 characters: the rest of its "
+                             "comment is read as a line of its own"
+                           : "the line is longer than a read of 1,023 characters: the rest is read "
+                             "as a line of its own");
+    }
+    is_in_comment_ = is_in_comment_ || read.find('#') != std::string::npos;
+    had_end_ = read.ends_with('\n');
+    was_cut_ = is_cut;
+    text_ = read.substr(0, read.find_last_not_of("\r\n") + 1);
+    if (!read.ends_with("\r\n") || has_told_return_) {
+        return;
+    }
+    has_told_return_ = true;
+    add(Severity::error, read.substr(0, read.size() - 2),
+        "lines end in carriage returns: no bracket is seen, and so no block");
+}
+
+void Watcher::statement(const HandledStatement& statement) {
+    const std::string text =
+        statement.value.empty() ? statement.key : statement.key + " " + statement.value;
+    note_place(statement);
+    for (const std::string& words : take_logged()) {
+        add(Severity::error, text, words);
+    }
+    if (!statement.surplus.empty()) {
+        add(Severity::warning, statement.surplus,
+            "one word and one value a line: from here on the line is ignored");
+    }
+    switch (statement.handled) {
+        case Handled::acted:
+            judge_acted(statement, text);
+            break;
+        case Handled::kept:
+            add(Severity::warning, text,
+                "declared before: the lines of both blocks act on one entry");
+            judge_acted(statement, text);
+            break;
+        case Handled::dropped:
+            add(Severity::warning, text,
+                "the number of this rule has a probe already: this one is dropped, its lines act "
+                "on the first");
+            break;
+        case Handled::strayed:
+            add(Severity::error, text, "lacks a block of its own: it makes a rule of this name");
+            break;
+        case Handled::ignored:
+            judge_ignored(statement, text);
+            break;
+        case Handled::refused:
+            break;  // the loader has said why
+    }
+}
+
+void Watcher::end() {
+    for (const std::string& words : take_logged()) {
+        if (words.find("mismatched") == std::string::npos) {
+            add(Severity::error, text_, words);
+        } else {
+            findings_.push_back({.line = opened_line_,
+                                 .severity = Severity::error,
+                                 .text = opened_text_,
+                                 .message = without_prefix(words) + ": this block does not end"});
+        }
+    }
+}
+
+int Watcher::line_of(const std::string& place) const {
+    const auto found = places_.find(place);
+    return found == places_.end() ? 0 : found->second;
+}
+
+void Watcher::add(Severity severity, const std::string& text, const std::string& message) {
+    findings_.push_back(
+        {.line = line_, .severity = severity, .text = text, .message = without_prefix(message)});
+}
+
+void Watcher::note_place(const HandledStatement& statement) {
+    const auto& [blocks, depth, key, value, surplus, handled] = statement;
+    if (depth <= 1 && (key == "health" || key == "rule")) {
+        opened_line_ = line_;
+        opened_text_ = value.empty() ? key : key + " " + value;
+    }
+    const bool declares =
+        handled == Handled::acted || handled == Handled::kept || handled == Handled::strayed;
+    if (!declares) {
+        return;
+    }
+    if (is_health(statement) && is_interface_keyword(key)) {
+        interface_ = value;
+        is_ipv6_ = key == "interface6";
+        places_.try_emplace(key + " " + value, line_);
+    } else if (!is_health(statement) && (key == "rule" || handled == Handled::strayed)) {
+        rule_ = value;
+        places_.try_emplace("rule " + value, line_);
+    } else if (!is_health(statement) && is_interface_keyword(key)) {
+        places_.try_emplace("rule " + rule_ + " " + key + " " + value, line_);
+    }
+}
+
+void Watcher::judge_ignored(const HandledStatement& statement, const std::string& text) {
+    const auto& [blocks, depth, key, value, surplus, handled] = statement;
+    // Brackets alone, and the words that only open a block.
+    const bool opens_health = is_health(statement) && key == "health" && depth <= 1;
+    const bool opens_target = !is_health(statement) && key == "target" && blocks[1] == "target";
+    if (key.empty() || opens_health || (opens_target && value.empty())) {
+        return;
+    }
+    constexpr int probe_depth = 4;
+    if (opens_target) {
+        add(Severity::warning, text, "a target block has no value: the prefix is its address line");
+    } else if (!is_health(statement) || depth != probe_depth || interface_.empty()) {
+        add(Severity::warning, text, "unknown or misplaced keyword: ignored");
+    } else if (key == "type" && is_ipv6_ && value == "ping_ext") {
+        add(Severity::error, text, "there is no extended ping for IPv6: nothing is created");
+    } else if (key == "type") {
+        add(Severity::error, text, "no such type of probe: nothing is created");
+    } else if (key == "target" && value.empty()) {
+        add(Severity::warning, text, "has no value: ignored");
+    } else if (extended_keywords.contains(key)) {
+        add(Severity::warning, text, "acts on a probe of type ping_ext only: ignored");
+    } else if (key == "target" || key == "resp-time") {
+        add(Severity::warning, text, "no probe is current: ignored");
+    } else {
+        add(Severity::warning, text, "unknown or misplaced keyword: ignored");
+    }
+}
+
+void Watcher::judge_acted(const HandledStatement& statement, const std::string& text) {
+    const std::string& key = statement.key;
+    const std::string& value = statement.value;
+    const bool is_number = number_keywords.contains(key) || (key == "rule" && is_health(statement));
+    const std::string problem = is_number ? problem_of_number(value) : "";
+    if (!problem.empty()) {
+        add(Severity::warning, text, problem);
+    } else if (is_number) {
+        judge_limit(key, value, text);
+    }
+    if ((key == "failover" || key == "check_all") && !value.empty()) {
+        add(Severity::warning, text, "has no value: it acts whatever stands behind it");
+    }
+    if (is_interface_keyword(key) && value.size() > longest_ifname) {
+        add(Severity::error, text, "no interface has a name longer than 15 characters");
+    }
+    judge_address(statement, text);
+}
+
+void Watcher::judge_address(const HandledStatement& statement, const std::string& text) {
+    const std::string& key = statement.key;
+    const std::string& value = statement.value;
+    if (!is_health(statement)) {
+        if (key == "address" && !is_prefix(family_of(!is_ipv4_rule(rule_)), value)) {
+            add(Severity::error, text, "no prefix of the rule's family");
+        }
+        return;
+    }
+    const bool is_learnt = value == "dhcp" || value == "tunnel";
+    if (key == "nexthop" && is_learnt && is_ipv6_) {
+        add(Severity::error, text, "an IPv6 probe needs a configured next hop: it is never sent");
+        return;
+    }
+    const bool is_literal =
+        key == "source_address" || key == "target" || (key == "nexthop" && !is_learnt);
+    if (is_literal && !is_address(family_of(is_ipv6_), value)) {
+        add(Severity::error, text,
+            std::string("no address of the interface's family") +
+                (key == "target" ? ": the probe is never sent" : ""));
+    }
+}
+
+/// Values that are numbers, but make no sense where they stand.
+void Watcher::judge_limit(const std::string& key, const std::string& value,
+                          const std::string& text) {
+    const int number = std::stoi(value);
+    if ((key == "loss" || key == "rtt" || key == "jitter") && number <= 0) {
+        add(Severity::warning, text, "a " + key + " limit of 0 fails every run");
+    } else if (key == "count" && number <= 0) {
+        add(Severity::warning, text, "a count of 0 fails every run");
+    } else if ((key == "timeout" || key == "resp-time") && number <= 0) {
+        add(Severity::warning, text, "leaves no time for an answer");
+    } else if (key == "timeout" && number % ms_per_s != 0 && is_tunnel(interface_)) {
+        add(Severity::error, text, "on a tunnel only whole seconds work: every run fails");
+    } else if (key == "weight" && number > heaviest) {
+        add(Severity::warning, text, "the routing daemon takes weights up to 256");
+    }
+}
+
+}  // namespace lbcheck

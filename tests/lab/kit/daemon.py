@@ -82,7 +82,7 @@ class Daemon:
         self.check_reports()
 
     def kill(self, number=signal.SIGKILL):
-        """Ends the daemon by a signal, without judging."""
+        """Ends the daemon by a signal, without judging; its exit status."""
         self.stopped = True
         if self.running():
             self._process.send_signal(number)
@@ -91,6 +91,7 @@ class Daemon:
             except subprocess.TimeoutExpired:
                 self._process.kill()
                 self._process.wait()
+        return self._process.returncode
 
     def sanitizer_reports(self):
         texts = [self.stderr]

@@ -6,6 +6,7 @@
 
 Faults happen to the first. The second's state is never in doubt, and the cycles keep their pace.
 """
+import contextlib
 import socket
 
 import golden
@@ -29,6 +30,7 @@ RESPONSE_TIME_MS = 900  # less than a cycle, and enough for a busy machine
 # After a fault: a probe that could not leave is in flight until it is given up; the next asks for
 # the neighbour; the one after that leaves, and its answer is collected a cycle later.
 CYCLES_TO_RECOVER = 8
+CALM_CYCLES = 4
 
 
 def dual_stack(first_source=None, first_probe=None, resp_time=RESPONSE_TIME_MS):
@@ -68,6 +70,11 @@ class FaultTest(LabTest):
                                gateway6=GATEWAY6)
         self.near, self.far = (mac.replace(":", "") for mac in self.lab.macs())
         return peer
+
+    def calm_cycles(self):
+        """How many cycles have ended without a fault: enough to hold the later ones against."""
+        expect(lambda: self.alive.cycles() >= CALM_CYCLES)
+        return self.alive.cycles()
 
     # What the operator sees.
 
@@ -116,8 +123,13 @@ class FaultTest(LabTest):
         """How often each of these lines was logged."""
         return [self.lab.log.count(text) for text in texts]
 
-    def send_from_the_routers_kernel(self, address):
-        """Traffic of the router's own: one datagram, for which the kernel finds the neighbour."""
-        family = socket.AF_INET6 if ":" in address else socket.AF_INET
-        with self.lab.router.socket(family, socket.SOCK_DGRAM) as sender:
-            sender.sendto(b"", (address, 9))
+    def carry_traffic(self):
+        """The router's own: a datagram to each next hop, for which the kernel finds the neighbour."""
+        for family, address in ((socket.AF_INET, GATEWAY), (socket.AF_INET6, GATEWAY6)):
+            with (self.lab.router.socket(family, socket.SOCK_DGRAM) as sender,
+                  contextlib.suppress(OSError)):  # while the kernel has no route there is no traffic
+                sender.sendto(b"", (address, 9))
+
+    def expect_right_routes_under_traffic(self):
+        expect(lambda: self.carry_traffic() or self.routes() == self.right_routes, within=30,
+               what="traffic of the router brings the routes back")

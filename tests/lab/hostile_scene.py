@@ -27,7 +27,7 @@ class HostileTest(FaultTest):
         super().setUp()
         self.random = random.Random(SEED)
         self.router_mac = bytes.fromhex(self.near)
-        self.calm = self.alive.cycles()
+        self.calm = self.calm_cycles()
 
     # Honest frames to start from.
 

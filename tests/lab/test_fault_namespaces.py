@@ -16,6 +16,7 @@ from scenes import (ACTIVE, ACTIVE_2, GATEWAY, INACTIVE, INACTIVE_2, PREFIX, ROU
 from scenes6 import (ACTIVE6, GATEWAY6, INACTIVE6, PREFIX6, ROUTER6, TARGET6, VIA_6, changed6, fragment6)
 
 RESPONSE_TIME_MS = 900
+CALM_CYCLES = 4
 UP = (fragment(VIA_1), fragment6(VIA_6))
 DOWN = (fragment(), fragment6())
 ACTIVE6_2, INACTIVE6_2 = (changed6(state, "gigabitethernet 1/0/2") for state in ("active", "inactive"))
@@ -74,6 +75,7 @@ class DeletedNamespace(LabTest):
         self.assert_default_untouched()
 
     def test_interfaces_that_vanish_with_it_cost_nobody_else_a_beat(self):
+        expect(lambda: self.alive.cycles() >= CALM_CYCLES)
         calm = self.alive.cycles()
         self.delete_namespace()
         self.blue.ip("link delete gi1_2")

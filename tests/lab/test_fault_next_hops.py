@@ -1,6 +1,6 @@
 """Faults of a next hop, the daemon running throughout (the stage: fault_scene.py)."""
-from fault_scene import BOTH, SECOND_ALONE, FaultTest
-from kit import expect, main
+from fault_scene import SECOND_ALONE, FaultTest
+from kit import main
 from kit import packets
 from scenes import ACTIVE, GATEWAY, INACTIVE
 from scenes6 import ACTIVE6, GATEWAY6, INACTIVE6
@@ -47,22 +47,18 @@ class UnannouncedMac(NextHopTest):
                 self.lab.router.sysctl(f"{family}/neigh/gi1_1/{name}", value)
         return peer
 
-    def carry_traffic(self):
-        for gateway in (GATEWAY, GATEWAY6):
-            self.send_from_the_routers_kernel(gateway)
-
     def test_change_is_found_by_the_traffic_of_the_router(self):
         self.change_mac()
         self.expect_routes(SECOND_ALONE)
 
-        expect(lambda: self.carry_traffic() or self.routes() == BOTH, within=30)
+        self.expect_right_routes_under_traffic()
         self.expect_all_right()
 
 
 class LateAnswers(FaultTest):
     def test_answers_that_come_cycles_late_are_learnt_all_the_same(self):
         self.peer.arp_delay_s = 3.2  # later than a cycle and the probe that waited for it
-        calm = self.alive.cycles()
+        calm = self.calm_cycles()
         self.lab.forget_neighbours("gi1_1")
         self.expect_logged(ACTIVE, ACTIVE6)
         self.expect_routes(SECOND_ALONE)
@@ -71,7 +67,7 @@ class LateAnswers(FaultTest):
 
     def test_silence_takes_the_uplink_out_until_it_ends(self):
         self.peer.arp_silent = True
-        calm = self.alive.cycles()
+        calm = self.calm_cycles()
         self.lab.forget_neighbours("gi1_1")
         self.expect_routes(SECOND_ALONE)
         self.assertEqual(self.count(INACTIVE, INACTIVE6), [2, 2])

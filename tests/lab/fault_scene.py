@@ -105,11 +105,14 @@ class FaultTest(LabTest):
 
     def expect_all_right(self):
         """From the end of a fault on: verdicts and routes within a few cycles, then right bytes."""
+        self.expect_right_routes_soon()
+        self.expect_probes_with_right_bytes()
+
+    def expect_right_routes_soon(self):
         ended = self.alive.cycles()
         self.expect_routes(self.right_routes)
         self.assertLessEqual(self.alive.cycles() - ended, CYCLES_TO_RECOVER)
         self.assertEqual(self.count(INACTIVE_2, INACTIVE6_2), [1, 1])  # from the start
-        self.expect_probes_with_right_bytes()
 
     def expect_probes_with_right_bytes(self):
         identifier = self.daemon.pid & 0xFFFF

@@ -7,8 +7,9 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 include(CheckPIESupported)
 check_pie_supported()
 
-# The crash report names functions: keep their symbols and frames in every build.
-add_compile_options(-g -fno-omit-frame-pointer)
+# The crash report names functions: keep their symbols and frames in every build. Debug builds bring their own -g, or do
+# without where only the compiler's judgement counts.
+add_compile_options($<$<NOT:$<CONFIG:Debug>>:-g> -fno-omit-frame-pointer)
 add_link_options(-rdynamic)
 
 if(LB_SANITIZER STREQUAL "address")
@@ -21,9 +22,11 @@ elseif(LB_SANITIZER STREQUAL "thread")
   add_compile_options(-fsanitize=thread)
   add_link_options(-fsanitize=thread)
 else()
-  add_compile_options(-fstack-protector-strong)
+  # tests/hardening looks for the marks of these in the programs. Debian 12's start files lack those of control-flow
+  # protection, so the linker would drop them.
+  add_compile_options(-fstack-protector-strong -fstack-clash-protection)
   add_compile_definitions($<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
-  add_link_options(-Wl,-z,relro,-z,now)
+  add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
 endif()
 
 # Instrumented code misleads GCC's flow analysis of the standard library's copies; the plain builds

@@ -1,6 +1,7 @@
 #include "decision/lease_file.h"
 
 #include <array>
+#include <string_view>
 
 #include "config/str_proc.h"
 
@@ -8,13 +9,21 @@ namespace {
 
 constexpr std::size_t line_buffer_size = 1024;
 
+/// Whether the file ends within the line's value: the start of an address that the DHCP client is
+/// just writing may well be an address itself.
+bool is_just_written(std::string_view line, FILE* leases) {
+    constexpr std::string_view ends_of_value = "\n;'\"";
+    return feof(leases) != 0 && !line.empty() &&
+           ends_of_value.find(line.back()) == std::string_view::npos;
+}
+
 /// The words of the first line whose word `index` is `keyword`; none where there is no such line.
 StrProc first_line(FILE* leases, const std::string& delimiter, int index,
                    const std::string& keyword) {
     std::array<char, line_buffer_size> buffer;
     while (fgets(buffer.data(), static_cast<int>(buffer.size()), leases) != nullptr) {
         StrProc words(buffer.data(), delimiter);
-        if (words.get(index) == keyword) {
+        if (words.get(index) == keyword && !is_just_written(buffer.data(), leases)) {
             return words;
         }
     }

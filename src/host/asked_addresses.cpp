@@ -23,9 +23,14 @@ std::size_t AskedAddresses::size() const {
 
 DetachedStart start_receiver_once(NamespaceTable<bool>& started, const std::string& nsname,
                                   void* (*body)(void*), const AskedAddressesRef& asked) {
-    if (started.exchange(nsname, true)) {
+    if (started.get(nsname)) {
         return DetachedStart::started;
     }
+    if (!asked->receiver.is_open()) {
+        body(new AskedAddressesRef(asked));  // only says so
+        return DetachedStart::started;
+    }
+    started.set(nsname, true);
     auto argument = std::make_unique<AskedAddressesRef>(asked);
     const DetachedStart start = start_detached(body, argument.get());
     if (start != DetachedStart::not_created) {

@@ -34,7 +34,9 @@ class AskedAddresses {
 using AskedAddressesRef = std::shared_ptr<AskedAddresses>;
 
 /// Starts the namespace's receiver thread unless it was started before; a thread that ended is not
-/// started again. The body's argument is an `AskedAddressesRef*`, which it takes over.
+/// started again. The body's argument is an `AskedAddressesRef*`, which it takes over. While there
+/// is no socket for it, the body is run here, where it says so and ends, and the next call, with
+/// another try for the socket before it, may start the thread.
 DetachedStart start_receiver_once(NamespaceTable<bool>& started, const std::string& nsname,
                                   void* (*body)(void*), const AskedAddressesRef& asked);
 

@@ -27,7 +27,8 @@ class LBArp {
     int check_arp_exist();
     /// Broadcasts one request. Returns the bytes sent, or -1 after logging why not.
     int send_arp();
-    /// Starts the namespace's receiver thread, once in the life of the process.
+    /// Starts the namespace's receiver thread, once in the life of the process; until it has its
+    /// socket, each call says so.
     void received_arp();
     /// 1 with the MAC in `mac` (6 bytes); 0: the entry is incomplete; -1: error, errno set.
     int get_mac(unsigned char* mac);

@@ -31,7 +31,8 @@ class LBNeighbor {
     /// Sends one solicitation. Failures go to the standard error stream; a failed send ends the
     /// namespace's sends for good.
     void send_request();
-    /// Starts the namespace's receiver thread, once in the life of the process.
+    /// Starts the namespace's receiver thread, once in the life of the process; until it has its
+    /// socket, each call says so.
     void receive_reply();
 
     unsigned short checksum(unsigned short* data, int length);

@@ -16,16 +16,11 @@
 
 namespace {
 
-constexpr std::size_t largest_datagram = 65535;
-
 std::int64_t in_us(const timespec& time) {
     return static_cast<std::int64_t>(time.tv_sec) * 1'000'000 + time.tv_nsec / 1000;
 }
 
 enum class Look { nothing, answered, failed };
-
-/// More than a reply socket's queue holds; a flood must not keep a reader past its deadline.
-constexpr int datagrams_at_once = 1024;
 
 /// Reads what the socket holds, until the awaited answer. The receiver thread may have been faster,
 /// so an empty socket is nothing to wonder about.

@@ -7,6 +7,7 @@
 #include "host/link_local_address.h"
 #include "host/neighbor_netlink.h"
 #include "host/source_address.h"
+#include "probe/reply_receiver.h"
 
 void LBPathTest::start(LBData& data, context* ctx) {
     // What the host told in the last pass may no longer hold; within a pass it is asked once.
@@ -24,6 +25,7 @@ void LBPathTest::start(LBData& data, context* ctx) {
     for (LBHealth* health : records) {
         health->send_test(ctx);
     }
+    take_waiting_replies(ctx->ipv6 ? ipv6_probes : ipv4_probes, *ctx->ns_name);
     for (LBHealth* health : records) {
         health->recv_test(ctx);
         health->status_check(data, ctx);

@@ -7,26 +7,12 @@ import os
 import subprocess
 
 from kit import Conf, LabTest, expect, main, ping
-from kit.daemon import binary
 from kit.echo_policies import silence
 from kit.lab import OUTPUT_DIRECTORY
+from kit.lbshow import LBSHOW, active, lbshow, state
 from scenes import (ACTIVE, ACTIVE_2, GATEWAY, GATEWAY_2, INACTIVE_2, PREFIX, ROUTER, attach_two,
                     two_uplinks)
 from scenes6 import GATEWAY6, ROUTER6
-
-LBSHOW = os.path.join(os.path.dirname(binary()), "lbshow")
-
-
-def lbshow(*arguments):
-    return subprocess.run([LBSHOW, *arguments], capture_output=True, text=True, check=False,
-                          timeout=30)
-
-
-def state():
-    """What is shown; nothing as long as the daemon has written nothing."""
-    done = lbshow("--json")
-    return json.loads(done.stdout or '{"interfaces": [], "rules": [], "routes": []}')
-
 
 class Lbshow(LabTest):
     def setUp(self):
@@ -39,7 +25,7 @@ class Lbshow(LabTest):
 
     def test_interfaces_rules_and_routes_of_a_running_daemon_are_shown(self):
         self.start()
-        expect(lambda: [one["active"] for one in state()["interfaces"]] == [True, True])
+        expect(lambda: active() == [True, True])
         shown = state()
         self.assertEqual([one["name"] for one in shown["interfaces"]], ["gi1_1", "gi1_2"])
         self.assertEqual(shown["rules"][0]["members"][1],
@@ -51,7 +37,7 @@ class Lbshow(LabTest):
         self.start()
         self.peers[1].echo = silence
         expect(lambda: INACTIVE_2 in self.lab.log.texts()[2:])
-        expect(lambda: [one["active"] for one in state()["interfaces"]] == [True, False])
+        expect(lambda: active() == [True, False])
         self.assertIn("no answer", lbshow("interfaces", "gi1_2").stdout)
 
     def test_failover_rule_shows_its_choice_in_the_route(self):
@@ -118,7 +104,7 @@ class ManyWriters(LabTest):
             conf.rule(f"{i}_ipv6", interfaces6={f"gi1_{i}": 1}, targets={"2001:db8::/32": None},
                       namespace=name, failover=True)
         self.lab.start(conf)
-        expect(lambda: [one["active"] for one in state()["interfaces"]] == [True] * 6)
+        expect(lambda: active() == [True] * 6)
         expect(lambda: [one["nexthop"] for one in state()["routes"]] == [GATEWAY, GATEWAY6] * 3)
         for _ in range(60):
             done = lbshow("--json")

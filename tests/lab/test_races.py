@@ -6,19 +6,16 @@ dumps and reports being read.
 Runs 20 s; LB_RACE_SECONDS asks for more.
 """
 import itertools
-import json
 import os
-import subprocess
 import time
 
 from kit import Conf, LabTest, expect, main, ping, ping_ext
 from kit import echo_policies as policy
-from kit.daemon import binary
 from kit.lab import OUTPUT_DIRECTORY
+from kit.lbshow import active
 from scenes import GATEWAY, PREFIX, ROUTER
 from scenes6 import GATEWAY6, PREFIX6, ROUTER6
 
-LBSHOW = os.path.join(os.path.dirname(binary()), "lbshow")
 SECONDS = float(os.environ.get("LB_RACE_SECONDS", "20"))
 NAMESPACES = ("", "ns1", "ns2", "ns3")
 
@@ -40,29 +37,23 @@ class Races(LabTest):
                       namespace=name, failover=True)
         return self.lab.start(conf)
 
-    @staticmethod
-    def active():
-        done = subprocess.run([LBSHOW, "interfaces", "--json"], capture_output=True, text=True,
-                              check=False, timeout=60)
-        return [one["active"] for one in json.loads(done.stdout or '{"interfaces": []}')["interfaces"]]
-
     def test_nothing_breaks_while_everything_changes(self):
         daemon = self.start()
         peers = list(self.lab.peers.values())
-        expect(lambda: len(self.active()) == 8, within=60)
+        expect(lambda: len(active()) == 8, within=60)
         end = time.monotonic() + SECONDS
         for peer in itertools.cycle(peers):
             if time.monotonic() > end:
                 break
             peer.echo = policy.silence if peer.echo is policy.answer else policy.answer
             for _ in range(4):
-                self.active()
+                active()
                 for family in (4, 6):
                     with open(f"{OUTPUT_DIRECTORY}/wlb_ipv{family}.out", encoding="utf-8") as report:
                         report.read()
         for peer in peers:
             peer.echo = policy.answer
-        expect(lambda: self.active() == [True] * 8, within=60)
+        expect(lambda: active() == [True] * 8, within=60)
         self.assertTrue(daemon.running())
 
 

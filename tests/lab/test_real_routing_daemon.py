@@ -7,24 +7,14 @@
       gi1_1 2001:db8::10/64 -------------- scripted peer 2001:db8::1:2:3  weight 1
       gi1_2 2001:db8:2::10/64 ------------ scripted peer 2001:db8:2::1    weight 3
 """
-import json
 import socket
 import unittest
 
 from kit import LabTest, expect, main
 from kit import echo_policies as policy
-from kit.routing_daemon import bird_binary
+from kit.routing_daemon import bird_binary, next_hops
 from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, attach_two, two_uplinks
 from scenes6 import GATEWAY6, GATEWAY6_2, PREFIX6, attach_two6, two_uplinks6
-
-
-def next_hops(namespace, family, prefix):
-    """{gateway: weight} of the kernel's route to the prefix."""
-    routes = json.loads(namespace.run("ip", family, "-j", "route", "show", prefix) or "[]")
-    if not routes:
-        return {}
-    hops = routes[0].get("nexthops") or [{"gateway": routes[0]["gateway"], "weight": 1}]
-    return {hop["gateway"]: hop["weight"] for hop in hops}
 
 
 @unittest.skipUnless(bird_binary(), "no bird: set LB_BIRD or run scripts/deps")

@@ -100,6 +100,11 @@ TEST(AskedAddresses, unknown_sender_leaves_an_empty_entry) {
     EXPECT_EQ(asked.size(), 2U);
 }
 
+/// Stands for a receiver's socket where no thread will read it.
+Fd some_socket() {
+    return Fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+}
+
 struct Arp : testing::Test {
     void ask(const std::string& address, const std::string& source = "127.0.0.1",
              const std::string& ifname = "lo") {
@@ -170,10 +175,24 @@ TEST_F(Arp, request_reports_what_it_lacks) {
 TEST_F(Arp, receiver_that_cannot_start_is_reported_once) {
     LBArp::is_start_recv.set("arp test", false);
     ask("192.0.2.1");
+    arp.targets->receiver = some_socket();
     const FailCall no_thread(Call::pthread_create, EAGAIN);
     arp.received_arp();
     arp.received_arp();
     EXPECT_EQ(log.lines(), errors({"Can't create new thread for arp recv"}));
+}
+
+TEST_F(Arp, receiver_without_a_socket_is_tried_again_and_started_with_one) {
+    constexpr const char* no_socket = "<recv_arp> socket() for _recv_sock failed ";
+    LBArp::is_start_recv.set("arp test", false);
+    ask("192.0.2.1");
+    arp.received_arp();
+    arp.received_arp();
+    EXPECT_FALSE(LBArp::is_start_recv.get("arp test"));
+    arp.targets->receiver = some_socket();
+    const FailCall no_thread(Call::pthread_create, EAGAIN);
+    arp.received_arp();
+    EXPECT_EQ(log.lines(), errors({no_socket, no_socket, "Can't create new thread for arp recv"}));
 }
 
 TEST_F(Arp, receiver_without_a_socket_ends_with_a_message) {
@@ -379,6 +398,7 @@ TEST_F(Neighbours, failed_send_closes_the_socket_for_good) {
 TEST_F(Neighbours, receiver_reports_how_it_could_not_start) {
     LBNeighbor::is_start_recv.set("neighbour test", false);
     ask("2001:db8::1");
+    neighbor.targets->receiver = some_socket();
     {
         const FailCall no_thread(Call::pthread_create, EAGAIN);
         neighbor.receive_reply();

@@ -334,6 +334,18 @@ TEST_F(Directory, dump_that_stays_cut_is_an_error) {
               path + "/wlb_dump/wlb_ipv4_outbounds.bin ends within a record");
 }
 
+TEST_F(Directory, dump_that_stays_empty_is_an_error_where_there_must_be_records) {
+    put("wlb_ipv4_outbounds.bin", outbound());
+    put("wlb_rules.bin", {});
+    EXPECT_EQ(lbshow::read_state(path, false, read), path + "/wlb_dump/wlb_rules.bin is empty");
+}
+
+TEST_F(Directory, rules_without_destinations_have_an_empty_dump_of_routes) {
+    put("wlb_rules.bin", rule());
+    put("wlb_routes.bin", {});
+    EXPECT_EQ(lbshow::read_state(path, false, read), "");
+}
+
 TEST_F(Directory, dump_that_is_just_rewritten_is_read_again) {
     put("wlb_routes.bin", {1, 2, 3});
     std::thread writer([this] {

@@ -49,6 +49,21 @@ TEST(Lease, half_written_file_tells_no_router) {
     EXPECT_EQ(ipv4("lease {\n  option routers ,\n"), "");
 }
 
+TEST(Lease, value_that_is_not_ended_yet_tells_no_router) {
+    EXPECT_EQ(ipv4("lease {\n  option routers 192.0.2"), "");
+    EXPECT_EQ(ipv4("lease {\n  option routers 192.0.2.1"), "");
+    EXPECT_EQ(ipv4("lease {\n  option routers 192.0.2.17,192"), "");
+}
+
+TEST(Lease, closed_value_needs_no_end_of_its_line) {
+    EXPECT_EQ(ipv4("lease {\n  option routers 192.0.2.17;"), "192.0.2.17");
+    EXPECT_EQ(ipv6("new_routers='fe80::1'"), "fe80::1");
+}
+
+TEST(Lease, line_longer_than_the_buffer_tells_its_first_router) {
+    EXPECT_EQ(ipv4("  option routers 10.0.0.1," + std::string(2000, '2')), "10.0.0.1");
+}
+
 TEST(Lease, blank_after_the_comma_changes_nothing) {
     EXPECT_EQ(ipv4("  option routers 10.0.0.1, 10.0.0.2;\n"), "10.0.0.1");
 }
@@ -68,6 +83,11 @@ TEST(Lease, line_is_cut_after_1023_characters) {
 
 TEST(Lease, rest_of_a_cut_line_is_a_line) {
     EXPECT_EQ(ipv4(std::string(1023, 'x') + "option routers 10.0.0.1;\n"), "10.0.0.1");
+}
+
+TEST(Lease6, value_that_is_not_ended_yet_tells_no_router) {
+    EXPECT_EQ(ipv6("new_routers='fe80::1"), "");
+    EXPECT_EQ(ipv6("new_routers='fe80::1 fe80:"), "");
 }
 
 TEST(Lease6, quotes_are_dropped) {

@@ -343,6 +343,26 @@ TEST(Receiver, marks_replies_and_ends_when_its_socket_does) {
     LBTest::_recv_icmp_sock.set(name, 0);
 }
 
+TEST(Receiver, answers_that_wait_in_the_socket_are_taken_by_the_worker) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+    const Fd near(ends[0]);
+    const Fd far(ends[1]);
+    LBTest::_recv_icmp_sock.set("standstill", near.get());
+    timespec last_sent{};
+    for (const char* target : {"first", "second"}) {
+        const auto id = register_probe(ipv4_probes, "eth9", target, last_sent);
+        const Bytes reply = reply4(static_cast<std::uint32_t>(*id));
+        ASSERT_EQ(::send(far.get(), reply.data(), reply.size(), 0),
+                  static_cast<ssize_t>(reply.size()));
+    }
+    take_waiting_replies(ipv4_probes, "standstill");
+    constexpr int long_over_ms = -1;
+    EXPECT_EQ(collect_probe(ipv4_probes, "eth9", "first", long_over_ms), ProbeOutcome::answered);
+    EXPECT_EQ(collect_probe(ipv4_probes, "eth9", "second", long_over_ms), ProbeOutcome::answered);
+    LBTest::_recv_icmp_sock.set("standstill", 0);
+}
+
 TEST(Receiver, failed_wait_is_reported_and_lets_the_next_one_start) {
     for (const auto* family : {&ipv4_probes, &ipv6_probes}) {
         const std::string word = family->word;

@@ -125,7 +125,8 @@ TEST(ReceiverThread, that_cannot_be_detached_is_reported_and_runs_all_the_same) 
     const ChildEnd end = run_in_child([] {
         set_log_sink(log_to_standard_error);
         const FailCall no_detach(Call::pthread_detach, EINVAL);
-        LBTest::_recv_icmp_sock.set("detach", 1'000'000);  // no such descriptor: it ends at once
+        constexpr int no_such_descriptor = 1'000'000;  // with it a receiver ends at once
+        LBTest::_recv_icmp_sock.set("detach", no_such_descriptor);
         start_receiver(ipv4_probes, "detach");
         LBTest6::_recv_icmp6_sock.set("detach", 1'000'000);
         start_receiver(ipv6_probes, "detach");
@@ -135,10 +136,12 @@ TEST(ReceiverThread, that_cannot_be_detached_is_reported_and_runs_all_the_same) 
         LBArp arp;
         arp.nsname = "detach";
         arp.targets = std::make_shared<AskedAddresses>();
+        arp.targets->receiver = Fd(no_such_descriptor);
         arp.received_arp();
         LBNeighbor neighbor;
         neighbor.nsname = "detach";
         neighbor.targets = std::make_shared<AskedAddresses>();
+        neighbor.targets->receiver = Fd(no_such_descriptor);
         neighbor.receive_reply();
     });
     for (const char* text :

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <string_view>
 #include <thread>
+#include <type_traits>
 
 #include "output/record_layout.h"
 
@@ -184,7 +185,9 @@ std::optional<Dump> content_of(const std::string& path) {
 }
 
 /// Appends a dump's items; a family that no worker serves has no dump. The daemon rewrites its
-/// files in place, so one that is empty or cut is read again for a while.
+/// files in place, so one that is empty or cut is read again for a while. One that stays so was
+/// left by a full disk or a killed daemon; only the routes may be none, of rules without
+/// destinations.
 template <class Item>
 std::string append_dump(const std::string& path, std::vector<Item>& items,
                         const std::function<Read<Item>(std::span<const std::uint8_t>)>& read) {
@@ -202,6 +205,9 @@ std::string append_dump(const std::string& path, std::vector<Item>& items,
         }
         if (!answer.problem.empty()) {
             return path + " " + answer.problem;
+        }
+        if (dump->empty() && !std::is_same_v<Item, Route>) {
+            return path + " is empty";
         }
         std::move(answer.items.begin(), answer.items.end(), std::back_inserter(items));
         return "";

@@ -8,6 +8,9 @@
     recording       frames seen, kept for scapy and for a pcap file
     system_log      the captured /dev/log
     keep_alives     the captured notification socket of the service manager
+    cycles          waiting in cycles of the daemon
+    disk            a small file system that a test fills or makes read-only
+    lbshow          what the companion program shows of the daemon
     routing_daemon  the captured routing daemon and the real one
     conf            configuration files of the daemon
     daemon          the daemon under test

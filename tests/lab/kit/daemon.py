@@ -1,6 +1,7 @@
 """The daemon under test, a child of the lab."""
 import glob
 import os
+import shlex
 import signal
 import subprocess
 
@@ -20,6 +21,11 @@ def binary():
     return os.environ.get("LB_BINARY", os.path.join(ROOT, "build", "lb"))
 
 
+def command():
+    """What runs the binary: itself, or the emulator of another machine."""
+    return [*shlex.split(os.environ.get("LB_EMULATOR", "")), binary()]
+
+
 class Daemon:
     """One run of `lb` in a namespace. `folder` keeps its output and any sanitizer reports."""
 
@@ -36,7 +42,7 @@ class Daemon:
             env[name] = ":".join([*given, f"log_path={self._reports}", "exitcode=66"])
         with open(self._base + ".out", "wb") as out, open(self._base + ".err", "wb") as err:
             # A process group of its own: who signals the daemon's group must not meet the lab.
-            self._process = subprocess.Popen(namespace.command(binary(), *arguments), env=env,
+            self._process = subprocess.Popen(namespace.command(*command(), *arguments), env=env,
                                              stdin=subprocess.DEVNULL, stdout=out, stderr=err,
                                              process_group=0)
 
@@ -76,7 +82,7 @@ class Daemon:
         self.check_reports()
 
     def kill(self, number=signal.SIGKILL):
-        """Ends the daemon by a signal, without judging."""
+        """Ends the daemon by a signal, without judging; its exit status."""
         self.stopped = True
         if self.running():
             self._process.send_signal(number)
@@ -85,6 +91,7 @@ class Daemon:
             except subprocess.TimeoutExpired:
                 self._process.kill()
                 self._process.wait()
+        return self._process.returncode
 
     def sanitizer_reports(self):
         texts = [self.stderr]

@@ -7,6 +7,7 @@ import unittest
 
 from . import sandbox
 from .daemon import ROOT, Daemon
+from .disk import Disk
 from .expect import expect
 from .keep_alives import KeepAlives
 from .netns import Namespace
@@ -113,6 +114,9 @@ class Lab:
 
     def bird(self, router_id, ipv6=False):
         return self._owned(Bird(self.router, self.folder, router_id, ipv6=ipv6))
+
+    def disk(self, directory, pages=64, free_pages=None):
+        return self._owned(Disk(directory, pages, free_pages))
 
     def keep_alives(self):
         return self._owned(KeepAlives("/run/notify"))

@@ -1,8 +1,10 @@
 """Routing daemons that read the fragments: a captured one and the real one."""
+import contextlib
 import glob
 import json
 import os
 import shutil
+import signal
 import subprocess
 import sys
 
@@ -44,9 +46,12 @@ class CapturedRoutingDaemon:
     process into another one's process group.
     """
 
+    _runs = 0
+
     def __init__(self, folder, namespace="", ipv6=False, pid_text="%d\n", group=0):
         make_directories(namespace)
-        name = f"routing{'6' if ipv6 else ''}-{namespace or 'default'}-{group}.hups"
+        CapturedRoutingDaemon._runs += 1
+        name = f"routing{CapturedRoutingDaemon._runs}.hups"
         self._record = os.path.join(folder, name)
         self._process = subprocess.Popen(
             [sys.executable, "-I", "-S", _RECORDER, fragment_path(namespace, ipv6), self._record],
@@ -113,7 +118,9 @@ class Bird:
         with open(conf, "w", encoding="ascii") as file:
             file.write(_BIRD_CONF.format(router_id=router_id, fragment=fragment))
         self._log_path = os.path.join(folder, f"{name}.err")
-        with open(self._log_path, "wb") as log:
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(control)  # of one that was killed
+        with open(self._log_path, "ab") as log:
             self._process = subprocess.Popen(
                 lab_namespace.command(bird_binary(ipv6), "-d", "-c", conf, "-s", control),
                 stdout=log, stderr=log, stdin=subprocess.DEVNULL)
@@ -124,6 +131,20 @@ class Bird:
     def log(self):
         return text_of(self._log_path) or ""
 
+    def end(self, number=signal.SIGTERM):
+        """Ends by a signal, its pid file left behind."""
+        self._process.send_signal(number)
+        self._process.wait()
+
     def close(self):
         self._process.kill()
         self._process.wait()
+
+
+def next_hops(namespace, family, prefix):
+    """{gateway: weight} of the kernel's route to the prefix."""
+    routes = json.loads(namespace.run("ip", family, "-j", "route", "show", prefix) or "[]")
+    if not routes:
+        return {}
+    hops = routes[0].get("nexthops") or [{"gateway": routes[0]["gateway"], "weight": 1}]
+    return {hop["gateway"]: hop["weight"] for hop in hops}

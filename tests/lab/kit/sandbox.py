@@ -19,10 +19,16 @@ _libc = ctypes.CDLL(None, use_errno=True)
 _MS_BIND, _MS_REC, _MNT_DETACH = 0x1000, 0x4000, 2
 
 
-def mount(source, target, kind="", flags=0):
+def mount(source, target, kind="", flags=0, options=""):
     arguments = [word.encode() for word in (source, target, kind)]
-    if _libc.mount(*arguments, ctypes.c_ulong(flags), None) != 0:
+    if _libc.mount(*arguments, ctypes.c_ulong(flags), options.encode() or None) != 0:
         raise OSError(ctypes.get_errno(), f"mounting {source} on {target}")
+
+
+def unmount(path):
+    """Takes the topmost file system off a directory, also one that is in use."""
+    if _libc.umount2(path.encode(), _MNT_DETACH) != 0:
+        raise OSError(ctypes.get_errno(), f"unmounting {path}")
 
 
 def _tmpfs(path):
@@ -56,7 +62,7 @@ def _shadow(directory, leave_out=()):
         for entry in entries:
             if entry.name not in leave_out:
                 _copy_entry(entry, os.path.join(directory, entry.name))
-    _libc.umount2(staging.encode(), _MNT_DETACH)
+    unmount(staging)
     os.rmdir(staging)
 
 

@@ -1,4 +1,5 @@
 """The captured system log: a socket at /dev/log that keeps every line."""
+import contextlib
 import dataclasses
 import os
 import re
@@ -25,12 +26,18 @@ class Line:
 
 
 class SystemLog:
-    """Collects what is logged from its construction to close()."""
+    """Collects what is logged from its construction to close(), except between stop() and start()."""
 
     def __init__(self):
         self._lines = []
         self._lock = threading.Lock()
         self._marked = threading.Semaphore(0)
+        self._socket = None
+        self.start()
+
+    def start(self):
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(PATH)
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_PASSCRED, 1)
         self._socket.bind(PATH)
@@ -58,9 +65,10 @@ class SystemLog:
 
     def lines(self, severity=None):
         """What was logged so far, also what the collector has not come to yet."""
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as marker:
-            marker.sendto(_MARKER, PATH)
-        self._marked.acquire()
+        if self._socket:
+            with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as marker:
+                marker.sendto(_MARKER, PATH)
+            self._marked.acquire()
         with self._lock:
             return [line for line in self._lines if severity in (None, line.severity)]
 
@@ -82,10 +90,16 @@ class SystemLog:
                 file.write(f"{line.time_s:.3f} {line.facility}.{line.severity} "
                            f"{line.identity}[{line.pid}]: {line.text}\n")
 
-    def close(self):
-        end = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        end.sendto(b"", PATH)
-        end.close()
+    def stop(self, leave_socket=False):
+        """The log ends; its socket's name may stay behind, dead."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as end:
+            end.sendto(b"", PATH)
         self._thread.join()
         self._socket.close()
-        os.unlink(PATH)
+        self._socket = None
+        if not leave_socket:
+            os.unlink(PATH)
+
+    def close(self):
+        if self._socket:
+            self.stop()

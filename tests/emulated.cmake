@@ -1,0 +1,44 @@
+# The unit tests of a foreign machine's build, run by the emulator: those of a file in one process, for its start alone
+# takes longer than most of them. Left out is what the emulation of a Linux process lacks (qemu 7.2); everything else runs.
+set(NOT_EMULATED
+  # The ioctl that looks into the ARP table.
+  Arp.unknown_next_hop_is_silently_missing
+  Arp.refused_table_query_is_reported_by_the_check_only
+  # Messages about neighbours: their byte order is not translated, and the kernel drops the question.
+  Neighbours.unknown_next_hop_is_missing
+  Neighbours.table_is_dumped_once_in_a_pass
+  Neighbours.refused_entry_does_not_make_the_table_be_dumped_again
+  # The device that a socket is bound to: it can be set, but not asked.
+  Probes.echo_into_a_tunnel_is_bound_and_sent_to_the_socket
+  # Netlink sockets for connection tracking.
+  Conntrack.each_failing_step_is_reported
+  # A process that a signal ends says nothing more: the emulator adds a line to its standard error.
+  CrashReport.threads_that_crash_at_once_give_one_whole_report
+  CrashReport.reader_of_standard_error_that_sleeps_does_not_keep_the_process_alive
+  CrashReport.same_lines_go_to_standard_error_console_and_system_log
+  EachSignal/CrashReportOfSignal.names_program_signal_thread_and_function/*)
+list(JOIN NOT_EMULATED ":" NOT_EMULATED)
+
+set(TEST_MACRO "^(TEST|TEST_F|TEST_P|TYPED_TEST)\\(([A-Za-z0-9_]+),.*")
+foreach(UNIT_SOURCE ${UNIT_SOURCES})
+  get_filename_component(UNIT_NAME ${UNIT_SOURCE} NAME_WE)
+  if(NOT UNIT_NAME MATCHES "_test$")
+    continue()
+  endif()
+  file(STRINGS ${UNIT_SOURCE} SUITES REGEX "${TEST_MACRO}")
+  list(TRANSFORM SUITES REPLACE "${TEST_MACRO}" "\\2")
+  list(REMOVE_DUPLICATES SUITES)
+  if(NOT SUITES)
+    message(FATAL_ERROR "no test is found in ${UNIT_SOURCE}")
+  endif()
+  # With the names of parameters before and of types behind the suite's own.
+  list(TRANSFORM SUITES REPLACE "(.+)" "\\1.*:*/\\1.*:\\1/*.*")
+  list(JOIN SUITES ":" SUITES)
+  string(REGEX REPLACE "_test$" "" UNIT_NAME ${UNIT_NAME})
+  add_test(NAME ${LB_TEST_PREFIX}unit.${UNIT_NAME}
+           COMMAND unit_tests --gtest_brief=1 "--gtest_filter=${SUITES}:-${NOT_EMULATED}")
+  set_tests_properties(${LB_TEST_PREFIX}unit.${UNIT_NAME} PROPERTIES
+                       LABELS unit
+                       TIMEOUT 120
+                       FAIL_REGULAR_EXPRESSION " 0 tests from")
+endforeach()

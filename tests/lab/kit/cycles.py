@@ -1,0 +1,34 @@
+"""Waiting in the daemon's own cycles: a deadline that grows with a slow machine or a sanitizer."""
+from .expect import expect
+
+# A target that answers is asked in every second cycle, and its answer may come in the next one.
+FEW = 5
+
+
+class Cycles:
+    """Counts the cycles of the slowest worker, by the keep-alives."""
+
+    def __init__(self, keep_alives):
+        self._keep_alives = keep_alives
+
+    def count(self):
+        return self._keep_alives.cycles()
+
+    def pass_by(self, number):
+        """Waits until so many more cycles have ended."""
+        end = self.count() + number
+        expect(lambda: self.count() >= end, within=10 + 5 * number, what=f"{number} cycles pass by")
+
+    def expect(self, condition, within=FEW, what=""):
+        """Returns the first true value of condition(); fails when more than `within` cycles have
+        ended without one."""
+        last = self.count() + within
+
+        def settled():
+            ended = self.count()  # before the look: what this cycle brings is still looked at
+            value = condition()
+            if not value and ended > last:
+                raise AssertionError(f"not within {within} cycles: {what or 'see the traceback'}")
+            return value
+
+        return expect(settled, within=10 + 5 * within, what=what or f"{within} cycles")

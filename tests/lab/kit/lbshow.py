@@ -1,0 +1,24 @@
+"""What the companion program shows of the running daemon."""
+import json
+import os
+import subprocess
+
+from .daemon import binary
+
+LBSHOW = os.path.join(os.path.dirname(binary()), "lbshow")
+
+
+def lbshow(*arguments):
+    return subprocess.run([LBSHOW, *arguments], capture_output=True, text=True, check=False,
+                          timeout=60)
+
+
+def state():
+    """What is shown; nothing where nothing can be shown."""
+    done = lbshow("--json")
+    return json.loads(done.stdout or '{"interfaces": [], "rules": [], "routes": []}')
+
+
+def active():
+    """Whether each interface is active, in the order of the dumps."""
+    return [one["active"] for one in state()["interfaces"]]

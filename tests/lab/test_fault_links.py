@@ -4,9 +4,9 @@ import time
 
 from fault_scene import (SECOND_ALONE, SECOND_ALONE_IN_IPV4, SECOND_ALONE_IN_IPV6, FaultTest,
                          dual_stack)
-from kit import LabTest, expect, main, ping
+from kit import LabTest, expect, main, ping, ping_ext
 from kit.system_log import DEBUG
-from scenes import (ACTIVE, GATEWAY, INACTIVE, ROUTER, VIA_1, changed, error, fragment, one_uplink)
+from scenes import (ACTIVE, GATEWAY, INACTIVE, ROUTER, TARGET, VIA_1, changed, error, fragment, one_uplink)
 from scenes6 import ACTIVE6, INACTIVE6, ROUTER6
 
 CANNOT_SEND, CANNOT_SEND6 = (f"wan_lb: error on sending {word} packet: " for word in ("icmp", "icmp6"))
@@ -94,6 +94,27 @@ class ConfiguredSource(FaultTest):
 
         self.lab.router.ip(f"address add {ROUTER}/24 dev gi1_1")
         self.expect_all_right()
+
+
+class ExtendedPing(FaultTest):
+    conf = dual_stack(first_probe=ping_ext(TARGET, count=2, period=0, timeout=900, loss=100, rtt=900,
+                                           jitter=900))
+
+    def test_interface_that_is_deleted_and_made_again_is_measured_again(self):
+        self.lab.router.ip("link delete gi1_1")
+        self.expect_logged(error("ioctl() failed to get source MAC address No such device"))
+        self.expect_routes(SECOND_ALONE)
+
+        self.peer = self.attach_first()
+        self.expect_right_routes_soon()
+        self.assertLessEqual({0, 1}, {echo.sequence for echo in self.peer.echo_requests(TARGET)})
+
+    def test_lost_carrier_takes_the_uplink_out_until_it_returns(self):
+        self.peer.link("down")
+        self.expect_routes(SECOND_ALONE)
+
+        self.peer.link("up")
+        self.expect_right_routes_soon()
 
 
 class Tunnel(LabTest):

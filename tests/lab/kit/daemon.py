@@ -20,6 +20,12 @@ def binary():
     return os.environ.get("LB_BINARY", os.path.join(ROOT, "build", "lb"))
 
 
+def is_built_with(name):
+    """Whether the daemon's binary mentions this name, as one with a sanitizer does its library's."""
+    with open(binary(), "rb") as file:
+        return name.encode() in file.read()
+
+
 class Daemon:
     """One run of `lb` in a namespace. `folder` keeps its output and any sanitizer reports."""
 

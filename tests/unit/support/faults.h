@@ -25,6 +25,7 @@ struct StandIns {
     FILE* (*popen)(const char* command, const char* mode) = nullptr;
     int (*kill)(pid_t process, int signal) = nullptr;
     int (*ioctl)(int fd, unsigned long request, ...) = nullptr;
+    int (*open)(const char* path, int flags, ...) = nullptr;
 };
 /// Takes effect for every thread, until the next call. `stand_ins` must live that long.
 void set_stand_ins(const StandIns& stand_ins);

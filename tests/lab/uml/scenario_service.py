@@ -70,8 +70,8 @@ class ServiceManager:
 
     def __init__(self, folder):
         run("mount", "-t", "cgroup2", "none", "/sys/fs/cgroup")
-        environment = {"PATH": os.environ["PATH"], "container": "lab", "SYSTEMD_UNIT_PATH": f"{UNITS}:/run/systemd/system",
-                       "SYSTEMD_GENERATOR_PATH": "/nowhere", "SYSTEMD_LOG_TARGET": "console"}
+        environment = {"PATH": os.environ["PATH"], "container": "lab", "SYSTEMD_LOG_TARGET": "console",
+                       "SYSTEMD_UNIT_PATH": f"{UNITS}:/run/systemd/system", "SYSTEMD_GENERATOR_PATH": "/nowhere"}
         self._output = open(folder / "systemd", "wb")
         self._process = subprocess.Popen(
             ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", "/lib/systemd/systemd",
@@ -173,6 +173,9 @@ class Service(unittest.TestCase):
         status = self.manager.inside("cat", f"/proc/{self.manager.shown('lb.service', 'MainPID')}/status")
         return next(line.split()[1] for line in status.splitlines() if line.startswith(f"{name}:"))
 
+    def last_keep_alive(self):
+        return int(self.manager.shown("lb.service", "WatchdogTimestampMonotonic"))
+
     def start_with(self, drop_in):
         """Starts the service anew with these lines behind its own, for this test only."""
         path = UNITS / "lb.service.d/test.conf"
@@ -214,9 +217,9 @@ class Service(unittest.TestCase):
         self.assertIn("Interface:  gi1_1\n", pathlib.Path("/run/load-balance/wlb_ipv4.out").read_text())
 
     def test_keep_alives_arrive(self):
-        first = expect(lambda: int(self.manager.shown("lb.service", "WatchdogTimestampMonotonic")), 30, "one keep-alive")
+        first = expect(self.last_keep_alive, 30, "one keep-alive")
 
-        expect(lambda: int(self.manager.shown("lb.service", "WatchdogTimestampMonotonic")) > first, 30, "another keep-alive")
+        expect(lambda: self.last_keep_alive() > first, 30, "another keep-alive")
 
     def test_connections_of_probes_are_recorded(self):
         fragment_is(FRAGMENT)

@@ -23,7 +23,7 @@ def output_of(*words):
     return subprocess.run(words, check=True, stdout=subprocess.PIPE, text=True).stdout
 
 
-def _mount(kind, target, options=""):
+def mount(kind, target, options=""):
     if _libc.mount(kind.encode(), str(target).encode(), kind.encode(), 0, options.encode()) != 0:
         raise OSError(ctypes.get_errno(), f"mounting {kind} on {target}")
 
@@ -38,13 +38,13 @@ def enter_private_root():
         os.environ[MARK] = "1"
         os.execvp("unshare", ["unshare", "--mount", "--propagation", "private", "--net", "--pid",
                               "--fork", "--kill-child", sys.executable, "-B", *sys.argv])
-    _mount("tmpfs", "/mnt")
+    mount("tmpfs", "/mnt")
     for name in ("upper", "work", "root"):
         os.mkdir(f"/mnt/{name}")
-    _mount("overlay", "/mnt/root", "lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work")
+    mount("overlay", "/mnt/root", "lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work")
     os.chroot("/mnt/root")
     os.chdir("/")
-    _mount("proc", "/proc")
+    mount("proc", "/proc")
     for place in ("/run", "/tmp"):
-        _mount("tmpfs", place)
-    _mount("devtmpfs", "/dev")
+        mount("tmpfs", place)
+    mount("devtmpfs", "/dev")

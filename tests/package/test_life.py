@@ -10,7 +10,7 @@ import subprocess
 import sys
 import unittest
 
-from package import enter_private_root, output_of, the_package
+from package import enter_private_root, mount, output_of, the_package
 
 NAME = "wan-load-balancer"
 FRAGMENTS = ("/usr/etc/routing-wlb.conf", "/usr/etc/routing6-wlb.conf")
@@ -105,6 +105,16 @@ class Life(unittest.TestCase):
         self.assertEqual([path for path in FRAGMENTS if not os.path.exists(path)], [])
         self.assertFalse(os.path.exists("/run/load-balance"))
         self.assertFalse(os.path.exists("/usr/sbin/lb"))
+
+    def test_purging_leaves_what_others_have_there(self):
+        pathlib.Path("/usr/etc/others").touch()
+        mount("tmpfs", "/var/vrfs")
+        self.addCleanup(subprocess.run, ["umount", "/var/vrfs"], check=True)
+
+        dpkg("--purge", "--no-triggers", NAME)
+
+        self.assertTrue(os.path.exists("/usr/etc/others"))
+        self.assertTrue(os.path.ismount("/var/vrfs"))
 
     def test_purging_leaves_nothing(self):
         dpkg("--purge", "--no-triggers", NAME)

@@ -61,6 +61,42 @@ TEST(Check, rule_without_targets_or_members_is_told) {
               "21 warning 'rule 2_ipv4' has no interface: it routes nothing");
 }
 
+TEST(Check, rule_whose_name_ends_the_dumps_is_told) {
+    const std::string found = found_in(
+        conf("", "", "",
+             "rule 2ipv4 {\ninterface eth0 {\nweight 1\n}\ntarget {\naddress 10.0.0.0/8\n}\n}\n"));
+    EXPECT_EQ(found,
+              "21 warning 'rule 2ipv4' is not called NUMBER_ipv4 or NUMBER_ipv6: the dump of "
+              "the rules ends here");
+}
+
+TEST(Check, destination_of_two_rules_is_told) {
+    const std::string found = found_in(
+        conf("", "", "",
+             "rule 2_ipv4 {\ninterface eth0 {\nweight 1\n}\ntarget {\naddress 0.0.0.0/0\n}\n}\n"));
+    EXPECT_EQ(found,
+              "21 warning 'rule 2_ipv4' routes 0.0.0.0/0 as rule 1_ipv4 does: the routing "
+              "daemon is given both");
+}
+
+/// An IPv6 uplink with one probe, and a rule for it.
+std::string conf6(const std::string& source, const std::string& target) {
+    return "health {\ninterface6 eth0 {\nsuccess-ct 1\nfailure-ct 1\nnexthop 2001:db8::1\n" +
+           source + "rule 1 {\ntype ping {\n" + target +
+           "}\n}\n}\n}\n"
+           "rule 1_ipv6 {\ninterface6 eth0 {\nweight 1\n}\ntarget {\naddress ::/0\n}\n}\n";
+}
+
+TEST(Check, ipv6_target_behind_the_next_hop_wants_a_source) {
+    EXPECT_EQ(
+        found_in(conf6("", "target 2001:db8::53\n")),
+        "2 warning 'interface6 eth0' without source_address its probes leave from the link-local "
+        "address, which a target behind the next hop cannot answer");
+    EXPECT_EQ(found_in(conf6("source_address 2001:db8::2\n", "target 2001:db8::53\n")), "");
+    EXPECT_EQ(found_in(conf6("", "")), "");
+    EXPECT_EQ(found_in(conf6("", "target 2001:db8::1\n")), "");
+}
+
 TEST(Check, interface_in_no_rule_is_told) {
     EXPECT_EQ(
         found_in(conf(

@@ -1,8 +1,11 @@
 #include "lbcheck/judge.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
+#include <tuple>
 
+#include "output/records.h"
 #include "probe/lb_test.h"
 #include "probe/lb_test6.h"
 
@@ -89,6 +92,20 @@ class Judge {
         }
         judge_targets(place, health.tests);
         judge_targets(place, health.tests6);
+        judge_source(place, health);
+    }
+
+    void judge_source(const std::string& place, const LBHealth& health) {
+        const bool asks_beyond_link =
+            std::any_of(health.tests6.begin(), health.tests6.end(), [&health](const auto& entry) {
+                const std::string& target = entry.second->target;
+                return !target.empty() && target != health.nexthop;
+            });
+        if (health.source_address.empty() && asks_beyond_link) {
+            warn(place,
+                 "without source_address its probes leave from the link-local address, which "
+                 "a target behind the next hop cannot answer");
+        }
     }
 
     /// One probe to a target is in flight at a time: a second one for the same target waits for it.
@@ -115,8 +132,25 @@ class Judge {
         if (!has_interface_in(data_, rule.namespace_name, is_ipv6)) {
             warn(place, "no interface of its family lies in its namespace: no worker serves it");
         }
+        if (!read_rule_key(name)) {
+            warn(place,
+                 "is not called NUMBER_ipv4 or NUMBER_ipv6: the dump of the rules ends here");
+        }
+        for (const auto& [prefix, metric] : rule.targets) {
+            judge_prefix(place, rule, prefix, is_ipv6);
+        }
         for (const auto& [member, weight] : rule.interfaces) {
             judge_member(place, rule, member, weight, is_ipv6);
+        }
+    }
+
+    void judge_prefix(const std::string& place, const LBRule& rule, const std::string& prefix,
+                      bool is_ipv6) {
+        const auto [first, is_new] =
+            routed_by_.try_emplace({rule.namespace_name, is_ipv6, prefix}, place);
+        if (!is_new) {
+            warn(place, "routes " + prefix + " as " + first->second +
+                            " does: the routing daemon is given both");
         }
     }
 
@@ -145,6 +179,8 @@ class Judge {
     const LBData& data_;
     const Watcher& watcher_;
     std::vector<Finding>& findings_;
+    /// Namespace, family and prefix of each destination so far, with the first rule that has it.
+    std::map<std::tuple<std::string, bool, std::string>, std::string> routed_by_;
 };
 
 }  // namespace

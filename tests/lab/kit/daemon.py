@@ -26,6 +26,12 @@ def command():
     return [*shlex.split(os.environ.get("LB_EMULATOR", "")), binary()]
 
 
+def is_built_with(name):
+    """Whether the daemon's binary mentions this name, as one with a sanitizer does its library's."""
+    with open(binary(), "rb") as file:
+        return name.encode() in file.read()
+
+
 class Daemon:
     """One run of `lb` in a namespace. `folder` keeps its output and any sanitizer reports."""
 

@@ -173,6 +173,17 @@ class Service(unittest.TestCase):
         status = self.manager.inside("cat", f"/proc/{self.manager.shown('lb.service', 'MainPID')}/status")
         return next(line.split()[1] for line in status.splitlines() if line.startswith(f"{name}:"))
 
+    def start_with(self, drop_in):
+        """Starts the service anew with these lines behind its own, for this test only."""
+        path = UNITS / "lb.service.d/test.conf"
+        path.parent.mkdir()
+        path.write_text(drop_in)
+        self.addCleanup(self.manager.control, "restart", "lb.service")
+        self.addCleanup(self.manager.control, "daemon-reload")
+        self.addCleanup(shutil.rmtree, path.parent)
+        self.manager.control("daemon-reload")
+        self.manager.control("restart", "lb.service")
+
     def in_the_units_place(self, command):
         """Runs a shell command with the unit's own privileges; its exit status."""
         text = (UNITS / "lb.service").read_text()
@@ -242,19 +253,21 @@ class Service(unittest.TestCase):
         expect(lambda: self.manager.shown("lb.service", "ActiveState") == "active", 30, "ready again")
 
     def test_a_daemon_that_stands_still_is_started_anew(self):
-        drop_in = UNITS / "lb.service.d/soon.conf"
-        drop_in.parent.mkdir()
-        drop_in.write_text("[Service]\nWatchdogSec=4\n")
-        self.manager.control("daemon-reload")
-        self.manager.control("restart", "lb.service")
+        self.start_with("[Service]\nWatchdogSec=4\n")
         fragment_is(FRAGMENT)
         first = self.manager.shown("lb.service", "MainPID")
 
         self.manager.control("kill", "--signal=STOP", "lb.service")
 
         expect(lambda: self.manager.shown("lb.service", "MainPID") not in (first, "0"), 60, "another process")
-        shutil.rmtree(drop_in.parent)
-        self.manager.control("daemon-reload")
+
+    def test_another_output_directory_takes_two_lines(self):
+        os.mkdir("/run/other")
+
+        self.start_with("[Service]\nExecStart=\nExecStart=/usr/sbin/lb -f /etc/lb.conf -o /run/other\n"
+                        "ReadWritePaths=/run/other\n")
+
+        expect(lambda: os.path.exists("/run/other/wlb_ipv4.out"), 30, "a report appears there")
 
 
 if __name__ == "__main__":

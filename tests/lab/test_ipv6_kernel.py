@@ -99,7 +99,16 @@ class NeighbourQuery(Ipv6Test):
                 return expect(lambda: next((line for line in self.lines(path)
                                             if "nlmsg_type=0x1e" in line), None))
             finally:
-                strace.send_signal(signal.SIGINT)
+                self.end(strace)
+
+    @staticmethod
+    def end(strace):
+        """It may hang while it lets go of a busy process."""
+        strace.send_signal(signal.SIGINT)
+        try:
+            strace.wait(5)
+        except subprocess.TimeoutExpired:
+            strace.kill()
 
     @staticmethod
     def lines(path):

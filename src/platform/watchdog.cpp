@@ -60,4 +60,6 @@ int send_and_shift_timeout(wd_record* /*timeout*/, wd_record* /*shift*/, int /*k
     return goes_on(this_worker()) ? tell("WATCHDOG=1") : 0;
 }
 
-void report_progress() { send_and_shift_timeout(nullptr, nullptr, 0); }
+void report_progress() {
+    send_and_shift_timeout(nullptr, nullptr, 0);
+}

@@ -27,6 +27,6 @@ int set_timeout(wd_record* timeout);
 /// worker is not hidden by its siblings. Any thread may call.
 int send_and_shift_timeout(wd_record* timeout, wd_record* shift, int kind);
 
-/// One worker's word that it goes on within a long step of its cycle (a burst of echoes, say). Counts
-/// like its keep-alive, so that the step does not hold the service up. Any thread may call.
+/// One worker's word that it goes on within a long step of its cycle (a burst of echoes, say).
+/// Counts like its keep-alive, so that the step does not hold the service up. Any thread may call.
 void report_progress();

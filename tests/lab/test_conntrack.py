@@ -4,39 +4,17 @@
       gi1_1 192.0.2.10/24 ------------------------ scripted peer 192.0.2.1
       nftables counts replies of known connections
 """
-import json
-
 from kit import LabTest, expect, main
 from kit import echo_policies as policy
+from kit.reply_counters import ReplyCounters
 from scenes import ACTIVE, GATEWAY, ROUTER, one_uplink
-
-COUNTERS = """
-table inet lab {
-    counter established { }
-    counter other { }
-    chain in {
-        type filter hook input priority 0; policy accept;
-        icmp type echo-reply ct state established counter name established accept
-        icmp type echo-reply counter name other drop
-    }
-}
-"""
 
 
 class ConnectionTracking(LabTest):
     def setUp(self):
         super().setUp()
         self.peer = self.lab.uplink("gi1_1", ROUTER + "/24", GATEWAY, known=True)
-        path = "/run/counters.nft"
-        with open(path, "w", encoding="ascii") as file:
-            file.write(COUNTERS)
-        self.lab.router.run("nft", "-f", path)
-
-    def packets(self, counter):
-        listed = json.loads(self.lab.router.run("nft", "-j", "list", "counter", "inet", "lab",
-                                                counter))
-        return next(entry["counter"]["packets"] for entry in listed["nftables"]
-                    if "counter" in entry)
+        self.packets = ReplyCounters(self.lab.router).packets
 
     def test_echo_replies_belong_to_an_established_connection(self):
         self.lab.start(one_uplink())

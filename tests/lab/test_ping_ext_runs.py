@@ -3,29 +3,16 @@
     router                                        far
       gi1_1 192.0.2.10/24 ------------------------ scripted peer 192.0.2.1
 """
-import json
-
 from kit import Conf, expect, main, never, ping_ext
 from kit import echo_policies as policy
 from kit.lab import OUTPUT_DIRECTORY
+from kit.reply_counters import ReplyCounters
 from kit.system_log import DEBUG
 from ping_scene import (FAILURE, LOOSE, SUCCESS, Pinging, after_a_run, dumped)
 from scenes import (ACTIVE, GATEWAY, INACTIVE, PREFIX, ROUTER, TARGET, TARGET_2, warning)
 
 SEND_ERROR = "wan_lb: error on sending icmp packet: "
 NETWORK_IS_DOWN = 100
-
-COUNTERS = """
-table inet lab {
-    counter established { }
-    counter other { }
-    chain in {
-        type filter hook input priority 0; policy accept;
-        icmp type echo-reply ct state established counter name established accept
-        icmp type echo-reply counter name other drop
-    }
-}
-"""
 
 
 def silent_after(count, inner=policy.answer):
@@ -138,21 +125,12 @@ class Schedule(Pinging):
 
 
 class ConnectionTracking(Pinging):
-    def counted(self, counter):
-        listed = json.loads(self.lab.router.run("nft", "-j", "list", "counter", "inet", "lab",
-                                                counter))
-        return next(entry["counter"]["packets"] for entry in listed["nftables"]
-                    if "counter" in entry)
-
     def test_one_record_covers_every_answer_of_a_run(self):
         self.attach()
-        path = "/run/counters.nft"
-        with open(path, "w", encoding="ascii") as file:
-            file.write(COUNTERS)
-        self.lab.router.run("nft", "-f", path)
+        counters = ReplyCounters(self.lab.router)
         self.start(count=5)
         after_a_run(SUCCESS)
-        self.assertEqual((self.counted("established"), self.counted("other")), (5, 0))
+        self.assertEqual((counters.packets("established"), counters.packets("other")), (5, 0))
         records = self.lab.router.run("conntrack", "-L", "-p", "icmp").splitlines()
         self.assertEqual(len(records), 1)
         self.assertIn(f"src={ROUTER} dst={TARGET}", records[0])

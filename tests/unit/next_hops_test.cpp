@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <thread>
 
 #include "config/lb_data.h"
-#include "config/live_state.h"
 #include "unit/support/captured_log.h"
 #include "unit/support/faults.h"
 #include "unit/support/given_router.h"
@@ -184,16 +182,7 @@ TEST_F(NextHops, no_lock_is_held_while_the_disk_or_the_kernel_is_asked) {
     interface("gre_1", "tunnel");
     router.write(lease_path, lease_of("192.0.2.1"));
     router.peers["gre_1"] = "198.51.100.7";
-    Deeds under_lock;
-    router.on_deed = [&under_lock](const std::string& deed) {
-        std::thread([&] {
-            if (live_state().try_lock()) {
-                live_state().unlock();
-            } else {
-                under_lock.push_back(deed);
-            }
-        }).join();
-    };
+    const Deeds& under_lock = router.note_deeds_under_lock();
     data.update_dhcp_nexthop(ctx);
     data.update_tunnel_nexthop(ctx);
     EXPECT_EQ(router.deeds.size(), 2U);

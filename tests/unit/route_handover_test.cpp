@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <thread>
 
-#include "config/live_state.h"
 #include "decision/lb_decision.h"
 #include "unit/support/captured_log.h"
 #include "unit/support/faults.h"
@@ -143,16 +141,7 @@ TEST_F(HandOver, fragment_is_whole_before_anyone_is_asked_or_signalled) {
 TEST_F(HandOver, no_lock_is_held_meanwhile) {
     uplink("eth0", "192.0.2.1");
     router.write(pid_path4, "1234\n");
-    Deeds under_lock;
-    router.on_deed = [&under_lock](const std::string& deed) {
-        std::thread([&] {
-            if (live_state().try_lock()) {
-                live_state().unlock();
-            } else {
-                under_lock.push_back(deed);
-            }
-        }).join();
-    };
+    const Deeds& under_lock = router.note_deeds_under_lock();
     EXPECT_EQ(run().size(), 4U);
     EXPECT_EQ(under_lock, Deeds{});
 }

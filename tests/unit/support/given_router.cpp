@@ -17,7 +17,9 @@
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
+#include <thread>
 
+#include "config/live_state.h"
 #include "unit/support/faults.h"
 
 namespace {
@@ -122,6 +124,20 @@ std::optional<std::string> GivenRouter::read(const std::string& path) const {
     std::ostringstream content;
     content << file.rdbuf();
     return content.str();
+}
+
+std::vector<std::string>& GivenRouter::note_deeds_under_lock() {
+    on_deed = [this](const std::string& deed) {
+        // By a thread of its own: a lock may not be tried by who holds it.
+        std::thread([&] {
+            if (live_state().try_lock()) {
+                live_state().unlock();
+            } else {
+                deeds_under_lock_.push_back(deed);
+            }
+        }).join();
+    };
+    return deeds_under_lock_;
 }
 
 void GivenRouter::note(const std::string& deed) {

@@ -31,6 +31,9 @@ class GivenRouter {
     /// "signal NUMBER to PROCESS", "ask peer of NAME in family NUMBER". Commands that start with
     /// "cat " read the router's files; others are told only. Nobody is really signalled.
     std::vector<std::string> deeds;
+    /// From now on notes here what is done while the caller holds the records' lock.
+    std::vector<std::string>& note_deeds_under_lock();
+
     /// Called after each deed is noted, before it takes effect.
     std::function<void(const std::string& deed)> on_deed = [](const std::string&) {};
 
@@ -41,4 +44,5 @@ class GivenRouter {
     void note(const std::string& deed);
 
     std::string folder_;
+    std::vector<std::string> deeds_under_lock_;
 };

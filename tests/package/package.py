@@ -2,6 +2,7 @@
 import ctypes
 import os
 import pathlib
+import shutil
 import subprocess
 import sys
 
@@ -28,9 +29,10 @@ def mount(kind, target, options=""):
         raise OSError(ctypes.get_errno(), f"mounting {kind} on {target}")
 
 
-def enter_private_root():
+def enter_private_root(package):
     """Returns inside a root that looks like this machine's, but whose changes are forgotten with the
-    process. Leaves the process with SKIPPED where there are no rights."""
+    process, and gives the package's path there: the project itself may lie on another disk or below
+    a folder that is empty there. Leaves the process with SKIPPED where there are no rights."""
     if os.geteuid() != 0:
         print("skipped: installing a package needs root")
         sys.exit(SKIPPED)
@@ -41,6 +43,7 @@ def enter_private_root():
     mount("tmpfs", "/mnt")
     for name in ("upper", "work", "root"):
         os.mkdir(f"/mnt/{name}")
+    shutil.copy(package, "/mnt/upper")
     mount("overlay", "/mnt/root", "lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work")
     os.chroot("/mnt/root")
     os.chdir("/")
@@ -48,3 +51,4 @@ def enter_private_root():
     for place in ("/run", "/tmp"):
         mount("tmpfs", place)
     mount("devtmpfs", "/dev")
+    return pathlib.Path("/", package.name)

@@ -35,7 +35,7 @@ class Life(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.package = str(the_package(FOLDER))
+        cls.package = str(PACKAGE)
 
     def setUp(self):
         self.addCleanup(lambda: dpkg("--purge", "--no-triggers", NAME))
@@ -129,6 +129,5 @@ class Life(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    FOLDER = sys.argv[2]
-    enter_private_root()
+    PACKAGE = enter_private_root(the_package(sys.argv[2]))
     unittest.main(argv=sys.argv[:1])

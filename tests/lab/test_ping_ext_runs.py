@@ -86,6 +86,7 @@ class Schedule(Pinging):
 
     def test_run_without_a_next_hops_address_counts_as_the_first(self):
         peer = self.lab.uplink("gi1_1", ROUTER + "/24", GATEWAY)
+        peer.arp_delay_s = 1.0  # not within the cycle that asks
         self.start(count=2)
         after_a_run(FAILURE)
         expect(lambda: "02:00:5e:20:00:01" in self.lab.neighbour(GATEWAY, "gi1_1"))

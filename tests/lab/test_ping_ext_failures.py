@@ -38,6 +38,7 @@ class Interfaces(Pinging):
 
     def test_unknown_next_hop_is_asked_for_and_fails_the_run(self):
         peer = self.lab.uplink("gi1_1", ROUTER + "/24", GATEWAY)
+        peer.arp_delay_s = 1.0  # not within the cycle that asks
         self.start()
         expect(lambda: peer.arp_requests(GATEWAY))
         self.assert_failed(peer)

@@ -21,8 +21,7 @@ namespace {
 constexpr std::uint16_t tunnel_sequence = 1;
 
 bool goes_through_tunnel(const std::string& ifname) {
-    return ifname.find("ip4ip4") != std::string::npos || ifname.find("gre") != std::string::npos ||
-           ifname.find("modem") != std::string::npos;
+    return pings_through_tunnel(ifname) || ifname.find("modem") != std::string::npos;
 }
 
 }  // namespace

@@ -25,10 +25,6 @@ namespace {
 /// A run may take many times a cycle; its worker is at work all the same.
 constexpr int progress_every_ms = 1000;
 
-bool goes_through_tunnel(const std::string& ifname) {
-    return ifname.find("ip4ip4") != std::string::npos || ifname.find("gre") != std::string::npos;
-}
-
 /// Sends the run's echo with that sequence number; gives what sendto(2) returned.
 using SendEcho = std::function<int(std::uint16_t sequence)>;
 
@@ -139,7 +135,7 @@ void LBTestPING::send(LBHealth& health, context* ctx) {
 void LBTestPING::send(LBHealth& health, const std::string& to, const std::string& nexthop, int id,
                       context* ctx) {
     const int result =
-        goes_through_tunnel(health.name)
+        pings_through_tunnel(health.name)
             ? send_for_tunnel(_send_icmp_sock.get(ns_name), health, to, id, ctx)
             : send_for_interfaces(_send_ip_sock.get(ns_name), health, to, nexthop, id, ctx);
     report_failed_send(ipv4_probes, result);

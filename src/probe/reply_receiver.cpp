@@ -78,9 +78,10 @@ void take_reply(const ProbeFamily& family, std::span<const std::uint8_t> datagra
 
 void take_waiting_replies(const ProbeFamily& family, const std::string& ns_name) {
     const int reply_socket = family.recv_sock.get(ns_name);
-    std::array<std::uint8_t, largest_datagram> buffer;
+    // What identifies a probe lies at the front of a datagram; the rest need not be copied.
+    std::array<std::uint8_t, 64> front;
     for (int i = 0; i < datagrams_at_once; ++i) {
-        if (take_datagram(family, reply_socket, buffer) <= 0) {
+        if (take_datagram(family, reply_socket, front) <= 0) {
             return;
         }
     }

@@ -8,6 +8,10 @@
 #include "net/resolve.h"
 #include "platform/log.h"
 
+bool pings_through_tunnel(const std::string& ifname) {
+    return ifname.find("ip4ip4") != std::string::npos || ifname.find("gre") != std::string::npos;
+}
+
 TunnelPath open_tunnel_path(int sock, const std::string& ifname, const std::string& target,
                             int family) {
     TunnelPath path;

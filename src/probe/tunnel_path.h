@@ -15,6 +15,10 @@ struct TunnelPath {
     sockaddr_storage resolved{};
 };
 
+/// Whether the extended pings of an interface take this way, by its name. The plain ones do for a
+/// modem as well.
+bool pings_through_tunnel(const std::string& ifname);
+
 /// Resolves the target in the family and binds the socket to the interface (SO_BINDTODEVICE,
 /// socket(7)). Logs nothing. `not_sendable`: an empty name or target.
 TunnelPath open_tunnel_path(int sock, const std::string& ifname, const std::string& target,

@@ -4,6 +4,7 @@
 
 #include "config/lb_data.h"
 #include "lbcheck/values.h"
+#include "probe/tunnel_path.h"
 
 namespace lbcheck {
 
@@ -42,11 +43,6 @@ bool is_blank(const std::string& text) {
 
 bool is_interface_keyword(const std::string& key) {
     return key == "interface" || key == "interface6";
-}
-
-/// An extended ping leaves through the kernel's route, not as a frame, on interfaces so named.
-bool is_tunnel(const std::string& ifname) {
-    return ifname.find("gre") != std::string::npos || ifname.find("ip4ip4") != std::string::npos;
 }
 
 bool is_health(const HandledStatement& statement) {
@@ -254,7 +250,7 @@ void Watcher::judge_limit(const std::string& key, const std::string& value,
         add(Severity::warning, text, "a count of 0 fails every run");
     } else if ((key == "timeout" || key == "resp-time") && number <= 0) {
         add(Severity::warning, text, "leaves no time for an answer");
-    } else if (key == "timeout" && number % ms_per_s != 0 && is_tunnel(interface_)) {
+    } else if (key == "timeout" && number % ms_per_s != 0 && pings_through_tunnel(interface_)) {
         add(Severity::error, text, "on a tunnel only whole seconds work: every run fails");
     } else if (key == "weight" && number > heaviest) {
         add(Severity::warning, text, "the routing daemon takes weights up to 256");

@@ -3,26 +3,18 @@
     gre_1 192.0.2.10 peer 192.0.2.1       answers
     gre_2 203.0.113.10 peer 203.0.113.1   is silent
 """
-import json
-import os
-import subprocess
-
 from kit import Conf, LabTest, expect, main, ping, ping_ext
 from kit.echo_policies import silence
+from kit.lbshow import lbshow, state
 from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, ROUTER_2, changed, fragment
 
-LBSHOW = os.environ["LB_NATIVE_LBSHOW"]
 # Numbers of several bytes that differ, so that no other reading gives the same.
 FAILURE_CT, RULE, METRIC, RTT_LIMIT, WEIGHT = 258, 772, 70000, 1029, 200
 
 
-def lbshow(*arguments):
-    return subprocess.run([LBSHOW, "--json", *arguments], capture_output=True, text=True, check=False, timeout=30)
-
-
-def state():
+def shown():
     """What is shown of the foreign dumps; nothing as long as there are none."""
-    return json.loads(lbshow("--byte-order", "big").stdout or '{"interfaces": [], "rules": [], "routes": []}')
+    return state("--byte-order", "big")
 
 
 class BigEndianDaemon(LabTest):
@@ -43,9 +35,9 @@ class BigEndianDaemon(LabTest):
             f"route {PREFIX} multipath via {GATEWAY} weight {WEIGHT} metric {METRIC};"))
 
     def test_dumps_tell_the_same_here(self):
-        expect(lambda: [one["active"] for one in state()["interfaces"]] == [True, False])
-        shown = state()
-        answers, silent = shown["interfaces"]
+        expect(lambda: [one["active"] for one in shown()["interfaces"]] == [True, False])
+        told = shown()
+        answers, silent = told["interfaces"]
         self.assertEqual([answers[key] for key in ("name", "nexthop", "nexthop_from", "success_ct", "failure_ct")],
                          ["gre_1", GATEWAY, "tunnel", 2, FAILURE_CT])
         self.assertIn(answers["since_success_s"], range(60))
@@ -56,12 +48,12 @@ class BigEndianDaemon(LabTest):
         self.assertIn(quality["rtt_ms"], range(1000))
         probe = silent["probes"][0]
         self.assertEqual((probe["last_result"], probe["success_run"], probe["failure_run"]), ("timed_out", 0, 1))
-        self.assertEqual((shown["rules"][0]["number"], shown["rules"][0]["members"][0]["weight"]), (RULE, WEIGHT))
-        self.assertEqual((shown["routes"][0]["metric"], shown["routes"][0]["position"]), (METRIC, 1))
+        self.assertEqual((told["rules"][0]["number"], told["rules"][0]["members"][0]["weight"]), (RULE, WEIGHT))
+        self.assertEqual((told["routes"][0]["metric"], told["routes"][0]["position"]), (METRIC, 1))
 
     def test_dumps_are_refused_by_who_is_not_told_their_byte_order(self):
-        expect(lambda: len(state()["routes"]) == 1)
-        done = lbshow()
+        expect(lambda: len(shown()["routes"]) == 1)
+        done = lbshow("--json")
         self.assertEqual((done.returncode, done.stdout), (1, ""))
         self.assertIn("is no dump of the daemon", done.stderr)
 

@@ -4,18 +4,13 @@
       gi1_1 2001:db8::10/64 ------------------- scripted peer 2001:db8::1:2:3
       gre_1 192.0.2.10 peer 192.0.2.1 --------- scripted peer 192.0.2.1
 """
-import json
-import os
-import subprocess
-
 from kit import expect, main, never
-from kit.daemon import binary
+from kit.lbshow import state
 from scenes import GATEWAY, ROUTER, warning
 from scenes6 import ROUTER6, Ipv6Test, one_uplink6
 
 LEASE = "/var/db/dhcp6_clientgi1_1.leases"  # without the underscore of the IPv4 client's
 WARNING = warning("Failed to get routers option from DHCP on interface gigabitethernet 1/0/1")
-LBSHOW = os.path.join(os.path.dirname(binary()), "lbshow")
 
 
 def lease(*routers):
@@ -31,8 +26,7 @@ def write(text, path=LEASE):
 
 def learnt():
     """The next hop that the daemon publishes for its first interface, None before it does."""
-    done = subprocess.run([LBSHOW, "--json"], capture_output=True, text=True, check=False)
-    interfaces = json.loads(done.stdout)["interfaces"] if done.stdout else []
+    interfaces = state()["interfaces"]
     return interfaces[0]["nexthop"] if interfaces else None
 
 

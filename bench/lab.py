@@ -152,7 +152,7 @@ def measure_daemon(seconds):
 
 def measure_fping(uplinks, seconds):
     fping = inside("router", "fping", "-q", "-l", "-p", "1000", "-i", "1", *(target(i) for i in range(uplinks)),
-                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     try:
         time.sleep(WARM_UP_S)
         before, sent = cpu_s(fping.pid), probes_received()
@@ -161,8 +161,6 @@ def measure_fping(uplinks, seconds):
     finally:
         fping.kill()
         fping.wait()
-
-
 
 
 def unrelated_frames(mac):

@@ -4,6 +4,8 @@
       gi1_1 2001:db8::10/64 ------------------- scripted peer 2001:db8::1:2:3
       gre_1 192.0.2.10 peer 192.0.2.1 --------- scripted peer 192.0.2.1
 """
+import os
+
 from kit import expect, main, never
 from kit.lbshow import state
 from scenes import GATEWAY, ROUTER, warning

@@ -70,6 +70,15 @@ class Lbshow(LabTest):
         self.assertIn("Test:  ping\tTarget: 198.51.100.1\n", report())
         self.assertFalse(os.path.exists(os.path.join(OUTPUT_DIRECTORY, "wlb_ipv6.out")))
 
+    def test_last_status_change_is_always_the_beginning_of_1970(self):
+        self.lab.start(two_uplinks(), environment={"TZ": "UTC"})
+        expect(lambda: active() == [True, True])
+        self.peers[1].echo = silence
+        expect(lambda: active() == [True, False])
+        with open(os.path.join(OUTPUT_DIRECTORY, "wlb_ipv4.out"), encoding="utf-8") as file:
+            dates = [line.split() for line in file if line.startswith("  Last Status Change:")]
+        self.assertEqual([date[-1] for date in dates], ["1970", "1970"])
+
     def test_faults_of_the_output_directory_are_reported_and_end_with_the_fault(self):
         self.start()
         os.rename(OUTPUT_DIRECTORY, "/run/moved")

@@ -234,11 +234,10 @@ class Runs(Pinging):
         self.assertLess(len(self.lab.peers["default-gi1_1"].echo_requests()), 8)
 
     def test_burst_does_not_hold_up_the_keep_alives(self):
-        alive = self.lab.keep_alives()
+        alive = self.lab.keep_alives
         peer = self.attach(lambda request, number: policy.answer(request, number) if number == 1
                            else policy.silence(request, number))
-        self.lab.start(one_uplink(probes=[ping_ext(TARGET, count=7, timeout=1000, **LOOSE)]),
-                       environment=alive.environment)
+        self.lab.start(one_uplink(probes=[ping_ext(TARGET, count=7, timeout=1000, **LOOSE)]))
         expect(lambda: len(peer.echo_frames()) == 7)
         times = [frame.time_s for frame in peer.echo_frames()]
         during = [time_s for time_s in alive.times("WATCHDOG=1") if times[0] < time_s < times[-1]]

@@ -5,7 +5,7 @@
       gi1_2 203.0.113.10/24 -------------- scripted peer 203.0.113.1
       gre_1 192.0.2.10 peer 192.0.2.1 ---- scripted peer 192.0.2.1
 """
-from kit import Conf, LabTest, expect, main, never, ping
+from kit import Conf, LabTest, expect, main, ping
 from kit.system_log import DEBUG
 from scenes import (ACTIVE, ACTIVE_2, GATEWAY, INACTIVE, PREFIX, ROUTER, TARGET, attach_two,
                     changed, error, one_uplink, two_uplinks)
@@ -60,7 +60,7 @@ class Interfaces(LabTest):
         peer = self.lab.uplink("gi1_1")
         self.lab.start(one_uplink())
         expect(self.logged(INACTIVE))
-        never(lambda: peer.echo_requests() or self.lab.log.errors(), during=2)
+        self.lab.cycles.never(lambda: peer.echo_requests() or self.lab.log.errors(), cycles=2)
 
     def test_missing_interface_is_reported_and_the_others_run(self):
         attach_two(self.lab)
@@ -152,7 +152,7 @@ class Tunnels(LabTest):
         self.lab.router.ip("link set gre_1 down")
         self.lab.start(one_uplink("gre_1"))
         expect(self.logged(changed("gre 1", "inactive")))
-        never(lambda: self.lab.log.texts()[1:], during=2.5)
+        self.lab.cycles.never(lambda: self.lab.log.texts()[1:], cycles=3)
         self.assertEqual(peer.echo_requests(), [])
 
 

@@ -1,5 +1,5 @@
 """Waiting in the daemon's own cycles: a deadline that grows with a slow machine or a sanitizer."""
-from .expect import expect
+from .expect import expect, text_of
 
 # A target that answers is asked in every second cycle, and its answer may come in the next one.
 FEW = 5
@@ -32,3 +32,16 @@ class Cycles:
             return value
 
         return expect(settled, within=10 + 5 * within, what=what or f"{within} cycles")
+
+    def never(self, condition, cycles, what=""):
+        """Fails as soon as condition() is true before so many more whole cycles have passed, and
+        where they do not pass: a daemon that stands still has proved nothing."""
+        end = self.count() + cycles + 1  # the one that is under way is not whole
+
+        def passed():
+            ended = self.count() >= end  # before the look, which is then one behind the end
+            if value := condition():
+                raise AssertionError(f"happened ({value!r}): {what or text_of(condition)}")
+            return ended
+
+        expect(passed, within=10 + 5 * cycles, what=f"{cycles} cycles pass by")

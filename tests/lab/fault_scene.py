@@ -98,8 +98,12 @@ class FaultTest(LabTest):
         return dict(zip(names, states))
 
     def expect_report(self, first, ipv6=False):
-        expect(lambda: self.reported(ipv6) == {"gi1_1": first, "gi1_2": "active"},
-               what=f"the report says {first}")
+        expect(lambda: self.reported(ipv6) == {"gi1_1": first, "gi1_2": "active"}, within=30,
+               what=f"the report of IPv{6 if ipv6 else 4} says {first}")
+
+    def expect_reports(self, first):
+        self.expect_report(first)
+        self.expect_report(first, ipv6=True)
 
     # What is right.
 

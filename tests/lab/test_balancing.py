@@ -55,13 +55,7 @@ class Balancing(LabTest):
     def test_link_that_flaps_faster_than_the_cycle_leaves_a_working_uplink(self):
         self.lab.start(two_uplinks(failure=2))
         self.expect_routes(VIA_BOTH)
-        end = self.lab.cycles.count() + 4
-
-        def has_flapped_long_enough():
-            self.one.link("down")
-            self.one.link("up")
-            return self.lab.cycles.count() >= end
-        expect(has_flapped_long_enough, within=30)
+        self.lab.flap(self.one, cycles=4)
         expect(lambda: self.lab.log.texts().count(ACTIVE)
                == self.lab.log.texts().count(INACTIVE), what="the last word is active")
         self.expect_routes(VIA_BOTH)

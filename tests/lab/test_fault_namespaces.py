@@ -87,6 +87,10 @@ class DeletedNamespace(LabTest):
         self.alive.assert_pace_kept(calm)
         self.assert_default_untouched()
 
+    def test_interfaces_that_return_to_the_same_namespace_are_used_again(self):
+        self.delete_namespace()
+        self.blue.ip("link delete gi1_2")
+        self.expect_routes("blue", DOWN)
         self.attach("gi1_2", self.blue)
         self.expect_routes("blue", UP)
         self.assertEqual([self.lab.log.count(text) for text in (ACTIVE_2, ACTIVE6_2)], [2, 2])

@@ -174,16 +174,26 @@ class Sources(Ipv6Test):
 
 
 class Verdicts(Ipv6Test):
+    def test_uplink_is_first_reported_inactive(self):
+        self.attach()
+        self.lab.start(one_uplink6())
+        expect(lambda: ACTIVE6 in self.lab.log.texts())
+        self.assertEqual(self.lab.log.texts()[0], INACTIVE6)
+
     def test_answers_bring_the_uplink_up_and_silence_down(self):
         peer = self.attach()
         daemon = self.lab.routing_daemon(ipv6=True)
         self.lab.start(one_uplink6())
         expect(lambda: daemon.fragments()[-1:] == [fragment6(VIA_6)])
-        self.assertEqual(self.lab.log.texts()[0], INACTIVE6)
         peer.echo = policy.silence
         expect(lambda: daemon.fragments()[-1:] == [fragment6()])
         peer.echo = policy.answer
         expect(lambda: daemon.fragments()[-1:] == [fragment6(VIA_6)])
+
+    def test_no_fragment_of_the_other_family_is_written(self):
+        self.attach()
+        self.lab.start(one_uplink6())
+        expect(lambda: self.lab.fragment(ipv6=True) == fragment6(VIA_6))
         self.assertIsNone(self.lab.fragment())
 
     def test_address_that_vanishes_and_returns_takes_the_uplink_down_and_up(self):

@@ -7,6 +7,7 @@
 """
 from kit import Conf, LabTest, expect, main, ping
 from kit import echo_policies as policy
+from kit import packets
 from scenes import GATEWAY, PREFIX, ROUTER, TARGET, VIA_1, changed, fragment
 
 BLUE_ROUTE = f"route {PREFIX} multipath via {GATEWAY} weight 3;"
@@ -67,12 +68,22 @@ class TwoNamespaces(LabTest):
         self.assertEqual(self.lab.log.count(changed("gigabitethernet 1/0/2", "inactive")), 1)
         self.assertEqual((self.lab.fragment(), self.default_peer.frames()), (None, []))
 
-    def test_reply_that_reaches_the_other_namespace_is_told_apart_by_its_identifier(self):
+    def test_identifiers_of_both_are_never_the_same(self):
         self.lab.start(CONF)
         self.expect_both()
         identifiers = [echo.packet_id for peer in (self.default_peer, self.blue_peer)
                        for echo in peer.echo_requests()]
         self.assertEqual(len(identifiers), len(set(identifiers)))
+
+    def test_reply_counts_for_its_identifier_whatever_namespace_it_reaches(self):
+        router_mac = packets.mac_bytes("02:00:5e:10:00:01")  # of gi1_1, in the default namespace
+
+        def answer_over_there(request, _number):
+            self.default_peer.send(packets.echo(request.reply(), self.default_peer.mac, router_mac))
+            return []
+        self.blue_peer.echo = answer_over_there
+        self.lab.start(CONF)
+        self.expect_both()
 
     def test_records_of_connections_land_where_their_probes_run(self):
         with open("/run/known.nft", "w", encoding="ascii") as file:

@@ -36,14 +36,24 @@ class Results(Pinging):
         self.expect_logged(ACTIVE)
         self.assertEqual((after_a_run(SUCCESS).failures, after_a_run(SUCCESS).figures[0]), (0, 0))
 
-    def test_echo_that_cannot_be_sent_fails_the_run_and_keeps_the_results(self):
+    def start_run_and_take_link_down(self):
         peer = self.attach(silent_after(1))
         self.start(count=9, timeout=1500)
         expect(lambda: len(peer.echo_requests()) >= 2)
         self.lab.router.ip("link set gi1_1 down")
-        expect(lambda: self.lab.log.texts(DEBUG))
-        self.assertEqual(self.lab.log.texts(DEBUG), [SEND_ERROR + str(NETWORK_IS_DOWN)])
+        return peer
+
+    def test_echo_that_cannot_be_sent_is_a_debug_line_with_the_error_number(self):
+        self.start_run_and_take_link_down()
+        self.assertEqual(expect(lambda: self.lab.log.texts(DEBUG)), [SEND_ERROR + str(NETWORK_IS_DOWN)])
+
+    def test_echo_that_cannot_be_sent_fails_the_run_and_keeps_the_results(self):
+        self.start_run_and_take_link_down()
         self.assertEqual(after_a_run(FAILURE).figures, (0, 0, 0))
+
+    def test_echo_that_cannot_be_sent_ends_the_run(self):
+        peer = self.start_run_and_take_link_down()
+        after_a_run(FAILURE)
         self.assertLess(len(peer.echo_requests()), 9)
 
     def test_source_that_vanishes_leaves_the_verdict_as_it_was(self):

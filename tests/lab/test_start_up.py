@@ -13,7 +13,7 @@ import signal
 from kit import Conf, LabTest, expect, main, ping
 from kit import echo_policies as policy
 from scenes import (ACTIVE, ACTIVE_2, GATEWAY, GATEWAY_2, INACTIVE, INACTIVE_2, PREFIX, ROUTER, ROUTER_2,
-                    TARGET, TARGET_2, changed, error, one_uplink)
+                    TARGET_2, changed, error, one_uplink)
 
 
 def add_blue(conf, namespace="blue"):

@@ -5,6 +5,11 @@ from .expect import expect, text_of
 FEW = 5
 
 
+def patience_s(cycles):
+    """How long so many cycles may take before the daemon is said to stand still."""
+    return 10 + 5 * cycles
+
+
 class Cycles:
     """Counts the cycles of the slowest worker, by the keep-alives."""
 
@@ -17,7 +22,7 @@ class Cycles:
     def pass_by(self, number):
         """Waits until so many more cycles have ended."""
         end = self.count() + number
-        expect(lambda: self.count() >= end, within=10 + 5 * number, what=f"{number} cycles pass by")
+        expect(lambda: self.count() >= end, patience_s(number), f"{number} cycles pass by")
 
     def expect(self, condition, within=FEW, what=""):
         """Returns the first true value of condition(); fails when more than `within` cycles have
@@ -31,7 +36,7 @@ class Cycles:
                 raise AssertionError(f"not within {within} cycles: {what or 'see the traceback'}")
             return value
 
-        return expect(settled, within=10 + 5 * within, what=what or f"{within} cycles")
+        return expect(settled, patience_s(within), what or f"{within} cycles")
 
     def never(self, condition, cycles, what=""):
         """Fails as soon as condition() is true before so many more whole cycles have passed, and
@@ -41,7 +46,7 @@ class Cycles:
         def passed():
             ended = self.count() >= end  # before the look, which is then one behind the end
             if value := condition():
-                raise AssertionError(f"happened ({value!r}): {what or text_of(condition)}")
+                raise AssertionError(f"happened ({value!r}): {text_of(condition, what)}")
             return ended
 
-        expect(passed, within=10 + 5 * cycles, what=f"{cycles} cycles pass by")
+        expect(passed, patience_s(cycles), f"{cycles} cycles pass by")

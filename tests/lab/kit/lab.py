@@ -6,7 +6,7 @@ import sys
 import unittest
 
 from . import sandbox
-from .cycles import Cycles
+from .cycles import Cycles, patience_s
 from .daemon import ROOT, Daemon
 from .disk import Disk
 from .expect import expect
@@ -109,6 +109,16 @@ class Lab:
     def neighbour(self, address, device, namespace=None):
         """The kernel's line for a neighbour, empty without one."""
         return (namespace or self.router).ip(f"neigh show {address} dev {device}").strip()
+
+    def flap(self, peer, cycles):
+        """Takes a link down and up again, many times in a cycle, until so many cycles have ended."""
+        end = self.cycles.count() + cycles
+
+        def down_and_up():
+            peer.link("down")
+            peer.link("up")
+            return self.cycles.count() >= end
+        expect(down_and_up, patience_s(cycles), f"{cycles} cycles of a flapping link")
 
     # Who runs on the router.
 

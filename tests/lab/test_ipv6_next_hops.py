@@ -57,6 +57,11 @@ class Leases(Ipv6Test):
         self.start()
         expect(lambda: learnt() == "fe80::1")
 
+    def test_last_line_without_an_end_is_learnt_once_the_file_rests(self):
+        write("reason='BOUND6'\nnew_routers='fe80::1' interface=gi1_1")
+        self.start()
+        expect(lambda: learnt() == "fe80::1")
+
     def test_lease_of_the_ipv4_client_does_not_count(self):
         write("lease {\n  option routers 192.0.2.1;\n}\n", "/var/db/dhclient_gi1_1.leases")
         self.start()

@@ -10,6 +10,8 @@
     keep_alives     the captured notification socket of the service manager
     cycles          waiting in cycles of the daemon
     disk            a small file system that a test fills or makes read-only
+    lb_lease        the program that writes lease files, and its adapters where the package has them
+    dhcp            a real DHCP server, and the real clients
     lbshow          what the companion program shows of the daemon
     routing_daemon  the captured routing daemon and the real one
     conf            configuration files of the daemon

@@ -222,9 +222,14 @@ class LabTest(unittest.TestCase):
             shutil.rmtree(self.folder)
 
 
-def main():
-    """Runs the calling test file in its sandbox."""
+def main(missing=None, prepare=None):
+    """Runs the calling test file in its sandbox, after `prepare` there; not at all where a program is `missing`."""
+    if missing:
+        print(f"skipped: no {missing} here")
+        sys.exit(sandbox.SKIPPED)
     sandbox.enter()
+    if prepare:
+        prepare()
     signal.signal(signal.SIGTERM, lambda *_: os._exit(1))
     program = unittest.main(module="__main__", exit=False, verbosity=2)
     result = program.result

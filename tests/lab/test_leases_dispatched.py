@@ -43,13 +43,13 @@ class Networkd(DispatchedTest):
 
     def test_router_of_the_lease_is_told(self):
         self.has_lease("# This is private data. Do not parse.\nADDRESS=192.0.2.10\nNETMASK=255.255.255.0\n"
-                       "ROUTER=192.0.2.1 192.0.2.2\nSERVER_ADDRESS=192.0.2.3\nROUTES=10.0.0.0/8,192.0.2.9\n")
+                       "ROUTER=192.0.2.1 192.0.2.2\nSERVER_ADDRESS=192.0.2.3\nCLASSLESS_ROUTES=10.0.0.0/8,192.0.2.9\n")
         self.changed("routable")
 
         self.assertEqual((text_of(LEASE), text_of(LEASE6)), (lease("192.0.2.1"), None))
 
     def test_default_among_static_routes_counts_first(self):
-        self.has_lease("ADDRESS=192.0.2.10\nROUTER=192.0.2.9\nROUTES=10.0.0.0/8,192.0.2.8 0.0.0.0/0,192.0.2.1\n")
+        self.has_lease("ADDRESS=192.0.2.10\nROUTER=192.0.2.9\nCLASSLESS_ROUTES=10.0.0.0/8,192.0.2.8 0.0.0.0/0,192.0.2.1\n")
         self.changed("routable")
 
         self.assertEqual(text_of(LEASE), lease("192.0.2.1"))

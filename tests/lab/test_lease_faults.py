@@ -8,8 +8,7 @@ import os
 import threading
 import time
 
-from kit import LabTest, expect, main, never, ping
-from kit.cycles import Cycles
+from kit import LabTest, expect, main, ping
 from scenes import (ACTIVE, GATEWAY, PREFIX, ROUTER, VIA_1, fragment, one_uplink, warning)
 
 LEASE = "/var/db/dhclient_gi1_1.leases"
@@ -64,10 +63,8 @@ class HalfWritten(LabTest):
         peer.addresses.add(NEW_GATEWAY)
 
     def start(self):
-        alive = self.lab.keep_alives()
-        self.cycles = Cycles(alive)
-        self.lab.start(one_uplink(nexthop="dhcp", probes=[ping(None, 300)]),
-                       environment=alive.environment)
+        self.cycles = self.lab.cycles
+        self.lab.start(one_uplink(nexthop="dhcp", probes=[ping(None, 300)]))
 
     def test_keeps_the_router_before_it_and_whole_gives_the_new_one(self):
         write(lease(GATEWAY))
@@ -85,7 +82,7 @@ class HalfWritten(LabTest):
         with being_written(beginnings(NEW_GATEWAY)[-1]):
             self.start()
             expect(lambda: self.lab.log.count(NO_ROUTER) >= 2)
-            never(lambda: self.lab.fragment(), during=1)
+            self.lab.cycles.never(lambda: self.lab.fragment(), cycles=1)
         write(lease(NEW_GATEWAY))
         self.cycles.expect(lambda: self.lab.fragment() == fragment(VIA_NEW), what="the new router")
         expect(lambda: ACTIVE in self.lab.log.texts())

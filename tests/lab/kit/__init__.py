@@ -19,7 +19,7 @@
     lab             one router with its uplinks; the base class of lab tests
 """
 from .conf import Conf, ping, ping_ext
-from .expect import expect, never
+from .expect import expect
 from .lab import Lab, LabTest, main
 
-__all__ = ["Conf", "Lab", "LabTest", "expect", "main", "never", "ping", "ping_ext"]
+__all__ = ["Conf", "Lab", "LabTest", "expect", "main", "ping", "ping_ext"]

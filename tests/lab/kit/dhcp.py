@@ -87,9 +87,13 @@ class _Client(_Child):
 
 class Dhclient(_Client):
     def __init__(self, space, folder, interface, leases="/run/dhclient.leases"):
-        files = ("-lf", leases, "-pf", "/run/dhclient.pid", interface)
-        self.release = lambda: space.run("dhclient", "-4", "-r", *files)
-        super().__init__(space, folder, "dhclient", "dhclient", "-4", "-d", *files)
+        self._space, self._files = space, ("-lf", leases, "-pf", "/run/dhclient.pid", interface)
+        super().__init__(space, folder, "dhclient", "dhclient", "-4", "-d", *self._files)
+
+    def release(self):
+        # It says so behind its script; before, the one who releases would find no lease.
+        expect(lambda: "bound to" in self.log(), within=30)
+        self._space.run("dhclient", "-4", "-r", *self._files)
 
 
 class Dhcpcd(_Client):

@@ -27,18 +27,27 @@ class Lbshow(LabTest):
         self.lab.start(two_uplinks(**options))
         expect(lambda: {ACTIVE, ACTIVE_2} <= set(self.lab.log.texts()))
 
-    def test_interfaces_rules_and_routes_of_a_running_daemon_are_shown(self):
+    def shown(self):
         self.start()
         expect(lambda: active() == [True, True])
-        shown = state()
-        self.assertEqual([one["name"] for one in shown["interfaces"]], ["gi1_1", "gi1_2"])
-        self.assertEqual(shown["rules"][0]["members"][1],
+        return state()
+
+    def test_interfaces_are_shown_in_the_order_of_their_names(self):
+        self.assertEqual([one["name"] for one in self.shown()["interfaces"]], ["gi1_1", "gi1_2"])
+
+    def test_members_of_a_rule_are_shown_with_family_and_weight(self):
+        self.assertEqual(self.shown()["rules"][0]["members"][1],
                          {"interface": "gi1_2", "family": 4, "weight": 3})
-        self.assertEqual(shown["routes"][0]["prefix"], PREFIX)
-        self.assertIsNone(shown["routes"][0]["nexthop"])
-        self.assertEqual(shown["families"]["ipv4"]["stale"], False)
-        self.assertLess(shown["families"]["ipv4"]["age_s"], 10)
-        self.assertNotIn("ipv6", shown["families"])
+
+    def test_freshness_of_a_running_daemon_is_told(self):
+        families = self.shown()["families"]
+        self.assertEqual(list(families), ["ipv4"])
+        self.assertEqual(families["ipv4"]["stale"], False)
+        self.assertLess(families["ipv4"]["age_s"], 10)
+
+    def test_route_over_several_uplinks_is_shown_without_a_next_hop(self):
+        route, = self.shown()["routes"]
+        self.assertEqual((route["prefix"], route["nexthop"]), (PREFIX, None))
 
     def test_shared_routes_show_the_next_hops_that_the_fragment_has(self):
         """Both, then the only one left, then none."""
@@ -104,25 +113,42 @@ class Lbshow(LabTest):
             watch.kill()
         self.assertEqual(heads, 3)
 
-    def test_report_for_people_tells_status_and_target(self):
+    def report(self):
+        """Of both uplinks when they are active."""
         self.start()
-        path = os.path.join(OUTPUT_DIRECTORY, "wlb_ipv4.out")
 
-        def report():
-            with open(path, encoding="utf-8") as file:
-                return file.read()
-        expect(lambda: report().count("Status:  active\n") == 2)
-        self.assertIn("Interface:  gi1_1\n", report())
-        self.assertIn("Test:  ping\tTarget: 198.51.100.1\n", report())
+        def whole():
+            with open(os.path.join(OUTPUT_DIRECTORY, "wlb_ipv4.out"), encoding="utf-8") as file:
+                text = file.read()
+            return text if text.count("Status:  active\n") == 2 else None
+        return expect(whole)
+
+    def test_report_for_people_tells_the_interface_and_its_targets(self):
+        self.assertIn("Test:  ping\tTarget: 198.51.100.1\n",
+                      self.report().partition("Interface:  gi1_1\n")[2].partition("Interface:")[0])
+
+    def test_no_report_of_a_family_without_a_worker(self):
+        self.report()
         self.assertFalse(os.path.exists(os.path.join(OUTPUT_DIRECTORY, "wlb_ipv6.out")))
 
-    def test_faults_of_the_output_directory_are_reported_and_end_with_the_fault(self):
+    def test_last_status_change_is_always_the_beginning_of_1970(self):
+        self.lab.start(two_uplinks(), environment={"TZ": "UTC"})
+        expect(lambda: active() == [True, True])
+        self.peers[1].echo = silence
+        expect(lambda: active() == [True, False])
+        with open(os.path.join(OUTPUT_DIRECTORY, "wlb_ipv4.out"), encoding="utf-8") as file:
+            dates = [line.split() for line in file if line.startswith("  Last Status Change:")]
+        self.assertEqual([date[-1] for date in dates], ["1970", "1970"])
+
+    def test_missing_output_directory_is_reported(self):
         self.start()
         os.rename(OUTPUT_DIRECTORY, "/run/moved")
         message = ("%WAN-W-ERR: wan_lb: error create directory: "
                    f"{OUTPUT_DIRECTORY}/wlb_dump, errno = 2")
         expect(lambda: message in self.lab.log.texts())
-        os.rename("/run/moved", OUTPUT_DIRECTORY)
+
+    def test_dump_that_cannot_be_opened_is_reported_and_written_when_it_can(self):
+        self.start()
         dump = os.path.join(OUTPUT_DIRECTORY, "wlb_dump", "wlb_ipv4_outbounds.bin")
         os.unlink(dump)
         os.mkdir(dump)

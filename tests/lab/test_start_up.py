@@ -8,11 +8,12 @@
       gi1_3 192.0.2.30/24 ------- scripted peer 192.0.2.3
 """
 import os
+import signal
 
-from kit import Conf, LabTest, expect, main, never, ping
+from kit import Conf, LabTest, expect, main, ping
 from kit import echo_policies as policy
-from scenes import (ACTIVE, GATEWAY, GATEWAY_2, INACTIVE, INACTIVE_2, PREFIX, ROUTER, ROUTER_2,
-                    TARGET, TARGET_2, changed, error, one_uplink)
+from scenes import (ACTIVE, ACTIVE_2, GATEWAY, GATEWAY_2, INACTIVE, INACTIVE_2, PREFIX, ROUTER, ROUTER_2,
+                    TARGET_2, changed, error, one_uplink)
 
 
 def add_blue(conf, namespace="blue"):
@@ -34,7 +35,7 @@ class StartUp(LabTest):
         expected = [INACTIVE, changed("port-channel 1.10", "inactive"),
                     changed("unknown interface", "inactive")]
         expect(lambda: self.lab.log.texts()[:3] == expected)
-        never(lambda: self.lab.log.count(INACTIVE) > 1, during=2)
+        self.lab.cycles.never(lambda: self.lab.log.count(INACTIVE) > 1, cycles=2)
         self.assertEqual(self.lab.log.lines()[0].severity, 6)
 
     def test_missing_namespace_file_is_reported_and_the_others_run(self):
@@ -79,13 +80,23 @@ class StartUp(LabTest):
                               .rule("1_ipv6", interfaces6={"gi1_1": 1}))
 
     def assert_no_worker(self, conf):
-        self.lab.start(conf)
-        never(lambda: self.lab.log.texts() or self.peer.frames(), during=2)
+        """Nothing is done or said of the uplink while the worker of another namespace works."""
+        blue = self.lab.namespace("blue")
+        self.lab.uplink("gi1_2", ROUTER_2 + "/24", GATEWAY_2, namespace=blue, known=True)
+        self.lab.start(add_blue(conf))
+        expect(lambda: ACTIVE_2 in self.lab.log.texts())
+        self.lab.cycles.never(lambda: INACTIVE in self.lab.log.texts() or self.peer.frames(),
+                              cycles=2)
+
+    def test_hangup_ends_the_daemon(self):
+        daemon = self.lab.start(one_uplink())
+        expect(lambda: ACTIVE in self.lab.log.texts())
+        self.assertEqual(daemon.kill(signal.SIGHUP), -signal.SIGHUP)
 
     def test_one_keep_alive_a_cycle(self):
-        alive = self.lab.keep_alives()
+        alive = self.lab.keep_alives
         self.peer.echo = policy.delayed(0.2)  # never in time for the collection of its own cycle
-        self.lab.start(one_uplink(), environment=alive.environment)
+        self.lab.start(one_uplink())
         expect(lambda: len(self.peer.echo_frames()) >= 4)
         self.assertEqual(len(alive.times("READY=1")), 1)
         first, last = (self.peer.echo_frames()[index].time_s for index in (0, 3))

@@ -27,6 +27,7 @@ FILES = {
     "/usr/share/bash-completion/completions/lbshow": 0o644,
     "/usr/share/doc/wan-load-balancer/CHANGELOG.md": 0o644,
     "/usr/share/doc/wan-load-balancer/README.md": 0o644,
+    "/usr/share/doc/wan-load-balancer/behaviour.md": 0o644,
     "/usr/share/doc/wan-load-balancer/operating.md": 0o644,
     "/usr/share/man/man1/lbcheck.1.gz": 0o644,
     "/usr/share/man/man1/lbshow.1.gz": 0o644,

@@ -2,7 +2,7 @@
 """Holds the manual pages to the programs: they format without a warning, and name every option, keyword and message,
 and every column, JSON key and metric of lbshow.
 
-    manual.py PROJECT PROGRAM-FOLDER
+    manual.py PROJECT PROGRAM-FOLDER CLANG
 
 Prints what is wrong; the exit status is 1 then, and 77 where there is no man(1).
 """
@@ -11,6 +11,9 @@ import re
 import shutil
 import subprocess
 import sys
+
+from cpp_calls import calls_of
+from messages import LOGGED
 
 
 def warnings_of(page):
@@ -32,12 +35,11 @@ def options_of(program):
     return set(re.findall(r"(?<![\w-])(?:--[a-z][a-z-]*|-[a-z](?![a-z]))", usage))
 
 
-def keywords_and_messages(source):
+def keywords_and_messages(source, clang):
     text = (source / "lb_data_keywords.cpp").read_text(encoding="utf-8")
     keywords = set(re.findall(r'(?:[!=]= |\{)"([a-z0-9_-]+)"', text))
-    text += (source / "lb_data_factory.cpp").read_text(encoding="utf-8")
-    messages = set(re.findall(r'LOG_\w+\(\s*"([^"%]+)', text))
-    return keywords, messages
+    calls = calls_of(clang, [str(path) for path in source.glob("lb_data_*.cpp")], LOGGED)
+    return keywords, {call.text.partition("%")[0] for call in calls}
 
 
 def names_of_lbshow(source):
@@ -55,7 +57,7 @@ def missing(page, wanted):
             yield f"{page.name}: nothing about '{word}'"
 
 
-def wrong(project, programs):
+def wrong(project, programs, clang):
     manual = project / "man"
     pages = sorted(manual.glob("*.[1-8]"))
     if len(pages) != 4:
@@ -71,7 +73,7 @@ def wrong(project, programs):
     if len(columns) < 20 or len(keys) < 40 or len(metrics) < 15:
         yield f"only {len(columns)} columns, {len(keys)} keys and {len(metrics)} metrics found in tools/lbshow"
     yield from missing(manual / "lbshow.1", columns | keys | metrics)
-    keywords, messages = keywords_and_messages(project / "src/config")
+    keywords, messages = keywords_and_messages(project / "src/config", clang)
     if len(keywords) < 15 or len(messages) < 6:
         yield f"only {len(keywords)} keywords and {len(messages)} messages found in src/config"
     yield from missing(manual / "lb.conf.5", keywords | messages)
@@ -81,7 +83,7 @@ def main():
     if shutil.which("man") is None:
         print("manual: no man(1) here")
         return 77
-    problems = list(wrong(pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2])))
+    problems = list(wrong(pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), sys.argv[3]))
     print("\n".join(problems) if problems else "manual: formats cleanly, names everything")
     return 1 if problems else 0
 

@@ -12,7 +12,6 @@
 #include "lbshow/freshness.h"
 #include "lbshow/in_force.h"
 #include "lbshow/views.h"
-#include "version.h"
 #include <CLI/CLI.hpp>
 
 namespace {
@@ -46,7 +45,7 @@ std::string shown(const lbshow::State& state, const Options& options) {
         return lbshow::json(state, options.selection);
     }
     if (options.as_metrics) {
-        return lbshow::metrics(state, program_version);
+        return lbshow::metrics(state, LB_VERSION);
     }
     return lbshow::tables(state, options.selection, isatty(STDOUT_FILENO) == 1);
 }
@@ -121,7 +120,7 @@ std::vector<std::string> words_of(int argc, char* argv[]) {
 int main(int argc, char* argv[]) {
     Options options;
     CLI::App app(description, "lbshow");
-    app.set_version_flag("--version", std::string("lbshow ") + program_version);
+    app.set_version_flag("--version", "lbshow " LB_VERSION);
     app.add_option("what", options.what, "interfaces, rules or routes; all three by default")
         ->check(CLI::IsMember({"interfaces", "rules", "routes"}));
     app.add_option("name", options.selection.names,

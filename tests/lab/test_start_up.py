@@ -104,6 +104,18 @@ class StartUp(LabTest):
         between = [time_s for time_s in alive.times("WATCHDOG=1") if first < time_s < last]
         self.assertIn(len(between), (5, 6, 7))
 
+    def test_nothing_to_do_is_no_standstill(self):
+        alive = self.lab.keep_alives()
+        self.lab.start(Conf().interface("gi1_1", nexthop=GATEWAY), environment=alive.environment)
+        expect(lambda: len(alive.times("WATCHDOG=1")) >= 2)
+
+    def test_work_in_a_namespace_that_is_not_there_is_a_standstill(self):
+        """The service manager starts the daemon anew: the namespace may be there by then."""
+        alive = self.lab.keep_alives()
+        self.lab.start(add_blue(Conf(), "ghost"), environment=alive.environment)
+        expect(lambda: error("wan_lb, can't open /var/run/netns/ghost") in self.lab.log.texts())
+        never(lambda: alive.times("WATCHDOG=1"), during=6)
+
     def test_every_descriptor_is_closed_on_exec(self):
         daemon = self.lab.start(one_uplink())
         expect(lambda: ACTIVE in self.lab.log.texts())

@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Holds the manual pages to the programs: they format without a warning, and name every option, keyword and message.
+"""Holds the manual pages to the programs: they format without a warning, and name every option, keyword and message,
+and every column, JSON key and metric of lbshow.
 
     manual.py PROJECT PROGRAM-FOLDER CLANG
 
@@ -41,6 +42,14 @@ def keywords_and_messages(source, clang):
     return keywords, {call.text.partition("%")[0] for call in calls}
 
 
+def names_of_lbshow(source):
+    """Columns, JSON keys and metrics: what the page promises to keep."""
+    columns = set(re.findall(r'"([A-Z]+(?: [A-Z]+)*)"', (source / "tables.cpp").read_text(encoding="utf-8")))
+    keys = set(re.findall(r'[{\[]"([a-z_]+)"[,\]]', (source / "json.cpp").read_text(encoding="utf-8")))
+    metrics = set(re.findall(r'"(lb_[a-z_]+)"', (source / "metrics.cpp").read_text(encoding="utf-8")))
+    return columns, keys, metrics
+
+
 def missing(page, wanted):
     text = plain(page)
     for word in sorted(wanted):
@@ -61,6 +70,10 @@ def wrong(project, programs, clang):
         if not options:
             yield f"{page.name}: the program tells no option"
         yield from missing(page, options)
+    columns, keys, metrics = names_of_lbshow(project / "tools/lbshow")
+    if len(columns) < 20 or len(keys) < 40 or len(metrics) < 15:
+        yield f"only {len(columns)} columns, {len(keys)} keys and {len(metrics)} metrics found in tools/lbshow"
+    yield from missing(manual / "lbshow.1", columns | keys | metrics)
     keywords, messages = keywords_and_messages(project / "src/config", clang)
     if len(keywords) < 15 or len(messages) < 6:
         yield f"only {len(keywords)} keywords and {len(messages)} messages found in src/config"

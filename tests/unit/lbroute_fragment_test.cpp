@@ -222,8 +222,9 @@ TEST(LbrouteFragment, hostile_bytes_are_not_shown) {
     EXPECT_EQ(reason_of("\x1b[2Jx\xff"), "'?[2Jx?' is not understood; the line is left out");
     EXPECT_EQ(reason_of(std::string(100, 'x')),
               "'" + std::string(60, 'x') + "...' is not understood; the line is left out");
-    EXPECT_EQ(reason_of(std::string("route 10.0.0.0\0x/8 multipath via 10.0.0.1 weight 1;", 52)),
-              "'10.0.0.0?x/8' is no IPv4 prefix; the route is left out");
+    EXPECT_EQ(
+        reason_of("route 10.0.0.0" + std::string(1, '\0') + "x/8 multipath via 10.0.0.1 weight 1;"),
+        "'10.0.0.0?x/8' is no IPv4 prefix; the route is left out");
 }
 
 TEST(LbrouteFragment, many_faults_are_counted_not_listed) {

@@ -95,8 +95,8 @@ class Applier {
 
     /// Whether the kernel takes as a simple group what it refused as a resilient one.
     bool lacks_resilience(const PutGroup& step, int error) {
-        const bool may_lack = step.group.is_resilient && !step.replaces &&
-                              (error == EOPNOTSUPP || error == EINVAL);
+        const bool may_lack =
+            step.group.is_resilient && !step.replaces && (error == EOPNOTSUPP || error == EINVAL);
         if (!may_lack) {
             return false;
         }
@@ -170,8 +170,8 @@ class Applier {
                 undo.push_back(RemoveNextHop{hop.id});
             } else if (answers[i].error != EOPNOTSUPP && answers[i].error != EEXIST &&
                        answers[i].error != ENETDOWN) {
-                has_found |= refuse_hop(done_.wanted.routes, hop.gateway, hop.link,
-                                        answers[i].reason);
+                has_found |=
+                    refuse_hop(done_.wanted.routes, hop.gateway, hop.link, answers[i].reason);
             }
         }
         take_(undo);
@@ -184,8 +184,8 @@ class Applier {
         for (std::size_t i = 0; i < steps.size(); ++i) {
             // Gone meanwhile is gone.
             if (answers[i].error != 0 && answers[i].error != ENOENT && answers[i].error != ESRCH) {
-                done_.failed_removals.push_back(
-                    command_of(steps[i], done_.kernel, "") + ": " + answers[i].reason);
+                done_.failed_removals.push_back(command_of(steps[i], done_.kernel, "") + ": " +
+                                                answers[i].reason);
             }
         }
     }

@@ -14,8 +14,8 @@ namespace lbroute {
 using TakeSteps = std::function<std::vector<Answer>(std::span<const Step>)>;
 
 struct Application {
-    Wanted wanted;        ///< with what became of each route and next hop
-    KernelState kernel;   ///< as it is now
+    Wanted wanted;             ///< with what became of each route and next hop
+    KernelState kernel;        ///< as it is now
     Mode mode = Mode::sticky;  ///< what the kernel was able to
     std::string mode_reason;   ///< why it is less than asked for
     std::vector<Step> taken;   ///< every step that the kernel took

@@ -11,11 +11,12 @@ namespace {
 
 std::string link_name(int index, const KernelState& kernel) {
     const Link* link = kernel.link(index);
-    return link != nullptr ? link->name : "if" + std::to_string(index);
+    return link != nullptr ? link->name : std::string("if").append(std::to_string(index));
 }
 
 std::string ip(const std::string& namespace_name) {
-    return namespace_name.empty() ? "ip " : "ip -n " + namespace_name + " ";
+    return namespace_name.empty() ? "ip "
+                                  : std::string("ip -n ").append(namespace_name).append(" ");
 }
 
 std::string place_text(const KernelRoute& route) {
@@ -39,16 +40,16 @@ struct Writer {
 
     std::string operator()(const AddHop& step) const {
         return ip(namespace_name) + "nexthop add id " + std::to_string(step.hop.id) + " via " +
-               step.hop.gateway.text() + " dev " + link_name(step.hop.link, kernel) +
-               " protocol " + protocol_name(own_protocol);
+               step.hop.gateway.text() + " dev " + link_name(step.hop.link, kernel) + " protocol " +
+               protocol_name(own_protocol);
     }
     std::string operator()(const PutGroup& step) const {
-        std::string text = ip(namespace_name) + "nexthop " +
-                           (step.replaces ? "replace" : "add") + " id " +
-                           std::to_string(step.group.id) + " group ";
+        std::string text = ip(namespace_name) + "nexthop " + (step.replaces ? "replace" : "add") +
+                           " id " + std::to_string(step.group.id) + " group ";
         const char* separator = "";
         for (const GroupEntry& entry : step.group.entries) {
-            text += separator + std::to_string(entry.id) + "," + std::to_string(entry.weight);
+            text.append(separator).append(std::to_string(entry.id)).append(",");
+            text += std::to_string(entry.weight);
             separator = "/";
         }
         if (step.group.is_resilient) {
@@ -66,7 +67,8 @@ struct Writer {
         }
         const bool is_several = step.route.hops.size() > 1;
         for (const PathHop& hop : step.route.hops) {
-            text += (is_several ? " nexthop " : " ") + text_of(hop, kernel, is_several);
+            text += is_several ? " nexthop " : " ";
+            text += text_of(hop, kernel, is_several);
         }
         return text;
     }
@@ -98,9 +100,15 @@ std::string protocol_name(int protocol) {
 }
 
 std::string text_of(const PathHop& hop, const KernelState& kernel, bool is_one_of_several) {
-    std::string text = hop.gateway ? "via " + hop.gateway->text() + " " : "";
-    text += "dev " + link_name(hop.link, kernel);
-    return is_one_of_several ? text + " weight " + std::to_string(hop.weight) : text;
+    std::string text;
+    if (hop.gateway) {
+        text.append("via ").append(hop.gateway->text()).append(" ");
+    }
+    text.append("dev ").append(link_name(hop.link, kernel));
+    if (is_one_of_several) {
+        text.append(" weight ").append(std::to_string(hop.weight));
+    }
+    return text;
 }
 
 std::string command_of(const Step& step, const KernelState& kernel,
@@ -112,7 +120,7 @@ std::string removal_command(const KernelRoute& foreign, const KernelState& kerne
                             const std::string& namespace_name) {
     std::string text = route_command(foreign, "del", namespace_name);
     if (foreign.group_id == 0 && foreign.hops.size() == 1) {
-        text += " " + text_of(foreign.hops[0], kernel, false);
+        text.append(" ").append(text_of(foreign.hops[0], kernel, false));
     }
     return text;
 }

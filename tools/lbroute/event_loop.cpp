@@ -39,7 +39,8 @@ void EventLoop::wait(std::optional<std::int64_t> deadline_ms) {
         count = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), -1);
     } while (count < 0 && errno == EINTR);
     std::uint64_t expirations = 0;
-    static_cast<void>(read(timer_.get(), &expirations, sizeof expirations));
+    // Nothing to read means that it was not the deadline.
+    [[maybe_unused]] const auto length = read(timer_.get(), &expirations, sizeof expirations);
 }
 
 }  // namespace lbroute

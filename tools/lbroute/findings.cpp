@@ -7,12 +7,10 @@ namespace lbroute {
 namespace {
 
 std::string hop_text(const PlannedHop& hop) {
-    return "via " + hop.gateway.text() +
-           (hop.interface.empty() ? "" : " dev " + hop.interface);
+    return "via " + hop.gateway.text() + (hop.interface.empty() ? "" : " dev " + hop.interface);
 }
 
-void add_hop_problem(Journal::Problems& problems, const PlannedHop& hop,
-                     const std::string& where) {
+void add_hop_problem(Journal::Problems& problems, const PlannedHop& hop, const std::string& where) {
     const std::string what = where + hop_text(hop);
     switch (hop.state) {
         case HopState::routed:
@@ -28,8 +26,7 @@ void add_hop_problem(Journal::Problems& problems, const PlannedHop& hop,
             problems[what + " is out of its routes: " + hop.reason] = Level::notice;
             return;
         case HopState::held:
-            problems[what + " is out of its routes: " + hop.interface + " is held"] =
-                Level::notice;
+            problems[what + " is out of its routes: " + hop.interface + " is held"] = Level::notice;
             return;
         case HopState::last_though_held:
             problems[what + " stays though " + hop.interface +
@@ -49,8 +46,8 @@ std::string title_of(const PlannedRoute& route, const std::string& namespace_nam
 std::string path_text(const PlannedRoute& route) {
     std::string text;
     for (const PlannedHop* hop : route.routed()) {
-        text += (text.empty() ? "" : ", ") + hop_text(*hop) + " weight " +
-                std::to_string(hop->weight);
+        text +=
+            (text.empty() ? "" : ", ") + hop_text(*hop) + " weight " + std::to_string(hop->weight);
     }
     return text.empty() ? "no next hop" : text;
 }
@@ -109,7 +106,8 @@ Journal::Problems problems_of(const View& view, const std::string& namespace_nam
             problems[title + " is not routed: none of its next hops can be used"] = Level::error;
         }
         for (const KernelRoute* shadow : shadowing(route, view.foreign)) {
-            problems[title + " is shadowed by a route of others with a lower metric, which ends "
+            problems[title +
+                     " is shadowed by a route of others with a lower metric, which ends "
                      "with: " +
                      removal_command(*shadow, view.kernel, namespace_name)] = Level::warning;
         }

@@ -44,7 +44,8 @@ void FolderWatch::add(const std::string& folder, bool is_own) {
     std::string at = folder;
     bool is_itself = is_own;
     while (true) {
-        const std::uint32_t mask = IN_ONLYDIR | IN_MASK_ADD | of_folder | (is_itself ? of_files : 0);
+        const std::uint32_t mask =
+            IN_ONLYDIR | IN_MASK_ADD | of_folder | (is_itself ? of_files : 0);
         const int number = inotify_add_watch(inotify_.get(), at.c_str(), mask);
         if (number >= 0) {
             Watched& watched = watched_[number];

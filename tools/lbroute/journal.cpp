@@ -5,7 +5,10 @@
 namespace lbroute {
 
 void Journal::say(Level level, const std::string& text) const {
-    std::string line = with_levels_ ? "<" + std::to_string(static_cast<int>(level)) + ">" : "";
+    std::string line;
+    if (with_levels_) {
+        line.append("<").append(std::to_string(static_cast<int>(level))).append(">");
+    }
     // What a file or the kernel gave may hold anything: a line stays one line.
     for (const char one : text) {
         const bool is_plain = static_cast<unsigned char>(one) >= ' ' && one != '\x7f';

@@ -7,7 +7,7 @@ namespace lbroute {
 namespace {
 
 template <class Item, class Value, class Key>
-const Item* find_by(const std::vector<Item>& items, Value Item::* member, const Key& key) {
+const Item* find_by(const std::vector<Item>& items, Value Item::*member, const Key& key) {
     const auto found = std::ranges::find(items, key, member);
     return found == items.end() ? nullptr : &*found;
 }

@@ -52,7 +52,7 @@ struct Group {
     std::uint32_t id = 0;
     std::vector<GroupEntry> entries;
     bool is_resilient = false;
-    std::uint16_t buckets = 0;      ///< of a resilient one, as the next two
+    std::uint16_t buckets = 0;  ///< of a resilient one, as the next two
     std::uint32_t idle_timer_s = 0;
     std::uint32_t unbalanced_timer_s = 0;
 
@@ -91,9 +91,9 @@ struct KernelRoute {
 struct KernelState {
     std::vector<Link> links;
     std::vector<LinkAddress> addresses;
-    std::vector<HopObject> hops;         ///< own
-    std::vector<Group> groups;           ///< own
-    std::vector<KernelRoute> routes;     ///< own, of all tables
+    std::vector<HopObject> hops;             ///< own
+    std::vector<Group> groups;               ///< own
+    std::vector<KernelRoute> routes;         ///< own, of all tables
     std::vector<std::uint32_t> foreign_ids;  ///< of next-hop objects of others
 
     const Link* link(int index) const;

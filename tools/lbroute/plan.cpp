@@ -52,8 +52,8 @@ void add_hop(std::vector<PlannedHop>& hops, PlannedHop hop) {
         return;
     }
     constexpr std::int64_t most = 2147483647;
-    same->weight = static_cast<int>(std::min<std::int64_t>(
-        most, static_cast<std::int64_t>(same->weight) + hop.weight));
+    same->weight = static_cast<int>(
+        std::min<std::int64_t>(most, static_cast<std::int64_t>(same->weight) + hop.weight));
 }
 
 /// Takes held hops that another one is left for, and gives back those that nothing else is left

@@ -47,9 +47,9 @@ struct PlannedRoute {
     std::uint32_t table = main_table;
     std::uint32_t priority = 0;
     std::vector<PlannedHop> hops;
-    bool is_shared = false;     ///< what a next hop means follows the daemon's dumps
-    bool is_postponed = false;  ///< what stands in the kernel stays until the dumps tell more
-    std::string refusal;        ///< why the kernel does not have it, empty where it has
+    bool is_shared = false;      ///< what a next hop means follows the daemon's dumps
+    bool is_postponed = false;   ///< what stands in the kernel stays until the dumps tell more
+    std::string refusal;         ///< why the kernel does not have it, empty where it has
     std::uint32_t group_id = 0;  ///< its group; 0 while it has none
 
     std::vector<const PlannedHop*> routed() const;

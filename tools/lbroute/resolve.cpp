@@ -95,8 +95,7 @@ Match match(const std::vector<Candidate>& candidates, const std::vector<int>& we
     // The configuration and the fragment disagree: by order alone, the last one for what is left.
     Match by_order{{}, false};
     for (std::size_t i = 0; i < weights.size(); ++i) {
-        by_order.interfaces.push_back(
-            candidates[std::min(i, candidates.size() - 1)].interface);
+        by_order.interfaces.push_back(candidates[std::min(i, candidates.size() - 1)].interface);
     }
     return by_order;
 }

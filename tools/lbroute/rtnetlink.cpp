@@ -237,9 +237,8 @@ std::vector<KernelRoute> list_foreign_routes(RouteSocket& socket, std::uint32_t 
                                              std::string& problem) {
     std::vector<KernelRoute> found;
     for (const Family family : {Family::ipv4, Family::ipv6}) {
-        const bool is_needed = std::ranges::any_of(prefixes, [family](const Prefix& prefix) {
-            return prefix.address.family == family;
-        });
+        const bool is_needed = std::ranges::any_of(
+            prefixes, [family](const Prefix& prefix) { return prefix.address.family == family; });
         if (!is_needed) {
             continue;
         }
@@ -247,8 +246,8 @@ std::vector<KernelRoute> list_foreign_routes(RouteSocket& socket, std::uint32_t 
         const Answer answer = socket.list(
             family == Family::ipv4 ? Dump::routes4 : Dump::routes6, table,
             [&](const nlmsghdr& message) {
-                auto route = message.nlmsg_type == RTM_NEWROUTE ? read_route(message)
-                                                                : std::nullopt;
+                auto route =
+                    message.nlmsg_type == RTM_NEWROUTE ? read_route(message) : std::nullopt;
                 if (route && route->protocol != own_protocol && route->table == table &&
                     prefixes.contains(route->prefix)) {
                     of_family.push_back(std::move(*route));
@@ -264,8 +263,7 @@ std::vector<KernelRoute> list_foreign_routes(RouteSocket& socket, std::uint32_t 
     return found;
 }
 
-std::vector<std::pair<std::uint32_t, int>> count_buckets(RouteSocket& socket,
-                                                         std::uint32_t group) {
+std::vector<std::pair<std::uint32_t, int>> count_buckets(RouteSocket& socket, std::uint32_t group) {
     std::map<std::uint32_t, int> counts;
     socket.list(
         Dump::buckets, group, [&](const nlmsghdr& message) { ++counts[read_bucket(message)]; },

@@ -46,9 +46,7 @@ class Writer {
     Body& body() {
         return *static_cast<Body*>(mnl_nlmsg_put_extra_header(header_, sizeof(Body)));
     }
-    void number(std::uint16_t type, std::uint32_t value) {
-        mnl_attr_put_u32(header_, type, value);
-    }
+    void number(std::uint16_t type, std::uint32_t value) { mnl_attr_put_u32(header_, type, value); }
     void number16(std::uint16_t type, std::uint16_t value) {
         mnl_attr_put_u16(header_, type, value);
     }
@@ -165,7 +163,7 @@ struct Appender {
         nlattr* const nest = writer.open(RTA_MULTIPATH);
         for (const PathHop& hop : hops) {
             auto& head = writer.body<rtnexthop>();
-            const std::uint32_t begin = writer.header().nlmsg_len - sizeof(rtnexthop);
+            const std::size_t begin = writer.header().nlmsg_len - sizeof(rtnexthop);
             head.rtnh_hops = static_cast<unsigned char>(hop.weight - 1);
             head.rtnh_ifindex = hop.link;
             if (hop.gateway) {
@@ -178,24 +176,17 @@ struct Appender {
 };
 
 /// The attributes of a message by type; those beyond the highest that is known are passed over.
-template <std::size_t count>
 class Attributes {
   public:
     Attributes(const nlmsghdr& message, unsigned int body_size) {
-        const nlattr* attribute = nullptr;
-        mnl_attr_for_each(attribute, &message, body_size) {
-            keep(attribute);
+        const auto* const begin =
+            static_cast<const std::uint8_t*>(mnl_nlmsg_get_payload_offset(&message, body_size));
+        const auto* const end = reinterpret_cast<const std::uint8_t*>(&message) + message.nlmsg_len;
+        if (begin < end) {
+            walk({begin, end});
         }
     }
-    Attributes(const void* begin, std::size_t size) {
-        const auto* attr = static_cast<const nlattr*>(begin);
-        auto left = static_cast<int>(size);
-        while (mnl_attr_ok(attr, left)) {
-            keep(attr);
-            left -= static_cast<int>(NLMSG_ALIGN(attr->nla_len));
-            attr = mnl_attr_next(attr);
-        }
-    }
+    explicit Attributes(std::span<const std::uint8_t> attributes) { walk(attributes); }
 
     bool has(std::size_t type) const { return found_[type] != nullptr; }
 
@@ -229,6 +220,22 @@ class Attributes {
     }
 
   private:
+    /// One more than the highest type that is asked for in any message.
+    static constexpr std::size_t count = RTA_MAX + 1;
+    static_assert(count > NHA_MAX && count > IFLA_IFNAME && count > IFA_LOCAL);
+
+    void walk(std::span<const std::uint8_t> bytes) {
+        while (bytes.size() >= sizeof(nlattr)) {
+            const auto* const attribute = reinterpret_cast<const nlattr*>(bytes.data());
+            if (attribute->nla_len < sizeof(nlattr) || attribute->nla_len > bytes.size()) {
+                return;
+            }
+            keep(attribute);
+            bytes = bytes.subspan(
+                std::min<std::size_t>(bytes.size(), NLMSG_ALIGN(std::size_t{attribute->nla_len})));
+        }
+    }
+
     void keep(const nlattr* attribute) {
         const std::size_t type = mnl_attr_get_type(attribute);
         if (type < count) {
@@ -254,8 +261,7 @@ std::vector<PathHop> read_hops(std::span<const std::uint8_t> bytes, Family famil
         if (head.rtnh_len < sizeof head || head.rtnh_len > bytes.size()) {
             break;
         }
-        const Attributes<RTA_MAX + 1> inside(bytes.data() + sizeof head,
-                                             head.rtnh_len - sizeof head);
+        const Attributes inside(bytes.subspan(sizeof head, head.rtnh_len - sizeof head));
         hops.push_back({.gateway = inside.address(RTA_GATEWAY, family),
                         .link = head.rtnh_ifindex,
                         .weight = head.rtnh_hops + 1,
@@ -321,7 +327,7 @@ std::optional<Link> read_link(const nlmsghdr& message) {
     if (message.nlmsg_type != RTM_NEWLINK || body == nullptr || body->ifi_family != AF_UNSPEC) {
         return std::nullopt;
     }
-    const Attributes<IFLA_IFNAME + 1> attributes(message, sizeof *body);
+    const Attributes attributes(message, sizeof *body);
     const auto name = attributes.data(IFLA_IFNAME);
     const auto* const text = reinterpret_cast<const char*>(name.data());
     return Link{.index = body->ifi_index,
@@ -336,7 +342,7 @@ std::optional<LinkAddress> read_address(const nlmsghdr& message) {
     if (message.nlmsg_type != RTM_NEWADDR || !family || body->ifa_prefixlen > bits_of(*family)) {
         return std::nullopt;
     }
-    const Attributes<IFA_LOCAL + 1> attributes(message, sizeof *body);
+    const Attributes attributes(message, sizeof *body);
     const auto network = attributes.address(IFA_ADDRESS, *family);
     const auto own = attributes.address(IFA_LOCAL, *family);
     if (!network && !own) {
@@ -356,7 +362,7 @@ std::optional<KernelRoute> read_route(const nlmsghdr& message) {
     if (!is_of_interest) {
         return std::nullopt;
     }
-    const Attributes<RTA_MAX + 1> attributes(message, sizeof *body);
+    const Attributes attributes(message, sizeof *body);
     KernelRoute route;
     route.prefix = {attributes.address(RTA_DST, *family).value_or(Address{.family = *family}),
                     body->rtm_dst_len};
@@ -368,19 +374,19 @@ std::optional<KernelRoute> read_route(const nlmsghdr& message) {
     if (attributes.has(RTA_MULTIPATH)) {
         route.hops = read_hops(attributes.data(RTA_MULTIPATH), *family);
     } else if (attributes.has(RTA_OIF)) {
-        route.hops = {
-            {.gateway = attributes.address(RTA_GATEWAY, *family),
-             .link = attributes.number<int>(RTA_OIF).value_or(0),
-             .weight = 1,
-             .is_dead = (body->rtm_flags & (RTNH_F_DEAD | RTNH_F_LINKDOWN)) != 0}};
+        route.hops = {{.gateway = attributes.address(RTA_GATEWAY, *family),
+                       .link = attributes.number<int>(RTA_OIF).value_or(0),
+                       .weight = 1,
+                       .is_dead = (body->rtm_flags & (RTNH_F_DEAD | RTNH_F_LINKDOWN)) != 0}};
     }
     return route;
 }
 
 namespace {
 
-Group read_group(const Attributes<NHA_RES_BUCKET + 1>& attributes, std::uint32_t id) {
-    Group group{.id = id};
+Group read_group(const Attributes& attributes, std::uint32_t id) {
+    Group group;
+    group.id = id;
     auto bytes = attributes.data(NHA_GROUP);
     while (bytes.size() >= sizeof(nexthop_grp)) {
         nexthop_grp entry{};
@@ -393,7 +399,7 @@ Group read_group(const Attributes<NHA_RES_BUCKET + 1>& attributes, std::uint32_t
     if (attributes.has(NHA_RES_GROUP)) {
         constexpr std::uint32_t ticks_per_s = 100;
         const auto nest = attributes.data(NHA_RES_GROUP);
-        const Attributes<NHA_RES_GROUP_MAX + 1> inside(nest.data(), nest.size());
+        const Attributes inside(nest);
         group.buckets = inside.number<std::uint16_t>(NHA_RES_GROUP_BUCKETS).value_or(0);
         group.idle_timer_s =
             inside.number<std::uint32_t>(NHA_RES_GROUP_IDLE_TIMER).value_or(0) / ticks_per_s;
@@ -410,7 +416,7 @@ std::optional<NextHopMessage> read_next_hop(const nlmsghdr& message) {
     if (message.nlmsg_type != RTM_NEWNEXTHOP || body == nullptr) {
         return std::nullopt;
     }
-    const Attributes<NHA_RES_BUCKET + 1> attributes(message, sizeof *body);
+    const Attributes attributes(message, sizeof *body);
     NextHopMessage read{.id = attributes.number<std::uint32_t>(NHA_ID).value_or(0),
                         .protocol = body->nh_protocol,
                         .hop = std::nullopt,
@@ -437,9 +443,9 @@ std::uint32_t read_bucket(const nlmsghdr& message) {
     if (message.nlmsg_type != RTM_NEWNEXTHOPBUCKET || body_of<nhmsg>(message) == nullptr) {
         return 0;
     }
-    const Attributes<NHA_RES_BUCKET + 1> attributes(message, sizeof(nhmsg));
+    const Attributes attributes(message, sizeof(nhmsg));
     const auto nest = attributes.data(NHA_RES_BUCKET);
-    const Attributes<NHA_RES_BUCKET_MAX + 1> inside(nest.data(), nest.size());
+    const Attributes inside(nest);
     return inside.number<std::uint32_t>(NHA_RES_BUCKET_NH_ID).value_or(0);
 }
 
@@ -458,10 +464,8 @@ Answer read_answer(const nlmsghdr& message) {
     if ((message.nlmsg_flags & NLM_F_CAPPED) == 0) {
         offset += NLMSG_ALIGN(body->msg.nlmsg_len) - sizeof(nlmsghdr);
     }
-    if ((message.nlmsg_flags & NLM_F_ACK_TLVS) != 0 &&
-        message.nlmsg_len >= NLMSG_LENGTH(offset)) {
-        const Attributes<NLMSGERR_ATTR_MSG + 1> attributes(message,
-                                                           static_cast<unsigned int>(offset));
+    if ((message.nlmsg_flags & NLM_F_ACK_TLVS) != 0 && message.nlmsg_len >= NLMSG_LENGTH(offset)) {
+        const Attributes attributes(message, static_cast<unsigned int>(offset));
         const auto words = attributes.data(NLMSGERR_ATTR_MSG);
         const auto* const text = reinterpret_cast<const char*>(words.data());
         if (!words.empty()) {

@@ -30,9 +30,8 @@ std::vector<const KernelRoute*> shadowing(const PlannedRoute& route,
 
 const KernelRoute* standing_in_place(const PlannedRoute& route,
                                      const std::vector<KernelRoute>& foreign) {
-    const auto found = std::ranges::find_if(foreign, [&](const KernelRoute& one) {
-        return one.is_at_place_of(route.place());
-    });
+    const auto found = std::ranges::find_if(
+        foreign, [&](const KernelRoute& one) { return one.is_at_place_of(route.place()); });
     return found == foreign.end() ? nullptr : &*found;
 }
 
@@ -145,7 +144,9 @@ void ServedNamespace::learn_foreign(const Wanted& wanted, std::string& problem) 
 
 View ServedNamespace::look(const Surroundings& surroundings, bool guesses) {
     Listing listing = list_kernel_state(socket_);
-    View view{.wanted = {}, .kernel = std::move(listing.state), .foreign = {},
+    View view{.wanted = {},
+              .kernel = std::move(listing.state),
+              .foreign = {},
               .problem = std::move(listing.problem)};
     if (!listing.has_next_hops) {
         mode_ = Mode::plain;

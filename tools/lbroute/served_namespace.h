@@ -65,7 +65,7 @@ class ServedNamespace {
         View view;  ///< after it
         std::vector<Step> taken;
         std::vector<std::string> failed_removals;
-        std::string mode_reason;  ///< told when the kernel was found to lack something
+        std::string mode_reason;    ///< told when the kernel was found to lack something
         bool is_uncertain = false;  ///< some route waits for what the dumps will tell
         bool is_shared = false;     ///< some next hop follows the dumps
         /// Addresses of the uplinks that left the last route of their family which used them.

@@ -46,8 +46,7 @@ Site::Stamp Site::stamp_of(const std::string& path) {
     if (stat(path.c_str(), &found) != 0) {
         return {};
     }
-    return {found.st_dev, found.st_ino, found.st_size, found.st_mtim.tv_sec,
-            found.st_mtim.tv_nsec};
+    return {found.st_dev, found.st_ino, found.st_size, found.st_mtim.tv_sec, found.st_mtim.tv_nsec};
 }
 
 bool Site::read_configuration() {

@@ -112,7 +112,7 @@ class UsableGroups {
     const Group* take(const PlannedRoute& route) {
         const auto at_place = by_place_.find(place_of(route));
         const auto of_prefix = by_prefix_.find(route.prefix);
-        const Group* group = at_place != by_place_.end()    ? at_place->second
+        const Group* group = at_place != by_place_.end()     ? at_place->second
                              : of_prefix != by_prefix_.end() ? of_prefix->second
                                                              : nullptr;
         return group != nullptr && taken_.insert(group->id).second ? group : nullptr;
@@ -129,9 +129,8 @@ std::vector<PathHop> sorted(std::vector<PathHop> hops) {
     for (PathHop& hop : hops) {
         hop.is_dead = false;
     }
-    std::ranges::sort(hops, {}, [](const PathHop& hop) {
-        return std::tuple(hop.link, hop.gateway, hop.weight);
-    });
+    std::ranges::sort(
+        hops, {}, [](const PathHop& hop) { return std::tuple(hop.link, hop.gateway, hop.weight); });
     return hops;
 }
 
@@ -216,8 +215,8 @@ std::vector<Step> group_steps(Wanted& wanted, const KernelState& kernel, Mode mo
         group.is_resilient = mode == Mode::sticky;
         if (group.is_resilient) {
             // The number of buckets of a group that stands can not be changed.
-            group.buckets = standing != nullptr ? standing->buckets
-                                                : static_cast<std::uint16_t>(new_buckets);
+            group.buckets =
+                standing != nullptr ? standing->buckets : static_cast<std::uint16_t>(new_buckets);
             group.idle_timer_s = idle_timer_s;
             group.unbalanced_timer_s = unbalanced_timer_s;
         }
@@ -271,8 +270,8 @@ std::vector<Step> removal_steps(const Wanted& wanted, const KernelState& kernel)
     }
     std::unordered_set<std::uint32_t> used_groups;
     for (const KernelRoute& route : kernel.routes) {
-        const bool is_kept = !wanted.knows(route.prefix.address.family) ||
-                             kept.contains(place_of(route));
+        const bool is_kept =
+            !wanted.knows(route.prefix.address.family) || kept.contains(place_of(route));
         if (is_kept) {
             used_groups.insert(route.group_id);
         } else {

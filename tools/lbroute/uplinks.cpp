@@ -27,10 +27,8 @@ constexpr std::size_t longest_dumped_namespace = 32;
 
 /// The rule for one family; a rule may have members of both.
 UplinkRule rule_of(const LBRule& rule, Family family) {
-    UplinkRule made{.namespace_name = rule.namespace_name,
-                    .family = family,
-                    .targets = {},
-                    .members = {}};
+    UplinkRule made{
+        .namespace_name = rule.namespace_name, .family = family, .targets = {}, .members = {}};
     for (const auto& [text, metric] : rule.targets) {
         if (const auto prefix = prefix_of(text); prefix && prefix->address.family == family) {
             made.targets.insert(*prefix);
@@ -75,8 +73,7 @@ std::optional<Prefix> prefix_of(const std::string& text) {
         return std::nullopt;
     }
     const std::string address_text = text.substr(0, slash);
-    const Family family =
-        address_text.find(':') == std::string::npos ? Family::ipv4 : Family::ipv6;
+    const Family family = address_text.find(':') == std::string::npos ? Family::ipv4 : Family::ipv6;
     const auto address = Address::parse(address_text, family);
     int length = -1;
     const char* const end = text.data() + text.size();

@@ -20,6 +20,7 @@
 #include "lbroute/folder_watch.h"
 #include "lbroute/holds.h"
 #include "lbroute/journal.h"
+#include "lbroute/ownership.h"
 #include "lbroute/served_namespace.h"
 #include "lbroute/site.h"
 #include "platform/notify_socket.h"
@@ -76,10 +77,16 @@ class Daemon {
                          "open files is too low");
             return 1;
         }
+        if (!take_place()) {
+            return 1;
+        }
         loop_.watch(signals_.get());
         loop_.watch(files_.descriptor());
         loop_.watch(mounts_.get(), true);
         work();
+        if (is_refused_) {
+            return end(1);
+        }
         notify_.send("READY=1");
         if (options_.runs_once) {
             return finish_once();
@@ -92,7 +99,7 @@ class Daemon {
             }
         }
         notify_.send("STOPPING=1");
-        return end();
+        return end(is_refused_ ? 1 : 0);
     }
 
   private:
@@ -104,6 +111,35 @@ class Daemon {
         std::map<std::string, std::string> paths;  ///< what was told of each route
         bool is_shared = false;
     };
+
+    // The place of the routing daemon.
+
+    bool take_place() {
+        std::string problem;
+        folder_ = StateFolder::open(StateFolder::usual_path, StateFolder::IfMissing::make, problem);
+        if (!folder_.is_open()) {
+            journal_.say(Level::error, problem);
+            return false;
+        }
+        ownership_.emplace(folder_);
+        return told(ownership_->begin());
+    }
+
+    bool claim(const std::string& name) {
+        const bool is_ours = told(ownership_->claim(name));
+        is_refused_ |= !is_ours;
+        return is_ours;
+    }
+
+    bool told(const Ownership::Outcome& outcome) const {
+        for (const std::string& note : outcome.notes) {
+            journal_.say(Level::notice, note);
+        }
+        if (outcome.kind != Ownership::Outcome::Kind::owned) {
+            journal_.say(Level::error, outcome.reason);
+        }
+        return outcome.kind == Ownership::Outcome::Kind::owned;
+    }
 
     // What happened.
 
@@ -214,6 +250,10 @@ class Daemon {
         if (due.configuration || due.namespaces) {
             follow_namespaces(to_read);
         }
+        if (is_refused_) {
+            is_ending_ = true;
+            return;
+        }
         for (const std::string& name : to_read) {
             read_fragments(name);
             to_route.insert(name);
@@ -229,8 +269,17 @@ class Daemon {
     /// Namespaces come and go with the configuration, and with their names below /var/run/netns.
     void follow_namespaces(std::set<std::string>& to_read) {
         const std::set<std::string> named = site_.uplinks().namespaces();
-        std::erase_if(served_, [&](const auto& entry) { return !named.contains(entry.first); });
+        std::erase_if(served_, [&](const auto& entry) {
+            const bool is_gone = !named.contains(entry.first);
+            if (is_gone) {
+                ownership_->release(entry.first);
+            }
+            return is_gone;
+        });
         for (const std::string& name : named) {
+            if (!served_.contains(name) && !claim(name)) {
+                return;
+            }
             const auto [entry, is_new] = served_.try_emplace(name, name, options_);
             std::string problem;
             const bool has_changed = entry->second.kernel.follow(problem);
@@ -377,10 +426,10 @@ class Daemon {
                 is_good &= file.problems().empty();
             }
         }
-        return is_good ? 0 : 1;
+        return end(is_good ? 0 : 1);
     }
 
-    int end() {
+    int end(int status) {
         if (options_.flushes) {
             for (auto& [name, served] : served_) {
                 for (const std::string& failed : served.kernel.flush()) {
@@ -388,7 +437,8 @@ class Daemon {
                 }
             }
         }
-        return 0;
+        ownership_->release_all();
+        return status;
     }
 
     const Options& options_;
@@ -399,10 +449,13 @@ class Daemon {
     EventLoop loop_;
     FolderWatch files_;
     Site site_;
+    StateFolder folder_;
+    std::optional<Ownership> ownership_;
     std::vector<Hold> holds_;
     std::map<std::string, Served> served_;
     Due due_;
     bool is_ending_ = false;
+    bool is_refused_ = false;  // another routing daemon has one of the places
 };
 
 }  // namespace

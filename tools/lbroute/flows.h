@@ -39,7 +39,7 @@ class FlowTable {
     /// for ever and go on when the uplink is only held or bad.
     ///
     /// Blocks for the time of one look through the table of each family among the addresses (about
-    /// 50 ms for 20,000 entries), at most two seconds where the kernel does not answer.
+    /// 0.2 s for 20,000 entries), at most two seconds where the kernel does not answer.
     Result delete_translated(std::span<const Address> addresses);
 
   private:

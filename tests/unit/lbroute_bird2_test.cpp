@@ -107,6 +107,39 @@ TEST(LbrouteBird2, interface_name_that_bird_cannot_quote_is_left_out_and_told) {
                                        "no way to write the name of interface a'; drop"});
 }
 
+TEST(LbrouteBird2, plan_gives_the_next_hops_in_use_and_metrics_that_differ_from_the_kernels_own) {
+    const auto planned = [](const Prefix& prefix, std::uint32_t priority) {
+        lbroute::PlannedRoute route;
+        route.prefix = prefix;
+        route.priority = priority;
+        return route;
+    };
+    lbroute::PlannedHop used;
+    used.gateway = ipv4("10.0.0.1");
+    used.interface = "gi1_1";
+    used.weight = 7;
+    lbroute::PlannedHop held = used;
+    held.state = lbroute::HopState::held;
+    lbroute::PlannedHop last = used;
+    last.state = lbroute::HopState::last_though_held;
+    std::vector<lbroute::PlannedRoute> plan = {
+        planned(everything4, 0), planned({ipv4("10.0.0.0"), 8}, 20),
+        planned({ipv4("10.1.0.0"), 16}, 0), planned(everything6, 1024)};
+    plan[0].hops = {used, held};
+    plan[1].hops = {last};
+    plan[2].hops = {held};
+    plan[3].hops = {used};
+    const Bird2Routes made = lbroute::bird2_routes(plan, Family::ipv4, true);
+    EXPECT_TRUE(made.check_link);
+    const std::vector<lbroute::Bird2Route> expected = {
+        {everything4, {hop(ipv4("10.0.0.1"), "gi1_1", 7)}, {}},
+        {{ipv4("10.0.0.0"), 8}, {hop(ipv4("10.0.0.1"), "gi1_1", 7)}, 20U}};
+    EXPECT_EQ(made.routes, expected);
+    const Bird2Routes made6 = lbroute::bird2_routes(plan, Family::ipv6, false);
+    ASSERT_EQ(made6.routes.size(), 1U);
+    EXPECT_EQ(made6.routes[0].metric, std::nullopt);
+}
+
 /// A file of bird's and a command that counts its runs.
 class LbrouteBird2File : public testing::Test {
   protected:

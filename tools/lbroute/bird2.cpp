@@ -97,6 +97,28 @@ std::string text_of(const std::string& path) {
 
 }  // namespace
 
+Bird2Routes bird2_routes(const std::vector<PlannedRoute>& planned, Family family, bool check_link) {
+    Bird2Routes made{.check_link = check_link, .routes = {}};
+    for (const PlannedRoute& route : planned) {
+        if (route.prefix.address.family != family) {
+            continue;
+        }
+        Bird2Route one{.prefix = route.prefix, .hops = {}, .metric = {}};
+        for (const PlannedHop* hop : route.routed()) {
+            one.hops.push_back(
+                {.gateway = hop->gateway, .interface = hop->interface, .weight = hop->weight});
+        }
+        // Without krt_metric bird leaves the kernel's own.
+        if (route.priority != priority_of(family, std::nullopt)) {
+            one.metric = route.priority;
+        }
+        if (!one.hops.empty()) {
+            made.routes.push_back(std::move(one));
+        }
+    }
+    return made;
+}
+
 Bird2Text bird2_text(const Bird2Routes& ipv4, const Bird2Routes& ipv6) {
     Bird2Text made{.text = heading, .left_out = {}};
     add_protocol("protocol static lbroute4 {\n\tipv4;\n", ipv4, made);

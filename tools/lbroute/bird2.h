@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "lbroute/address.h"
+#include "lbroute/plan.h"
 
 /// The routes in the syntax of bird 2 and 3, for machines where one of them writes the kernel's.
 namespace lbroute {
@@ -36,6 +37,9 @@ struct Bird2Text {
     std::string text;                   ///< of the whole file, one static protocol a family
     std::vector<std::string> left_out;  ///< what bird cannot be told, for the log
 };
+
+/// The family's routes of a plan, with the next hops that are in use; a route without any is none.
+Bird2Routes bird2_routes(const std::vector<PlannedRoute>& planned, Family family, bool check_link);
 
 Bird2Text bird2_text(const Bird2Routes& ipv4, const Bird2Routes& ipv6);
 

@@ -15,12 +15,14 @@
 #include <set>
 
 #include "decision/route_text.h"
+#include "lbroute/daemon_record.h"
 #include "lbroute/event_loop.h"
 #include "lbroute/findings.h"
 #include "lbroute/folder_watch.h"
 #include "lbroute/holds.h"
 #include "lbroute/journal.h"
 #include "lbroute/ownership.h"
+#include "lbroute/processes.h"
 #include "lbroute/served_namespace.h"
 #include "lbroute/site.h"
 #include "platform/notify_socket.h"
@@ -83,6 +85,9 @@ class Daemon {
         loop_.watch(signals_.get());
         loop_.watch(files_.descriptor());
         loop_.watch(mounts_.get(), true);
+        if (options_.flushes && options_.runs_once) {
+            return flush_and_end();
+        }
         work();
         if (is_refused_) {
             return end(1);
@@ -110,6 +115,8 @@ class Daemon {
         std::optional<std::int64_t> uncertain_since_ms;
         std::map<std::string, std::string> paths;  ///< what was told of each route
         bool is_shared = false;
+        bool is_uncertain = false;
+        bool is_good = false;  ///< everything that the fragments ask for is in force
     };
 
     // The place of the routing daemon.
@@ -122,6 +129,11 @@ class Daemon {
             return false;
         }
         ownership_.emplace(folder_);
+        record_.pid = getpid();
+        record_.start = start_of(record_.pid);
+        record_.table = options_.table;
+        record_.is_sticky = options_.is_sticky;
+        record_.bird2_file = options_.bird2_file;
         return told(ownership_->begin());
     }
 
@@ -264,6 +276,20 @@ class Daemon {
             }
         }
         watch_files();
+        leave_record();
+    }
+
+    void leave_record() {
+        if (record_ != left_) {
+            Journal::Problems problems;
+            const std::string problem = write_record(folder_, record_);
+            if (!problem.empty()) {
+                problems["lbroute status will lack the kernel's reasons: " + problem] =
+                    Level::warning;
+            }
+            journal_.tell("record", problems);
+            left_ = record_;
+        }
     }
 
     /// Namespaces come and go with the configuration, and with their names below /var/run/netns.
@@ -333,30 +359,49 @@ class Daemon {
         return differs;
     }
 
-    Surroundings surroundings_of(const std::string& name) const {
-        Surroundings surroundings{.uplinks = site_.uplinks(), .held = {}};
-        for (const Hold& hold : holds_) {
-            if (hold.namespace_name == name) {
-                surroundings.held[hold.family == Family::ipv4 ? 0 : 1][hold.interface] =
-                    hold.is_forced;
-            }
-        }
-        return surroundings;
-    }
-
     void route(const std::string& name, Served& served) {
         if (!served.kernel.is_entered()) {
             return;
         }
         const bool guesses = served.uncertain_since_ms && is_over(*served.uncertain_since_ms);
-        const auto result = served.kernel.put_into_force(surroundings_of(name), guesses);
+        const auto result =
+            served.kernel.put_into_force(surroundings_of(name, site_.uplinks(), holds_), guesses);
         if (!result.is_uncertain && !guesses) {
             served.uncertain_since_ms.reset();
         } else if (!served.uncertain_since_ms) {
             served.uncertain_since_ms = boottime_ms();
         }
         served.is_shared = result.is_shared;
+        served.is_uncertain = result.is_uncertain;
         tell_changes(name, served, result);
+        forget_flows(name, served, result.abandoned);
+        if (result.is_whole()) {
+            note_refusals(record_, name, result.view);
+        }
+    }
+
+    void forget_flows(const std::string& name, Served& served,
+                      const std::vector<Address>& addresses) {
+        if (options_.keeps_flows || addresses.empty()) {
+            return;
+        }
+        const FlowTable::Result flows = served.kernel.forget_flows(addresses);
+        const std::string where = name.empty() ? "" : "namespace " + name + ": ";
+        Journal::Problems problems;
+        if (!flows.problem.empty()) {
+            problems[where + "translated flows of a lost uplink stay: " + flows.problem] =
+                Level::warning;
+        }
+        journal_.tell("flows " + name, problems);
+        if (flows.deleted > 0) {
+            std::string text;
+            for (const Address& address : addresses) {
+                text += (text.empty() ? "" : ", ") + address.text();
+            }
+            journal_.say(Level::information, where + "forgot " + std::to_string(flows.deleted) +
+                                                 " flows translated to " + text +
+                                                 ": their uplink left its last route");
+        }
     }
 
     void tell_changes(const std::string& name, Served& served,
@@ -372,6 +417,8 @@ class Daemon {
             problems["not removed: " + failed] = Level::warning;
         }
         journal_.tell("routes " + name, problems);
+        served.is_good = std::ranges::all_of(
+            problems, [](const auto& problem) { return problem.second >= Level::notice; });
         if (!result.view.problem.empty()) {
             return;
         }
@@ -382,7 +429,9 @@ class Daemon {
         std::vector<std::string> changes;
         for (const auto& [title, path] : paths) {
             const auto before = served.paths.find(title);
-            if (before == served.paths.end() || before->second != path) {
+            const bool has_changed = before == served.paths.end() || before->second != path;
+            // That a route has none is told with the reason, as a problem.
+            if (has_changed && path != no_path) {
                 changes.push_back(title + " " + path);
             }
         }
@@ -419,9 +468,16 @@ class Daemon {
 
     // The end.
 
+    /// Waits for what is just being written, and no longer.
     int finish_once() {
-        bool is_good = true;
-        for (auto& [name, served] : served_) {
+        while (next_deadline_ms() && !is_ending_ && is_waiting_for_files()) {
+            loop_.wait(next_deadline_ms());
+            gather();
+            work();
+        }
+        bool is_good = !is_refused_;
+        for (const auto& [name, served] : served_) {
+            is_good &= served.is_good;
             for (const FragmentFile& file : served.kernel.fragments()) {
                 is_good &= file.problems().empty();
             }
@@ -429,11 +485,32 @@ class Daemon {
         return end(is_good ? 0 : 1);
     }
 
+    bool is_waiting_for_files() const {
+        return site_.read_again_at_ms() || std::ranges::any_of(served_, [](const auto& entry) {
+                   return entry.second.is_uncertain ||
+                          std::ranges::any_of(entry.second.kernel.fragments(),
+                                              [](const FragmentFile& file) {
+                                                  return file.read_again_at_ms().has_value();
+                                              });
+               });
+    }
+
+    int flush_and_end() {
+        site_.read_configuration();
+        std::set<std::string> ignored;
+        follow_namespaces(ignored);
+        return end(is_refused_ ? 1 : 0);
+    }
+
     int end(int status) {
-        if (options_.flushes) {
+        if (options_.flushes && !is_refused_) {
             for (auto& [name, served] : served_) {
+                if (!served.kernel.is_entered()) {
+                    continue;
+                }
                 for (const std::string& failed : served.kernel.flush()) {
                     journal_.say(Level::error, "not removed: " + failed);
+                    status = 1;
                 }
             }
         }
@@ -451,6 +528,8 @@ class Daemon {
     Site site_;
     StateFolder folder_;
     std::optional<Ownership> ownership_;
+    DaemonRecord record_;
+    DaemonRecord left_;  // as it was written
     std::vector<Hold> holds_;
     std::map<std::string, Served> served_;
     Due due_;

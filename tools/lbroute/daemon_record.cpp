@@ -1,8 +1,7 @@
 #include "lbroute/daemon_record.h"
 
-#include <nlohmann/json.hpp>
-
 #include "lbroute/processes.h"
+#include <nlohmann/json.hpp>
 
 namespace lbroute {
 
@@ -63,13 +62,10 @@ std::string record_text(const DaemonRecord& record) {
         routes.push_back(
             {{"namespace", place.first}, {"prefix", place.second}, {"reason", reason}});
     }
-    const json text{{"pid", record.pid},
-                    {"start", record.start},
-                    {"table", record.table},
-                    {"sticky", record.is_sticky},
-                    {"bird2_file", record.bird2_file},
-                    {"refused_hops", hops},
-                    {"refused_routes", routes}};
+    const json text{
+        {"pid", record.pid},          {"start", record.start},           {"table", record.table},
+        {"sticky", record.is_sticky}, {"bird2_file", record.bird2_file}, {"refused_hops", hops},
+        {"refused_routes", routes}};
     return text.dump(1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 

@@ -16,7 +16,7 @@
 namespace lbroute {
 
 struct DaemonRecord {
-    pid_t pid = 0;  ///< 0: there is no record
+    pid_t pid = 0;      ///< 0: there is no record
     std::string start;  ///< of the process, as `start_of` gives it
     std::uint32_t table = main_table;
     bool is_sticky = true;

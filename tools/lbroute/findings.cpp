@@ -49,7 +49,7 @@ std::string path_text(const PlannedRoute& route) {
         text +=
             (text.empty() ? "" : ", ") + hop_text(*hop) + " weight " + std::to_string(hop->weight);
     }
-    return text.empty() ? "no next hop" : text;
+    return text.empty() ? no_path : text;
 }
 
 const char* word_of(HopState state) {

@@ -11,7 +11,8 @@ namespace lbroute {
 /// "IPv4 10.0.0.0/8", with the namespace in front where it is not the default one.
 std::string title_of(const PlannedRoute& route, const std::string& namespace_name);
 
-/// "via 192.0.2.1 dev gi1_1 weight 2, via ...", of the hops that are routed; "no next hop".
+inline constexpr const char* no_path = "no next hop";
+/// "via 192.0.2.1 dev gi1_1 weight 2, via ...", of the hops that are routed; or `no_path`.
 std::string path_text(const PlannedRoute& route);
 
 /// One word for a state: "routed", "held", "no carrier", "refused" and so on.

@@ -4,6 +4,7 @@
 #include <numeric>
 
 #include "lbroute/resolve.h"
+#include "lbroute/weights.h"
 
 namespace lbroute {
 
@@ -19,6 +20,7 @@ PlannedHop planned_hop(const ResolvedHop& hop, bool check_link, const PlanContex
                        .interface = hop.interface,
                        .link = 0,
                        .state = HopState::routed,
+                       .is_hold_forced = false,
                        .reason = {}};
     if (hop.interface.empty()) {
         planned.state = HopState::no_interface;
@@ -64,7 +66,7 @@ void settle_holds(PlannedRoute& route) {
     for (PlannedHop& hop : route.hops) {
         if (hop.state == HopState::last_though_held && has_other) {
             hop.state = HopState::held;
-        } else if (hop.state == HopState::held && !has_other && hop.reason.empty()) {
+        } else if (hop.state == HopState::held && !has_other && !hop.is_hold_forced) {
             hop.state = HopState::last_though_held;
         }
     }
@@ -111,7 +113,7 @@ std::vector<PlannedRoute> plan_routes(const Fragment& fragment, const PlanContex
             const auto hold = context.held->find(hop.interface);
             if (planned.state == HopState::routed && hold != context.held->end()) {
                 planned.state = HopState::held;
-                planned.reason = hold->second ? "with --force" : "";
+                planned.is_hold_forced = hold->second;
             }
             add_hop(route.hops, std::move(planned));
         }
@@ -137,32 +139,18 @@ bool refuse_hop(std::vector<PlannedRoute>& routes, const Address& gateway, int l
 }
 
 std::vector<int> kernel_weights(const std::vector<const PlannedHop*>& hops, int buckets) {
-    constexpr std::int64_t most = 256;
-    std::vector<std::int64_t> weights;
+    constexpr int most = 256;  // as many as 8 bits hold; kernels since 6.12 take more in groups
+    std::vector<int> given;
     for (const PlannedHop* hop : hops) {
-        weights.push_back(hop->weight);
+        given.push_back(hop->weight);
     }
-    const std::int64_t heaviest = weights.empty() ? 1 : *std::ranges::max_element(weights);
-    if (heaviest > most) {
-        std::int64_t divisor = 0;
-        for (const std::int64_t weight : weights) {
-            divisor = std::gcd(divisor, weight);
-        }
-        const std::int64_t reduced = heaviest / divisor;
-        for (std::int64_t& weight : weights) {
-            weight /= divisor;
-            if (reduced > most) {
-                weight = std::max<std::int64_t>(1, (weight * most + reduced / 2) / reduced);
-            }
-        }
+    std::vector<int> weights = scaled_weights(given, most);
+    const int total = std::accumulate(weights.begin(), weights.end(), 0);
+    const int least = buckets == 0 ? 1 : (total + buckets - 1) / buckets;
+    for (int& weight : weights) {
+        weight = std::min(most, std::max(weight, least));
     }
-    const std::int64_t total = std::accumulate(weights.begin(), weights.end(), std::int64_t{0});
-    std::vector<int> scaled;
-    for (const std::int64_t weight : weights) {
-        const std::int64_t least = buckets == 0 ? 1 : (total + buckets - 1) / buckets;
-        scaled.push_back(static_cast<int>(std::min(most, std::max(weight, least))));
-    }
-    return scaled;
+    return weights;
 }
 
 }  // namespace lbroute

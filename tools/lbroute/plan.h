@@ -35,7 +35,8 @@ struct PlannedHop {
     std::string interface;
     int link = 0;
     HopState state = HopState::routed;
-    std::string reason;  ///< why it is not routed, where its state does not tell alone
+    bool is_hold_forced = false;  ///< held also where nothing else is left
+    std::string reason;           ///< why it is not routed, where its state does not tell alone
 
     bool is_routed() const {
         return state == HopState::routed || state == HopState::last_though_held;

@@ -5,10 +5,9 @@
 #include <numeric>
 #include <set>
 
-#include <nlohmann/json.hpp>
-
 #include "lbroute/commands.h"
 #include "lbroute/findings.h"
+#include <nlohmann/json.hpp>
 
 namespace lbroute {
 
@@ -101,8 +100,8 @@ ReportedRoute base_of(const PlannedRoute& route) {
 }
 
 /// Compares a planned route with the one that stands, hop by hop; false where they differ.
-bool compare_hops(ReportedRoute& reported, const PlannedRoute& route,
-                  const StandingRoute& standing, const KernelState& kernel) {
+bool compare_hops(ReportedRoute& reported, const PlannedRoute& route, const StandingRoute& standing,
+                  const KernelState& kernel) {
     std::vector<const StandingHop*> found;
     std::set<HopPlace> planned;
     bool is_same = true;
@@ -141,8 +140,7 @@ bool compare_hops(ReportedRoute& reported, const PlannedRoute& route,
         weights.push_back(standing.hops.at({hop->gateway, hop->link}).weight);
     }
     const Group* group = kernel.group(route.group_id);
-    return are_proportional(kernel_weights(routed, group == nullptr ? 0 : group->buckets),
-                            weights);
+    return are_proportional(kernel_weights(routed, group == nullptr ? 0 : group->buckets), weights);
 }
 
 /// Whether the fragment asks for something that nobody means to leave out.
@@ -199,12 +197,13 @@ std::string route_text(const ReportedRoute& route) {
         text += "    refused: " + route.refusal + "\n";
     }
     if (!route.in_place.empty()) {
-        text += "    in its place stands a route of others, which ends with: " + route.in_place +
-                "\n";
+        text +=
+            "    in its place stands a route of others, which ends with: " + route.in_place + "\n";
     }
     for (const std::string& command : route.shadowed_by) {
-        text += "    shadowed by a route of others with a lower metric, which ends with: " +
-                command + "\n";
+        text +=
+            "    shadowed by a route of others with a lower metric, which ends with: " + command +
+            "\n";
     }
     return text;
 }
@@ -241,8 +240,11 @@ std::string hold_line(const Hold& hold, std::int64_t now_ms) {
 }
 
 json json_of(const ReportedHop& hop) {
-    json shown{{"gateway", hop.gateway}, {"interface", hop.interface}, {"weight", hop.weight},
-               {"state", hop.state},     {"reason", hop.reason}};
+    json shown{{"gateway", hop.gateway},
+               {"interface", hop.interface},
+               {"weight", hop.weight},
+               {"state", hop.state},
+               {"reason", hop.reason}};
     shown["buckets"] = hop.buckets ? json(*hop.buckets) : json();
     shown["share_percent"] = hop.share_percent ? json(*hop.share_percent) : json();
     return shown;
@@ -268,9 +270,8 @@ json json_of(const ReportedRoute& route) {
 json json_of(const ReportedNamespace& one) {
     json fragments = json::array();
     for (const ReportedFragment& fragment : one.fragments) {
-        fragments.push_back({{"path", fragment.path},
-                             {"state", fragment.state},
-                             {"problems", fragment.problems}});
+        fragments.push_back(
+            {{"path", fragment.path}, {"state", fragment.state}, {"problems", fragment.problems}});
     }
     json routes = json::array();
     for (const ReportedRoute& route : one.routes) {
@@ -306,10 +307,9 @@ std::vector<ReportedRoute> reported_routes(const View& view, const DaemonRecord&
     std::vector<const KernelRoute*> planned;
     for (PlannedRoute route : view.wanted.routes) {
         ReportedRoute& reported = routes.emplace_back(base_of(route));
-        const auto stands =
-            std::ranges::find_if(view.kernel.routes, [&](const KernelRoute& one) {
-                return one.is_at_place_of(route.place());
-            });
+        const auto stands = std::ranges::find_if(view.kernel.routes, [&](const KernelRoute& one) {
+            return one.is_at_place_of(route.place());
+        });
         StandingRoute standing;
         const bool is_there = stands != view.kernel.routes.end();
         if (is_there) {
@@ -375,11 +375,10 @@ std::string span_text(std::int64_t span_ms) {
 }
 
 std::string report_text(const Report& report) {
-    std::string text = report.is_running
-                           ? std::string("lbroute runs as process ")
-                                 .append(std::to_string(report.daemon.pid))
-                                 .append("\n")
-                           : "lbroute does not run\n";
+    std::string text = report.is_running ? std::string("lbroute runs as process ")
+                                               .append(std::to_string(report.daemon.pid))
+                                               .append("\n")
+                                         : "lbroute does not run\n";
     for (const std::string& problem : report.problems) {
         text += problem + "\n";
     }
@@ -400,9 +399,8 @@ std::string report_json(const Report& report) {
                          {"family", hold.family == Family::ipv4 ? 4 : 6},
                          {"namespace", hold.namespace_name},
                          {"forced", hold.is_forced},
-                         {"seconds_left", hold.until_ms
-                                              ? json((*hold.until_ms - report.now_ms) / 1000)
-                                              : json()}});
+                         {"seconds_left",
+                          hold.until_ms ? json((*hold.until_ms - report.now_ms) / 1000) : json()}});
     }
     json namespaces = json::array();
     for (const ReportedNamespace& one : report.namespaces) {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,10 +17,10 @@ namespace lbroute {
 struct ReportedHop {
     std::string gateway;
     std::string interface;
-    int weight = 0;           ///< the fragment's; of a leftover the kernel's
-    std::string state;        ///< "routed", "held", "no carrier", "refused", "missing", "leftover"
+    int weight = 0;     ///< the fragment's; of a leftover the kernel's
+    std::string state;  ///< "routed", "held", "no carrier", "refused", "missing", "leftover"
     std::string reason;
-    std::optional<int> buckets;        ///< of a sticky route
+    std::optional<int> buckets;           ///< of a sticky route
     std::optional<double> share_percent;  ///< of the route's flows, as the kernel divides them
 };
 
@@ -32,7 +32,7 @@ struct ReportedRoute {
     std::string state;  ///< "ok", "differs", "missing", "leftover", "shadowed"
     std::string mode;   ///< as it stands: "sticky", "group", "plain"; empty where it does not
     std::string refusal;
-    std::string in_place;                 ///< the command that ends the route in its place
+    std::string in_place;                  ///< the command that ends the route in its place
     std::vector<std::string> shadowed_by;  ///< the commands that would end them
     std::vector<ReportedHop> hops;
 

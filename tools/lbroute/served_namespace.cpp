@@ -8,14 +8,6 @@
 
 namespace lbroute {
 
-namespace {
-
-std::size_t place_of(Family family) {
-    return family == Family::ipv4 ? 0 : 1;
-}
-
-}  // namespace
-
 std::vector<const KernelRoute*> shadowing(const PlannedRoute& route,
                                           const std::vector<KernelRoute>& foreign) {
     std::vector<const KernelRoute*> found;
@@ -51,6 +43,7 @@ bool ServedNamespace::follow(std::string& problem) {
     const bool was_entered = is_entered();
     socket_ = RouteSocket();
     monitor_ = RouteMonitor();
+    flows_.reset();
     identity_.reset();
     in_use_.clear();
     knows_foreign_ = false;
@@ -63,6 +56,7 @@ bool ServedNamespace::follow(std::string& problem) {
         // The announcements first: what changes while the tables are read is announced.
         monitor_ = RouteMonitor::open(problem);
         socket_ = RouteSocket::open(problem);
+        flows_.emplace();
     }
     if (!problem.empty()) {
         socket_ = RouteSocket();
@@ -121,7 +115,7 @@ Wanted ServedNamespace::plan(const Surroundings& surroundings, const KernelState
                                   .mode = mode,
                                   .uplinks = &surroundings.uplinks,
                                   .kernel = &kernel,
-                                  .held = &surroundings.held[place_of(file.family())],
+                                  .held = &surroundings.held_in(file.family()),
                                   .guesses = guesses};
         std::ranges::move(plan_routes(*fragment, context), std::back_inserter(wanted.routes));
     }
@@ -159,6 +153,17 @@ View ServedNamespace::look(const Surroundings& surroundings, bool guesses) {
 
 ServedNamespace::Result ServedNamespace::put_into_force(const Surroundings& surroundings,
                                                         bool guesses) {
+    return apply(surroundings, guesses,
+                 [this](std::span<const Step> steps) { return socket_.take(steps); });
+}
+
+ServedNamespace::Result ServedNamespace::rehearse(const Surroundings& surroundings, bool guesses) {
+    return apply(surroundings, guesses,
+                 [](std::span<const Step> steps) { return std::vector<Answer>(steps.size()); });
+}
+
+ServedNamespace::Result ServedNamespace::apply(const Surroundings& surroundings, bool guesses,
+                                               const TakeSteps& take) {
     Result result;
     result.view = look(surroundings, guesses);
     if (!result.view.problem.empty()) {
@@ -167,8 +172,7 @@ ServedNamespace::Result ServedNamespace::put_into_force(const Surroundings& surr
     const KernelState before = result.view.kernel;
     Application done = lbroute::put_into_force(
         [&](Mode mode) { return plan(surroundings, before, guesses, mode); }, before,
-        result.view.foreign, mode_,
-        [this](std::span<const Step> steps) { return socket_.take(steps); });
+        result.view.foreign, mode_, take);
     mode_ = done.mode;
     result.mode_reason = std::move(done.mode_reason);
     result.view.wanted = std::move(done.wanted);
@@ -246,6 +250,11 @@ std::vector<Address> ServedNamespace::note_use(const KernelState& before, const 
     }
     in_use_ = std::move(now);
     return abandoned;
+}
+
+FlowTable::Result ServedNamespace::forget_flows(const std::vector<Address>& addresses) {
+    return flows_ && !addresses.empty() ? flows_->delete_translated(addresses)
+                                        : FlowTable::Result{};
 }
 
 std::vector<std::string> ServedNamespace::flush() {

@@ -9,21 +9,16 @@
 #include <vector>
 
 #include "lbroute/apply.h"
+#include "lbroute/flows.h"
 #include "lbroute/fragment_file.h"
 #include "lbroute/net_namespace.h"
 #include "lbroute/options.h"
 #include "lbroute/rtnetlink.h"
-#include "lbroute/uplinks.h"
+#include "lbroute/surroundings.h"
 
 /// One network namespace: its two fragments, its sockets to the kernel, and the way from the one to
 /// the other. For one thread.
 namespace lbroute {
-
-/// What the plans of a namespace follow beside its fragments.
-struct Surroundings {
-    Uplinks uplinks;
-    std::array<HeldInterfaces, 2> held;  ///< by family
-};
 
 /// What a namespace's kernel has, beside what it is to have.
 struct View {
@@ -70,8 +65,15 @@ class ServedNamespace {
         bool is_shared = false;     ///< some next hop follows the dumps
         /// Addresses of the uplinks that left the last route of their family which used them.
         std::vector<Address> abandoned;
+
+        bool is_whole() const { return view.problem.empty(); }
     };
+    /// Deletes the connection-tracking entries translated to these addresses.
+    FlowTable::Result forget_flows(const std::vector<Address>& addresses);
+
     Result put_into_force(const Surroundings& surroundings, bool guesses);
+    /// The same with a kernel that takes everything and does nothing.
+    Result rehearse(const Surroundings& surroundings, bool guesses);
 
     /// Takes away everything of ours; what could not be is told.
     std::vector<std::string> flush();
@@ -83,6 +85,7 @@ class ServedNamespace {
     Listing list();
 
   private:
+    Result apply(const Surroundings& surroundings, bool guesses, const TakeSteps& take);
     Wanted plan(const Surroundings& surroundings, const KernelState& kernel, bool guesses,
                 Mode mode) const;
     void learn_foreign(const Wanted& wanted, std::string& problem);
@@ -94,6 +97,7 @@ class ServedNamespace {
     std::optional<NamespaceIdentity> identity_;
     RouteSocket socket_;
     RouteMonitor monitor_;
+    std::optional<FlowTable> flows_;
     std::array<FragmentFile, 2> fragments_;
 
     std::set<Prefix> watched_prefixes_;  // whose foreign routes are known

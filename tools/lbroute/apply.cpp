@@ -23,6 +23,7 @@ class Applier {
         // Each round that does not come to the end leaves the mode less than it was.
         do {
             done_.wanted = plan_(done_.mode);
+            refuse_taken_places(done_.wanted, done_.kernel, foreign_);
         } while (!put_hops() || !put_groups());
         put_routes();
         remove_leftovers();
@@ -143,8 +144,7 @@ class Applier {
         }
         for (PlannedRoute& route : done_.wanted.routes) {
             if (refused.is_at_place_of(route.place())) {
-                route.refusal =
-                    answer.error == EEXIST ? "a route of others stands there" : answer.reason;
+                route.refusal = answer.error == EEXIST ? place_is_taken : answer.reason;
             }
         }
         return false;

@@ -75,9 +75,9 @@ std::map<RoutePlace, const KernelRoute*> by_place(const std::vector<KernelRoute>
     return found;
 }
 
-/// Whether a route is put into force now: it has next hops, and they are known.
+/// Whether a route is put into force now: it has next hops, they are known, and its place is free.
 bool is_to_stand(const PlannedRoute& route) {
-    return !route.is_postponed && !route.routed().empty();
+    return !route.is_postponed && route.refusal.empty() && !route.routed().empty();
 }
 
 /// Groups that planned routes can go on using: by the route's place, else by its prefix, from a
@@ -166,6 +166,17 @@ bool is_as(const Group& standing, const Group& wanted) {
 
 }  // namespace
 
+void refuse_taken_places(Wanted& wanted, const KernelState& kernel,
+                         const std::vector<KernelRoute>& foreign) {
+    const auto standing = by_place(kernel.routes);
+    const auto others = by_place(foreign);
+    for (PlannedRoute& route : wanted.routes) {
+        if (others.contains(place_of(route)) && !standing.contains(place_of(route))) {
+            route.refusal = place_is_taken;
+        }
+    }
+}
+
 int buckets_for(std::size_t prefixes) {
     constexpr std::size_t all_together = std::size_t{1} << 18;
     const std::size_t share = std::bit_floor(all_together / std::max<std::size_t>(1, prefixes));
@@ -242,7 +253,7 @@ std::vector<Step> route_steps(Wanted& wanted, const KernelState& kernel,
     const auto standing = by_place(kernel.routes);
     const auto others = by_place(foreign);
     for (PlannedRoute& route : wanted.routes) {
-        if (!is_to_stand(route) || !route.refusal.empty()) {
+        if (!is_to_stand(route)) {
             continue;
         }
         KernelRoute made = kernel_route(route, mode);
@@ -251,7 +262,7 @@ std::vector<Step> route_steps(Wanted& wanted, const KernelState& kernel,
             continue;
         }
         if (others.contains(place_of(route))) {
-            route.refusal = "a route of others stands there";
+            route.refusal = place_is_taken;
             continue;
         }
         steps.push_back(PutRoute{std::move(made), found != standing.end()});

@@ -38,10 +38,15 @@ inline constexpr int most_buckets = 32768;
 /// finer; all together take about 8 MiB of the kernel's memory.
 int buckets_for(std::size_t prefixes);
 
+inline constexpr const char* place_is_taken = "a route of others stands there";
+/// Notes a refusal in each planned route whose place a route of others has and none of ours.
+void refuse_taken_places(Wanted& wanted, const KernelState& kernel,
+                         const std::vector<KernelRoute>& foreign);
+
 std::vector<Step> hop_steps(const Wanted& wanted, const KernelState& kernel, Mode mode);
 /// Notes in each planned route which group is its.
 std::vector<Step> group_steps(Wanted& wanted, const KernelState& kernel, Mode mode);
-/// Notes a refusal in each planned route whose place a route of others takes.
+/// Notes a refusal where a route of others stands at the place of one that is to be written.
 std::vector<Step> route_steps(Wanted& wanted, const KernelState& kernel,
                               const std::vector<KernelRoute>& foreign, Mode mode);
 /// Routes first, then groups, then hops.

@@ -25,10 +25,20 @@ def plain(page):
     return re.sub(r"\s+", " ", re.sub(r"^\.[A-Z]+", "", text, flags=re.MULTILINE))
 
 
-def options_of(program):
-    usage = subprocess.run([program, "--help"], stdout=subprocess.PIPE,
-                           stderr=subprocess.DEVNULL, text=True, check=False).stdout
-    return set(re.findall(r"(?<![\w-])(?:--[a-z][a-z-]*|-[a-z](?![a-z]))", usage))
+def usage_of(program, *command):
+    return subprocess.run([program, *command, "--help"], stdout=subprocess.PIPE,
+                          stderr=subprocess.DEVNULL, text=True, check=False).stdout
+
+
+def options_of(program, *command):
+    """The options that a program, or a command of it, tells in its usage."""
+    usage = usage_of(program, *command)
+    return set(re.findall(r"(?<![\w-])(?:--[a-z][a-z0-9-]*|-[a-z](?![a-z]))", usage))
+
+
+def commands_of(program):
+    """The commands that a program tells in its usage."""
+    return re.findall(r"^  (\w+)", re.split(r"(?i)^subcommands:", usage_of(program), flags=re.M)[-1], re.M)
 
 
 def keywords_and_messages(source):
@@ -49,15 +59,18 @@ def missing(page, wanted):
 def wrong(project, programs):
     manual = project / "man"
     pages = sorted(manual.glob("*.[1-8]"))
-    if len(pages) != 4:
-        yield f"{manual}: {len(pages)} pages instead of 4"
+    if len(pages) != 5:
+        yield f"{manual}: {len(pages)} pages instead of 5"
     for page in pages:
         yield from warnings_of(page)
-    for name in ("lb.8", "lbcheck.1", "lbshow.1"):
+    for name in ("lb.8", "lbcheck.1", "lbroute.8", "lbshow.1"):
         options = options_of(programs / name.partition(".")[0])
         if not options:
             yield f"{name}: the program tells no option"
         yield from missing(manual / name, options)
+    program = programs / "lbroute"
+    for command in commands_of(program):
+        yield from missing(manual / "lbroute.8", {command} | options_of(program, command))
     keywords, messages = keywords_and_messages(project / "src/config")
     if len(keywords) < 15 or len(messages) < 6:
         yield f"only {len(keywords)} keywords and {len(messages)} messages found in src/config"

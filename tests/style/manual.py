@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Holds the manual pages to the programs: they format without a warning, and name every option, keyword and message.
+"""Holds the manual pages to the programs: they format without a warning, and name every option, keyword and message,
+and every column, JSON key and metric of lbshow.
 
     manual.py PROJECT PROGRAM-FOLDER CLANG
 
@@ -28,10 +29,20 @@ def plain(page):
     return re.sub(r"\s+", " ", re.sub(r"^\.[A-Z]+", "", text, flags=re.MULTILINE))
 
 
-def options_of(program):
-    usage = subprocess.run([program, "--help"], stdout=subprocess.PIPE,
-                           stderr=subprocess.DEVNULL, text=True, check=False).stdout
+def usage_of(program, *command):
+    return subprocess.run([program, *command, "--help"], stdout=subprocess.PIPE,
+                          stderr=subprocess.DEVNULL, text=True, check=False).stdout
+
+
+def options_of(program, *command):
+    """The options that a program, or a command of it, tells in its usage."""
+    usage = usage_of(program, *command)
     return set(re.findall(r"(?<![\w-])(?:--[a-z][a-z0-9-]*|-[a-z](?![a-z]))", usage))
+
+
+def commands_of(program):
+    """The commands that a program tells in its usage."""
+    return re.findall(r"^  (\w+)", re.split(r"(?i)^subcommands:", usage_of(program), flags=re.M)[-1], re.M)
 
 
 def keywords_and_messages(source, clang):
@@ -39,6 +50,14 @@ def keywords_and_messages(source, clang):
     keywords = set(re.findall(r'(?:[!=]= |\{)"([a-z0-9_-]+)"', text))
     calls = calls_of(clang, [str(path) for path in source.glob("lb_data_*.cpp")], LOGGED)
     return keywords, {call.text.partition("%")[0] for call in calls}
+
+
+def names_of_lbshow(source):
+    """Columns, JSON keys and metrics: what the page promises to keep."""
+    columns = set(re.findall(r'"([A-Z]+(?: [A-Z]+)*)"', (source / "tables.cpp").read_text(encoding="utf-8")))
+    keys = set(re.findall(r'[{\[]"([a-z_]+)"[,\]]', (source / "json.cpp").read_text(encoding="utf-8")))
+    metrics = set(re.findall(r'"(lb_[a-z_]+)"', (source / "metrics.cpp").read_text(encoding="utf-8")))
+    return columns, keys, metrics
 
 
 def missing(page, wanted):
@@ -61,6 +80,13 @@ def wrong(project, programs, clang):
         if not options:
             yield f"{page.name}: the program tells no option"
         yield from missing(page, options)
+    program = programs / "lbroute"
+    for command in commands_of(program):
+        yield from missing(manual / "lbroute.8", {command} | options_of(program, command))
+    columns, keys, metrics = names_of_lbshow(project / "tools/lbshow")
+    if len(columns) < 20 or len(keys) < 40 or len(metrics) < 15:
+        yield f"only {len(columns)} columns, {len(keys)} keys and {len(metrics)} metrics found in tools/lbshow"
+    yield from missing(manual / "lbshow.1", columns | keys | metrics)
     keywords, messages = keywords_and_messages(project / "src/config", clang)
     if len(keywords) < 15 or len(messages) < 6:
         yield f"only {len(keywords)} keywords and {len(messages)} messages found in src/config"

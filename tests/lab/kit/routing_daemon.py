@@ -91,7 +91,7 @@ def bird_binary(ipv6=False):
     given = os.environ.get("LB_BIRD")
     if given and ipv6:
         given = os.path.join(os.path.dirname(given), name)
-    own = glob.glob(os.path.join(ROOT, "build", "tools", "**", "sbin", name), recursive=True)
+    own = glob.glob(os.path.join(ROOT, "build", "tools", "bird", "**", "sbin", name), recursive=True)
     return next((path for path in (given, *own, shutil.which(name))
                  if path and os.access(path, os.X_OK)), None)
 

@@ -65,7 +65,8 @@ class Contents(unittest.TestCase):
 
     def test_every_file_is_in_its_place(self):
         files = {f"/{path.relative_to(self.root)}" for path in self.root.rglob("*") if path.is_file()}
-        examples = {EXAMPLES + path.name for path in (PROJECT / "examples").glob("*.conf")}
+        folder = PROJECT / "examples"
+        examples = {EXAMPLES + str(path.relative_to(folder)) for path in folder.rglob("*") if path.is_file()}
 
         installed = {path for path in files if not path.startswith("/DEBIAN/")}
 

@@ -10,6 +10,7 @@
     keep_alives     the captured notification socket of the service manager
     cycles          waiting in cycles of the daemon
     disk            a small file system that a test fills or makes read-only
+    lbroute         the program that puts fragments into force, and the kernel's routes
     lbshow          what the companion program shows of the daemon
     routing_daemon  the captured routing daemon and the real one
     newer_bird      the routing daemons bird 2 and 3

@@ -119,7 +119,14 @@ class Lab:
         return self._owned(Disk(directory, pages, free_pages))
 
     def keep_alives(self):
-        return self._owned(KeepAlives("/run/notify"))
+        return self.keep_alives_at("/run/notify")
+
+    def keep_alives_at(self, path):
+        return self._owned(KeepAlives(path))
+
+    def own(self, close):
+        """Has close() called at the end, before everything that was made earlier goes."""
+        self._closers.append(close)
 
     def write_conf(self, conf):
         """Writes a Conf, or a text as it stands, and gives its path."""

@@ -57,18 +57,18 @@ class HandedToBird:
             file.write(text)
 
     def run_lbroute(self, *words, check=True):
-        done = subprocess.run(self.lab.router.command(LBROUTE, *words), stdout=subprocess.PIPE,
+        done = subprocess.run(self.lab.router.command(LBROUTE, "-f", self.conf, *words), stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, text=True, check=False, timeout=60)
         if check and done.returncode != 0:
             raise RuntimeError(f"lbroute {' '.join(words)}: {done.stdout}")
         return done
 
-    def start_lbroute(self):
+    def start_lbroute(self, *words):
         log = os.path.join(self.folder, "lbroute.err")
         with open(log, "ab") as file:
             self.lbroute = subprocess.Popen(
                 self.lab.router.command(LBROUTE, "-f", self.conf, "--bird2", FILE,
-                                        "--birdc", self.bird.birdc_command()),
+                                        "--birdc", self.bird.birdc_command(), *words),
                 stdout=file, stderr=file, stdin=subprocess.DEVNULL)
         self.addCleanup(self.end_lbroute)
         return lambda: text_of(log) or ""
@@ -139,6 +139,54 @@ class HandedToBird:
         expect(lambda: self.routes() == {"198.18.0.0/15": (0, {(SECOND, "eth0.10"): 1})})
         self.run_lbroute("release", "gi1_1", "--family", "ipv4")
         expect(lambda: len(self.routes().get("198.18.0.0/15", (0, {}))[1]) == 2)
+
+    def test_status_compares_what_bird_was_given(self):
+        self.write(fragment4(f"198.18.0.0/15 multipath via {FIRST} weight 1"))
+        self.bird.start()
+        self.start_lbroute()
+        expect(lambda: len(self.routes()) == 1)
+        told = self.run_lbroute("status")
+        self.assertIn(f"bird writes the routes, by {FILE}", told.stdout)
+        self.assertTrue(told.stdout.endswith("bird was given what the fragments ask for.\n"), told.stdout)
+        with open(FILE, "a", encoding="ascii") as file:
+            file.write("# by hand\n")
+        told = self.run_lbroute("status", check=False)
+        self.assertEqual(told.returncode, 1)
+        self.assertIn(f"{FILE} does not hold what the fragments ask for", told.stdout)
+
+    def test_rehearsal_prints_what_the_file_would_hold(self):
+        self.write(fragment4(f"198.18.0.0/15 multipath via {FIRST} weight 1"))
+        told = self.run_lbroute("--dry-run", "--bird2", FILE)
+        self.assertEqual(text_of(FILE), "")
+        self.bird.start()
+        self.start_lbroute()
+        expect(lambda: len(self.routes()) == 1)
+        self.assertEqual(text_of(FILE), told.stdout)
+
+    def test_end_leaves_the_routes_and_with_flush_takes_them_away(self):
+        self.write(fragment4(f"198.18.0.0/15 multipath via {FIRST} weight 1"))
+        self.bird.start()
+        self.start_lbroute()
+        expect(lambda: len(self.routes()) == 1)
+        before = text_of(FILE)
+        self.end_lbroute()
+        self.assertEqual(text_of(FILE), before)
+        self.start_lbroute("--flush")
+        expect(lambda: os.path.exists("/var/run/routing.pid"))
+        self.end_lbroute()
+        expect(lambda: self.routes() == {})
+
+    def test_routes_of_lbroute_itself_in_the_way_are_told(self):
+        self.write(fragment4(f"198.18.0.0/15 multipath via {FIRST} weight 1"))
+        self.run_lbroute("--once")
+        self.assertNotEqual(self.lab.router.ip("route show proto 76"), "")
+        self.bird.start()
+        log = self.start_lbroute()
+        expect(lambda: "stand in the way of bird's: stop lbroute, then lbroute --once --flush" in log())
+        self.end_lbroute()
+        self.run_lbroute("--once", "--flush")
+        self.start_lbroute()
+        expect(lambda: len(self.routes()) == 1)
 
     def test_bird_that_refuses_is_told_with_its_words(self):
         self.bird.start()

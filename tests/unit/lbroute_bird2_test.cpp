@@ -29,7 +29,7 @@ Address ipv6(const char* text) {
     return Address::parse(text, Family::ipv6).value();
 }
 Bird2Hop hop(const Address& gateway, const char* interface = "", int weight = 1) {
-    return {.gateway = gateway, .interface = interface, .weight = weight};
+    return {.gateway = gateway, .interface = interface, .weight = weight, .link = 0};
 }
 
 const Prefix everything4{ipv4("0.0.0.0"), 0};
@@ -58,16 +58,16 @@ TEST(LbrouteBird2, one_static_protocol_a_family) {
               "\tipv4;\n"
               "\tcheck link yes;\n"
               "\troute 0.0.0.0/0\n"
-              "\t\tvia 10.0.0.1 weight 1\n"
-              "\t\tvia 192.168.1.1 weight 3;\n"
+              "\t\tvia 192.168.1.1 weight 3\n"
+              "\t\tvia 10.0.0.1 weight 1;\n"
               "\troute 10.8.0.0/16\n"
               "\t\tvia 10.0.0.1%'gi1_1' weight 1 { krt_metric = 20; };\n"
               "}\n"
               "protocol static lbroute6 {\n"
               "\tipv6;\n"
               "\troute ::/0\n"
-              "\t\tvia fe80::1%'gi1_1' weight 1\n"
-              "\t\tvia fe80::1%'eth0.10' weight 2;\n"
+              "\t\tvia fe80::1%'eth0.10' weight 2\n"
+              "\t\tvia fe80::1%'gi1_1' weight 1;\n"
               "}\n");
 }
 
@@ -82,6 +82,21 @@ TEST(LbrouteBird2, weights_are_scaled_within_their_route) {
         text4({hop(ipv4("10.0.0.1"), "", 600), hop(ipv4("10.0.0.2"), "", 301)}).text;
     EXPECT_NE(text.find("via 10.0.0.1 weight 256\n"), std::string::npos);
     EXPECT_NE(text.find("via 10.0.0.2 weight 128;\n"), std::string::npos);
+}
+
+TEST(LbrouteBird2, next_hops_come_in_birds_own_order) {
+    Bird2Hop first = hop(ipv4("10.0.0.9"), "a", 1);
+    first.link = 3;
+    Bird2Hop second = hop(ipv4("10.0.0.9"), "b", 1);
+    second.link = 2;
+    const std::string text =
+        text4({first, second, hop(ipv4("10.0.0.2"), "c", 1), hop(ipv4("10.0.0.10"), "d", 5)}).text;
+    EXPECT_NE(text.find("\t\tvia 10.0.0.10%'d' weight 5\n"
+                        "\t\tvia 10.0.0.2%'c' weight 1\n"
+                        "\t\tvia 10.0.0.9%'b' weight 1\n"
+                        "\t\tvia 10.0.0.9%'a' weight 1;\n"),
+              std::string::npos)
+        << text;
 }
 
 TEST(LbrouteBird2, link_local_gateway_without_an_interface_is_left_out_and_told) {

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <tuple>
 
 #include "lbroute/command.h"
 #include "lbroute/weights.h"
@@ -46,16 +47,29 @@ std::string obstacle(const Bird2Hop& hop) {
                : "bird has no way to write the name of interface " + hop.interface;
 }
 
-std::string via_clauses(const std::vector<Bird2Hop>& hops) {
+/// Scales the weights and puts the next hops into bird's own order: the greatest weight first, then
+/// by gateway, then by the interface's number. bird 3 passes over a route in any other order, with
+/// no more than a warning in its log.
+std::vector<Bird2Hop> as_bird_takes_them(std::vector<Bird2Hop> hops) {
     std::vector<int> weights;
     std::ranges::transform(hops, std::back_inserter(weights), &Bird2Hop::weight);
     weights = scaled_weights(weights, greatest_weight);
-    std::string clauses;
     for (std::size_t i = 0; i < hops.size(); ++i) {
-        const std::string& interface = hops[i].interface;
-        const std::string scope = interface.empty() ? "" : "%'" + interface + "'";
+        hops[i].weight = weights[i];
+    }
+    std::ranges::sort(hops, [](const Bird2Hop& one, const Bird2Hop& other) {
+        return std::tie(other.weight, one.gateway, one.link) <
+               std::tie(one.weight, other.gateway, other.link);
+    });
+    return hops;
+}
+
+std::string via_clauses(const std::vector<Bird2Hop>& hops) {
+    std::string clauses;
+    for (const Bird2Hop& hop : as_bird_takes_them(hops)) {
+        const std::string scope = hop.interface.empty() ? "" : "%'" + hop.interface + "'";
         clauses +=
-            "\n\t\tvia " + hops[i].gateway.text() + scope + " weight " + std::to_string(weights[i]);
+            "\n\t\tvia " + hop.gateway.text() + scope + " weight " + std::to_string(hop.weight);
     }
     return clauses;
 }
@@ -90,11 +104,6 @@ void add_protocol(const char* head, const Bird2Routes& routes, Bird2Text& to) {
     to.text += "}\n";
 }
 
-std::string text_of(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 }  // namespace
 
 Bird2Routes bird2_routes(const std::vector<PlannedRoute>& planned, Family family, bool check_link) {
@@ -105,8 +114,10 @@ Bird2Routes bird2_routes(const std::vector<PlannedRoute>& planned, Family family
         }
         Bird2Route one{.prefix = route.prefix, .hops = {}, .metric = {}};
         for (const PlannedHop* hop : route.routed()) {
-            one.hops.push_back(
-                {.gateway = hop->gateway, .interface = hop->interface, .weight = hop->weight});
+            one.hops.push_back({.gateway = hop->gateway,
+                                .interface = hop->interface,
+                                .weight = hop->weight,
+                                .link = hop->link});
         }
         // Without krt_metric bird leaves the kernel's own.
         if (route.priority != priority_of(family, std::nullopt)) {
@@ -126,8 +137,22 @@ Bird2Text bird2_text(const Bird2Routes& ipv4, const Bird2Routes& ipv6) {
     return made;
 }
 
+Bird2Text bird2_text_of_plan(const std::vector<PlannedRoute>& planned,
+                             const std::array<FragmentFile, 2>& fragments) {
+    const auto routes_of = [&planned](const FragmentFile& file) {
+        const bool check_link = file.in_force() && file.in_force()->check_link;
+        return bird2_routes(planned, file.family(), check_link);
+    };
+    return bird2_text(routes_of(fragments[0]), routes_of(fragments[1]));
+}
+
+std::string Bird2File::text() const {
+    std::ifstream file(path_);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 std::string Bird2File::put(const std::string& text) {
-    if (text_of(path_) != text) {
+    if (this->text() != text) {
         is_in_force_ = false;
         if (std::string problem = write(text); !problem.empty()) {
             return problem;

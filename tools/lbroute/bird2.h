@@ -1,11 +1,13 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "lbroute/address.h"
+#include "lbroute/fragment_file.h"
 #include "lbroute/plan.h"
 
 /// The routes in the syntax of bird 2 and 3, for machines where one of them writes the kernel's.
@@ -15,6 +17,7 @@ struct Bird2Hop {
     Address gateway;
     std::string interface;  ///< named in the text where known; a link-local gateway needs it
     int weight = 1;         ///< above 0; scaled to bird's 1 to 256 within its route
+    int link = 0;           ///< the interface's number
 
     bool operator==(const Bird2Hop&) const = default;
 };
@@ -43,6 +46,10 @@ Bird2Routes bird2_routes(const std::vector<PlannedRoute>& planned, Family family
 
 Bird2Text bird2_text(const Bird2Routes& ipv4, const Bird2Routes& ipv6);
 
+/// The text for a namespace: its plan, with the line about links where its fragment has it.
+Bird2Text bird2_text_of_plan(const std::vector<PlannedRoute>& planned,
+                             const std::array<FragmentFile, 2>& fragments);
+
 /// The file that bird's configuration includes, and the command that makes bird read it. For one
 /// thread.
 class Bird2File {
@@ -56,6 +63,8 @@ class Bird2File {
     /// runs the command after a write, after a failed command, and at the first call. Blocks for as
     /// long as the command runs, ten seconds at most. Gives what failed, or an empty text.
     std::string put(const std::string& text);
+    /// What the file holds now; empty where it cannot be read.
+    std::string text() const;
 
   private:
     std::string write(const std::string& text) const;

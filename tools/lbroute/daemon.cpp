@@ -15,6 +15,7 @@
 #include <set>
 
 #include "decision/route_text.h"
+#include "lbroute/bird2.h"
 #include "lbroute/daemon_record.h"
 #include "lbroute/event_loop.h"
 #include "lbroute/findings.h"
@@ -70,7 +71,8 @@ class Daemon {
           notify_(getenv("NOTIFY_SOCKET")),
           signals_(open_signals()),
           mounts_(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)),
-          site_(options.configuration, options.output_directory) {}
+          site_(options.configuration, options.output_directory),
+          bird_(options.bird2_file, options.birdc) {}
 
     int run() {
         if (!loop_.is_open() || !signals_.is_open() || files_.descriptor() < 0) {
@@ -294,7 +296,7 @@ class Daemon {
 
     /// Namespaces come and go with the configuration, and with their names below /var/run/netns.
     void follow_namespaces(std::set<std::string>& to_read) {
-        const std::set<std::string> named = site_.uplinks().namespaces();
+        const std::set<std::string> named = served_names();
         std::erase_if(served_, [&](const auto& entry) {
             const bool is_gone = !named.contains(entry.first);
             if (is_gone) {
@@ -325,6 +327,22 @@ class Daemon {
                 entry->second.paths.clear();
             }
         }
+    }
+
+    /// The namespaces that are to be served.
+    std::set<std::string> served_names() {
+        std::set<std::string> names = site_.uplinks().namespaces();
+        if (!is_for_bird()) {
+            return names;
+        }
+        names.erase("");
+        Journal::Problems problems;
+        for (const std::string& name : names) {
+            problems["namespace " + name + " is not served: bird is given the default one only"] =
+                Level::warning;
+        }
+        journal_.tell("namespaces", problems);
+        return {""};
     }
 
     void read_fragments(const std::string& name) {
@@ -364,8 +382,9 @@ class Daemon {
             return;
         }
         const bool guesses = served.uncertain_since_ms && is_over(*served.uncertain_since_ms);
-        const auto result =
-            served.kernel.put_into_force(surroundings_of(name, site_.uplinks(), holds_), guesses);
+        const Surroundings surroundings = surroundings_of(name, site_.uplinks(), holds_);
+        const auto result = is_for_bird() ? served.kernel.plan_for_others(surroundings, guesses)
+                                          : served.kernel.put_into_force(surroundings, guesses);
         if (!result.is_uncertain && !guesses) {
             served.uncertain_since_ms.reset();
         } else if (!served.uncertain_since_ms) {
@@ -378,6 +397,32 @@ class Daemon {
         if (result.is_whole()) {
             note_refusals(record_, name, result.view);
         }
+    }
+
+    bool is_for_bird() const { return !options_.bird2_file.empty(); }
+
+    /// Gives the routes to bird, once all of them are known; what is wrong with that.
+    Journal::Problems hand_to_bird(const Served& served, const ServedNamespace::Result& result) {
+        Journal::Problems problems;
+        const bool is_known =
+            result.view.problem.empty() && !result.is_uncertain && served.kernel.knows_fragments();
+        if (!is_known) {
+            return problems;
+        }
+        const Bird2Text made =
+            bird2_text_of_plan(result.view.wanted.routes, served.kernel.fragments());
+        for (const std::string& left_out : made.left_out) {
+            problems[left_out] = Level::warning;
+        }
+        if (!result.view.kernel.routes.empty()) {
+            problems
+                ["routes of an earlier lbroute without --bird2 stand in the way of bird's: stop "
+                 "lbroute, then lbroute --once --flush"] = Level::error;
+        }
+        if (const std::string refusal = bird_.put(made.text); !refusal.empty()) {
+            problems[refusal] = Level::error;
+        }
+        return problems;
     }
 
     void forget_flows(const std::string& name, Served& served,
@@ -413,6 +458,9 @@ class Daemon {
                              " ones: flows may move between uplinks when one leaves or returns");
         }
         Journal::Problems problems = problems_of(result.view, name);
+        if (is_for_bird()) {
+            problems.merge(hand_to_bird(served, result));
+        }
         for (const std::string& failed : result.failed_removals) {
             problems["not removed: " + failed] = Level::warning;
         }
@@ -513,6 +561,13 @@ class Daemon {
                     status = 1;
                 }
             }
+            if (is_for_bird()) {
+                const std::string refusal = bird_.put(bird2_text({}, {}).text);
+                if (!refusal.empty()) {
+                    journal_.say(Level::error, refusal);
+                    status = 1;
+                }
+            }
         }
         ownership_->release_all();
         return status;
@@ -526,6 +581,7 @@ class Daemon {
     EventLoop loop_;
     FolderWatch files_;
     Site site_;
+    Bird2File bird_;
     StateFolder folder_;
     std::optional<Ownership> ownership_;
     DaemonRecord record_;

@@ -36,6 +36,19 @@ void add_options(CLI::App& app, lbroute::Options& options) {
                  "leave the translated flows of a lost uplink as they are");
     app.add_flag("--flush", options.flushes,
                  "take all routes away at the end; with --once at once");
+    auto* const bird2 =
+        app.add_option(
+               "--bird2", options.bird2_file,
+               "write the routes into FILE for bird 2 or 3, instead of the kernel's; of the "
+               "default namespace only")
+            ->type_name("FILE")
+            ->excludes("--table")
+            ->excludes("--no-sticky")
+            ->excludes("--keep-flows");
+    app.add_option("--birdc", options.birdc, "what makes bird read FILE")
+        ->type_name("COMMAND")
+        ->needs(bird2)
+        ->capture_default_str();
     auto* const once =
         app.add_flag("--once", options.runs_once, "put the fragments into force and end");
     app.add_flag("--dry-run", options.is_dry,

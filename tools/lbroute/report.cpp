@@ -379,6 +379,11 @@ std::string report_text(const Report& report) {
                                                .append(std::to_string(report.daemon.pid))
                                                .append("\n")
                                          : "lbroute does not run\n";
+    const bool is_for_bird = report.is_running && !report.daemon.bird2_file.empty();
+    if (is_for_bird) {
+        text += "bird writes the routes, by " + report.daemon.bird2_file +
+                "; what it made of it: birdc show route protocol lbroute4 (and lbroute6)\n";
+    }
     for (const std::string& problem : report.problems) {
         text += problem + "\n";
     }
@@ -387,6 +392,10 @@ std::string report_text(const Report& report) {
     }
     for (const ReportedNamespace& one : report.namespaces) {
         text += namespace_text(one);
+    }
+    if (is_for_bird) {
+        return text + (report.agrees() ? "bird was given what the fragments ask for.\n"
+                                       : "bird was not given what the fragments ask for.\n");
     }
     return text + (report.agrees() ? "The kernel routes as the fragments ask.\n"
                                    : "The kernel does not route as the fragments ask.\n");
@@ -408,6 +417,7 @@ std::string report_json(const Report& report) {
     }
     const json shown{{"running", report.is_running},
                      {"pid", report.is_running ? json(report.daemon.pid) : json()},
+                     {"bird2_file", report.is_running ? report.daemon.bird2_file : ""},
                      {"agrees", report.agrees()},
                      {"problems", report.problems},
                      {"holds", holds},

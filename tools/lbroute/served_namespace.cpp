@@ -186,6 +186,26 @@ ServedNamespace::Result ServedNamespace::apply(const Surroundings& surroundings,
     return result;
 }
 
+ServedNamespace::Result ServedNamespace::plan_for_others(const Surroundings& surroundings,
+                                                         bool guesses) {
+    Result result;
+    Listing listing = list_kernel_state(socket_);
+    result.view.kernel = std::move(listing.state);
+    result.view.problem = std::move(listing.problem);
+    result.view.wanted = plan(surroundings, result.view.kernel, guesses, Mode::plain);
+    for (const PlannedRoute& route : result.view.wanted.routes) {
+        result.is_uncertain |= route.is_postponed;
+        result.is_shared |= route.is_shared;
+    }
+    return result;
+}
+
+bool ServedNamespace::knows_fragments() const {
+    return std::ranges::all_of(fragments_, [](const FragmentFile& file) {
+        return file.in_force().has_value() || file.is_missing();
+    });
+}
+
 std::vector<Address> ServedNamespace::note_use(const KernelState& before, const View& after) {
     const auto note = [](Use& use, const KernelState& kernel, int link_index, Family family) {
         const Link* link = kernel.link(link_index);

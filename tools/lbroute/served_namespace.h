@@ -75,6 +75,12 @@ class ServedNamespace {
     /// The same with a kernel that takes everything and does nothing.
     Result rehearse(const Surroundings& surroundings, bool guesses);
 
+    /// What is to be, for whoever writes the kernel's routes instead of us. Routes of others are
+    /// not looked at.
+    Result plan_for_others(const Surroundings& surroundings, bool guesses);
+    /// What each fragment asks for is known, or there is none: the plan lacks nothing.
+    bool knows_fragments() const;
+
     /// Takes away everything of ours; what could not be is told.
     std::vector<std::string> flush();
 

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <chrono>
 #include <iostream>
+#include <iterator>
 #include <thread>
 
+#include "lbroute/bird2.h"
 #include "lbroute/commands.h"
 #include "lbroute/findings.h"
 #include "lbroute/report.h"
@@ -114,6 +116,33 @@ ReportedNamespace look_at(const std::string& name, const Options& options, const
     return reported_one;
 }
 
+/// The text that bird is to have by the fragments of now.
+Bird2Text text_for_bird(const Options& options, const Scene& scene, Report& report) {
+    ServedNamespace served("", options);
+    ReportedNamespace& shown = report.namespaces.emplace_back();
+    shown.problem = prepare(served);
+    for (const FragmentFile& file : served.fragments()) {
+        shown.fragments.push_back(reported(file));
+    }
+    if (!shown.problem.empty()) {
+        return {};
+    }
+    const auto result =
+        served.plan_for_others(surroundings_of("", scene.site.uplinks(), scene.holds), true);
+    shown.problem = result.view.problem;
+    return bird2_text_of_plan(result.view.wanted.routes, served.fragments());
+}
+
+/// Where bird writes the routes, what it was given is compared; what it made of it, bird tells.
+void compare_bird2_file(const Options& options, const Scene& scene, Report& report) {
+    const std::string& path = scene.daemon.bird2_file;
+    const Bird2Text wanted = text_for_bird(options, scene, report);
+    std::ranges::copy(wanted.left_out, std::back_inserter(report.problems));
+    if (report.namespaces[0].problem.empty() && Bird2File(path, "").text() != wanted.text) {
+        report.problems.push_back(path + " does not hold what the fragments ask for");
+    }
+}
+
 }  // namespace
 
 int show_status(Options options, bool chooses_table, bool as_json) {
@@ -128,8 +157,12 @@ int show_status(Options options, bool chooses_table, bool as_json) {
         options.is_sticky = scene.daemon.is_sticky;
         options.table = chooses_table ? options.table : scene.daemon.table;
     }
-    for (const std::string& name : scene.site.uplinks().namespaces()) {
-        report.namespaces.push_back(look_at(name, options, scene));
+    if (report.is_running && !scene.daemon.bird2_file.empty()) {
+        compare_bird2_file(options, scene, report);
+    } else {
+        for (const std::string& name : scene.site.uplinks().namespaces()) {
+            report.namespaces.push_back(look_at(name, options, scene));
+        }
     }
     std::cout << (as_json ? report_json(report) : report_text(report)) << std::flush;
     return report.agrees() && std::cout ? 0 : 1;
@@ -140,6 +173,15 @@ int show_commands(const Options& options) {
     bool is_whole = scene.problems.empty();
     for (const std::string& problem : scene.problems) {
         std::cerr << "lbroute: " << problem << std::endl;
+    }
+    if (!options.bird2_file.empty()) {
+        Report report;
+        const Bird2Text made = text_for_bird(options, scene, report);
+        for (const std::string& left_out : made.left_out) {
+            std::cerr << "lbroute: " << left_out << std::endl;
+        }
+        std::cout << made.text << std::flush;
+        return is_whole && made.left_out.empty() && report.agrees() && std::cout ? 0 : 1;
     }
     for (const std::string& name : scene.site.uplinks().namespaces()) {
         ServedNamespace served(name, options);

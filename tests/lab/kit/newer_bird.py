@@ -37,8 +37,8 @@ _CONF = """\
 router id 192.0.2.2;
 log stderr all;
 protocol device {{ scan time 1; }}
-protocol kernel {{ ipv4 {{ import none; export all; }}; metric 0; }}
-protocol kernel {{ ipv6 {{ import none; export all; }}; metric 0; }}
+protocol kernel {{ scan time 1; ipv4 {{ import none; export all; }}; metric 0; }}
+protocol kernel {{ scan time 1; ipv6 {{ import none; export all; }}; metric 0; }}
 include "{included}";
 """
 

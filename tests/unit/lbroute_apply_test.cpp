@@ -315,8 +315,9 @@ TEST_F(Apply, flush_takes_routes_before_groups_before_hops) {
 }
 
 TEST(Buckets, few_prefixes_have_many_and_a_thousand_have_enough) {
-    EXPECT_EQ(buckets_for(1), 32768);
-    EXPECT_EQ(buckets_for(10), 16384);
+    EXPECT_EQ(buckets_for(1), 16384);
+    EXPECT_EQ(buckets_for(2), 16384);
+    EXPECT_EQ(buckets_for(10), 2048);
     EXPECT_EQ(buckets_for(1000), 256);
     EXPECT_EQ(buckets_for(1000000), 256);
 }

@@ -1,12 +1,15 @@
 #include "lbroute/rtnetlink.h"
 
+#include <arpa/inet.h>
 #include <libmnl/libmnl.h>
+#include <linux/filter.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <map>
 
@@ -272,17 +275,49 @@ std::vector<std::pair<std::uint32_t, int>> count_buckets(RouteSocket& socket, st
     return {counts.begin(), counts.end()};
 }
 
-RouteMonitor RouteMonitor::open(std::string& problem) {
+namespace {
+
+/// A socket filter for announcements, which are one a datagram. It reads in network order.
+bool filter_announcements(int socket, std::uint32_t own_port) {
+    constexpr std::uint32_t type_at = offsetof(nlmsghdr, nlmsg_type);
+    constexpr std::uint32_t port_at = offsetof(nlmsghdr, nlmsg_pid);
+    constexpr std::array<std::uint16_t, 8> wanted{RTM_NEWLINK,    RTM_DELLINK,   RTM_NEWADDR,
+                                                  RTM_DELADDR,    RTM_NEWROUTE,  RTM_DELROUTE,
+                                                  RTM_NEWNEXTHOP, RTM_DELNEXTHOP};
+    const auto instruction = [](std::uint32_t code, std::uint32_t value, std::size_t if_so,
+                                std::size_t if_not) {
+        return sock_filter{static_cast<std::uint16_t>(code), static_cast<std::uint8_t>(if_so),
+                           static_cast<std::uint8_t>(if_not), value};
+    };
+    std::vector<sock_filter> program{
+        instruction(BPF_LD | BPF_W | BPF_ABS, port_at, 0, 0),
+        instruction(BPF_JMP | BPF_JEQ | BPF_K, htonl(own_port), wanted.size() + 1, 0),
+        instruction(BPF_LD | BPF_H | BPF_ABS, type_at, 0, 0)};
+    for (std::size_t i = 0; i < wanted.size(); ++i) {
+        program.push_back(
+            instruction(BPF_JMP | BPF_JEQ | BPF_K, htons(wanted[i]), wanted.size() - i, 0));
+    }
+    program.push_back(instruction(BPF_RET | BPF_K, 0, 0, 0));
+    program.push_back(instruction(BPF_RET | BPF_K, 0xffffffff, 0, 0));
+    const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
+    return set_option(socket, SOL_SOCKET, SO_ATTACH_FILTER, filter);
+}
+
+}  // namespace
+
+RouteMonitor RouteMonitor::open(std::uint32_t own_port, std::string& problem) {
     RouteMonitor made;
     made.socket_ = open_bound({RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR,
                                RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE, RTNLGRP_NEXTHOP},
                               SOCK_NONBLOCK, problem);
+    if (problem.empty() && !filter_announcements(made.socket_.get(), own_port)) {
+        problem = std::string("no filter for the announcements of the kernel: ") + strerror(errno);
+    }
     made.received_.resize(receive_size);
     return made;
 }
 
-void RouteMonitor::drain(std::uint32_t own_port,
-                         const std::function<void(const nlmsghdr*)>& take_message) {
+void RouteMonitor::drain(const std::function<void(const nlmsghdr*)>& take_message) {
     while (true) {
         const long length = recv(socket_.get(), received_.data(), received_.size(), 0);
         if (length < 0) {
@@ -298,9 +333,7 @@ void RouteMonitor::drain(std::uint32_t own_port,
         auto left = static_cast<int>(length);
         const auto* message = reinterpret_cast<const nlmsghdr*>(received_.data());
         for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) {
-            if (message->nlmsg_pid != own_port) {
-                take_message(message);
-            }
+            take_message(message);
         }
     }
 }

@@ -64,13 +64,15 @@ std::vector<std::pair<std::uint32_t, int>> count_buckets(RouteSocket& socket, st
 /// The kernel's announcements of one namespace.
 class RouteMonitor {
   public:
-    static RouteMonitor open(std::string& problem);
+    /// Announcements of links, addresses, routes and next hops, but not those of what `own_port`
+    /// asked the kernel for, nor the thousands of single buckets: the kernel leaves them out before
+    /// anybody wakes.
+    static RouteMonitor open(std::uint32_t own_port, std::string& problem);
 
     int descriptor() const { return socket_.get(); }
 
-    /// Takes every announcement that waits, but those that carry this sender. Null where some were
-    /// lost: everything may have changed.
-    void drain(std::uint32_t own_port, const std::function<void(const nlmsghdr*)>& take_message);
+    /// Takes every announcement that waits. Null where some were lost: everything may have changed.
+    void drain(const std::function<void(const nlmsghdr*)>& take_message);
 
   private:
     Fd socket_;

@@ -53,9 +53,8 @@ bool ServedNamespace::follow(std::string& problem) {
     const NamespaceVisit visit(name_);
     problem = visit.problem();
     if (problem.empty()) {
-        // The announcements first: what changes while the tables are read is announced.
-        monitor_ = RouteMonitor::open(problem);
         socket_ = RouteSocket::open(problem);
+        monitor_ = RouteMonitor::open(socket_.port(), problem);
         flows_.emplace();
     }
     if (!problem.empty()) {
@@ -68,7 +67,7 @@ bool ServedNamespace::follow(std::string& problem) {
 
 bool ServedNamespace::take_announcements() {
     bool matters = false;
-    monitor_.drain(socket_.port(), [&](const nlmsghdr* message) {
+    monitor_.drain([&](const nlmsghdr* message) {
         if (message == nullptr) {
             knows_foreign_ = false;
             matters = true;

@@ -178,7 +178,7 @@ void refuse_taken_places(Wanted& wanted, const KernelState& kernel,
 }
 
 int buckets_for(std::size_t prefixes) {
-    constexpr std::size_t all_together = std::size_t{1} << 18;
+    constexpr std::size_t all_together = std::size_t{1} << 15;
     const std::size_t share = std::bit_floor(all_together / std::max<std::size_t>(1, prefixes));
     return static_cast<int>(std::clamp<std::size_t>(share, fewest_buckets, most_buckets));
 }

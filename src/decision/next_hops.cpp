@@ -1,49 +1,25 @@
 // Next hops that are learnt: from DHCP leases, from tunnel peers.
 
-#include <net/if.h>
-#include <netinet/in.h>
-#include <sys/ioctl.h>
-
-#include <cstdio>
-#include <cstring>
-#include <memory>
-
+#include "base/address_text.h"
+#include "config/interface_name.h"
 #include "config/lb_data.h"
 #include "config/live_state.h"
 #include "decision/lease_file.h"
-#include "host/interface_name.h"
-#include "net/interface.h"
-#include "platform/log.h"
+#include "host/files.h"
+#include "host/links.h"
+#include "host/log.h"
 
 namespace {
-
-struct CloseFile {
-    void operator()(FILE* file) const { fclose(file); }
-};
-using File = std::unique_ptr<FILE, CloseFile>;
 
 /// The router that the DHCP client of the interface has learnt; empty where it has none.
 std::string read_lease(const std::string& ifname, bool ipv6) {
     const std::string path =
         (ipv6 ? "/var/db/dhcp6_client" : "/var/db/dhclient_") + ifname + ".leases";
-    const File leases(fopen(path.c_str(), "re"));
+    const host::File leases = host::open_file(path, "r");
     if (leases == nullptr) {
         return "";
     }
     return ipv6 ? router_in_lease6(leases.get()) : router_in_lease(leases.get());
-}
-
-/// The peer's address of a point-to-point interface, as a dotted quad in either family. The result
-/// of the request is not looked at: an interface that is missing or has no peer gives 0.0.0.0,
-/// which routers show as the next hop of a tunnel that is not set up.
-std::string ask_peer(const std::string& ifname, bool ipv6) {
-    ifreq request{};
-    request.ifr_dstaddr.sa_family = static_cast<sa_family_t>(ipv6 ? AF_INET6 : AF_INET);
-    ifname.copy(request.ifr_name, sizeof request.ifr_name - 1);
-    ioctl(query_socket(), SIOCGIFDSTADDR, &request);
-    sockaddr_in peer;
-    std::memcpy(&peer, &request.ifr_dstaddr, sizeof peer);
-    return to_text(peer.sin_addr);
 }
 
 /// Stores what was learnt. Nothing learnt keeps the address of an earlier cycle: a lease file that
@@ -79,9 +55,14 @@ void LBData::update_dhcp_nexthop(context* ctx) {
     });
 }
 
+// One request serves the whole call, zero at first. Whether the host answers is not looked at:
+// where it refuses, the peer of the tunnel before stays in the request and is learnt, and 0.0.0.0
+// for the first one.
 void LBData::update_tunnel_nexthop(context* ctx) {
-    for_each_learning(*this, ctx, "tunnel", [ctx](LBHealth& record) {
-        learn(record, ask_peer(record.name, ctx->ipv6));
+    host::PeerRequest request(ctx->ipv6);
+    for_each_learning(*this, ctx, "tunnel", [ctx, &request](LBHealth& record) {
+        host::ask_peer(record.name, request);
+        learn(record, to_text(request.address));
         if (record.nexthop_addr.empty()) {
             plain_syslog(7, "Failed to get P-t-P destination from tunnel interface %s",
                          shown_ifname(record.name, ctx).c_str());

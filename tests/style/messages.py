@@ -12,9 +12,9 @@ import sys
 CALL = re.compile(r'(?<!define )\b(?:LOG_ERROR|LOG_WARNING|LOG_INFO|plain_syslog|SYSLOG_message|fprintf|perror)\(\s*'
                   r'(?:stderr,\s*|\d+,\s*)*((?:"(?:[^"\\]|\\.)*"\s*)+)')
 ANY_CALL = re.compile(r"\b(?:LOG_ERROR|LOG_WARNING|LOG_INFO|plain_syslog|perror)\(|\bfprintf\(stderr")
-DECLARING = ("platform/log.h", "platform/log.cpp")
+DECLARING = ("host/log.h", "host/log.cpp")
 # Put together by hand, where nothing may be formatted.
-CRASH = ("...: died of ... in thread ... (...), stack:", "platform/crash_report.cpp", '": died of "')
+CRASH = ("...: died of ... in thread ... (...), stack:", "host/linux/crash_report.cpp", '": died of "')
 
 
 def shown(literal):

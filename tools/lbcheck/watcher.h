@@ -6,7 +6,7 @@
 
 #include "config/load_observer.h"
 #include "lbcheck/findings.h"
-#include "platform/log.h"
+#include "host/log.h"
 
 namespace lbcheck {
 

@@ -13,7 +13,7 @@
 #include <thread>
 #include <type_traits>
 
-#include "net/fd.h"
+#include "base/fd.h"
 
 namespace lbshow {
 

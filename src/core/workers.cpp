@@ -47,7 +47,7 @@ struct WorkerThread {
         if (!needs_worker(ns_name, is_ipv6 ? 1 : 0)) {
             return;
         }
-        worker.emplace(lb, ns_name, is_ipv6);
+        worker = std::make_unique<Worker>(lb, ns_name, is_ipv6);
         thread = JoinedThread::start(main_work, &worker->ctx);
         if (!thread) {
             LOG_WARNING("Can't create new thread for IPv%d VRF %s", is_ipv6 ? 6 : 4,
@@ -61,7 +61,7 @@ struct WorkerThread {
         worker.reset();
     }
 
-    std::optional<Worker> worker;
+    std::unique_ptr<Worker> worker;
     std::optional<JoinedThread> thread;
 };
 

@@ -46,13 +46,19 @@ def tokens_of(clang, paths):
 
 def calls_of(clang, paths, names):
     """Every call, or declaration, of one of the names."""
-    tokens = list(tokens_of(clang, paths))
+    tokens = list(tokens_of(clang, [path for path in paths if _mentions(path, names)]))
     for i, token in enumerate(tokens):
         is_call = token.kind == NAME and token.text in names and tokens[i + 1].kind == OPEN
         if is_call:
             inside = list(_inside(tokens, i + 2))
             yield Call(token.text, inside[0].text if inside else "", _first_text(inside),
                        tokens[i - 1].kind == NAME, token.place)
+
+
+def _mentions(path, names):
+    with open(path, encoding="utf-8") as file:
+        text = file.read()
+    return any(name in text for name in names)
 
 
 def _inside(tokens, start):

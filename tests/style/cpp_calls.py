@@ -31,8 +31,6 @@ def tokens_of(clang, paths):
     is_directive = False
     for line in dump.splitlines():
         kind, _, rest = line.partition(" '")
-        if not rest:
-            kind = ""
         body, has_place, place = rest.rpartition("Loc=<")
         if not has_place:
             continue
@@ -40,7 +38,8 @@ def tokens_of(clang, paths):
         starts_line = "[StartOfLine]" in flags
         if starts_line:
             is_directive = kind == "hash"
-        if kind and not is_directive and not kind.startswith(("unknown", "comment")):
+        # A blank that spans lines has its end on a line without a kind.
+        if kind.isidentifier() and not is_directive and kind not in ("unknown", "comment"):
             yield Token(kind if kind in _KINDS else "other", text, starts_line, place.rstrip(">"))
 
 

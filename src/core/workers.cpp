@@ -40,7 +40,9 @@ bool enter_namespace(const std::string& ns_name) {
 
 bool needs_worker(const std::string& ns_name, int family) {
     const auto found = namespaces_check.find({ns_name, family});
-    return found != namespaces_check.end() && found->second.first != 0 && found->second.second != 0;
+    return found != namespaces_check.end() &&
+           NamespaceWork{.interfaces = found->second.first, .rules = found->second.second}
+               .needs_worker();
 }
 
 std::optional<pthread_t> start_worker(context& ctx) {

@@ -259,6 +259,22 @@ class Service(unittest.TestCase):
         expect(lambda: self.manager.shown("lb.service", "MainPID") not in (first, "0"), 30, "another process")
         expect(lambda: self.manager.shown("lb.service", "ActiveState") == "active", 30, "ready again")
 
+    def test_a_daemon_that_dies_again_and_again_is_started_anew_each_time(self):
+        """More often than the service manager's own limit, which is five times in ten seconds."""
+        for _ in range(7):
+            pid = self.manager.shown("lb.service", "MainPID")
+            self.manager.control("kill", "--signal=KILL", "lb.service")
+            expect(lambda: self.manager.shown("lb.service", "MainPID") not in (pid, "0"), 30, "another process")
+
+    def test_a_daemon_with_nothing_to_do_lives(self):
+        self.start_with("[Service]\nWatchdogSec=10\nExecStart=\nExecStart=/usr/sbin/lb -f /dev/null\n")
+        first = self.last_keep_alive()
+        pid = self.manager.shown("lb.service", "MainPID")
+
+        expect(lambda: self.last_keep_alive() > first + 12_000_000, 60, "keep-alives for longer than the patience")
+
+        self.assertEqual(self.manager.shown("lb.service", "MainPID"), pid)
+
     def test_a_daemon_that_stands_still_is_started_anew(self):
         self.start_with("[Service]\nWatchdogSec=4\n")
         fragment_is(FRAGMENT)

@@ -46,7 +46,7 @@ struct WorkerThread {
         if (!needs_worker(ns_name, is_ipv6 ? 1 : 0)) {
             return;
         }
-        worker.emplace(lb, ns_name, is_ipv6);
+        worker = std::make_unique<Worker>(lb, ns_name, is_ipv6);
         thread = JoinedThread::start(main_work, &worker->ctx);
         if (!thread) {
             LOG_WARNING("Can't create new thread for IPv%d VRF %s", is_ipv6 ? 6 : 4,
@@ -60,7 +60,7 @@ struct WorkerThread {
         worker.reset();
     }
 
-    std::optional<Worker> worker;
+    std::unique_ptr<Worker> worker;
     std::optional<JoinedThread> thread;
 };
 
@@ -73,13 +73,16 @@ std::string namespace_file(const std::string& ns_name) {
 Worker::Worker(LoadBalance& lb, const std::string& ns_name, bool is_ipv6) : name_(ns_name) {
     ctx = {.lb = &lb, .ipv6 = is_ipv6, .ns_name = &name_};
     if (is_ipv6) {
-        neighbor_.emplace().init(ns_name);
-        ctx.neighbor = &*neighbor_;
+        neighbor_ = std::make_unique<LBNeighbor>();
+        neighbor_->init(ns_name);
+        ctx.neighbor = neighbor_.get();
         ctx.view = &neighbor_->view;
     } else {
-        arp_.emplace().init(ns_name);
-        ctx.arp = &*arp_;
-        ctx.view = &view_.emplace();
+        arp_ = std::make_unique<LBArp>();
+        arp_->init(ns_name);
+        ctx.arp = arp_.get();
+        view_ = std::make_unique<HostView>();
+        ctx.view = view_.get();
     }
 }
 

@@ -63,11 +63,12 @@ class LBHealth {
     int get_success_ct_by_str(const std::string& target) const;
     int get_failure_ct_by_str(const std::string& target) const;
 
-    /// From here on defined in probe/evaluation.cpp.
+    /// Defined in probe/lb_path_test.cpp.
     /// Sends every probe of the record, in the order of their numbers.
     void send_test(context* ctx);
     /// Collects every probe of the record, in the order of their numbers.
     void recv_test(context* ctx);
+    /// Defined in probe/evaluation.cpp.
     /// Records one probe outcome for a target: -1 failure, anything else success. The verdict moves
     /// only after `success_ct` or `failure_ct` equal outcomes in a row.
     void put(int result, context* ctx, const std::string& target);

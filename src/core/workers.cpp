@@ -80,13 +80,16 @@ std::string namespace_file(const std::string& ns_name) {
 Worker::Worker(LoadBalance& lb, const std::string& ns_name, bool is_ipv6) : name_(ns_name) {
     ctx = {.lb = &lb, .ipv6 = is_ipv6, .ns_name = &name_};
     if (is_ipv6) {
-        neighbor_.emplace().init(ns_name);
-        ctx.neighbor = &*neighbor_;
+        neighbor_ = std::make_unique<LBNeighbor>();
+        neighbor_->init(ns_name);
+        ctx.neighbor = neighbor_.get();
         ctx.view = &neighbor_->view;
     } else {
-        arp_.emplace().init(ns_name);
-        ctx.arp = &*arp_;
-        ctx.view = &view_.emplace();
+        arp_ = std::make_unique<LBArp>();
+        arp_->init(ns_name);
+        ctx.arp = arp_.get();
+        view_ = std::make_unique<HostView>();
+        ctx.view = view_.get();
     }
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <optional>
+#include <memory>
 #include <string>
 
 #include "core/load_balance.h"
@@ -49,9 +49,9 @@ class Worker {
 
   private:
     std::string name_;
-    std::optional<LBArp> arp_;            // of an IPv4 worker
-    std::optional<HostView> view_;        // of an IPv4 worker; an IPv6 worker's is its prober's
-    std::optional<LBNeighbor> neighbor_;  // of an IPv6 worker
+    std::unique_ptr<LBArp> arp_;            // of an IPv4 worker
+    std::unique_ptr<HostView> view_;        // of an IPv4 worker; an IPv6 worker's is its prober's
+    std::unique_ptr<LBNeighbor> neighbor_;  // of an IPv6 worker
 };
 
 /// The steps of `main_work`, for whoever drives a worker without a thread: `begin_work` once, then

@@ -9,27 +9,8 @@
 #include "config/live_state.h"
 #include "host/clock.h"
 #include "host/log.h"
-#include "probe/lb_test.h"
 
 namespace {
-
-/// Calls `act` for every probe in the order of their numbers; the cursor rests on the first one.
-template <class Probes, class Act>
-void walk(Probes& probes, typename Probes::iterator& cursor, Act act) {
-    for (cursor = probes.begin(); cursor != probes.end(); ++cursor) {
-        act(*cursor->second);
-    }
-    cursor = probes.begin();
-}
-
-template <class Act>
-void walk_probes(LBHealth& health, Act act) {
-    if (health.ipv6) {
-        walk(health.tests6, health.test6_it, act);
-    } else {
-        walk(health.tests, health.test_it, act);
-    }
-}
 
 /// One more outcome of a kind, unless its run is at the threshold already; a longer run of one kind
 /// ends the run of the other.
@@ -63,14 +44,6 @@ void log_change(const LBHealth& health, context* ctx) {
 }
 
 }  // namespace
-
-void LBHealth::send_test(context* ctx) {
-    walk_probes(*this, [this, ctx](auto& probe) { probe.send(*this, ctx); });
-}
-
-void LBHealth::recv_test(context* ctx) {
-    walk_probes(*this, [this, ctx](auto& probe) { probe.recv(*this, ctx); });
-}
 
 void LBHealth::put(int result, context* /*ctx*/, const std::string& target) {
     const LiveStateWriter hold;

@@ -5,7 +5,38 @@
 #include <vector>
 
 #include "probe/host_view.h"
+#include "probe/lb_test.h"
 #include "probe/reply_socket.h"
+
+namespace {
+
+/// Calls `act` for every probe in the order of their numbers; the cursor rests on the first one.
+template <class Probes, class Act>
+void walk(Probes& probes, typename Probes::iterator& cursor, Act act) {
+    for (cursor = probes.begin(); cursor != probes.end(); ++cursor) {
+        act(*cursor->second);
+    }
+    cursor = probes.begin();
+}
+
+template <class Act>
+void walk_probes(LBHealth& health, Act act) {
+    if (health.ipv6) {
+        walk(health.tests6, health.test6_it, act);
+    } else {
+        walk(health.tests, health.test_it, act);
+    }
+}
+
+}  // namespace
+
+void LBHealth::send_test(context* ctx) {
+    walk_probes(*this, [this, ctx](auto& probe) { probe.send(*this, ctx); });
+}
+
+void LBHealth::recv_test(context* ctx) {
+    walk_probes(*this, [this, ctx](auto& probe) { probe.recv(*this, ctx); });
+}
 
 void LBPathTest::start(LBData& data, context* ctx) {
     ctx->view->begin_pass();

@@ -1,4 +1,5 @@
-"""The demo, once everything is installed and built (scripts/demo sees to that): python3 demo [--keep], as root."""
+"""The demo, once everything is installed and built (scripts/demo sees to that): python3 demo [--keep] [--with bird], as
+root."""
 
 import sys
 
@@ -20,12 +21,12 @@ The lab stays up; process {pid} is its first one.
   end the lab         sudo kill {pid}"""
 
 
-def lab(keep):
-    network.build()
+def lab(keep, with_bird):
     router.LAB_DIR.mkdir()
     router.OUTPUT_DIR.mkdir()
+    network.build()
     timeline = watch.Timeline()
-    the_router = router.Router()
+    the_router = router.Router(with_bird)
     the_watch = watch.Watch(timeline, the_router)
     try:
         the_router.start()
@@ -42,10 +43,8 @@ def lab(keep):
 
 
 def main(arguments):
-    wants_keep = arguments == ["--keep"]
-    if arguments and not wants_keep:
-        sys.exit(__doc__)
-    status, kept_pid = isolation.run(lambda keep: lab(keep if wants_keep else None))
+    wants_keep, with_bird = "--keep" in arguments, "--with" in arguments
+    status, kept_pid = isolation.run(lambda keep: lab(keep if wants_keep else None, with_bird))
     if kept_pid:
         enter = f"nsenter --target {kept_pid} --mount --pid"
         print(WHAT_TO_DO_NOW.format(pid=kept_pid, enter=enter, here=router.HERE))

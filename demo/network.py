@@ -11,7 +11,10 @@
                                  gi1_2
 
 IPv6 lies on the same links: the LAN is 2001:db8:0:1::/64, the uplinks 2001:db8:1::/64 and 2001:db8:2::/64 with the same last
-numbers, the far host's addresses 2001:db8:ffff::10 (weighted service), ::53 and ::54 (probe targets).
+numbers, the far host's addresses 2001:db8:ffff::10 (weighted service), ::53 and ::54 (probe targets). The second provider's
+gateway is fe80::1 as well, and the router knows it by that name, as it would from router advertisements.
+
+The second provider gives the router its IPv4 address and gateway by DHCP (dnsmasq, udhcpc).
 
 The router translates the client's address to that of the uplink which a flow takes (as sites with two providers do), so
 an answer comes back through the same provider, and the far host sees which one it was.
@@ -31,16 +34,16 @@ PROVIDER_OF = {
     "198.51.100.1": "ISP 2",
     "2001:db8:2::2": "ISP 2",
     "2001:db8:2::1": "ISP 2",
+    "fe80::1": "ISP 2",
 }
 WEIGHTED_SERVICE, FAILOVER_SERVICE, SERVICE6 = "203.0.113.10", "203.0.113.130", "2001:db8:ffff::10"
 FAR_NETWORK, FAR_NETWORK6 = "203.0.113.0/24", "2001:db8:ffff::/64"
-DHCP_ROUTER = "198.51.100.1"
 
 # (namespace, interface, address) at both ends of each link.
 LINKS = (
     (("client", "lan", "10.0.0.2/24"), ("router", "lan", "10.0.0.1/24")),
     (("router", "gi1_1", "192.0.2.2/24"), ("isp1", "customer", "192.0.2.1/24")),
-    (("router", "gi1_2", "198.51.100.2/24"), ("isp2", "customer", "198.51.100.1/24")),
+    (("router", "gi1_2", None), ("isp2", "customer", "198.51.100.1/24")),  # by DHCP
     (("isp1", "core", "10.1.0.1/30"), ("far", "isp1", "10.1.0.2/30")),
     (("isp2", "core", "10.2.0.1/30"), ("far", "isp2", "10.2.0.2/30")),
 )
@@ -51,6 +54,7 @@ ADDRESSES6 = (
     ("isp1", "customer", "2001:db8:1::1/64"),
     ("router", "gi1_2", "2001:db8:2::2/64"),
     ("isp2", "customer", "2001:db8:2::1/64"),
+    ("isp2", "customer", "fe80::1/64"),
     ("isp1", "core", "2001:db8:a1::1/64"),
     ("far", "isp1", "2001:db8:a1::2/64"),
     ("isp2", "core", "2001:db8:a2::1/64"),
@@ -120,6 +124,9 @@ def build():
     # Choose the uplink by addresses and ports, so that a client's flows spread by weight.
     for family in ("ipv4", "ipv6"):
         set_kernel("router", f"net/{family}/fib_multipath_hash_policy", 1)
+    start("isp2", "dnsmasq", "--keep-in-foreground", "--conf-file=/dev/null", "--port=0", "--interface=customer",
+          "--dhcp-range=198.51.100.2,198.51.100.2,255.255.255.0,10m", "--dhcp-option=option:router,198.51.100.1",
+          "--dhcp-leasefile=/run/dnsmasq.leases", "--user=root", stderr=subprocess.DEVNULL)
     nft = start("router", "nft", "-f", "-", stdin=subprocess.PIPE, text=True)
     nft.communicate(TRANSLATION)
     if nft.returncode:
@@ -133,7 +140,8 @@ def set_up_lines(name):
         yield from (f"addr add {address}/128 dev lo" for address in FAR_ADDRESSES6)
     for namespace, interface, address in (end for link in LINKS for end in link):
         if namespace == name:
-            yield f"addr add {address} dev {interface}"
+            if address:
+                yield f"addr add {address} dev {interface}"
             yield f"link set {interface} up"
     # Without duplicate detection: the lab is to work at once.
     yield from (f"addr add {address} dev {link} nodad" for space, link, address in ADDRESSES6 if space == name)

@@ -1,6 +1,8 @@
-"""What runs on the lab's router: the routing daemon and the balancing daemon, with their files at the fixed paths."""
+"""What runs on the lab's router: the balancing daemon, what puts its routes into force, and a DHCP client, with their files at
+the fixed paths."""
 
 import dataclasses
+import os
 import pathlib
 import shutil
 import subprocess
@@ -9,9 +11,10 @@ import network
 
 HERE = pathlib.Path(__file__).resolve().parent
 BUILD = HERE.parent / "build"
+BIRD_DIR = BUILD / "tools/bird/usr/sbin"
 LAB_DIR = pathlib.Path("/run/demo")
 OUTPUT_DIR = pathlib.Path("/run/load-balance")  # the daemon's default
-LEASES = {"gi1_2": f"lease {{\n  option routers {network.DHCP_ROUTER};\n}}\n"}
+CONF = LAB_DIR / "lb.conf"
 
 
 @dataclasses.dataclass(frozen=True)
@@ -20,56 +23,43 @@ class Family:
 
     name: str
     ip_option: str
-    routing_daemon: pathlib.Path
-    routing_config: str
     fragment: pathlib.Path
+    bird: str
     pid_file: str
-    control: str
-    default: str
 
 
-IPV4 = Family(
-    name="IPv4",
-    ip_option="-4",
-    routing_daemon=BUILD / "tools/bird/usr/sbin/bird",
-    routing_config="bird.conf",
-    fragment=pathlib.Path("/usr/etc/routing-wlb.conf"),
-    pid_file="/var/run/routing.pid",
-    control="/run/demo/bird.ctl",
-    default="0.0.0.0/0",
-)
-IPV6 = Family(
-    name="IPv6",
-    ip_option="-6",
-    routing_daemon=BUILD / "tools/bird/usr/sbin/bird6",
-    routing_config="bird6.conf",
-    fragment=pathlib.Path("/usr/etc/routing6-wlb.conf"),
-    pid_file="/var/run/routing6.pid",
-    control="/run/demo/bird6.ctl",
-    default="::/0",
-)
+IPV4 = Family("IPv4", "-4", pathlib.Path("/usr/etc/routing-wlb.conf"), "bird", "/var/run/routing.pid")
+IPV6 = Family("IPv6", "-6", pathlib.Path("/usr/etc/routing6-wlb.conf"), "bird6", "/var/run/routing6.pid")
 FAMILIES = (IPV4, IPV6)
 
 
 class Router:
     """The running daemons; they end with the lab."""
 
-    def __init__(self):
+    def __init__(self, with_bird=False):
         self._programs = {}
+        self._with_bird = with_bird
+        self.route_protocol = "bird" if with_bird else "76"  # lbroute's, by number: it has no name on this machine
 
     def start(self):
-        for name in ("lb.conf", *(family.routing_config for family in FAMILIES)):
-            shutil.copy(HERE / name, LAB_DIR)
-        for interface, lease in LEASES.items():
-            pathlib.Path(f"/var/db/dhclient_{interface}.leases").write_text(lease, encoding="ascii")
+        configuration = (HERE / "lb.conf").read_text(encoding="ascii")
+        if self._with_bird:  # bird 1.6 takes no link-local next hop in a static route
+            configuration = configuration.replace("nexthop fe80::1", "nexthop 2001:db8:2::1")
+        CONF.write_text(configuration, encoding="ascii")
+        lease = {**os.environ, "LB_LEASE": str(BUILD / "lb-lease"), "LB_CONF": str(CONF)}
+        self._start("udhcpc", ("udhcpc", "-f", "-i", "gi1_2", "-s", HERE / "dhcp-client.sh"), env=lease)
+        if self._with_bird:
+            self._start_birds()
+        else:
+            self._start("lbroute", (BUILD / "lbroute", "-f", CONF))
+        self._start("lb", (BUILD / "lb", "-f", CONF))
+
+    def _start_birds(self):
         for family in FAMILIES:
-            family.fragment.touch()  # the routing daemon insists on the file that it includes
-            self._start(
-                family.routing_daemon.name,
-                (family.routing_daemon, "-f", "-c", LAB_DIR / family.routing_config)
-                + ("-s", family.control, "-P", family.pid_file),
-            )
-        self._start("lb", (BUILD / "lb", "-f", LAB_DIR / "lb.conf"))
+            shutil.copy(HERE / f"{family.bird}.conf", LAB_DIR)
+            family.fragment.touch()  # bird insists on the file that it includes
+            self._start(family.bird, (BIRD_DIR / family.bird, "-f", "-c", LAB_DIR / f"{family.bird}.conf",
+                                      "-s", LAB_DIR / f"{family.bird}.ctl", "-P", family.pid_file))
 
     @staticmethod
     def interfaces():
@@ -77,9 +67,9 @@ class Router:
         done = subprocess.run((BUILD / "lbshow", "interfaces"), text=True, capture_output=True, check=False)
         return (done.stdout or done.stderr).partition("\n\n")[0]
 
-    def _start(self, name, command):
+    def _start(self, name, command, **options):
         with open(LAB_DIR / f"{name}.out", "wb") as output:
-            self._programs[name] = network.start("router", *command, stdout=output, stderr=subprocess.STDOUT)
+            self._programs[name] = network.start("router", *command, stdout=output, stderr=subprocess.STDOUT, **options)
 
     def require_alive(self):
         for name, program in self._programs.items():

@@ -1,5 +1,6 @@
 """What the lab lives through, act by act, and the summary of what was measured."""
 
+import collections
 import dataclasses
 import time
 
@@ -11,6 +12,7 @@ PATIENCE_S = 20
 PAUSE_S = 4
 BOTH = {"ISP 1", "ISP 2"}
 ONLY_SECOND = {"ISP 2"}
+LASTING = {network.WEIGHTED_SERVICE: "IPv4", network.SERVICE6: "IPv6"}
 
 
 @dataclasses.dataclass
@@ -19,7 +21,8 @@ class Act:
     began_at: float
     verdict_s: float
     route_s: float
-    ended_at: float = 0.0
+    living: collections.Counter  # lasting connections when it began, by (service, provider)
+    ended_at: float
 
 
 class Story:
@@ -46,10 +49,15 @@ class Story:
             self._watch.until(
                 lambda f=family: self._watch.default_route(f) == BOTH, PATIENCE_S, f"{family.name} default route over both"
             )
-        self._timeline.say("step", "both uplinks carry traffic: the client starts, 20 requests a second to each service")
+        self._timeline.say("step", "both uplinks carry traffic: the client starts, 20 requests a second to each service, and "
+                           f"{watch.CONNECTIONS} lasting connections to two of them")
         self._watch.traffic = watch.Traffic()
         self._watch.until(lambda: self._watch.requests, PATIENCE_S, "the client's first answers")
+        self._watch.until(self._all_connected, PATIENCE_S, "the client's lasting connections")
         self._watch.for_a_while(2 * PAUSE_S)
+
+    def _all_connected(self):
+        return sum(self._watch.lasting().values()) == len(LASTING) * watch.CONNECTIONS
 
     def _act(self, title, change, families, active):
         """Changes the network and measures how long verdict and kernel route of these families take to follow; the
@@ -57,6 +65,7 @@ class Story:
         self._timeline.say("step", title)
         untouched = [family for family in router.FAMILIES if family not in families]
         before = {family: self._watch.routes.get(family) for family in untouched}
+        living = self._watch.lasting()
         began_at = time.monotonic()
         change()
         providers = BOTH if active else ONLY_SECOND
@@ -72,11 +81,12 @@ class Story:
         self._watch.until(all_seen, PATIENCE_S, f"verdict and route after '{title}'")
         self._watch.show_interfaces()
         self._watch.for_a_while(PAUSE_S)
+        self._watch.until(self._all_connected, PATIENCE_S, f"connections over what is left after '{title}'")
         for family in untouched:
             if self._watch.routes.get(family) != before[family] or not self._watch.active[family, "gi1_1"]:
                 raise RuntimeError(f"{family.name} did not stay as it was during '{title}'")
         self._acts.append(
-            Act(title, began_at, seen["verdict"] - began_at, seen["route"] - began_at, time.monotonic())
+            Act(title, began_at, seen["verdict"] - began_at, seen["route"] - began_at, living, time.monotonic())
         )
 
     def _summary(self):
@@ -87,6 +97,11 @@ class Story:
         for act in self._acts:
             losses = " ".join(f"{self._losses(act, service):<18}" for service in services).rstrip()
             print(f"{act.title:<40} {act.verdict_s:>6.1f} s {act.route_s:>6.1f} s   {losses}")
+        print(f"\n{'':<40} lasting connections broken, of those that lived")
+        heads = [(service, provider) for service in LASTING for provider in sorted(BOTH)]
+        print(f"{'':<40} " + " ".join(f"{LASTING[service] + ' over ' + provider:<16}" for service, provider in heads).rstrip())
+        for act in self._acts:
+            print(f"{act.title:<40} " + " ".join(f"{self._broken(act, *head):<16}" for head in heads).rstrip())
         lost = sum(request.outcome == "lost" for request in self._watch.requests)
         print(f"\n{lost} of {len(self._watch.requests)} requests lost in all.")
 
@@ -99,3 +114,12 @@ class Story:
         ]
         lost = [request.sent_at for request in asked if request.outcome == "lost"]
         return f"{len(lost)} of {len(asked)}" + (f" ({max(lost) - act.began_at:.1f} s)" if lost else "")
+
+    def _broken(self, act, service, provider):
+        """For example "7 of 8": those that the event broke among those that it met."""
+        broken = sum(
+            event.what == "broken" and (event.service, event.provider) == (service, provider)
+            and act.began_at <= event.at < act.ended_at
+            for event in self._watch.connection_events
+        )
+        return f"{broken} of {act.living[service, provider]}"

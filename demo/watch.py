@@ -2,6 +2,7 @@
 
 import collections
 import json
+import math
 import os
 import pathlib
 import re
@@ -20,6 +21,9 @@ INTERFACE_OF = {"gigabitethernet 1/0/1": "gi1_1", "gigabitethernet 1/0/2": "gi1_
 STATE_CHANGE = re.compile(r"IP(v6)? interface (.+) changed state to (active|inactive)")
 
 Request = collections.namedtuple("Request", "sent_at service outcome")
+# A lasting connection that "opened" or has "broken", and the provider that carried it.
+ConnectionEvent = collections.namedtuple("ConnectionEvent", "at service what provider")
+CONNECTIONS = 12  # to each of their services
 
 
 class Timeline:
@@ -73,8 +77,27 @@ class RouteMonitor:
         return bool(self._announcements.read())
 
 
+class Lines:
+    """What a program in the lab prints, whole lines only."""
+
+    def __init__(self, namespace, *command):
+        self._program = network.start(namespace, *command, stdout=subprocess.PIPE)
+        self._rest = b""
+        os.set_blocking(self._program.stdout.fileno(), False)
+
+    def new(self):
+        """The words of each line that has come."""
+        self._rest += self._program.stdout.read() or b""
+        *lines, self._rest = self._rest.split(b"\n")
+        return [line.decode().split() for line in lines]
+
+    def stop(self):
+        self._program.kill()
+        self._program.wait()
+
+
 class Traffic:
-    """The client's requests, as they end."""
+    """The client's requests, as they end, and its lasting connections, as they open and break."""
 
     def __init__(self):
         program = str(pathlib.Path(__file__).with_name("traffic.py"))
@@ -82,22 +105,21 @@ class Traffic:
         server = network.start("far", sys.executable, program, "serve", *services, stdout=subprocess.PIPE)
         if not server.stdout.readline():
             raise RuntimeError("the far host's services did not start")
-        self._client = network.start(
-            "client", sys.executable, program, "ask", *services, stdout=subprocess.PIPE
-        )
-        self._rest = b""
-        os.set_blocking(self._client.stdout.fileno(), False)
+        self._requests = Lines("client", sys.executable, program, "ask", *services)
+        self._connections = Lines("client", sys.executable, program, "keep", str(CONNECTIONS),
+                                  network.WEIGHTED_SERVICE, network.SERVICE6)
 
     def ended_requests(self):
-        self._rest += self._client.stdout.read() or b""
-        *lines, self._rest = self._rest.split(b"\n")
-        for line in lines:
-            sent_at, service, outcome = line.decode().split()
+        for sent_at, service, outcome in self._requests.new():
             yield Request(float(sent_at), service, network.PROVIDER_OF.get(outcome, outcome))
 
+    def connection_events(self):
+        for at, service, what, seen in self._connections.new():
+            yield ConnectionEvent(float(at), service, what, network.PROVIDER_OF.get(seen, seen))
+
     def stop(self):
-        self._client.kill()
-        self._client.wait()
+        self._requests.stop()
+        self._connections.stop()
 
 
 class Watch:
@@ -109,6 +131,7 @@ class Watch:
         self.log = SystemLog()
         self.traffic = None
         self.requests = []
+        self.connection_events = []
         self.active = {(family, interface): False for family in router.FAMILIES for interface in network.UPLINKS}
         self.routes = {}
         self._route_monitor = RouteMonitor()
@@ -143,6 +166,7 @@ class Watch:
                 self._look_at_routes(family)
         if self.traffic:
             self.requests.extend(self.traffic.ended_requests())
+            self.connection_events.extend(self.traffic.connection_events())
             self._show_traffic()
 
     def _note(self, message):
@@ -163,14 +187,9 @@ class Watch:
         self._timeline.say("fragment", "\n".join(routes) or f"(no {family.name} route)")
 
     def _look_at_routes(self, family):
-        listing = json.loads(network.ip("router", family.ip_option, "-j", "route", "show", "proto", "bird") or "[]")
-        routes = {
-            route["dst"]: [
-                (network.PROVIDER_OF.get(hop["gateway"], hop["gateway"]), hop.get("weight"))
-                for hop in route.get("nexthops", [route])
-            ]
-            for route in listing
-        }
+        listing = json.loads(network.ip("router", family.ip_option, "-j", "route", "show", "proto",
+                                        self._router.route_protocol) or "[]")
+        routes = {route["dst"]: _hops(route) for route in listing}
         if routes == self.routes.get(family, {}):
             return
         self.routes[family] = routes
@@ -183,6 +202,13 @@ class Watch:
     def default_route(self, family):
         """The providers of the family's default route."""
         return {provider for provider, _ in self.routes.get(family, {}).get("default", [])}
+
+    def lasting(self):
+        """{(service, provider): connections that live now}."""
+        living = collections.Counter()
+        for event in self.connection_events:
+            living[event.service, event.provider] += 1 if event.what == "opened" else -1
+        return living
 
     def _show_traffic(self):
         if time.monotonic() < self._next_traffic_line:
@@ -202,8 +228,18 @@ class Watch:
             self._timeline.say("traffic", "   ".join(f"{share:<35}" for share in shares).rstrip())
 
 
+def _hops(route):
+    """[(provider, weight)]; where a next hop stands in several places of a group, they count as one."""
+    weights = collections.Counter()
+    for hop in route.get("nexthops", [route]):
+        weights[network.PROVIDER_OF.get(hop["gateway"], hop["gateway"])] += hop.get("weight", 1)
+    divisor = math.gcd(*weights.values())
+    return [(provider, weight // divisor) for provider, weight in weights.items()]
+
+
 def _hops_text(hops):
-    return ", ".join(provider + (f" (weight {weight})" if weight else "") for provider, weight in hops)
+    alone = len(hops) == 1
+    return ", ".join(provider if alone else f"{provider} (weight {weight})" for provider, weight in hops)
 
 
 def shares_text(requests, service):

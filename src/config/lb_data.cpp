@@ -17,3 +17,16 @@ bool chooses_for(const std::string& rule_name, const LBRule& rule, bool ipv6) {
         rule.has_member(own_family_is_ipv6) ? own_family_is_ipv6 : !own_family_is_ipv6;
     return chooser_is_ipv6 == ipv6;
 }
+
+WorkByNamespace work_by_namespace(const LBData& data) {
+    WorkByNamespace work;
+    for (const bool is_ipv6 : {false, true}) {
+        for (const auto& [name, health] : data.family(is_ipv6)) {
+            ++work[{health.namespace_name, is_ipv6}].interfaces;
+        }
+    }
+    for (const auto& [name, rule] : data.rules) {
+        ++work[{rule.namespace_name, !is_ipv4_rule(name)}].rules;
+    }
+    return work;
+}

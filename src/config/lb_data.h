@@ -78,3 +78,15 @@ class LBData {
     void dump(context* ctx);
     void dump_h_iter(std::map<std::string, LBHealth>::iterator entry, context* ctx);
 };
+
+/// What one namespace holds of one family.
+struct NamespaceWork {
+    int interfaces = 0;
+    int rules = 0;
+
+    /// A worker serves the namespace and family.
+    bool needs_worker() const { return interfaces != 0 && rules != 0; }
+};
+/// (namespace, is IPv6) -> what it holds; nothing where it holds neither.
+using WorkByNamespace = std::map<std::pair<std::string, bool>, NamespaceWork>;
+WorkByNamespace work_by_namespace(const LBData& data);

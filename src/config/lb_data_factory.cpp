@@ -105,10 +105,11 @@ bool LBDataFactory::load(const std::string& path) {
             continue;
         }
         const Statement statement = read_words(words.tokens, line, blocks);
-        process(blocks.keywords, blocks.depth, statement.key, statement.value);
+        const Handled handled =
+            process(blocks.keywords, blocks.depth, statement.key, statement.value);
         if (observer != nullptr) {
             observer->statement({blocks.keywords, blocks.depth, statement.key, statement.value,
-                                 statement.surplus, handled_});
+                                 statement.surplus, handled});
         }
         if (!blocks.is_inside()) {
             LOG_WARNING("Malformed configuration file: brackets");

@@ -8,6 +8,7 @@
 
 #include "config/lb_data.h"
 #include "config/load_observer.h"
+#include "config/probe_maker.h"
 
 /// Loads the configuration file: lines of words, blocks in curly brackets, "#" comments.
 ///
@@ -23,33 +24,36 @@ class LBDataFactory {
     /// A copy of what was loaded; it shares the probes.
     LBData get() const { return data; }
 
-    /// Acts on one line. `stack` holds the keyword of the latest line at each depth, `depth` is the
-    /// depth after the line's brackets.
-    void process(const std::vector<std::string>& stack, int depth, const std::string& key,
-                 const std::string& value);
+    /// Acts on one line and says what became of it. `stack` holds the keyword of the latest line at
+    /// each depth, `depth` is the depth after the line's brackets.
+    Handled process(const std::vector<std::string>& stack, int depth, const std::string& key,
+                    const std::string& value);
 
-    void process_health(const std::string& key, const std::string& value, bool ipv6);
-    void process_health_interface(const std::string& key, const std::string& value);
-    void process_health_interface_rule(const std::string& key, const std::string& value);
-    void process_health_interface_rule_type(const std::string& key, const std::string& value);
-    void process_health_interface_rule_type_target(const std::string& key,
-                                                   const std::string& value);
-    void process_health_interface_rule_type_resptime(const std::string& key,
+    Handled process_health(const std::string& key, const std::string& value, bool ipv6);
+    Handled process_health_interface(const std::string& key, const std::string& value);
+    Handled process_health_interface_rule(const std::string& key, const std::string& value);
+    Handled process_health_interface_rule_type(const std::string& key, const std::string& value);
+    Handled process_health_interface_rule_type_target(const std::string& key,
+                                                      const std::string& value);
+    Handled process_health_interface_rule_type_resptime(const std::string& key,
+                                                        const std::string& value);
+    Handled process_health_interface_rule_type_period(const std::string& key,
+                                                      const std::string& value);
+    Handled process_health_interface_rule_type_timeout(const std::string& key,
+                                                       const std::string& value);
+    Handled process_health_interface_rule_type_count(const std::string& key,
                                                      const std::string& value);
-    void process_health_interface_rule_type_period(const std::string& key,
-                                                   const std::string& value);
-    void process_health_interface_rule_type_timeout(const std::string& key,
+    Handled process_health_interface_rule_type_loss(const std::string& key,
                                                     const std::string& value);
-    void process_health_interface_rule_type_count(const std::string& key, const std::string& value);
-    void process_health_interface_rule_type_loss(const std::string& key, const std::string& value);
-    void process_health_interface_rule_type_rtt(const std::string& key, const std::string& value);
-    void process_health_interface_rule_type_jitter(const std::string& key,
+    Handled process_health_interface_rule_type_rtt(const std::string& key,
                                                    const std::string& value);
-    void process_rule(const std::string& key, const std::string& value);
-    void process_rule_interface(const std::string& key, const std::string& value);
-    void process_rule_target(const std::string& key, const std::string& value);
-    void process_rule_namespace(const std::string& key, const std::string& value);
-    void process_rule_failover(const std::string& key, const std::string& value);
+    Handled process_health_interface_rule_type_jitter(const std::string& key,
+                                                      const std::string& value);
+    Handled process_rule(const std::string& key, const std::string& value);
+    Handled process_rule_interface(const std::string& key, const std::string& value);
+    Handled process_rule_target(const std::string& key, const std::string& value);
+    Handled process_rule_namespace(const std::string& key, const std::string& value);
+    Handled process_rule_failover(const std::string& key, const std::string& value);
 
     LBData data;
 
@@ -66,11 +70,10 @@ class LBDataFactory {
     LoadObserver* observer = nullptr;  ///< not owned; none in the daemon
 
   private:
-    void process_health_line(int depth, const std::string& key, const std::string& value);
-    void process_health_probe(const std::string& key, const std::string& value);
-    void process_rule_line(const std::vector<std::string>& stack, int depth, const std::string& key,
-                           const std::string& value);
+    Handled process_health_line(int depth, const std::string& key, const std::string& value);
+    Handled process_health_probe(const std::string& key, const std::string& value);
+    Handled process_rule_line(const std::vector<std::string>& stack, int depth,
+                              const std::string& key, const std::string& value);
+    Handled set_ping_setting(PingSetting setting, const std::string& value);
     void add_default_probes();
-
-    Handled handled_ = Handled::ignored;  // what became of the statement being processed
 };

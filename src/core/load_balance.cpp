@@ -26,13 +26,11 @@ bool LoadBalance::set_conf(const std::string& path) {
 }
 
 void LoadBalance::check_before_start(NamespaceNeeds& check) {
-    for (const bool ipv6 : {true, false}) {
-        for (const auto& [name, health] : data.family(ipv6)) {
-            check[{health.namespace_name, ipv6 ? 1 : 0}].first = 1;
-        }
-    }
-    for (const auto& [name, rule] : data.rules) {
-        check[{rule.namespace_name, is_ipv4_rule(name) ? 0 : 1}].second = 1;
+    for (const auto& [place, work] : work_by_namespace(data)) {
+        const auto& [ns_name, is_ipv6] = place;
+        auto& [has_interfaces, has_rules] = check[{ns_name, is_ipv6 ? 1 : 0}];
+        has_interfaces = work.interfaces != 0 ? 1 : has_interfaces;
+        has_rules = work.rules != 0 ? 1 : has_rules;
     }
 }
 

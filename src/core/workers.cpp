@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 
@@ -39,7 +40,9 @@ bool enter_namespace(const std::string& ns_name) {
 
 bool needs_worker(const std::string& ns_name, int family) {
     const auto found = namespaces_check.find({ns_name, family});
-    return found != namespaces_check.end() && found->second.first != 0 && found->second.second != 0;
+    return found != namespaces_check.end() &&
+           NamespaceWork{.interfaces = found->second.first, .rules = found->second.second}
+               .needs_worker();
 }
 
 std::optional<pthread_t> start_worker(context& ctx) {
@@ -59,6 +62,12 @@ void join(const std::optional<pthread_t>& worker) {
 }
 
 }  // namespace
+
+bool is_any_worker_needed() {
+    return std::any_of(namespaces_check.begin(), namespaces_check.end(), [](const auto& entry) {
+        return needs_worker(entry.first.first, entry.first.second);
+    });
+}
 
 void* work_in_namespace(void* arg) {
     const auto& start = *static_cast<const namespace_arg*>(arg);

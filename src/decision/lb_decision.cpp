@@ -142,12 +142,8 @@ void LBDecision::generate_route(HealthEntry health, std::string* line, bool* is_
     }
 }
 
-namespace {
-
-/// The route lines of one rule. Walks the rule's members, which come in the order of their names.
-std::string routes_of(LBDecision& decision, LBData& data, LBDecision::RuleEntry rule,
-                      context* ctx) {
-    const LBDecision::Weights weights = decision.get_new_weights(data, rule->second, ctx);
+std::string LBDecision::routes_of(LBData& data, RuleEntry rule, context* ctx) {
+    const Weights weights = get_new_weights(data, rule->second, ctx);
     auto& interfaces = data.family(ctx->ipv6);
     auto& targets = rule->second.targets;
     std::string routes;
@@ -155,8 +151,7 @@ std::string routes_of(LBDecision& decision, LBData& data, LBDecision::RuleEntry 
         std::string line;
         bool is_added = false;
         for (const auto& [name, weight] : weights) {
-            decision.generate_route(interfaces.find(name), &line, &is_added, rule, weights, target,
-                                    ctx);
+            generate_route(interfaces.find(name), &line, &is_added, rule, weights, target, ctx);
         }
         if (is_added) {
             routes += route_line(target->first, line, target->second);
@@ -166,6 +161,8 @@ std::string routes_of(LBDecision& decision, LBData& data, LBDecision::RuleEntry 
     }
     return routes;
 }
+
+namespace {
 
 /// Writes the fragment, has the routing daemon reload it and flushes the kernel's route cache.
 void hand_over(LBDecision& decision, const std::string& routes, context* ctx) {
@@ -188,7 +185,7 @@ void LBDecision::run(LBData& data, context* ctx) {
     std::string routes;
     for (auto rule = data.rules.begin(); rule != data.rules.end(); ++rule) {
         if (rule->second.namespace_name == *ctx->ns_name) {
-            routes += routes_of(*this, data, rule, ctx);
+            routes += routes_of(data, rule, ctx);
         }
     }
     if (remember(data, *ctx, routes)) {

@@ -27,6 +27,10 @@ class LBDecision {
     /// equals the first by name.
     Weights get_new_weights(LBData& data, LBRule& rule, context* ctx);
 
+    /// The route lines of one rule, its members in the order of their names; destinations without a
+    /// usable member have none.
+    std::string routes_of(LBData& data, RuleEntry rule, context* ctx);
+
     /// Appends an interface's clause to a route line and sets `is_added`, where the interface is an
     /// active member with a next hop and a weight. The next hop of a failover rule goes to the
     /// rule's `chosen_nexthops`. Null pointers do nothing.

@@ -3,7 +3,9 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -13,6 +15,7 @@
 #include "decision/lease_file.h"
 #include "host/interface_name.h"
 #include "net/interface.h"
+#include "platform/clock.h"
 #include "platform/log.h"
 
 namespace {
@@ -22,6 +25,22 @@ struct CloseFile {
 };
 using File = std::unique_ptr<FILE, CloseFile>;
 
+using std::chrono::nanoseconds;
+
+nanoseconds now() {
+    const timeval time = wall_now();
+    return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+}
+
+/// When the file was modified last; a file that cannot be asked might be this very moment.
+nanoseconds modification_time(FILE* file) {
+    struct stat status {};
+    if (fstat(fileno(file), &status) != 0) {
+        return now();
+    }
+    return std::chrono::seconds(status.st_mtim.tv_sec) + nanoseconds(status.st_mtim.tv_nsec);
+}
+
 /// The router that the DHCP client of the interface has learnt; empty where it has none.
 std::string read_lease(const std::string& ifname, bool ipv6) {
     const std::string path =
@@ -30,7 +49,17 @@ std::string read_lease(const std::string& ifname, bool ipv6) {
     if (leases == nullptr) {
         return "";
     }
-    return ipv6 ? router_in_lease6(leases.get()) : router_in_lease(leases.get());
+    const auto router_in = ipv6 ? router_in_lease6 : router_in_lease;
+    const nanoseconds modified = modification_time(leases.get());
+    // Whoever writes now leaves the time of now. One in the future tells as well that nobody does:
+    // it is from before the clock was set back.
+    std::string router = router_in(leases.get(), std::chrono::abs(now() - modified));
+    if (modification_time(leases.get()) == modified) {
+        return router;
+    }
+    // It was old, but has been written while it was read.
+    rewind(leases.get());
+    return router_in(leases.get(), nanoseconds(0));
 }
 
 /// The peer's address of a point-to-point interface, as a dotted quad in either family. The result

@@ -12,7 +12,6 @@ import socket
 import golden
 from kit import Conf, LabTest, expect, ping
 from kit import echo_policies as policy
-from kit.cycles import Cycles
 from kit.lab import OUTPUT_DIRECTORY
 from scenes import (GATEWAY, GATEWAY_2, INACTIVE_2, PREFIX, ROUTER, ROUTER_2, TARGET, TARGET_2, VIA_1,
                     VIA_2, VIA_BOTH, fragment)
@@ -61,8 +60,8 @@ class FaultTest(LabTest):
         second = self.lab.uplink("gi1_2", ROUTER_2 + "/24", GATEWAY_2, address6=ROUTER6_2 + "/64",
                                  gateway6=GATEWAY6_2)
         second.echo = self.second_echo
-        self.alive = self.lab.keep_alives()
-        self.daemon = self.lab.start(self.conf, environment=self.alive.environment)
+        self.alive = self.lab.keep_alives
+        self.daemon = self.lab.start(self.conf)
         self.expect_routes(self.right_routes)
 
     def attach_first(self):
@@ -99,8 +98,12 @@ class FaultTest(LabTest):
         return dict(zip(names, states))
 
     def expect_report(self, first, ipv6=False):
-        expect(lambda: self.reported(ipv6) == {"gi1_1": first, "gi1_2": "active"},
-               what=f"the report says {first}")
+        expect(lambda: self.reported(ipv6) == {"gi1_1": first, "gi1_2": "active"}, within=30,
+               what=f"the report of IPv{6 if ipv6 else 4} says {first}")
+
+    def expect_reports(self, first):
+        self.expect_report(first)
+        self.expect_report(first, ipv6=True)
 
     # What is right.
 
@@ -110,8 +113,8 @@ class FaultTest(LabTest):
         self.expect_probes_with_right_bytes()
 
     def expect_right_routes_soon(self):
-        Cycles(self.alive).expect(lambda: self.routes() == self.right_routes, CYCLES_TO_RECOVER,
-                                  "the routes are right again")
+        self.lab.cycles.expect(lambda: self.routes() == self.right_routes, CYCLES_TO_RECOVER,
+                               "the routes are right again")
         self.assertEqual(self.count(INACTIVE_2, INACTIVE6_2), [1, 1])  # from the start
 
     def expect_probes_with_right_bytes(self):

@@ -70,10 +70,9 @@ class Pinging(LabTest):
         peer.echo = echo
         return peer
 
-    def start(self, target=TARGET, interface="gi1_1", uplink=None, environment=None, **limits):
+    def start(self, target=TARGET, interface="gi1_1", uplink=None, **limits):
         probes = [ping_ext(target, **{**LOOSE, **limits})]
-        return self.lab.start(one_uplink(interface, probes=probes, **(uplink or {})),
-                              environment=environment)
+        return self.lab.start(one_uplink(interface, probes=probes, **(uplink or {})))
 
     def expect_logged(self, text):
         expect(lambda: text in self.lab.log.texts(), what=f"logged: {text}")

@@ -6,7 +6,7 @@
 """
 import socket
 
-from kit import LabTest, expect, main, never
+from kit import LabTest, expect, main
 from kit import packets
 from scenes import (ACTIVE, ACTIVE_2, GATEWAY, GATEWAY_2, ROUTER, ROUTER_2, TARGET, error,
                     one_uplink, two_uplinks)
@@ -74,7 +74,7 @@ class Arp(LabTest):
         expect(lambda: ACTIVE in self.lab.log.texts())
         peer.send(packets.arp(2, peer.mac, "192.0.2.77", packets.mac_bytes("02:00:5e:10:00:01"),
                               ROUTER))
-        never(lambda: "lladdr" in self.entry("192.0.2.77"), during=1)
+        self.lab.cycles.never(lambda: "lladdr" in self.entry("192.0.2.77"), cycles=1)
 
     def test_gratuitous_request_is_ignored(self):
         peer = self.attach()
@@ -82,7 +82,7 @@ class Arp(LabTest):
         self.lab.start(one_uplink())
         expect(peer.arp_requests)
         peer.send(packets.arp(1, peer.mac, GATEWAY, b"\0" * 6, GATEWAY, packets.BROADCAST))
-        never(lambda: "lladdr" in self.entry(), during=1)
+        self.lab.cycles.never(lambda: "lladdr" in self.entry(), cycles=1)
 
     def test_second_unknown_next_hop_is_learnt_by_the_same_receiver(self):
         self.attach()

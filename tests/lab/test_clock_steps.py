@@ -77,20 +77,27 @@ class ClockSteps(RunningTest):
                 self.return_second_uplink()
                 self.expect_everywhere(True)
 
-    def test_age_of_a_failure_is_off_by_the_step_until_the_next_one(self):
+    def step_after_a_failure(self, days):
         self.lose_second_uplink()
         self.return_second_uplink()
-        self.step(1)
+        self.step(days)
+
+    def test_age_of_a_failure_is_off_by_the_step(self):
+        self.step_after_a_failure(1)
         self.cycles.expect(lambda: any(age.startswith("1d") for age in self.shown_in_report("Failure")),
                            what="the report tells an age of a day")
         self.step(0)
         self.cycles.expect(lambda: not any("d" in age for age in self.shown_in_report("Failure")),
                            what="the report tells the true age")
-        self.step(-1)
-        # A stamp of the future: the report's success is 0 s old, its failure wraps round.
+
+    def test_failure_of_the_future_is_ages_old_and_a_success_is_new(self):
+        self.step_after_a_failure(-1)
         self.cycles.expect(lambda: any("d" in age for age in self.shown_in_report("Failure")),
                            what="the report tells an age that wraps round")
         self.assertFalse(any("d" in age for age in self.shown_in_report("Success")))
+
+    def test_failure_after_a_step_back_is_new(self):
+        self.step_after_a_failure(-1)
         self.lose_second_uplink()
         self.cycles.expect(lambda: "0s" in self.shown_in_report("Failure")
                            or "1s" in self.shown_in_report("Failure"), what="the failure is new")

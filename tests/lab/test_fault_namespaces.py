@@ -8,7 +8,7 @@
 import os
 import subprocess
 
-from kit import Conf, LabTest, expect, main, never, ping
+from kit import Conf, LabTest, expect, main, ping
 from kit import echo_policies as policy
 from kit.netns import Namespace
 from scenes import (ACTIVE, ACTIVE_2, GATEWAY, INACTIVE, INACTIVE_2, PREFIX, ROUTER, TARGET, VIA_1, error,
@@ -40,7 +40,7 @@ class DeletedNamespace(LabTest):
         self.blue = self.lab.namespace("blue")
         self.attach("gi1_1", self.lab.router)
         self.peer = self.attach("gi1_2", self.blue)
-        self.alive = self.lab.keep_alives()
+        self.alive = self.lab.keep_alives
         self.start()
         self.expect_routes("", UP)
         self.expect_routes("blue", UP)
@@ -50,7 +50,7 @@ class DeletedNamespace(LabTest):
                                gateway6=GATEWAY6, namespace=namespace)
 
     def start(self):
-        self.daemon = self.lab.start(both_namespaces(), environment=self.alive.environment)
+        self.daemon = self.lab.start(both_namespaces())
 
     def expect_routes(self, namespace, routes):
         expect(lambda: (self.lab.fragment(namespace), self.lab.fragment(namespace, ipv6=True)) == routes,
@@ -87,6 +87,10 @@ class DeletedNamespace(LabTest):
         self.alive.assert_pace_kept(calm)
         self.assert_default_untouched()
 
+    def test_interfaces_that_return_to_the_same_namespace_are_used_again(self):
+        self.delete_namespace()
+        self.blue.ip("link delete gi1_2")
+        self.expect_routes("blue", DOWN)
         self.attach("gi1_2", self.blue)
         self.expect_routes("blue", UP)
         self.assertEqual([self.lab.log.count(text) for text in (ACTIVE_2, ACTIVE6_2)], [2, 2])
@@ -98,7 +102,7 @@ class DeletedNamespace(LabTest):
         again = Namespace.named("blue")
         self.addCleanup(again.close)
         peer = self.attach("gi1_2", again)
-        never(peer.echo_requests, during=2.5)
+        self.lab.cycles.never(peer.echo_requests, cycles=3)
 
         self.daemon.stop()
         self.start()

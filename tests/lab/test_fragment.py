@@ -9,11 +9,11 @@ import os
 import shutil
 import signal
 
-from kit import Conf, LabTest, expect, main, never, ping
+from kit import Conf, LabTest, expect, main, ping
 from kit import echo_policies as policy
 from kit.routing_daemon import fragment_path
 from kit.system_log import DEBUG
-from scenes import (ACTIVE, VIA_1, VIA_2, VIA_BOTH, attach_two, fragment, one_uplink,
+from scenes import (ACTIVE, GATEWAY, PREFIX, VIA_1, VIA_2, VIA_BOTH, attach_two, fragment, one_uplink,
                     two_uplinks)
 
 NO_PID = "LBDecision::run() can't execute 'cat /var/run/routing.pid'"
@@ -68,7 +68,7 @@ class Text(LabTest):
         self.lab.start(text)
         expect(lambda: self.lab.fragment() == fragment(VIA_2))
         expect(lambda: ACTIVE in self.lab.log.texts())
-        never(lambda: self.lab.fragment() != fragment(VIA_2), during=1.5)
+        self.lab.cycles.never(lambda: self.lab.fragment() != fragment(VIA_2), cycles=2)
 
     def test_fragment_of_an_earlier_run_stays_until_the_first_verdict(self):
         one, _ = attach_two(self.lab)
@@ -166,7 +166,7 @@ class Notice(LabTest):
         bystander = self.lab.routing_daemon(pid_text=text, group=daemon.pid)
         self.one.echo = policy.answer
         expect(lambda: self.lab.fragment() == fragment(VIA_1))
-        never(bystander.hups, during=1)
+        self.lab.cycles.never(bystander.hups, cycles=1)
         self.assertTrue(daemon.running())
 
     def test_process_that_is_gone_is_no_error(self):
@@ -184,6 +184,11 @@ class Notice(LabTest):
     def test_rule_without_targets_adds_no_route(self):
         self.lab.start(one_uplink().rule("2_ipv4", {"gi1_1": 1}))
         expect(lambda: self.lab.fragment() == fragment(VIA_1))
+
+    def test_destination_of_two_rules_stands_twice(self):
+        self.lab.start(one_uplink().rule("2_ipv4", {"gi1_1": 7}, {PREFIX: None}))
+        expect(lambda: self.lab.fragment() == fragment(
+            VIA_1, f"route {PREFIX} multipath via {GATEWAY} weight 7;"))
 
     def test_prefix_without_a_usable_interface_gets_no_line(self):
         self.two.echo = policy.silence

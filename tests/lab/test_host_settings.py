@@ -5,7 +5,7 @@
                                            target 198.51.100.1
       gi1_2 203.0.113.10/24 --------------- scripted peer 203.0.113.1
 """
-from kit import LabTest, expect, main, never
+from kit import LabTest, expect, main
 from scenes import ACTIVE, GATEWAY, ROUTER, one_uplink
 
 OFF, STRICT, LOOSE = "0", "1", "2"
@@ -35,11 +35,11 @@ class ReversePath(LabTest):
 
     def test_strict_check_drops_answers_while_another_uplink_carries_the_traffic(self):
         self.start(STRICT, routed_by="203.0.113.1")
-        never(self.is_active, during=4)
+        self.lab.cycles.never(self.is_active, cycles=4)
 
     def test_loose_check_drops_answers_while_nothing_is_routed(self):
         self.start(LOOSE)
-        never(self.is_active, during=4)
+        self.lab.cycles.never(self.is_active, cycles=4)
 
     def test_loose_check_lets_answers_in_while_any_uplink_carries_the_traffic(self):
         self.start(LOOSE, routed_by="203.0.113.1")
@@ -60,7 +60,7 @@ class Firewall(LabTest):
 
     def test_dropping_all_input_keeps_answers_out(self):
         self.start()
-        never(lambda: ACTIVE in self.lab.log.texts(), during=4)
+        self.lab.cycles.never(lambda: ACTIVE in self.lab.log.texts(), cycles=4)
 
 
 if __name__ == "__main__":

@@ -8,7 +8,7 @@ import struct
 
 import golden
 from golden import in_hex, sum_over
-from kit import expect, main, never
+from kit import expect, main
 from kit import echo_policies as policy
 from kit import packets
 from scenes import ACTIVE, GATEWAY, INACTIVE, ROUTER, VIA_1, fragment, one_uplink
@@ -33,6 +33,13 @@ class Frames(Ipv6Test):
     def test_echo_has_66_bytes_in_the_order_of_the_table(self):
         peer = self.attach()
         daemon = self.lab.start(one_uplink6())
+        frame = expect(peer.echo_frames)[0]
+        self.assertEqual(frame.data.hex(), golden.echo6(NEAR, FAR, daemon.pid & 0xFFFF,
+                                                        frame.message.packet_id))
+
+    def test_tunnels_word_in_the_name_changes_nothing(self):
+        peer = self.lab.uplink("gre_1", address6=ROUTER6 + "/64", gateway6=GATEWAY6)
+        daemon = self.lab.start(one_uplink6("gre_1"))
         frame = expect(peer.echo_frames)[0]
         self.assertEqual(frame.data.hex(), golden.echo6(NEAR, FAR, daemon.pid & 0xFFFF,
                                                         frame.message.packet_id))
@@ -69,7 +76,17 @@ class Neighbours(Ipv6Test):
         expect(lambda: ACTIVE6 in self.lab.log.texts())
         peer.send(packets.advertisement(peer.mac, "2001:db8::77", packets.mac_bytes(NEAR_MAC),
                                         ROUTER6))
-        never(lambda: "lladdr" in self.entry("2001:db8::77"), during=1)
+        self.lab.cycles.never(lambda: "lladdr" in self.entry("2001:db8::77"), cycles=1)
+
+    def test_first_option_of_an_advertisement_is_taken_whatever_its_type(self):
+        peer = self.attach()
+        peer.arp_silent = True
+        self.lab.start(one_uplink6())
+        expect(self.solicitations)
+        plain = packets.advertisement(peer.mac, GATEWAY6, packets.mac_bytes(NEAR_MAC), ROUTER6)
+        option_type = 78  # of the first option: 2 is the target's link-layer address, 1 the source's
+        peer.send(plain[:option_type] + b"\x01" + plain[option_type + 1:])
+        expect(lambda: f"lladdr {FAR_MAC}" in self.entry())
 
     def test_advertisement_behind_an_extension_header_is_not_recognised(self):
         peer = self.attach()
@@ -80,7 +97,7 @@ class Neighbours(Ipv6Test):
         options = bytes.fromhex("3a00050200000000")  # hop-by-hop: router alert, padding
         length = struct.unpack("!H", plain[18:20])[0] + len(options)
         peer.send(plain[:18] + struct.pack("!HB", length, 0) + plain[21:54] + options + plain[54:])
-        never(lambda: "lladdr" in self.entry(), during=1.5)
+        self.lab.cycles.never(lambda: "lladdr" in self.entry(), cycles=2)
 
     def test_next_hop_in_another_spelling_never_matches(self):
         peer = self.attach()
@@ -157,16 +174,26 @@ class Sources(Ipv6Test):
 
 
 class Verdicts(Ipv6Test):
+    def test_uplink_is_first_reported_inactive(self):
+        self.attach()
+        self.lab.start(one_uplink6())
+        expect(lambda: ACTIVE6 in self.lab.log.texts())
+        self.assertEqual(self.lab.log.texts()[0], INACTIVE6)
+
     def test_answers_bring_the_uplink_up_and_silence_down(self):
         peer = self.attach()
         daemon = self.lab.routing_daemon(ipv6=True)
         self.lab.start(one_uplink6())
         expect(lambda: daemon.fragments()[-1:] == [fragment6(VIA_6)])
-        self.assertEqual(self.lab.log.texts()[0], INACTIVE6)
         peer.echo = policy.silence
         expect(lambda: daemon.fragments()[-1:] == [fragment6()])
         peer.echo = policy.answer
         expect(lambda: daemon.fragments()[-1:] == [fragment6(VIA_6)])
+
+    def test_no_fragment_of_the_other_family_is_written(self):
+        self.attach()
+        self.lab.start(one_uplink6())
+        expect(lambda: self.lab.fragment(ipv6=True) == fragment6(VIA_6))
         self.assertIsNone(self.lab.fragment())
 
     def test_address_that_vanishes_and_returns_takes_the_uplink_down_and_up(self):

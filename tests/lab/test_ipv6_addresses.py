@@ -3,7 +3,7 @@
     router                                          far
       gi1_1 2001:db8::10/64, 02:00:5e:10:00:01 ----- peer 2001:db8::1:2:3, 02:00:5e:20:00:01
 """
-from kit import expect, main, never, packets
+from kit import expect, main, packets
 from scenes import ACTIVE, GATEWAY, INACTIVE, ROUTER, one_uplink
 from scenes6 import (ACTIVE6, GATEWAY6, INACTIVE6, NEAR_MAC, ROUTER6, Ipv6Test, one_uplink6)
 
@@ -100,7 +100,7 @@ class MovingNeighbours(Ipv6Test):
         peer.mac = packets.mac_bytes(MOVED_MAC)
         peer.send(packets.advertisement(peer.mac, GATEWAY6, packets.mac_bytes(NEAR_MAC), ROUTER6))
         expect(lambda: peer.echo_frames()[-1].data[:6] == peer.mac)
-        never(lambda: self.lab.log.count(INACTIVE6) > 1, during=2)
+        self.lab.cycles.never(lambda: self.lab.log.count(INACTIVE6) > 1, cycles=2)
 
     def test_neighbour_that_goes_and_returns_elsewhere_is_found_again(self):
         peer = self.attach()

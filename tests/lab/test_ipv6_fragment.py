@@ -6,7 +6,7 @@
 """
 import os
 
-from kit import expect, main, never
+from kit import expect, main
 from kit import echo_policies as policy
 from kit.system_log import DEBUG
 from scenes import ACTIVE, GATEWAY, ROUTER, one_uplink
@@ -61,7 +61,16 @@ class Text(Ipv6Test):
         self.lab.start(conf)
         expect(lambda: self.fragment() == fragment6(VIA_6))
         expect(self.logged(ACTIVE))
-        never(lambda: self.fragment() != fragment6(VIA_6), during=1.5)
+        self.lab.cycles.never(lambda: self.fragment() != fragment6(VIA_6), cycles=2)
+
+
+    def test_members_decide_the_family_of_a_rules_routes(self):
+        self.attach()
+        self.lab.start(one_uplink6().rule("2_ipv4", interfaces6={"gi1_1": 7},
+                                          targets={"198.18.8.0/24": None}))
+        expect(lambda: self.fragment() == fragment6(
+            VIA_6, f"route 198.18.8.0/24 multipath via {GATEWAY6} weight 7;"))
+        self.assertIsNone(self.lab.fragment())
 
 
 class Notice(Ipv6Test):
@@ -71,7 +80,7 @@ class Notice(Ipv6Test):
         daemon = self.lab.start(one_uplink6())
         hup = expect(ipv6.hups)[0]
         self.assertEqual((hup["fragment"], hup["sender"]), (fragment6(VIA_6), daemon.pid))
-        never(ipv4.hups, during=1)
+        self.lab.cycles.never(ipv4.hups, cycles=1)
 
     def test_outage_of_one_family_signals_the_other_daemon_nothing(self):
         peer = self.attach(address=ROUTER + "/24", gateway=GATEWAY, known=True)

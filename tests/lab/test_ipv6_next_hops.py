@@ -6,7 +6,7 @@
 """
 import os
 
-from kit import expect, main, never
+from kit import expect, main
 from kit.lbshow import state
 from scenes import GATEWAY, ROUTER, warning
 from scenes6 import ROUTER6, Ipv6Test, one_uplink6
@@ -57,6 +57,11 @@ class Leases(Ipv6Test):
         self.start()
         expect(lambda: learnt() == "fe80::1")
 
+    def test_last_line_without_an_end_is_learnt_once_the_file_rests(self):
+        write("reason='BOUND6'\nnew_routers='fe80::1' interface=gi1_1")
+        self.start()
+        expect(lambda: learnt() == "fe80::1")
+
     def test_lease_of_the_ipv4_client_does_not_count(self):
         write("lease {\n  option routers 192.0.2.1;\n}\n", "/var/db/dhclient_gi1_1.leases")
         self.start()
@@ -80,14 +85,15 @@ class Leases(Ipv6Test):
         write(lease("fe80::1"))
         expect(lambda: learnt() == "fe80::1")
         warnings = self.lab.log.count(WARNING)
-        never(lambda: self.lab.log.count(WARNING) > warnings, during=2.5)
+        self.lab.cycles.never(lambda: self.lab.log.count(WARNING) > warnings, cycles=3)
 
     def test_vanished_lease_keeps_the_learnt_router(self):
         write(lease("fe80::1"))
         self.start()
         expect(lambda: learnt() == "fe80::1")
         os.unlink(LEASE)
-        never(lambda: WARNING in self.lab.log.texts() or learnt() != "fe80::1", during=2.5)
+        self.lab.cycles.never(lambda: WARNING in self.lab.log.texts() or learnt() != "fe80::1",
+                              cycles=3)
 
     def test_learnt_router_is_not_what_the_neighbour_prober_is_handed(self):
         self.peer.addresses.add("fe80::1")

@@ -5,9 +5,10 @@
     router, namespace blue
       gi1_2 192.0.2.10/24 ------- scripted peer 192.0.2.1 (the same addresses)
 """
-from kit import Conf, LabTest, expect, main, never, ping
+from kit import Conf, LabTest, expect, main, ping
 from kit import echo_policies as policy
-from scenes import GATEWAY, PREFIX, ROUTER, TARGET, VIA_1, fragment
+from kit import packets
+from scenes import GATEWAY, PREFIX, ROUTER, TARGET, VIA_1, changed, fragment
 
 BLUE_ROUTE = f"route {PREFIX} multipath via {GATEWAY} weight 3;"
 CONF = (Conf()
@@ -61,12 +62,28 @@ class TwoNamespaces(LabTest):
         self.assertEqual(len(self.default_daemon.hups()), signalled)
         self.assertEqual(self.lab.fragment(), fragment(VIA_1))
 
-    def test_reply_that_reaches_the_other_namespace_is_told_apart_by_its_identifier(self):
+    def test_interface_name_stands_once_whatever_the_namespaces(self):
+        self.lab.start(CONF.text().replace("interface gi1_1", "interface gi1_2"))
+        expect(lambda: self.blue_daemon.fragments()[-1:] == [fragment(BLUE_ROUTE)])
+        self.assertEqual(self.lab.log.count(changed("gigabitethernet 1/0/2", "inactive")), 1)
+        self.assertEqual((self.lab.fragment(), self.default_peer.frames()), (None, []))
+
+    def test_identifiers_of_both_are_never_the_same(self):
         self.lab.start(CONF)
         self.expect_both()
         identifiers = [echo.packet_id for peer in (self.default_peer, self.blue_peer)
                        for echo in peer.echo_requests()]
         self.assertEqual(len(identifiers), len(set(identifiers)))
+
+    def test_reply_counts_for_its_identifier_whatever_namespace_it_reaches(self):
+        router_mac = packets.mac_bytes("02:00:5e:10:00:01")  # of gi1_1, in the default namespace
+
+        def answer_over_there(request, _number):
+            self.default_peer.send(packets.echo(request.reply(), self.default_peer.mac, router_mac))
+            return []
+        self.blue_peer.echo = answer_over_there
+        self.lab.start(CONF)
+        self.expect_both()
 
     def test_records_of_connections_land_where_their_probes_run(self):
         with open("/run/known.nft", "w", encoding="ascii") as file:
@@ -84,7 +101,7 @@ class TwoNamespaces(LabTest):
         self.expect_both()
         expect(lambda: len(self.blue_peer.echo_requests()) >= 4)
         self.assertEqual(self.lab.log.errors(), [])
-        never(self.lab.log.errors, during=0.5)
+        self.lab.cycles.never(self.lab.log.errors, cycles=1)
 
 
 if __name__ == "__main__":

@@ -6,11 +6,14 @@
 """
 import os
 
-from kit import LabTest, expect, main, never, ping
-from scenes import (ACTIVE, GATEWAY, PREFIX, ROUTER, VIA_1, changed, fragment, one_uplink, warning)
+from kit import LabTest, expect, main, ping
+from kit.lbshow import state
+from scenes import (ACTIVE, GATEWAY, PREFIX, ROUTER, VIA_1, changed, error, fragment, one_uplink,
+                    warning)
 
 LEASE = "/var/db/dhclient_gi1_1.leases"
 NO_ROUTER = "Failed to get routers option from DHCP on interface "
+NO_PEER = "Failed to get P-t-P destination from tunnel interface "
 WARNING = warning(NO_ROUTER + "gigabitethernet 1/0/1")
 
 
@@ -80,7 +83,7 @@ class Leases(LabTest):
         self.start()
         expect(lambda: ACTIVE in self.lab.log.texts())
         os.unlink(LEASE)
-        never(lambda: WARNING in self.lab.log.texts(), during=2.5)
+        self.lab.cycles.never(lambda: WARNING in self.lab.log.texts(), cycles=3)
         self.assertEqual(self.lab.fragment(), fragment(VIA_1))
 
     def test_half_written_lease_keeps_the_learnt_router(self):
@@ -89,7 +92,25 @@ class Leases(LabTest):
         expect(lambda: ACTIVE in self.lab.log.texts())
         for text in ("", "lease {\n  option rou", "lease {\n  option routers", "\0" * 3000):
             write(text)
-            never(lambda: self.lab.fragment() != fragment(VIA_1), during=1.2)
+            self.lab.cycles.never(lambda: self.lab.fragment() != fragment(VIA_1), cycles=2)
+
+    def test_first_cycle_probes_before_the_lease_is_read(self):
+        write(lease(GATEWAY))
+        self.lab.start(one_uplink(nexthop="dhcp"))
+        expect(lambda: ACTIVE in self.lab.log.texts())
+        self.assertEqual(self.lab.log.errors(), [
+            error("<check_arp_exist> Inet_aton() failed Invalid argument(22)")])
+
+    def test_probe_without_a_target_keeps_the_router_that_it_met_first(self):
+        write(lease(GATEWAY))
+        self.start()
+        expect(lambda: ACTIVE in self.lab.log.texts())
+        self.peer.addresses.add("192.0.2.2")
+        write(lease("192.0.2.2"))
+        expect(lambda: self.peer.arp_requests("192.0.2.2"))
+        before = len(self.peer.echo_requests())
+        expect(lambda: len(self.peer.echo_requests()) >= before + 2)
+        self.assertEqual({echo.destination for echo in self.peer.echo_requests()}, {GATEWAY})
 
     def test_new_router_replaces_the_old_one_in_the_route(self):
         write(lease(GATEWAY))
@@ -107,6 +128,12 @@ class Tunnels(LabTest):
         expect(lambda: changed("gre 1", "active") in self.lab.log.texts())
         expect(lambda: self.lab.fragment() == fragment(VIA_1))
         self.assertEqual({echo.destination for echo in peer.echo_requests()}, {GATEWAY})
+
+    def test_interface_that_is_no_tunnel_is_its_own_peer(self):
+        self.lab.uplink("gi1_1", ROUTER + "/24", GATEWAY)
+        self.lab.start(one_uplink(nexthop="tunnel", probes=[ping(None, 300)]))
+        expect(lambda: [one["nexthop"] for one in state()["interfaces"]] == [ROUTER])
+        self.assertNotIn(NO_PEER, "".join(self.lab.log.texts()))
 
     def test_missing_tunnel_does_not_end_the_cycle(self):
         self.lab.uplink("gi1_1", ROUTER + "/24", GATEWAY, known=True)

@@ -48,6 +48,14 @@ class RoutingDaemonsPidFile(RunningTest):
         self.assert_everything_follows()
         expect(lambda: captured.fragments()[before:] == [fragment(VIA_1), fragment(VIA_BOTH)])
 
+    def test_of_a_stranger_has_the_stranger_signalled(self):
+        with subprocess.Popen(["sleep", "1000"]) as stranger:
+            self.addCleanup(stranger.kill)
+            with open(self.lab.pid_file(), "w", encoding="ascii") as file:
+                file.write(f"{stranger.pid}\n")
+            self.start()
+            self.assertEqual(stranger.wait(), -signal.SIGHUP)
+
     def test_that_vanishes_costs_the_notice_until_it_is_back(self):
         captured = self.lab.routing_daemon()
         self.start()

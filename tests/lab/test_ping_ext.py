@@ -15,15 +15,28 @@ def figures():
 
 
 class Frames(Pinging):
-    def test_run_counts_its_sequence_up_and_keeps_its_packet_identifier(self):
+    def run_of_four(self):
+        """(the daemon, the echoes of a run, their frames)"""
         peer = self.attach()
         daemon = self.start(count=4)
         expect(lambda: len(peer.echo_frames()) == 4)
-        echoes = peer.echo_requests()
+        return daemon, peer.echo_requests(), peer.echo_frames()
+
+    def test_run_counts_its_sequence_up_from_0(self):
+        _, echoes, _ = self.run_of_four()
         self.assertEqual([echo.sequence for echo in echoes], [0, 1, 2, 3])
-        self.assertEqual({echo.packet_id for echo in echoes}, {1})
-        self.assertEqual({echo.identifier for echo in echoes}, {daemon.pid & 0xFFFF})
-        self.assertEqual({len(frame.data) for frame in peer.echo_frames()}, {46})
+
+    def test_run_keeps_its_packet_identifier(self):
+        _, echoes, _ = self.run_of_four()
+        self.assertEqual([echo.packet_id for echo in echoes], [1] * 4)
+
+    def test_echoes_are_identified_by_the_process_number(self):
+        daemon, echoes, _ = self.run_of_four()
+        self.assertEqual([echo.identifier for echo in echoes], [daemon.pid & 0xFFFF] * 4)
+
+    def test_echo_has_46_bytes(self):
+        _, _, frames = self.run_of_four()
+        self.assertEqual([len(frame.data) for frame in frames], [46] * 4)
 
     def test_every_echo_has_right_checksums_to_scapy(self):
         peer = self.attach()
@@ -234,11 +247,10 @@ class Runs(Pinging):
         self.assertLess(len(self.lab.peers["default-gi1_1"].echo_requests()), 8)
 
     def test_burst_does_not_hold_up_the_keep_alives(self):
-        alive = self.lab.keep_alives()
+        alive = self.lab.keep_alives
         peer = self.attach(lambda request, number: policy.answer(request, number) if number == 1
                            else policy.silence(request, number))
-        self.lab.start(one_uplink(probes=[ping_ext(TARGET, count=7, timeout=1000, **LOOSE)]),
-                       environment=alive.environment)
+        self.lab.start(one_uplink(probes=[ping_ext(TARGET, count=7, timeout=1000, **LOOSE)]))
         expect(lambda: len(peer.echo_frames()) == 7)
         times = [frame.time_s for frame in peer.echo_frames()]
         during = [time_s for time_s in alive.times("WATCHDOG=1") if times[0] < time_s < times[-1]]

@@ -3,7 +3,7 @@
     router                                        far
       gi1_1 192.0.2.10/24 ------------------------ scripted peer 192.0.2.1
 """
-from kit import Conf, expect, main, never, ping_ext
+from kit import Conf, expect, main, ping_ext
 from kit import echo_policies as policy
 from kit.lab import OUTPUT_DIRECTORY
 from kit.reply_counters import ReplyCounters
@@ -36,14 +36,24 @@ class Results(Pinging):
         self.expect_logged(ACTIVE)
         self.assertEqual((after_a_run(SUCCESS).failures, after_a_run(SUCCESS).figures[0]), (0, 0))
 
-    def test_echo_that_cannot_be_sent_fails_the_run_and_keeps_the_results(self):
+    def start_run_and_take_link_down(self):
         peer = self.attach(silent_after(1))
         self.start(count=9, timeout=1500)
         expect(lambda: len(peer.echo_requests()) >= 2)
         self.lab.router.ip("link set gi1_1 down")
-        expect(lambda: self.lab.log.texts(DEBUG))
-        self.assertEqual(self.lab.log.texts(DEBUG), [SEND_ERROR + str(NETWORK_IS_DOWN)])
+        return peer
+
+    def test_echo_that_cannot_be_sent_is_a_debug_line_with_the_error_number(self):
+        self.start_run_and_take_link_down()
+        self.assertEqual(expect(lambda: self.lab.log.texts(DEBUG)), [SEND_ERROR + str(NETWORK_IS_DOWN)])
+
+    def test_echo_that_cannot_be_sent_fails_the_run_and_keeps_the_results(self):
+        self.start_run_and_take_link_down()
         self.assertEqual(after_a_run(FAILURE).figures, (0, 0, 0))
+
+    def test_echo_that_cannot_be_sent_ends_the_run(self):
+        peer = self.start_run_and_take_link_down()
+        after_a_run(FAILURE)
         self.assertLess(len(peer.echo_requests()), 9)
 
     def test_source_that_vanishes_leaves_the_verdict_as_it_was(self):
@@ -82,7 +92,7 @@ class Schedule(Pinging):
         peer = self.attach()
         self.start(count=2)  # the period is 240 s unless configured
         after_a_run(SUCCESS)
-        never(lambda: len(peer.echo_requests()) > 2, during=3.5)
+        self.lab.cycles.never(lambda: len(peer.echo_requests()) > 2, cycles=4)
 
     def test_run_without_a_next_hops_address_counts_as_the_first(self):
         peer = self.lab.uplink("gi1_1", ROUTER + "/24", GATEWAY)
@@ -90,7 +100,7 @@ class Schedule(Pinging):
         self.start(count=2)
         after_a_run(FAILURE)
         expect(lambda: "02:00:5e:20:00:01" in self.lab.neighbour(GATEWAY, "gi1_1"))
-        never(peer.echo_requests, during=3)
+        self.lab.cycles.never(peer.echo_requests, cycles=3)
 
     def test_each_run_takes_the_next_packet_identifier(self):
         peer = self.attach()
@@ -139,9 +149,9 @@ class ConnectionTracking(Pinging):
 
 class LongWaits(Pinging):
     def test_single_long_wait_does_not_hold_up_the_keep_alives(self):
-        alive = self.lab.keep_alives()
+        alive = self.lab.keep_alives
         peer = self.attach(policy.silence)
-        self.start(count=3, timeout=5000, environment=alive.environment)
+        self.start(count=3, timeout=5000)
         begin = expect(peer.echo_frames)[0].time_s
         after_a_run(FAILURE)
         during = [time_s for time_s in alive.times("WATCHDOG=1")

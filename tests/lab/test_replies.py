@@ -5,7 +5,7 @@
 """
 import struct
 
-from kit import LabTest, expect, main, never, ping
+from kit import LabTest, expect, main, ping
 from kit import echo_policies as policy
 from reply_cases import ReplyCases
 from scenes import ACTIVE, GATEWAY, INACTIVE, ROUTER, TARGET, TARGET_2, one_uplink
@@ -84,7 +84,7 @@ class Replies(ReplyCases, LabTest):
         self.lab.start(one_uplink(probes=[ping(TARGET, 900), ping(TARGET_2, 900)],
                                   check_all=True))
         expect(self.active)
-        never(lambda: INACTIVE in self.lab.log.texts()[1:], during=2)
+        self.lab.cycles.never(lambda: INACTIVE in self.lab.log.texts()[1:], cycles=2)
 
     def test_probe_without_a_target_asks_the_next_hop(self):
         self.lab.start(one_uplink(probes=[ping(None, 300)]))

@@ -55,6 +55,16 @@ class Restarts(RunningTest):
                 self.end_within(1.0, daemon)
         self.assertEqual(self.lab.log.errors(), [])
 
+    def test_files_stay_when_a_signal_ends_the_daemon(self):
+        for number in (signal.SIGTERM, signal.SIGINT):
+            with self.subTest(number):
+                daemon = self.run_once()
+                self.expect_right(daemon)
+                self.assertEqual(daemon.kill(number), -number)
+                self.assertEqual(self.lab.fragment(), fragment(VIA_BOTH))
+                self.assertTrue(published(True, True))
+                self.assertEqual(text_of(PID_FILE), f"{daemon.pid}\n")
+
     def test_half_written_files_of_an_earlier_run_are_replaced(self):
         first = self.run_once()
         self.expect_right(first)

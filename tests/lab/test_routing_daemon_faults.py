@@ -6,14 +6,14 @@ import signal
 import unittest
 
 from kit import expect, main
-from kit.routing_daemon import bird_binary, next_hops
+from kit.routing_daemon import bird_binary, next_hops, why_no_bird
 from running import RunningTest
 from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, VIA_1, VIA_BOTH, fragment
 
 BOTH, FIRST = {GATEWAY: 1, GATEWAY_2: 3}, {GATEWAY: 1}
 
 
-@unittest.skipUnless(bird_binary(), "no bird: set LB_BIRD or run scripts/deps")
+@unittest.skipUnless(bird_binary(), why_no_bird())
 class RealRoutingDaemon(RunningTest):
     def setUp(self):
         super().setUp()
@@ -70,25 +70,32 @@ class RouteCacheFlush(RunningTest):
         with open(self.record, encoding="ascii") as file:
             return file.read().count("route flush cache\n")
 
-    def test_command_that_is_missing_costs_the_flush_alone_until_it_is_back(self):
+    def setUp(self):
+        super().setUp()
         self.record = os.path.join(self.folder, "commands")
         os.mkdir(self.COMMANDS)
         for name in ("nsenter", "cat"):
             os.symlink(shutil.which(name), os.path.join(self.COMMANDS, name))
         self.put_ip()
-        captured = self.lab.routing_daemon()
+        self.captured = self.lab.routing_daemon()
         self.start(environment={"PATH": self.COMMANDS})
         expect(lambda: self.flushes() >= 1)
         os.unlink(os.path.join(self.COMMANDS, "ip"))
-        hups, flushes = len(captured.hups()), self.flushes()
+
+    def test_command_that_is_missing_costs_the_flush_alone(self):
+        hups, flushes = len(self.captured.hups()), self.flushes()
         self.assert_everything_follows()
-        expect(lambda: captured.fragments()[hups:] == [fragment(VIA_1), fragment(VIA_BOTH)])
+        expect(lambda: self.captured.fragments()[hups:] == [fragment(VIA_1), fragment(VIA_BOTH)])
         self.cycles.pass_by(1)
         self.assertEqual(self.flushes(), flushes)
         self.assertEqual(self.lab.log.errors(), [])
+
+    def test_command_that_is_back_is_run_again(self):
+        self.lose_second_uplink()
+        flushes = self.flushes()
         self.put_ip()
-        self.assert_everything_follows()
-        expect(lambda: self.flushes() == flushes + 2)
+        self.return_second_uplink()
+        self.cycles.expect(lambda: self.flushes() == flushes + 1, what="one more flush")
 
 
 if __name__ == "__main__":

@@ -8,17 +8,24 @@
       gi1_3 192.0.2.30/24 ------- scripted peer 192.0.2.3
 """
 import os
+import signal
 
-from kit import Conf, LabTest, expect, main, never, ping
+from kit import Conf, LabTest, expect, main, ping
 from kit import echo_policies as policy
-from scenes import (ACTIVE, GATEWAY, GATEWAY_2, INACTIVE, INACTIVE_2, PREFIX, ROUTER, ROUTER_2,
-                    TARGET, TARGET_2, changed, error, one_uplink)
+from scenes import (ACTIVE, ACTIVE_2, GATEWAY, GATEWAY_2, INACTIVE, INACTIVE_2, PREFIX, ROUTER, ROUTER_2,
+                    TARGET_2, changed, error, one_uplink)
 
 
 def add_blue(conf, namespace="blue"):
     return (conf.interface("gi1_2", nexthop=GATEWAY_2, namespace=namespace,
                            probes=[ping(TARGET_2, 300)])
             .rule("2_ipv4", {"gi1_2": 1}, {PREFIX: None}, namespace=namespace))
+
+
+def main_thread_sleeps(daemon):
+    """How often the daemon's main thread has gone to sleep."""
+    with open(f"/proc/{daemon.pid}/task/{daemon.pid}/status", encoding="ascii") as status:
+        return int(next(line.split()[1] for line in status if line.startswith("voluntary_ctxt_switches:")))
 
 
 class StartUp(LabTest):
@@ -34,7 +41,7 @@ class StartUp(LabTest):
         expected = [INACTIVE, changed("port-channel 1.10", "inactive"),
                     changed("unknown interface", "inactive")]
         expect(lambda: self.lab.log.texts()[:3] == expected)
-        never(lambda: self.lab.log.count(INACTIVE) > 1, during=2)
+        self.lab.cycles.never(lambda: self.lab.log.count(INACTIVE) > 1, cycles=2)
         self.assertEqual(self.lab.log.lines()[0].severity, 6)
 
     def test_missing_namespace_file_is_reported_and_the_others_run(self):
@@ -79,19 +86,43 @@ class StartUp(LabTest):
                               .rule("1_ipv6", interfaces6={"gi1_1": 1}))
 
     def assert_no_worker(self, conf):
-        self.lab.start(conf)
-        never(lambda: self.lab.log.texts() or self.peer.frames(), during=2)
+        """Nothing is done or said of the uplink while the worker of another namespace works."""
+        blue = self.lab.namespace("blue")
+        self.lab.uplink("gi1_2", ROUTER_2 + "/24", GATEWAY_2, namespace=blue, known=True)
+        self.lab.start(add_blue(conf))
+        expect(lambda: ACTIVE_2 in self.lab.log.texts())
+        self.lab.cycles.never(lambda: INACTIVE in self.lab.log.texts() or self.peer.frames(),
+                              cycles=2)
+
+    def test_hangup_ends_the_daemon(self):
+        daemon = self.lab.start(one_uplink())
+        expect(lambda: ACTIVE in self.lab.log.texts())
+        self.assertEqual(daemon.kill(signal.SIGHUP), -signal.SIGHUP)
 
     def test_one_keep_alive_a_cycle(self):
-        alive = self.lab.keep_alives()
+        alive = self.lab.keep_alives
         self.peer.echo = policy.delayed(0.2)  # never in time for the collection of its own cycle
-        self.lab.start(one_uplink(), environment=alive.environment)
+        self.lab.start(one_uplink())
         expect(lambda: len(self.peer.echo_frames()) >= 4)
         self.assertEqual(len(alive.times("READY=1")), 1)
         first, last = (self.peer.echo_frames()[index].time_s for index in (0, 3))
         # A healthy target is probed every second cycle: six cycles lie between these.
         between = [time_s for time_s in alive.times("WATCHDOG=1") if first < time_s < last]
         self.assertIn(len(between), (5, 6, 7))
+
+    def test_nothing_to_do_is_no_standstill(self):
+        alive = self.lab.keep_alives
+        self.lab.start(Conf().interface("gi1_1", nexthop=GATEWAY))
+        expect(lambda: len(alive.times("WATCHDOG=1")) >= 2)
+
+    def test_work_in_a_namespace_that_is_not_there_is_a_standstill(self):
+        """The service manager starts the daemon anew: the namespace may be there by then."""
+        alive = self.lab.keep_alives
+        daemon = self.lab.start(add_blue(Conf(), "ghost"))
+        expect(lambda: error("wan_lb, can't open /var/run/netns/ghost") in self.lab.log.texts())
+        idle_from = main_thread_sleeps(daemon)
+        expect(lambda: main_thread_sleeps(daemon) >= idle_from + 2, within=30, what="the main thread idles")
+        self.assertEqual(alive.times("WATCHDOG=1"), [])
 
     def test_every_descriptor_is_closed_on_exec(self):
         daemon = self.lab.start(one_uplink())

@@ -3,7 +3,7 @@
     router                                far
       gi1_1 192.0.2.10/24 ---------------- scripted peer 192.0.2.1
 """
-from kit import LabTest, expect, main, never, ping
+from kit import LabTest, expect, main, ping
 from kit import echo_policies as policy
 from kit.system_log import INFO
 from scenes import (ACTIVE, GATEWAY, INACTIVE, ROUTER, TARGET, TARGET_2, information, one_uplink)
@@ -57,7 +57,7 @@ class Verdicts(LabTest):
         self.lab.start(one_uplink(probes=BOTH))
         expect(lambda: ACTIVE in self.lab.log.texts())
         self.peer.echo = policy.only_to({TARGET})
-        never(lambda: self.state_lines()[2:], during=4)
+        self.lab.cycles.never(lambda: self.state_lines()[2:], cycles=4)
 
     def test_with_check_all_one_failed_target_takes_the_interface_down(self):
         self.lab.start(one_uplink(probes=BOTH, check_all=True))
@@ -67,10 +67,19 @@ class Verdicts(LabTest):
         self.assertEqual(self.lab.log.texts(INFO)[-3:], [
             checked(TARGET, "success"), checked(TARGET_2, "failure"), INACTIVE])
 
-    def test_thresholds_of_0_take_every_outcome_at_once(self):
+    def assert_every_outcome_counts_at_once(self, **counts):
         self.peer.echo = policy.scripted([True, False, True])
-        self.lab.start(one_uplink(success=None, failure=None))
+        self.lab.start(one_uplink(**counts))
         expect(lambda: self.state_lines() == [INACTIVE, ACTIVE, INACTIVE, ACTIVE])
+
+    def test_without_counts_every_outcome_counts_at_once(self):
+        self.assert_every_outcome_counts_at_once(success=None, failure=None)
+
+    def test_with_a_failure_count_alone_every_outcome_counts_at_once(self):
+        self.assert_every_outcome_counts_at_once(success=None, failure=3)
+
+    def test_with_a_success_count_alone_every_outcome_counts_at_once(self):
+        self.assert_every_outcome_counts_at_once(success=3, failure=None)
 
     def test_state_lines_are_informational(self):
         self.lab.start(one_uplink())

@@ -56,6 +56,13 @@ class Completion(unittest.TestCase):
     def test_lbcheck_offers_its_options(self):
         self.check_options("lbcheck")
 
+    def test_lb_lease_offers_its_options(self):
+        self.check_options("lb-lease")
+
+    def test_lb_lease_completes_interfaces_and_configurations(self):
+        self.assertEqual(completions("lb-lease", "lo"), {"lo"})
+        self.assertEqual(completions("lb-lease", "-f", "examples/dual"), {"examples/dual-stack.conf"})
+
     def test_lbshow_offers_its_options(self):
         self.check_options("lbshow")
 

@@ -95,4 +95,22 @@ TEST(Data, copy_is_deep_but_for_the_probes) {
     EXPECT_EQ(copy.health.at("eth0").tests.at(1), loaded.health("eth0").tests.at(1));
 }
 
+TEST(Work, is_counted_by_namespace_and_family) {
+    const Loaded loaded(
+        "health {\n interface a {\n }\n interface6 b {\n namespace blue\n }\n}\n"
+        "rule 1_ipv4 {\n}\nrule 2_ipv4 {\n}\nrule 2 {\n namespace red\n}\n");
+    WorkByNamespace work = work_by_namespace(loaded.data());
+    EXPECT_EQ(work.size(), 3U);
+    EXPECT_EQ((work[{"", false}].interfaces), 1);
+    EXPECT_EQ((work[{"", false}].rules), 2);
+    EXPECT_EQ((work[{"blue", true}].interfaces), 1);
+    EXPECT_EQ((work[{"red", true}].rules), 1);
+}
+
+TEST(Work, needs_a_worker_where_interfaces_meet_rules) {
+    EXPECT_TRUE((NamespaceWork{.interfaces = 1, .rules = 1}.needs_worker()));
+    EXPECT_FALSE((NamespaceWork{.interfaces = 1, .rules = 0}.needs_worker()));
+    EXPECT_FALSE((NamespaceWork{.interfaces = 0, .rules = 1}.needs_worker()));
+}
+
 }  // namespace

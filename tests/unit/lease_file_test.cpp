@@ -2,21 +2,26 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 
 namespace {
 
-std::string read_with(std::string (*reader)(FILE*), std::string text) {
+using namespace std::chrono_literals;
+using std::chrono::nanoseconds;
+
+std::string read_with(std::string (*reader)(FILE*, nanoseconds), std::string text,
+                      nanoseconds unmodified_for) {
     const std::unique_ptr<FILE, int (*)(FILE*)> file(
         text.empty() ? fopen("/dev/null", "r") : fmemopen(text.data(), text.size(), "r"), fclose);
-    return reader(file.get());
+    return reader(file.get(), unmodified_for);
 }
 
-std::string ipv4(const std::string& text) {
-    return read_with(router_in_lease, text);
+std::string ipv4(const std::string& text, nanoseconds unmodified_for = 0s) {
+    return read_with(router_in_lease, text, unmodified_for);
 }
-std::string ipv6(const std::string& text) {
-    return read_with(router_in_lease6, text);
+std::string ipv6(const std::string& text, nanoseconds unmodified_for = 0s) {
+    return read_with(router_in_lease6, text, unmodified_for);
 }
 
 TEST(Lease, first_of_several_routers_counts) {
@@ -60,6 +65,19 @@ TEST(Lease, closed_value_needs_no_end_of_its_line) {
     EXPECT_EQ(ipv6("new_routers='fe80::1'"), "fe80::1");
 }
 
+TEST(Lease, last_line_counts_unended_once_the_file_rests_for_a_second) {
+    const std::string unended = "lease {\n  option routers 192.0.2.17";
+    EXPECT_EQ(ipv4(unended, 1s - 1ns), "");
+    EXPECT_EQ(ipv4(unended, 1s), "192.0.2.17");
+    EXPECT_EQ(ipv4("option routers 192.0.2.17, 192.0.2.18 ", 1s), "192.0.2.17");
+}
+
+TEST(Lease, file_that_rests_is_read_like_any_other_before_its_last_line) {
+    EXPECT_EQ(ipv4("option routers 10.0.0.1;\noption routers 10.0.0.2", 1h), "10.0.0.1");
+    EXPECT_EQ(ipv4("lease {\n  option rou", 1h), "");
+    EXPECT_EQ(ipv4("", 1h), "");
+}
+
 TEST(Lease, line_longer_than_the_buffer_tells_its_first_router) {
     EXPECT_EQ(ipv4("  option routers 10.0.0.1," + std::string(2000, '2')), "10.0.0.1");
 }
@@ -88,6 +106,12 @@ TEST(Lease, rest_of_a_cut_line_is_a_line) {
 TEST(Lease6, value_that_is_not_ended_yet_tells_no_router) {
     EXPECT_EQ(ipv6("new_routers='fe80::1"), "");
     EXPECT_EQ(ipv6("new_routers='fe80::1 fe80:"), "");
+}
+
+TEST(Lease6, last_line_counts_unended_once_the_file_rests_for_a_second) {
+    const std::string unended = "new_routers='fe80::1' interface";
+    EXPECT_EQ(ipv6(unended, 1s - 1ns), "");
+    EXPECT_EQ(ipv6(unended, 1s), "fe80::1");
 }
 
 TEST(Lease6, quotes_are_dropped) {

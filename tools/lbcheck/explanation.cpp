@@ -3,9 +3,7 @@
 #include <map>
 
 #include "decision/lb_decision.h"
-#include "decision/route_text.h"
 #include "lbcheck/findings.h"
-#include "lbcheck/judge.h"
 #include "probe/lb_test.h"
 #include "probe/lb_test6.h"
 #include "probe/lb_test_ping.h"
@@ -41,48 +39,32 @@ std::string explain_probes(const Probes& probes) {
 }
 
 std::string explain_workers(const LBData& data) {
-    std::map<std::pair<std::string, bool>, std::pair<int, int>> needs;
-    for (const bool is_ipv6 : {false, true}) {
-        for (const auto& [name, health] : data.family(is_ipv6)) {
-            ++needs[{health.namespace_name, is_ipv6}].first;
-        }
-    }
-    for (const auto& [name, rule] : data.rules) {
-        ++needs[{rule.namespace_name, !is_ipv4_rule(name)}].second;
-    }
     std::string text = "Workers:\n";
-    for (const auto& [key, counts] : needs) {
-        text += "  " + shown_namespace(key.first) + ", " + (key.second ? "IPv6" : "IPv4") + ": " +
-                std::to_string(counts.first) + " interfaces, " + std::to_string(counts.second) +
-                " rules" +
-                (counts.first != 0 && counts.second != 0 ? "" : " (no worker is started)") + "\n";
+    for (const auto& [place, work] : work_by_namespace(data)) {
+        text += "  " + shown_namespace(place.first) + ", " + (place.second ? "IPv6" : "IPv4") +
+                ": " + std::to_string(work.interfaces) + " interfaces, " +
+                std::to_string(work.rules) + " rules" +
+                (work.needs_worker() ? "" : " (no worker is started)") + "\n";
     }
     return text;
 }
 
 /// The route lines of a rule when all uplinks work; a next hop that is learnt stands as a word.
 std::string explain_routes(LBData& data, std::map<std::string, LBRule>::iterator rule) {
-    std::string text;
+    std::string ns_name = rule->second.namespace_name;
+    WorkByNamespace work = work_by_namespace(data);
+    std::string lines;
     for (const bool is_ipv6 : {false, true}) {
-        std::string ns_name = rule->second.namespace_name;
-        if (!has_worker(data, ns_name, is_ipv6)) {
-            continue;
+        if (work[{ns_name, is_ipv6}].needs_worker()) {
+            context ctx{.ipv6 = is_ipv6, .ns_name = &ns_name};
+            lines += LBDecision().routes_of(data, rule, &ctx);
         }
-        context ctx{.ipv6 = is_ipv6, .ns_name = &ns_name};
-        LBDecision decision;
-        const auto weights = decision.get_new_weights(data, rule->second, &ctx);
-        for (auto target = rule->second.targets.begin(); target != rule->second.targets.end();
-             ++target) {
-            std::string line;
-            bool is_added = false;
-            for (const auto& [name, weight] : weights) {
-                decision.generate_route(data.family(is_ipv6).find(name), &line, &is_added, rule,
-                                        weights, target, &ctx);
-            }
-            if (is_added) {
-                text += "    " + route_line(target->first, line, target->second);
-            }
-        }
+    }
+    std::string text;
+    for (std::size_t begin = 0; begin < lines.size();) {
+        const std::size_t end = lines.find('\n', begin) + 1;
+        text += "    " + lines.substr(begin, end - begin);
+        begin = end;
     }
     return text.empty() ? "    no route\n" : text;
 }

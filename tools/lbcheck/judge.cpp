@@ -13,18 +13,6 @@ namespace lbcheck {
 
 namespace {
 
-bool has_interface_in(const LBData& data, const std::string& ns_name, bool is_ipv6) {
-    const auto& interfaces = data.family(is_ipv6);
-    return std::any_of(interfaces.begin(), interfaces.end(),
-                       [&](const auto& entry) { return entry.second.namespace_name == ns_name; });
-}
-
-bool has_rule_in(const LBData& data, const std::string& ns_name, bool is_ipv6) {
-    return std::any_of(data.rules.begin(), data.rules.end(), [&](const auto& entry) {
-        return entry.second.namespace_name == ns_name && is_ipv4_rule(entry.first) != is_ipv6;
-    });
-}
-
 bool is_member(const LBData& data, const std::string& ifname, bool is_ipv6) {
     return std::any_of(data.rules.begin(), data.rules.end(), [&](const auto& entry) {
         return entry.second.interfaces.contains({ifname, is_ipv6});
@@ -38,7 +26,7 @@ std::string interface_text(const std::string& ifname, bool is_ipv6) {
 class Judge {
   public:
     Judge(const LBData& data, const Watcher& watcher, std::vector<Finding>& findings)
-        : data_(data), watcher_(watcher), findings_(findings) {}
+        : data_(data), watcher_(watcher), findings_(findings), work_(work_by_namespace(data)) {}
 
     void judge_all() {
         bool has_any_worker = false;
@@ -46,7 +34,7 @@ class Judge {
             for (const auto& [name, health] : data_.family(is_ipv6)) {
                 judge_interface(name, health, is_ipv6);
                 has_any_worker =
-                    has_any_worker || has_worker(data_, health.namespace_name, is_ipv6);
+                    has_any_worker || work_in(health.namespace_name, is_ipv6).needs_worker();
             }
         }
         for (const auto& [name, rule] : data_.rules) {
@@ -74,6 +62,11 @@ class Judge {
         add(place, Severity::warning, place, message);
     }
 
+    NamespaceWork work_in(const std::string& ns_name, bool is_ipv6) const {
+        const auto found = work_.find({ns_name, is_ipv6});
+        return found == work_.end() ? NamespaceWork() : found->second;
+    }
+
     void judge_interface(const std::string& name, const LBHealth& health, bool is_ipv6) {
         const std::string place = interface_text(name, is_ipv6);
         if (health.success_ct == 0) {
@@ -85,7 +78,7 @@ class Judge {
         if (health.nexthop.empty()) {
             add(place, Severity::error, place, "has no nexthop to send frames and routes to");
         }
-        if (!has_rule_in(data_, health.namespace_name, is_ipv6)) {
+        if (work_in(health.namespace_name, is_ipv6).rules == 0) {
             warn(place, "no rule of its family lies in its namespace: no worker probes it");
         } else if (!is_member(data_, name, is_ipv6)) {
             warn(place, "is a member of no rule: probed, never routed");
@@ -129,7 +122,7 @@ class Judge {
         if (rule.interfaces.empty()) {
             warn(place, "has no interface: it routes nothing");
         }
-        if (!has_interface_in(data_, rule.namespace_name, is_ipv6)) {
+        if (work_in(rule.namespace_name, is_ipv6).interfaces == 0) {
             warn(place, "no interface of its family lies in its namespace: no worker serves it");
         }
         if (!read_rule_key(name)) {
@@ -179,15 +172,12 @@ class Judge {
     const LBData& data_;
     const Watcher& watcher_;
     std::vector<Finding>& findings_;
+    const WorkByNamespace work_;
     /// Namespace, family and prefix of each destination so far, with the first rule that has it.
     std::map<std::tuple<std::string, bool, std::string>, std::string> routed_by_;
 };
 
 }  // namespace
-
-bool has_worker(const LBData& data, const std::string& ns_name, bool is_ipv6) {
-    return has_interface_in(data, ns_name, is_ipv6) && has_rule_in(data, ns_name, is_ipv6);
-}
 
 void judge(const LBData& data, const Watcher& watcher, std::vector<Finding>& findings) {
     Judge(data, watcher, findings).judge_all();

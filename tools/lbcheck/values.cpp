@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <limits>
 
+#include "config/keywords.h"
+
 namespace lbcheck {
 
 namespace {
@@ -42,20 +44,17 @@ bool is_prefix(int family, const std::string& text) {
 std::string problem_of_number(const std::string& text) {
     const std::size_t begin = text.starts_with('-') ? 1 : 0;
     const std::size_t digits = digits_at(text, begin);
+    const std::string taken = "read as " + std::to_string(configured_number(text));
     if (digits == 0) {
-        return "no number: read as 0";
+        return "no number: " + taken;
     }
     if (begin + digits != text.size()) {
-        return "no plain number: read as " + text.substr(0, begin + digits);
+        return "no plain number: " + taken;
     }
-    // As the loader reads it: no end check, and 32 bits of the result.
     const unsigned long whole = strtoul(text.c_str() + begin, nullptr, 10);
-    if (whole > static_cast<unsigned long>(std::numeric_limits<std::int32_t>::max())) {
-        const auto taken = static_cast<std::int32_t>(
-            static_cast<std::uint32_t>(strtoul(text.c_str(), nullptr, 10)));
-        return "no 32-bit number: read as " + std::to_string(taken);
-    }
-    return "";
+    return whole > static_cast<unsigned long>(std::numeric_limits<std::int32_t>::max())
+               ? "no 32-bit number: " + taken
+               : "";
 }
 
 }  // namespace lbcheck

@@ -1,7 +1,8 @@
 #include "lbcheck/watcher.h"
 
-#include <set>
+#include <algorithm>
 
+#include "config/keywords.h"
 #include "config/lb_data.h"
 #include "lbcheck/values.h"
 #include "probe/tunnel_path.h"
@@ -23,11 +24,23 @@ std::vector<std::string> take_logged() {
     return taken;
 }
 
-const std::set<std::string> number_keywords{"success-ct", "failure-ct", "resp-time", "period",
-                                            "timeout",    "count",      "loss",      "rtt",
-                                            "jitter",     "weight",     "metric"};
-const std::set<std::string> extended_keywords{"period", "timeout", "count",
-                                              "loss",   "rtt",     "jitter"};
+bool takes_number(const std::string& name, bool is_in_health) {
+    const auto keywords = all_keywords();
+    return std::any_of(keywords.begin(), keywords.end(), [&](const Keyword& keyword) {
+        const bool stands_in_health = keyword.place == KeywordPlace::health_interface ||
+                                      keyword.place == KeywordPlace::health_probe;
+        return keyword.name == name && keyword.value == KeywordValue::number &&
+               stands_in_health == is_in_health;
+    });
+}
+
+bool is_extended_only(const std::string& name) {
+    const auto keywords = all_keywords();
+    return std::any_of(keywords.begin(), keywords.end(), [&name](const Keyword& keyword) {
+        return keyword.name == name && keyword.is_extended_only;
+    });
+}
+
 constexpr std::size_t longest_ifname = 15;  // IFNAMSIZ without its zero
 constexpr int heaviest = 256;               // what the routing daemon takes for a weight
 constexpr int ms_per_s = 1000;
@@ -39,10 +52,6 @@ std::string without_prefix(const std::string& line) {
 
 bool is_blank(const std::string& text) {
     return text.find_first_not_of(" \t\r\n") == std::string::npos;
-}
-
-bool is_interface_keyword(const std::string& key) {
-    return key == "interface" || key == "interface6";
 }
 
 bool is_health(const HandledStatement& statement) {
@@ -189,7 +198,7 @@ void Watcher::judge_ignored(const HandledStatement& statement, const std::string
         add(Severity::error, text, "no such type of probe: nothing is created");
     } else if (key == "target" && value.empty()) {
         add(Severity::warning, text, "has no value: ignored");
-    } else if (extended_keywords.contains(key)) {
+    } else if (is_extended_only(key)) {
         add(Severity::warning, text, "acts on a probe of type ping_ext only: ignored");
     } else if (key == "target" || key == "resp-time") {
         add(Severity::warning, text, "no probe is current: ignored");
@@ -201,7 +210,7 @@ void Watcher::judge_ignored(const HandledStatement& statement, const std::string
 void Watcher::judge_acted(const HandledStatement& statement, const std::string& text) {
     const std::string& key = statement.key;
     const std::string& value = statement.value;
-    const bool is_number = number_keywords.contains(key) || (key == "rule" && is_health(statement));
+    const bool is_number = takes_number(key, is_health(statement));
     const std::string problem = is_number ? problem_of_number(value) : "";
     if (!problem.empty()) {
         add(Severity::warning, text, problem);
@@ -243,7 +252,7 @@ void Watcher::judge_address(const HandledStatement& statement, const std::string
 /// Values that are numbers, but make no sense where they stand.
 void Watcher::judge_limit(const std::string& key, const std::string& value,
                           const std::string& text) {
-    const int number = std::stoi(value);
+    const int number = configured_number(value);
     if ((key == "loss" || key == "rtt" || key == "jitter") && number <= 0) {
         add(Severity::warning, text, "a " + key + " limit of 0 fails every run");
     } else if (key == "count" && number <= 0) {

@@ -10,6 +10,8 @@
     keep_alives     the captured notification socket of the service manager
     cycles          waiting in cycles of the daemon
     disk            a small file system that a test fills or makes read-only
+    lb_lease        the program that writes lease files, and its adapters where the package has them
+    dhcp            a real DHCP server, and the real clients
     lbroute         the program that puts fragments into force, and the kernel's routes
     lbshow          what the companion program shows of the daemon
     routing_daemon  the captured routing daemon and the real one
@@ -19,7 +21,7 @@
     lab             one router with its uplinks; the base class of lab tests
 """
 from .conf import Conf, ping, ping_ext
-from .expect import expect, never
+from .expect import expect
 from .lab import Lab, LabTest, main
 
-__all__ = ["Conf", "Lab", "LabTest", "expect", "main", "never", "ping", "ping_ext"]
+__all__ = ["Conf", "Lab", "LabTest", "expect", "main", "ping", "ping_ext"]

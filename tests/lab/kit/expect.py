@@ -9,7 +9,7 @@ POLL_S = 0.02
 LEAST_SHARE_OF_POLLS = 0.25
 
 
-def _text_of(condition, what):
+def text_of(condition, what):
     if what:
         return what
     try:
@@ -31,15 +31,5 @@ def expect(condition, within=15, what=""):
             return value
         polls_left -= 1
         if polls_left <= 0 and time.monotonic() > deadline:
-            raise AssertionError(f"not within {within} s: {_text_of(condition, what)}")
-        time.sleep(POLL_S)
-
-
-def never(condition, during, what=""):
-    """Fails as soon as condition() is true within `during` seconds."""
-    deadline = time.monotonic() + during
-    while time.monotonic() < deadline:
-        value = condition()
-        if value:
-            raise AssertionError(f"happened ({value!r}): {_text_of(condition, what)}")
+            raise AssertionError(f"not within {within} s: {text_of(condition, what)}")
         time.sleep(POLL_S)

@@ -6,6 +6,7 @@ import sys
 import unittest
 
 from . import sandbox
+from .cycles import Cycles, patience_s
 from .daemon import ROOT, Daemon
 from .disk import Disk
 from .expect import expect
@@ -37,6 +38,8 @@ class Lab:
         self._links = 0
         self._wipe()
         self.log = self._owned(SystemLog())
+        self.keep_alives = self._owned(KeepAlives("/run/notify"))
+        self.cycles = Cycles(self.keep_alives)  # of all runs of the daemon together
         self.router = self._owned(Namespace.anonymous())
         self.far = self._owned(Namespace.anonymous())
         self.namespaces = [self.router]
@@ -107,6 +110,16 @@ class Lab:
         """The kernel's line for a neighbour, empty without one."""
         return (namespace or self.router).ip(f"neigh show {address} dev {device}").strip()
 
+    def flap(self, peer, cycles):
+        """Takes a link down and up again, many times in a cycle, until so many cycles have ended."""
+        end = self.cycles.count() + cycles
+
+        def down_and_up():
+            peer.link("down")
+            peer.link("up")
+            return self.cycles.count() >= end
+        expect(down_and_up, patience_s(cycles), f"{cycles} cycles of a flapping link")
+
     # Who runs on the router.
 
     def routing_daemon(self, namespace="", ipv6=False, pid_text="%d\n", group=0):
@@ -117,9 +130,6 @@ class Lab:
 
     def disk(self, directory, pages=64, free_pages=None):
         return self._owned(Disk(directory, pages, free_pages))
-
-    def keep_alives(self):
-        return self.keep_alives_at("/run/notify")
 
     def keep_alives_at(self, path):
         return self._owned(KeepAlives(path))
@@ -136,7 +146,8 @@ class Lab:
 
     def run_daemon(self, *arguments, environment=None):
         """Starts `lb` with these arguments; stopped and judged at the end."""
-        daemon = Daemon(self.router, arguments, self.folder, environment)
+        daemon = Daemon(self.router, arguments, self.folder,
+                        {**self.keep_alives.environment, **(environment or {})})
         self._closers.append(daemon.stop)
         return daemon
 
@@ -218,9 +229,14 @@ class LabTest(unittest.TestCase):
             shutil.rmtree(self.folder)
 
 
-def main():
-    """Runs the calling test file in its sandbox."""
+def main(missing=None, prepare=None):
+    """Runs the calling test file in its sandbox, after `prepare` there; not at all where a program is `missing`."""
+    if missing:
+        print(f"skipped: no {missing} here")
+        sys.exit(sandbox.SKIPPED)
     sandbox.enter()
+    if prepare:
+        prepare()
     signal.signal(signal.SIGTERM, lambda *_: os._exit(1))
     program = unittest.main(module="__main__", exit=False, verbosity=2)
     result = program.result

@@ -10,10 +10,10 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
 from kit import Conf, netns, ping, routing_daemon  # noqa: E402
 from kit.daemon import Daemon  # noqa: E402
-from kit.expect import expect, never  # noqa: E402
+from kit.expect import expect  # noqa: E402
 from kit.system_log import SystemLog  # noqa: E402
 
-__all__ = ["Capture", "Conf", "GuestTest", "expect", "main", "never", "ping"]
+__all__ = ["Capture", "Conf", "GuestTest", "expect", "main", "ping"]
 
 IPV4_PACKETS = 0x0800
 

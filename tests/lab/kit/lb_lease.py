@@ -1,0 +1,80 @@
+"""The program that writes lease files, and its adapters, at the places that the package has for them."""
+import contextlib
+import os
+import shutil
+import subprocess
+
+from . import sandbox
+from .daemon import ROOT, binary
+
+LB_LEASE = os.path.join(os.path.dirname(binary()), "lb-lease")
+LEASE, LEASE6 = "/var/db/dhclient_gi1_1.leases", "/var/db/dhcp6_clientgi1_1.leases"
+CONF = "/etc/lb.conf"
+
+_PROGRAM = "/usr/sbin/lb-lease"
+UDHCPC_SCRIPT = "/usr/lib/wan-load-balancer/udhcpc"
+NETWORKD_SCRIPT = "/usr/lib/wan-load-balancer/networkd"
+NETWORKMANAGER_SCRIPT = "/usr/lib/NetworkManager/dispatcher.d/70-lb"
+# By name below packaging/leases.
+_ADAPTERS = {
+    "dhclient": "/etc/dhcp/dhclient-exit-hooks.d/lb",
+    "dhcpcd": "/usr/lib/dhcpcd/dhcpcd-hooks/70-lb",
+    "udhcpc": UDHCPC_SCRIPT,
+    "networkd": NETWORKD_SCRIPT,
+    "networkmanager": NETWORKMANAGER_SCRIPT,
+}
+
+
+def _install_file(source, target):
+    os.makedirs(os.path.dirname(target), exist_ok=True)
+    shutil.copy(source, target)
+
+
+def install(*adapters):
+    """Puts the program and these adapters where the package does. Once a test file: the machine keeps its own."""
+    sandbox.make_writable("/etc", "/usr/sbin", "/usr/lib", "/var/lib")
+    _install_file(LB_LEASE, _PROGRAM)
+    for name in adapters:
+        _install_file(os.path.join(ROOT, "packaging/leases", name), _ADAPTERS[name])
+
+
+def write_conf(conf):
+    """The configuration that the adapters go by."""
+    with open(CONF, "w", encoding="utf-8") as file:
+        file.write(conf.text())
+
+
+def run(*arguments, environment=None):
+    """Runs the program; (exit status, what it said)."""
+    done = subprocess.run([LB_LEASE, *arguments], env={**os.environ, **(environment or {})}, text=True, check=False,
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
+    return done.returncode, done.stdout
+
+
+def text_of(path):
+    """A lease file's text, None where there is none."""
+    try:
+        with open(path, encoding="utf-8") as file:
+            return file.read()
+    except FileNotFoundError:
+        return None
+
+
+def put(path, text):
+    """Makes the file hold this text; None: not be there."""
+    with contextlib.suppress(FileNotFoundError):
+        os.unlink(path)
+    if text is not None:
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(text)
+
+
+def lease(router):
+    """The IPv4 file that the program writes for gi1_1."""
+    return ("# Written by lb-lease(8) for lb(8); changes are lost.\n"
+            f'lease {{\n  interface "gi1_1";\n  option routers {router};\n}}\n')
+
+
+def lease6(router):
+    return ("# Written by lb-lease(8) for lb(8); changes are lost.\n"
+            f"interface='gi1_1'\nnew_routers='{router}'\n")

@@ -1,0 +1,212 @@
+#include "lb-lease/lease_store.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string_view>
+#include <thread>
+
+#include "lb-lease/lease_text.h"
+#include "net/fd.h"
+
+namespace lblease {
+
+namespace {
+
+// One name is enough under the lock, and what a killed call left there is replaced by the next.
+constexpr const char* temporary_name = ".lb-lease.new";
+// Far more than the files of this program have; what is longer is not one of them.
+constexpr std::size_t most_read = 4096;
+// A call takes milliseconds; one that was stopped must not hold up the DHCP client for ever.
+constexpr std::chrono::seconds longest_wait{10};
+constexpr std::chrono::milliseconds pause_between_tries{20};
+
+std::string path_of(const std::string& name) {
+    return std::string(directory) + "/" + name;
+}
+
+/// What the operator can do about a failed call.
+std::string advice(int error) {
+    switch (error) {
+        case ENOSPC:
+        case EDQUOT:
+            return "; make room there, see: df -h -i " + std::string(directory);
+        case EROFS:
+            return "; make it writable, see: findmnt -T " + std::string(directory);
+        case EACCES:
+        case EPERM:
+            return "; run it as root";
+        case ENOTDIR:
+            return "; it must be a folder, see: ls -ld " + std::string(directory);
+        default:
+            return "";
+    }
+}
+
+std::string failure(const std::string& path, const char* what, int error) {
+    return path + " " + what + ": " + std::strerror(error) + advice(error);
+}
+
+struct Opened {
+    Fd folder;
+    std::string problem;
+};
+
+/// The directory, locked until it is closed.
+Opened open_locked() {
+    Fd folder(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder.is_open()) {
+        return {Fd(), failure(directory, "cannot be opened", errno)};
+    }
+    const auto deadline = std::chrono::steady_clock::now() + longest_wait;
+    while (flock(folder.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            return {Fd(), failure(directory, "cannot be locked", errno)};
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            return {Fd(), std::string(directory) +
+                              " has been locked by another program for 10 seconds, see: lsof " +
+                              directory};
+        }
+        std::this_thread::sleep_for(pause_between_tries);
+    }
+    return {std::move(folder), ""};
+}
+
+/// The start of a plain file, long enough for every file of ours.
+std::optional<std::string> read_start(int file) {
+    std::array<char, most_read> buffer;
+    std::string text;
+    while (text.size() < most_read) {
+        const ssize_t count = read(file, buffer.data(), most_read - text.size());
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            return std::nullopt;
+        }
+        if (count == 0) {
+            break;
+        }
+        text.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+    return text;
+}
+
+enum class Owner { nobody, self, other };
+
+struct Present {
+    Owner owner = Owner::other;
+    std::string text;
+};
+
+/// What stands under the name now. Neither follows a link nor waits for the writer of a pipe.
+Present look(const Fd& folder, const std::string& name) {
+    const Fd file(
+        openat(folder.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file.is_open()) {
+        return {errno == ENOENT ? Owner::nobody : Owner::other, ""};
+    }
+    struct stat status {};
+    if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return {};
+    }
+    const std::optional<std::string> text = read_start(file.get());
+    return text && is_own_text(*text) ? Present{Owner::self, *text} : Present{};
+}
+
+std::string told_of_other(const std::string& name) {
+    const std::string path = path_of(name);
+    return path +
+           " was not written by lb-lease and stays as it is; unless a DHCP client keeps its"
+           " own leases there: rm " +
+           path;
+}
+
+bool write_all(int file, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = write(file, text.data(), text.size());
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            return false;
+        }
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+/// The text in a file of its own, safe on the disk. 0, or the error.
+int write_temporary(const Fd& folder, const std::string& text) {
+    // Away with what a killed call left, and with anything else: what is opened next is new.
+    unlinkat(folder.get(), temporary_name, 0);
+    const Fd file(openat(folder.get(), temporary_name,
+                         O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file.is_open()) {
+        return errno;
+    }
+    // The daemon runs without the right to pass by the modes of files.
+    if (!write_all(file.get(), text) || fchmod(file.get(), 0644) != 0 || fsync(file.get()) != 0) {
+        return errno;
+    }
+    return 0;
+}
+
+}  // namespace
+
+std::string write_lease(const std::string& name, const std::string& text) {
+    if (mkdir(directory, 0755) != 0 && errno != EEXIST) {
+        return failure(directory, "cannot be made", errno);
+    }
+    const auto [folder, problem] = open_locked();
+    if (!problem.empty()) {
+        return problem;
+    }
+    const Present present = look(folder, name);
+    if (present.owner == Owner::other) {
+        return told_of_other(name);
+    }
+    if (present.text == text) {
+        return "";
+    }
+    int error = write_temporary(folder, text);
+    if (error == 0 && renameat(folder.get(), temporary_name, folder.get(), name.c_str()) != 0) {
+        error = errno;
+    }
+    if (error != 0) {
+        unlinkat(folder.get(), temporary_name, 0);
+        return failure(path_of(name), "stays as it was", error);
+    }
+    fsync(folder.get());  // where it fails, a power cut may bring the old file back, but whole
+    return "";
+}
+
+std::string remove_lease(const std::string& name) {
+    if (access(directory, F_OK) != 0 && errno == ENOENT) {
+        return "";
+    }
+    const auto [folder, problem] = open_locked();
+    if (!problem.empty()) {
+        return problem;
+    }
+    const Present present = look(folder, name);
+    if (present.owner == Owner::other) {
+        return told_of_other(name);
+    }
+    if (present.owner == Owner::self && unlinkat(folder.get(), name.c_str(), 0) != 0) {
+        return failure(path_of(name), "stays as it was", errno);
+    }
+    fsync(folder.get());
+    return "";
+}
+
+}  // namespace lblease

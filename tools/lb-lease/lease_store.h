@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+
+/// The files below /var/db. A reader finds a file as it was or as it is now, never half of it, also
+/// when the power goes in between. Calls of several processes wait for each other.
+///
+/// Both return what is wrong, with what mends it; empty when all is well. What stood there stays
+/// then. A file that lb-lease did not write, or that is no plain file (a link, say), is never
+/// touched: it is somebody else's, likely the database of a DHCP client.
+namespace lblease {
+
+/// Makes the directory if it is missing. Writes nothing where the file holds this text already.
+std::string write_lease(const std::string& name, const std::string& text);
+/// A file that is not there is well.
+std::string remove_lease(const std::string& name);
+
+}  // namespace lblease

@@ -7,10 +7,16 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 include(CheckPIESupported)
 check_pie_supported()
 
-# The crash report names functions: keep their symbols and frames in every build. Debug builds bring their own -g, or do
+# The crash report names functions: keep their symbols and frames in every build. Other builds bring their own -g, or do
 # without where only the compiler's judgement counts.
-add_compile_options($<$<NOT:$<CONFIG:Debug>>:-g> -fno-omit-frame-pointer)
+add_compile_options($<$<CONFIG:Release>:-g> -fno-omit-frame-pointer)
 add_link_options(-rdynamic)
+
+# What sanitizers find does not depend on the optimizer's last third, which takes most of the compiler's time; their
+# reports want lines, not variables.
+if(LB_SANITIZER)
+  set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 -g1 -DNDEBUG")
+endif()
 
 if(LB_SANITIZER STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined)

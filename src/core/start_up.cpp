@@ -106,7 +106,13 @@ void run_process(int argc, char* argv[]) {
         pthread_join(thread, nullptr);
     }
     delete lb.release();  // reset() would not let a thread's end through
+    // To have nothing to do is no standstill. A worker that is needed but could not be started, or
+    // whose namespace is missing, is: the service manager then starts the daemon anew.
+    const bool is_content = !is_any_worker_needed();
     while (true) {
         sleep(4);
+        if (is_content) {
+            report_progress();
+        }
     }
 }

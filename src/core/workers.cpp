@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 
@@ -61,6 +62,12 @@ void join(const std::optional<pthread_t>& worker) {
 }
 
 }  // namespace
+
+bool is_any_worker_needed() {
+    return std::any_of(namespaces_check.begin(), namespaces_check.end(), [](const auto& entry) {
+        return needs_worker(entry.first.first, entry.first.second);
+    });
+}
 
 void* work_in_namespace(void* arg) {
     const auto& start = *static_cast<const namespace_arg*>(arg);

@@ -13,6 +13,9 @@ extern bool g_check_path;
 extern wd_record wd_timeout;
 extern wd_record wd_shift;
 
+/// Whether any namespace has both an interface and a rule of one family.
+bool is_any_worker_needed();
+
 /// What a namespace thread starts with. Allocated per thread, read by it, lives with the process.
 struct namespace_arg {
     LoadBalance* lb = nullptr;

@@ -20,8 +20,12 @@ std::string fragment_path(const std::string& ns_name, bool ipv6) {
     return directory + (ipv6 ? "routing6-wlb.conf" : "routing-wlb.conf");
 }
 
-std::string pid_command(const std::string& ns_name, bool ipv6) {
+std::string pid_path(const std::string& ns_name, bool ipv6) {
     const std::string directory =
         ns_name.empty() ? "/var/run/" : "/var/vrfs/" + ns_name + "/usr/var/run/";
-    return "cat " + directory + (ipv6 ? "routing6.pid" : "routing.pid");
+    return directory + (ipv6 ? "routing6.pid" : "routing.pid");
+}
+
+std::string pid_command(const std::string& ns_name, bool ipv6) {
+    return "cat " + pid_path(ns_name, ipv6);
 }

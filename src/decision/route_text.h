@@ -15,5 +15,7 @@ std::string fragment_text(const std::string& routes, bool ipv6);
 
 /// Where the fragment of a namespace and family lies.
 std::string fragment_path(const std::string& ns_name, bool ipv6);
+/// Where the routing daemon writes its process number.
+std::string pid_path(const std::string& ns_name, bool ipv6);
 /// The command that prints the process number of the routing daemon.
 std::string pid_command(const std::string& ns_name, bool ipv6);

@@ -3,6 +3,8 @@
     router                       far
       gi1_1 (by DHCP) ----------- far1 192.0.2.1/24, 192.0.2.2/24, 2001:db8::1/64; dnsmasq
 """
+import json
+
 from kit import Conf, LabTest, expect, lb_lease, ping
 from kit.dhcp import DhcpServer
 from kit.lb_lease import LEASE, lease, text_of
@@ -35,6 +37,11 @@ class LeaseTest(LabTest):
         self.lab.far.ip("link set far1 up")
         self.server = DhcpServer(self.lab.far, self.folder, "far1", ROUTER_1)
         self.addCleanup(self.server.close)
+
+    def advertised(self):
+        """The server's link-local address, by which it advertises itself."""
+        addresses = json.loads(self.lab.far.ip("-j -6 address show dev far1"))[0]["addr_info"]
+        return next(address["local"] for address in addresses if address["scope"] == "link")
 
     def run_client(self, client, **options):
         self.client = client(self.lab.router, self.folder, "gi1_1", **options)
@@ -70,6 +77,12 @@ class ClientTests:
         self.client.renew()
 
         self.expect_lease(None)
+
+    def test_default_among_static_routes_counts_first(self):
+        self.server.give("192.0.2.9", static_routes=f"10.0.0.0/8,192.0.2.8,0.0.0.0/0,{ROUTER_2}")
+        self.start()
+
+        self.expect_lease(ROUTER_2)
 
     def test_release_takes_the_router_away(self):
         self.start()

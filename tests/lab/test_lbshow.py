@@ -1,16 +1,20 @@
-"""The status files of a running daemon, read by lbshow and by people.
+"""The status files of a running daemon, read by lbshow and by people (test_lbshow_stale.py: by lbshow, of one that
+runs no more).
 
     gi1_1 -- GATEWAY   (default namespace)        gi1_2 -- GATEWAY_2
 """
 import json
 import os
+import re
 import subprocess
+import unittest
 
-from kit import Conf, LabTest, expect, main, ping
+from kit import Conf, LabTest, expect, main, ping, ping_ext
 from kit.echo_policies import silence
 from kit.lab import OUTPUT_DIRECTORY
-from kit.lbshow import LBSHOW, active, lbshow, state
-from scenes import (ACTIVE, ACTIVE_2, GATEWAY, GATEWAY_2, INACTIVE_2, PREFIX, ROUTER, attach_two,
+from kit.lbshow import LBSHOW, PROMTOOL, active, lbshow, state
+from kit.routing_daemon import fragment_path, text_of
+from scenes import (ACTIVE, ACTIVE_2, GATEWAY, GATEWAY_2, INACTIVE_2, PREFIX, ROUTER, TARGET, attach_two,
                     two_uplinks)
 from scenes6 import GATEWAY6, ROUTER6
 
@@ -35,9 +39,30 @@ class Lbshow(LabTest):
         self.assertEqual(self.shown()["rules"][0]["members"][1],
                          {"interface": "gi1_2", "family": 4, "weight": 3})
 
+    def test_freshness_of_a_running_daemon_is_told(self):
+        families = self.shown()["families"]
+        self.assertEqual(list(families), ["ipv4"])
+        self.assertEqual(families["ipv4"]["stale"], False)
+        self.assertLess(families["ipv4"]["age_s"], 10)
+
     def test_route_over_several_uplinks_is_shown_without_a_next_hop(self):
         route, = self.shown()["routes"]
         self.assertEqual((route["prefix"], route["nexthop"]), (PREFIX, None))
+
+    def test_shared_routes_show_the_next_hops_that_the_fragment_has(self):
+        """Both, then the only one left, then none."""
+        self.start()
+        for peers, expected in (((), [(GATEWAY, "gi1_1", 1), (GATEWAY_2, "gi1_2", 3)]),
+                                (self.peers[1:], [(GATEWAY, "gi1_1", 1)]), (self.peers, [])):
+            for peer in peers:
+                peer.echo = silence
+            expect(lambda: [(one["nexthop"], one["interface"], one["weight"])
+                            for one in state()["routes"][0]["nexthops"]] == expected)
+            in_fragment = re.findall(r" via (\S+) weight (\d+)", text_of(fragment_path()))
+            self.assertEqual(in_fragment, [(hop, str(weight)) for hop, _, weight in expected])
+            self.assertEqual([one["routed"] for one in state()["interfaces"]],
+                             [one["active"] for one in state()["interfaces"]])
+        self.assertRegex(lbshow("routes").stdout, rf"1_ipv4 +{PREFIX} +- +-\n")
 
     def test_uplink_that_goes_silent_is_shown_as_failed(self):
         self.start()
@@ -54,6 +79,30 @@ class Lbshow(LabTest):
         self.start()
         expect(lambda: 'lb_interface_active{interface="gi1_2",family="ipv4",namespace=""} 1\n'
                in lbshow("--metrics").stdout)
+
+    @unittest.skipUnless(os.path.exists(PROMTOOL), f"{PROMTOOL} is not there: scripts/deps test")
+    def test_metrics_are_what_a_scraper_takes(self):
+        """By the scraper's own checker; a ping and an extended one share their target."""
+        conf = two_uplinks(failover=True)
+        conf.interface("gi1_1", nexthop=GATEWAY, probes=[ping(TARGET, 300), ping_ext(TARGET, count=2, timeout=500)])
+        self.lab.start(conf)
+        expect(lambda: {ACTIVE, ACTIVE_2} <= set(self.lab.log.texts()))
+        expect(lambda: "lb_probe_rtt_seconds{" in lbshow("--metrics").stdout)
+        for arguments in ((), ("interfaces",), ("rules",), ("routes",), ("--all",)):
+            text = lbshow("--metrics", *arguments).stdout
+            self.assertIn('lb_up{family="ipv4"} 1\n', text)
+            checked = subprocess.run([PROMTOOL, "check", "metrics"], input=text, text=True, check=False,
+                                     stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+            self.assertEqual((checked.stdout, checked.returncode), ("", 0), text)
+            series = [line.rpartition(" ")[0] for line in text.splitlines() if line[0] != "#"]
+            self.assertEqual(len(series), len(set(series)), text)
+
+    def test_watch_takes_what_to_show_for_no_number_of_seconds(self):
+        self.start()
+        for words in (("--watch", "rules"), ("rules", "--watch"), ("--watch", "0.2", "rules", "1_ipv4")):
+            with subprocess.Popen([LBSHOW, *words], stdout=subprocess.PIPE, text=True) as watch:
+                self.assertRegex(watch.stdout.readline(), "^RULE +NAMESPACE", words)
+                watch.kill()
 
     def test_watch_shows_again_and_again(self):
         self.start()
@@ -140,11 +189,25 @@ class ManyWriters(LabTest):
 
 
 class CommandLine(LabTest):
+    DUMPS = os.path.join(OUTPUT_DIRECTORY, "wlb_dump")
+
+    def put(self, **dumps):
+        """Dumps of one IPv4 interface without probes, or what is given instead of one of them; None for none."""
+        os.makedirs(self.DUMPS, exist_ok=True)
+        outbound = bytearray(4312)
+        outbound[:4] = b"eth0"
+        for name, content in {"ipv4_outbounds": outbound, "rules": bytes(3343), "routes": b"", **dumps}.items():
+            if content is not None:
+                with open(os.path.join(self.DUMPS, f"wlb_{name}.bin"), "wb") as file:
+                    file.write(content)
+
+    def assert_refused(self, reason, *arguments):
+        done = lbshow(*arguments)
+        self.assertEqual((done.returncode, done.stdout, done.stderr), (1, "", f"lbshow: {reason}\n"))
+
     def test_missing_directory_is_a_clear_error(self):
-        done = lbshow("-o", "/nonexistent")
-        self.assertEqual(done.returncode, 1)
-        self.assertEqual(done.stderr, "lbshow: no dumps below /nonexistent: is the daemon running "
-                         "with this directory?\n")
+        self.assert_refused("no dumps below /nonexistent: is the daemon running with this directory?",
+                            "-o", "/nonexistent")
 
     def test_unknown_option_is_an_error_and_help_is_none(self):
         self.assertEqual(lbshow("--nonsense").returncode, 1)
@@ -152,20 +215,63 @@ class CommandLine(LabTest):
         self.assertEqual(done.returncode, 0)
         self.assertIn("--byte-order", done.stdout)
 
+    def test_version_is_told(self):
+        done = lbshow("--version")
+        self.assertEqual(done.returncode, 0)
+        self.assertRegex(done.stdout, r"^lbshow \d+\.\d+\.\d+\n$")
+
+    def test_watch_refuses_what_is_neither_seconds_nor_shown(self):
+        for words in (("--watch", "nonsense"), ("--watch", "0"), ("--watch", "1e9")):
+            self.assertEqual(lbshow(*words).returncode, 1, words)
+
     def test_unknown_name_is_an_error(self):
-        os.makedirs(os.path.join(OUTPUT_DIRECTORY, "wlb_dump"))
-        done = lbshow("interfaces", "eth9")
-        self.assertEqual((done.returncode, done.stderr),
-                         (1, "lbshow: nothing is called 'eth9'\n"))
+        self.put()
+        self.assert_refused("nothing is called 'eth9'", "interfaces", "eth9")
+
+    def test_name_of_something_stale_is_not_unknown(self):
+        self.put()
+        os.utime(os.path.join(self.DUMPS, "wlb_ipv4_outbounds.bin"), (0, 0))
+        done = lbshow("interfaces", "eth0")
+        self.assertEqual((done.returncode, done.stderr), (3, ""))
+        self.assertIn("left out as stale (--all shows them): interfaces 1, rules 0, routes 0\n", done.stdout)
 
     def test_foreign_file_is_refused(self):
-        folder = os.path.join(OUTPUT_DIRECTORY, "wlb_dump")
-        os.makedirs(folder)
-        with open(os.path.join(folder, "wlb_rules.bin"), "wb") as file:
-            file.write(b"\xff" * 3343)
-        done = lbshow()
-        self.assertEqual(done.returncode, 1)
-        self.assertIn("wlb_rules.bin is no dump of the daemon", done.stderr)
+        self.put(rules=b"\xff" * 3343)
+        self.assert_refused(f"{self.DUMPS}/wlb_rules.bin is no dump of the daemon, or one of the other byte order")
+
+    def test_missing_dump_names_the_reason(self):
+        self.put(routes=None)
+        self.assert_refused(f"{self.DUMPS}/wlb_routes.bin cannot be read: No such file or directory")
+
+    def test_folder_in_a_dumps_place_names_the_reason(self):
+        for name in ("ipv4_outbounds", "ipv6_outbounds", "rules", "routes"):
+            self.put()
+            path = os.path.join(self.DUMPS, f"wlb_{name}.bin")
+            if os.path.exists(path):
+                os.unlink(path)
+            os.mkdir(path)
+            self.assert_refused(f"{path} cannot be read: Is a directory")
+            os.rmdir(path)
+
+    def test_dump_without_rights_names_the_reason(self):
+        """As anybody but root meets it."""
+        self.put()
+        for name in ("ipv4_outbounds", "rules", "routes"):
+            path = os.path.join(self.DUMPS, f"wlb_{name}.bin")
+            os.chmod(path, 0)
+            done = subprocess.run(["setpriv", "--reuid=65534", "--clear-groups", LBSHOW], capture_output=True,
+                                  text=True, check=False, timeout=60)
+            self.assertEqual((done.returncode, done.stdout, done.stderr),
+                             (1, "", f"lbshow: {path} cannot be read: Permission denied\n"))
+            os.chmod(path, 0o644)
+
+    def test_folder_without_rights_names_the_reason(self):
+        self.put()
+        os.chmod(self.DUMPS, 0)
+        done = subprocess.run(["setpriv", "--reuid=65534", "--clear-groups", LBSHOW], capture_output=True,
+                              text=True, check=False, timeout=60)
+        self.assertEqual((done.returncode, done.stderr),
+                         (1, f"lbshow: {self.DUMPS} cannot be read: Permission denied\n"))
 
 
 if __name__ == "__main__":

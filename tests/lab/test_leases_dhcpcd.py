@@ -2,8 +2,6 @@
 
 Topology: lease_scene.py.
 """
-import json
-
 from kit import expect, lb_lease, main
 from kit.dhcp import Dhcpcd, missing
 from kit.lb_lease import LEASE, LEASE6, lease, lease6, text_of
@@ -36,20 +34,15 @@ class RouterAdvertisements(LeaseTest):
         self.lab.router.sysctl("ipv6/conf/gi1_1/disable_ipv6", "0")
         self.run_client(Dhcpcd)
 
-    def router_address(self):
-        """The server's link-local address, by which it advertises itself."""
-        addresses = json.loads(self.lab.far.ip("-j -6 address show dev far1"))[0]["addr_info"]
-        return next(address["local"] for address in addresses if address["scope"] == "link")
-
     def test_router_is_told_and_is_gone_when_it_says_that_it_is_none(self):
-        expect(lambda: text_of(LEASE6) == lease6(self.router_address()), within=30)
+        expect(lambda: text_of(LEASE6) == lease6(self.advertised()), within=30)
 
         self.server.advertise_no_router()
 
         expect(lambda: text_of(LEASE6) is None, within=30)
 
     def test_end_of_the_client_takes_the_router_away(self):
-        expect(lambda: text_of(LEASE6) == lease6(self.router_address()), within=30)
+        expect(lambda: text_of(LEASE6) == lease6(self.advertised()), within=30)
 
         self.client.release()
 

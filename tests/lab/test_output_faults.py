@@ -9,7 +9,7 @@ from kit import expect, main
 from kit import echo_policies as policy
 from kit.lab import OUTPUT_DIRECTORY
 from kit.lbshow import lbshow
-from kit.routing_daemon import bird_binary
+from kit.routing_daemon import bird_binary, why_no_bird
 from running import DUMPS, NOT_OPENED, OUTBOUNDS, RunningTest, published, reported
 from scenes import GATEWAY, GATEWAY_2, ROUTER, VIA_1, VIA_BOTH, error, fragment, two_uplinks
 
@@ -110,7 +110,7 @@ class FragmentDirectory(RunningTest):
         self.assert_everything_follows()
         self.assertEqual(captured.fragments()[-1], fragment(VIA_BOTH))
 
-    @unittest.skipUnless(bird_binary(), "no bird: set LB_BIRD or run scripts/deps")
+    @unittest.skipUnless(bird_binary(), why_no_bird())
     def test_fragment_cut_by_a_full_disk_is_refused_and_the_routes_before_it_stay(self):
         disk = self.lab.disk(self.DIRECTORY)
         self.bird = self.lab.bird(ROUTER)

@@ -12,12 +12,12 @@ import unittest
 
 from kit import LabTest, expect, main
 from kit import echo_policies as policy
-from kit.routing_daemon import bird_binary, next_hops
+from kit.routing_daemon import bird_binary, next_hops, why_no_bird
 from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, attach_two, two_uplinks
 from scenes6 import GATEWAY6, GATEWAY6_2, PREFIX6, attach_two6, two_uplinks6
 
 
-@unittest.skipUnless(bird_binary(), "no bird: set LB_BIRD or run scripts/deps")
+@unittest.skipUnless(bird_binary(), why_no_bird())
 class RealRoutingDaemon(LabTest):
     def setUp(self):
         super().setUp()
@@ -56,7 +56,7 @@ class RealRoutingDaemon(LabTest):
                            for frame in self.two.frames()))
 
 
-@unittest.skipUnless(bird_binary(ipv6=True), "no bird6: set LB_BIRD or run scripts/deps")
+@unittest.skipUnless(bird_binary(ipv6=True), why_no_bird())
 class RealRoutingDaemon6(LabTest):
     """This routing daemon adds the hops of an IPv6 route one by one and leaves their weights out."""
 

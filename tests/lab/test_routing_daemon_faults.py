@@ -6,14 +6,14 @@ import signal
 import unittest
 
 from kit import expect, main
-from kit.routing_daemon import bird_binary, next_hops
+from kit.routing_daemon import bird_binary, next_hops, why_no_bird
 from running import RunningTest
 from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, VIA_1, VIA_BOTH, fragment
 
 BOTH, FIRST = {GATEWAY: 1, GATEWAY_2: 3}, {GATEWAY: 1}
 
 
-@unittest.skipUnless(bird_binary(), "no bird: set LB_BIRD or run scripts/deps")
+@unittest.skipUnless(bird_binary(), why_no_bird())
 class RealRoutingDaemon(RunningTest):
     def setUp(self):
         super().setUp()

@@ -22,6 +22,12 @@ def add_blue(conf, namespace="blue"):
             .rule("2_ipv4", {"gi1_2": 1}, {PREFIX: None}, namespace=namespace))
 
 
+def main_thread_sleeps(daemon):
+    """How often the daemon's main thread has gone to sleep."""
+    with open(f"/proc/{daemon.pid}/task/{daemon.pid}/status", encoding="ascii") as status:
+        return int(next(line.split()[1] for line in status if line.startswith("voluntary_ctxt_switches:")))
+
+
 class StartUp(LabTest):
     def setUp(self):
         super().setUp()
@@ -103,6 +109,20 @@ class StartUp(LabTest):
         # A healthy target is probed every second cycle: six cycles lie between these.
         between = [time_s for time_s in alive.times("WATCHDOG=1") if first < time_s < last]
         self.assertIn(len(between), (5, 6, 7))
+
+    def test_nothing_to_do_is_no_standstill(self):
+        alive = self.lab.keep_alives
+        self.lab.start(Conf().interface("gi1_1", nexthop=GATEWAY))
+        expect(lambda: len(alive.times("WATCHDOG=1")) >= 2)
+
+    def test_work_in_a_namespace_that_is_not_there_is_a_standstill(self):
+        """The service manager starts the daemon anew: the namespace may be there by then."""
+        alive = self.lab.keep_alives
+        daemon = self.lab.start(add_blue(Conf(), "ghost"))
+        expect(lambda: error("wan_lb, can't open /var/run/netns/ghost") in self.lab.log.texts())
+        idle_from = main_thread_sleeps(daemon)
+        expect(lambda: main_thread_sleeps(daemon) >= idle_from + 2, within=30, what="the main thread idles")
+        self.assertEqual(alive.times("WATCHDOG=1"), [])
 
     def test_every_descriptor_is_closed_on_exec(self):
         daemon = self.lab.start(one_uplink())

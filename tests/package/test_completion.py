@@ -14,7 +14,7 @@ import unittest
 PROJECT, PROGRAMS = (pathlib.Path(folder).resolve() for folder in sys.argv[1:3])
 sys.path.insert(0, str(PROJECT / "tests/style"))
 
-from manual import options_of  # noqa: E402
+from manual import commands_of, options_of  # noqa: E402
 
 COMPLETION = "/usr/share/bash-completion/bash_completion"
 
@@ -56,8 +56,24 @@ class Completion(unittest.TestCase):
     def test_lbcheck_offers_its_options(self):
         self.check_options("lbcheck")
 
+    def test_lb_lease_offers_its_options(self):
+        self.check_options("lb-lease")
+
+    def test_lb_lease_completes_interfaces_and_configurations(self):
+        self.assertEqual(completions("lb-lease", "lo"), {"lo"})
+        self.assertEqual(completions("lb-lease", "-f", "examples/dual"), {"examples/dual-stack.conf"})
+
     def test_lbshow_offers_its_options(self):
         self.check_options("lbshow")
+
+    def test_lbroute_offers_its_options_and_those_of_each_command(self):
+        self.check_options("lbroute")
+        for command in commands_of(PROGRAMS / "lbroute"):
+            self.assertEqual(completions("lbroute", command, "x", "-"), options_of(PROGRAMS / "lbroute", command),
+                             command)
+
+    def test_lbroute_offers_its_commands(self):
+        self.assertEqual(completions("lbroute", ""), completions("lbroute", "-") | {*commands_of(PROGRAMS / "lbroute")})
 
     def test_a_configuration_is_completed_behind_f(self):
         self.assertEqual(completions("lb", "-f", "examples/dual"), {"examples/dual-stack.conf"})

@@ -16,13 +16,22 @@ from package import output_of, the_package
 PROJECT, FOLDER = (pathlib.Path(folder).resolve() for folder in sys.argv[1:3])
 
 FILES = {
+    "/etc/dhcp/dhclient-exit-hooks.d/lb": 0o644,
     "/etc/lb.conf": 0o644,
+    "/usr/lib/NetworkManager/dispatcher.d/70-lb": 0o755,
+    "/usr/lib/dhcpcd/dhcpcd-hooks/70-lb": 0o644,
+    **{f"/usr/lib/networkd-dispatcher/{state}.d/lb": 0o755
+       for state in ("carrier", "configured", "degraded", "no-carrier", "off", "routable")},
+    "/usr/lib/wan-load-balancer/networkd": 0o755,
+    "/usr/lib/wan-load-balancer/udhcpc": 0o755,
     "/usr/sbin/lb": 0o755,
+    "/usr/sbin/lb-lease": 0o755,
     "/usr/bin/lbcheck": 0o755,
     "/usr/bin/lbshow": 0o755,
     "/usr/lib/systemd/system/lb.service": 0o644,
     "/usr/lib/tmpfiles.d/lb.conf": 0o644,
     "/usr/share/bash-completion/completions/lb": 0o644,
+    "/usr/share/bash-completion/completions/lb-lease": 0o644,
     "/usr/share/bash-completion/completions/lbcheck": 0o644,
     "/usr/share/bash-completion/completions/lbshow": 0o644,
     "/usr/share/doc/wan-load-balancer/CHANGELOG.md": 0o644,
@@ -32,6 +41,7 @@ FILES = {
     "/usr/share/man/man1/lbcheck.1.gz": 0o644,
     "/usr/share/man/man1/lbshow.1.gz": 0o644,
     "/usr/share/man/man5/lb.conf.5.gz": 0o644,
+    "/usr/share/man/man8/lb-lease.8.gz": 0o644,
     "/usr/share/man/man8/lb.8.gz": 0o644,
 }
 EXAMPLES = "/usr/share/doc/wan-load-balancer/examples/"
@@ -55,7 +65,8 @@ class Contents(unittest.TestCase):
 
     def test_every_file_is_in_its_place(self):
         files = {f"/{path.relative_to(self.root)}" for path in self.root.rglob("*") if path.is_file()}
-        examples = {EXAMPLES + path.name for path in (PROJECT / "examples").glob("*.conf")}
+        folder = PROJECT / "examples"
+        examples = {EXAMPLES + str(path.relative_to(folder)) for path in folder.rglob("*") if path.is_file()}
 
         installed = {path for path in files if not path.startswith("/DEBIAN/")}
 
@@ -98,7 +109,23 @@ class Contents(unittest.TestCase):
             self.assertEqual(gzip.decompress(packed.read_bytes()), page.read_bytes(), page)
 
     def test_the_configuration_is_kept_on_upgrades(self):
-        self.assertEqual((self.root / "DEBIAN/conffiles").read_text(), "/etc/lb.conf\n")
+        kept = (self.root / "DEBIAN/conffiles").read_text().splitlines()
+
+        self.assertEqual(kept, sorted(path for path in FILES if path.startswith("/etc/")))
+
+    def test_folders_are_open_to_all(self):
+        """And to be run from: networkd-dispatcher wants this mode exactly."""
+        folders = [path for path in self.root.rglob("*") if path.is_dir() and path.name != "DEBIAN"]
+
+        self.assertEqual({path.stat().st_mode & 0o7777 for path in folders}, {0o755})
+
+    def test_scripts_of_the_dhcp_clients_parse(self):
+        adapters = [path for path in FILES if path.endswith(("/lb", "/70-lb", "/networkd", "/udhcpc")) and
+                    "completions" not in path and path != "/usr/sbin/lb"]
+
+        self.assertEqual(len(adapters), 11)
+        for path in adapters:
+            subprocess.run(["sh", "-n", self.inside(path)], check=True)
 
     def test_maintainer_scripts_parse(self):
         scripts = [self.root / "DEBIAN" / name for name in ("postinst", "prerm", "postrm")]

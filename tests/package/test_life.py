@@ -95,7 +95,7 @@ class Life(unittest.TestCase):
     @unittest.skipUnless(shutil.which("man"), "man-db is not installed")
     @unittest.skipIf(leaves_manuals_out(), "dpkg is told to leave manual pages out here")
     def test_manual_pages_are_found(self):
-        for section, page in (("8", "lb"), ("5", "lb.conf"), ("1", "lbshow"), ("1", "lbcheck")):
+        for section, page in (("8", "lb"), ("8", "lb-lease"), ("5", "lb.conf"), ("1", "lbshow"), ("1", "lbcheck")):
             self.assertTrue(output_of("man", "--where", section, page).strip(), page)
 
     def test_removing_keeps_configuration_and_routes(self):
@@ -105,6 +105,31 @@ class Life(unittest.TestCase):
         self.assertEqual([path for path in FRAGMENTS if not os.path.exists(path)], [])
         self.assertFalse(os.path.exists("/run/load-balance"))
         self.assertFalse(os.path.exists("/usr/sbin/lb"))
+
+    def write_leases(self):
+        """One by the program, one as a client keeps it there itself; their paths."""
+        pathlib.Path(CONF).write_text("health {\ninterface gi1_1 {\nnexthop dhcp\n}\n}\n")
+        subprocess.run(["lb-lease", "gi1_1", "192.0.2.1"], check=True)
+        foreign = pathlib.Path("/var/db/dhclient_gi1_2.leases")
+        foreign.write_text("lease {\n  option routers 192.0.2.1;\n}\n")
+        return pathlib.Path("/var/db/dhclient_gi1_1.leases"), foreign
+
+    def test_installed_program_writes_leases_and_purging_takes_its_own_away(self):
+        own, foreign = self.write_leases()
+        self.assertTrue(own.exists())
+
+        dpkg("--purge", "--no-triggers", NAME)
+
+        self.assertFalse(own.exists())
+        self.assertTrue(foreign.exists())
+        foreign.unlink()
+
+    def test_removed_package_leaves_a_hook_that_does_nothing(self):
+        dpkg("--remove", "--no-triggers", NAME)
+
+        said = output_of("sh", "-ec", "reason=BOUND interface=gi1_1; . /etc/dhcp/dhclient-exit-hooks.d/lb 2>&1")
+
+        self.assertEqual(said, "")
 
     def test_purging_leaves_what_others_have_there(self):
         pathlib.Path("/usr/etc/others").touch()
@@ -121,6 +146,8 @@ class Life(unittest.TestCase):
         before = output_of("find", "/etc", "/usr", "/var", "/run", "-xdev")
 
         dpkg("--install", "--no-triggers", self.package)
+        for lease in self.write_leases()[1:]:
+            lease.unlink()
         dpkg("--purge", "--no-triggers", NAME)
 
         after = output_of("find", "/etc", "/usr", "/var", "/run", "-xdev")

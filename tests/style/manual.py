@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Holds the manual pages to the programs: they format without a warning, and name every option, keyword and message.
+"""Holds the manual pages to the programs: they format without a warning, and name every option, keyword and message,
+and every column, JSON key and metric of lbshow.
 
     manual.py PROJECT PROGRAM-FOLDER CONFIGURATION-WORDS CLANG
 
@@ -12,7 +13,7 @@ import shutil
 import subprocess
 import sys
 
-from cpp_calls import calls_of
+from cpp_tokens import calls_of, literals_of
 from messages import LOGGED
 
 
@@ -29,10 +30,20 @@ def plain(page):
     return re.sub(r"\s+", " ", re.sub(r"^\.[A-Z]+", "", text, flags=re.MULTILINE))
 
 
-def options_of(program):
-    usage = subprocess.run([program, "--help"], stdout=subprocess.PIPE,
-                           stderr=subprocess.DEVNULL, text=True, check=False).stdout
-    return set(re.findall(r"(?<![\w-])(?:--[a-z][a-z-]*|-[a-z](?![a-z]))", usage))
+def usage_of(program, *command):
+    return subprocess.run([program, *command, "--help"], stdout=subprocess.PIPE,
+                          stderr=subprocess.DEVNULL, text=True, check=False).stdout
+
+
+def options_of(program, *command):
+    """The options that a program, or a command of it, tells in its usage."""
+    usage = usage_of(program, *command)
+    return set(re.findall(r"(?<![\w-])(?:--[a-z][a-z0-9-]*|-[a-z](?![a-z]))", usage))
+
+
+def commands_of(program):
+    """The commands that a program tells in its usage."""
+    return re.findall(r"^  (\w+)", re.split(r"(?i)^subcommands:", usage_of(program), flags=re.M)[-1], re.M)
 
 
 def keywords(program):
@@ -45,6 +56,17 @@ def messages_of_the_loader(source, clang):
     return {call.text.partition("%")[0] for call in calls}
 
 
+def names_of_lbshow(source, clang):
+    """Columns, JSON keys and metrics: what the page promises to keep."""
+    columns = {one.text for one in literals_of(clang, [str(source / "tables.cpp")])
+               if re.fullmatch("[A-Z]+( [A-Z]+)*", one.text)}
+    keys = {one.text for one in literals_of(clang, [str(source / "json.cpp")])
+            if one.before in ("{", "[") and one.behind in (",", "]")}
+    metrics = {one.text for one in literals_of(clang, [str(source / "metrics.cpp")])
+               if re.fullmatch("lb_[a-z_]+", one.text)}
+    return columns, keys, metrics
+
+
 def missing(page, wanted):
     text = plain(page)
     for word in sorted(wanted):
@@ -55,15 +77,23 @@ def missing(page, wanted):
 def wrong(project, programs, configuration_words, clang):
     manual = project / "man"
     pages = sorted(manual.glob("*.[1-8]"))
-    if len(pages) != 4:
-        yield f"{manual}: {len(pages)} pages instead of 4"
     for page in pages:
         yield from warnings_of(page)
-    for name in ("lb.8", "lbcheck.1", "lbshow.1"):
-        options = options_of(programs / name.partition(".")[0])
+    of_programs = [page for page in pages if (programs / page.stem).is_file()]
+    if len(of_programs) != len(pages) - 1:
+        yield f"{manual}: {len(pages)} pages, but {len(of_programs)} programs; lb.conf.5 alone has none"
+    for page in of_programs:
+        options = options_of(programs / page.stem)
         if not options:
-            yield f"{name}: the program tells no option"
-        yield from missing(manual / name, options)
+            yield f"{page.name}: the program tells no option"
+        yield from missing(page, options)
+    program = programs / "lbroute"
+    for command in commands_of(program):
+        yield from missing(manual / "lbroute.8", {command} | options_of(program, command))
+    columns, keys, metrics = names_of_lbshow(project / "tools/lbshow", clang)
+    if len(columns) < 20 or len(keys) < 40 or len(metrics) < 15:
+        yield f"only {len(columns)} columns, {len(keys)} keys and {len(metrics)} metrics found in tools/lbshow"
+    yield from missing(manual / "lbshow.1", columns | keys | metrics)
     messages = messages_of_the_loader(project / "src/config", clang)
     if len(messages) < 6:
         yield f"only {len(messages)} messages found in src/config"

@@ -394,4 +394,16 @@ TEST_F(Engine, workers_that_cannot_be_created_are_reported_each) {
                                {4, "%WAN-W-WARN: Can't create new thread for IPv6 VRF "}}));
 }
 
+TEST(WorkerNeeds, are_an_interface_and_a_rule_of_one_family_in_one_namespace) {
+    namespaces_check.clear();
+    EXPECT_FALSE(is_any_worker_needed());
+    namespaces_check[{"", 0}] = {1, 0};
+    namespaces_check[{"", 1}] = {0, 1};
+    namespaces_check[{"blue", 0}] = {0, 1};
+    EXPECT_FALSE(is_any_worker_needed());
+    namespaces_check[{"blue", 1}] = {1, 1};
+    EXPECT_TRUE(is_any_worker_needed());
+    namespaces_check.clear();
+}
+
 }  // namespace

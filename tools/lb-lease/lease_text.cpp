@@ -6,6 +6,11 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <iterator>
+#include <span>
+#include <sstream>
+#include <vector>
 
 namespace lblease {
 
@@ -43,7 +48,74 @@ Router parse(int family, const std::string& text) {
     return {buffer.data(), ""};
 }
 
+constexpr unsigned octets_of_address = 4;
+
+struct StaticRoute {
+    bool is_default = false;
+    std::string router;
+};
+
+std::vector<std::string> words_of(std::string text) {
+    std::ranges::replace(text, ',', ' ');
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
+std::optional<unsigned> number_of(std::string_view word, unsigned most) {
+    unsigned number = 0;
+    const auto [end, error] = std::from_chars(word.begin(), word.end(), number);
+    const bool is_number = error == std::errc() && end == word.end() && number <= most;
+    return is_number ? std::optional(number) : std::nullopt;
+}
+
+/// One route as numbers, taken off the front of the words.
+std::optional<StaticRoute> take_numbers(std::span<const std::string>& words) {
+    const std::optional<unsigned> length = number_of(words.front(), 32);
+    const unsigned covered = (length.value_or(0) + 7) / 8;
+    if (!length || words.size() < 1 + covered + octets_of_address) {
+        return std::nullopt;
+    }
+    StaticRoute route{*length == 0, ""};
+    for (const std::string& octet : words.subspan(1 + covered, octets_of_address)) {
+        if (!number_of(octet, 255)) {
+            return std::nullopt;
+        }
+        route.router += (route.router.empty() ? "" : ".") + octet;
+    }
+    words = words.subspan(1 + covered + octets_of_address);
+    return route;
+}
+
+/// One route as DESTINATION/LENGTH ROUTER, taken off the front of the words.
+std::optional<StaticRoute> take_addresses(std::span<const std::string>& words) {
+    const std::size_t slash = words.front().find('/');
+    if (slash == std::string::npos || words.size() < 2 ||
+        !number_of(std::string_view(words.front()).substr(slash + 1), 32)) {
+        return std::nullopt;
+    }
+    StaticRoute route{words.front().ends_with("/0"), words[1]};
+    words = words.subspan(2);
+    return route;
+}
+
 }  // namespace
+
+std::optional<std::string> default_router(const std::string& static_routes) {
+    const std::vector<std::string> all = words_of(static_routes);
+    const bool has_addresses = static_routes.find('.') != std::string::npos;
+    std::string found;
+    for (std::span<const std::string> rest = all; !rest.empty();) {
+        const auto route = has_addresses ? take_addresses(rest) : take_numbers(rest);
+        if (!route) {
+            return std::nullopt;
+        }
+        // The router 0.0.0.0 stands for the link itself.
+        if (found.empty() && route->is_default && route->router != "0.0.0.0") {
+            found = route->router;
+        }
+    }
+    return found;
+}
 
 std::string problem_of_name(const std::string& name) {
     if (name.empty()) {

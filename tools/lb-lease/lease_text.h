@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -21,6 +22,13 @@ struct Router {
 };
 /// A scope behind an IPv6 address (fe80::1%eth0) must be the interface itself, and is taken off.
 Router parse_router(const std::string& text, bool is_ipv6, const std::string& interface);
+
+/// The router of the default route among classless static routes (RFC 3442), in which some
+/// providers name it alone: as isc-dhclient writes them (numbers: the length of the destination, as
+/// many of its octets as that covers, four of the router) or as the others do (DESTINATION/LENGTH
+/// ROUTER, behind blanks or commas). Empty where none is the default; nothing where the text is
+/// none.
+std::optional<std::string> default_router(const std::string& static_routes);
 
 /// The file's name in the directory.
 std::string file_name(const std::string& interface, bool is_ipv6);

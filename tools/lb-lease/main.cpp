@@ -25,6 +25,7 @@ enum Status { done = 0, failed = 1, misused = 2, left_alone = 3 };
 struct Options {
     std::string interface;
     std::vector<std::string> routers;
+    std::string static_routes;
     std::string configuration = default_configuration;
     bool is_ipv6 = false;
     bool is_gone = false;
@@ -68,6 +69,16 @@ int check_configured(const Options& options) {
                                                                        : leave_alone(options);
 }
 
+/// Those that count; none means that there is no lease.
+std::vector<std::string> routers_of(const Options& options) {
+    const std::optional<std::string> router = lblease::default_router(options.static_routes);
+    if (!router) {
+        tell(misused, "left out what is no list of static routes of " + options.interface + ": '" +
+                          options.static_routes + "'");
+    }
+    return router.value_or("").empty() ? options.routers : std::vector{*router};
+}
+
 int run(const Options& options) {
     if (const std::string problem = lblease::problem_of_name(options.interface); !problem.empty()) {
         return tell(misused, "the interface name " + problem);
@@ -80,12 +91,13 @@ int run(const Options& options) {
         return status;
     }
     const std::string name = lblease::file_name(options.interface, options.is_ipv6);
-    if (options.is_gone) {
+    const std::vector<std::string> routers = routers_of(options);
+    if (routers.empty()) {
         const std::string problem = lblease::remove_lease(name);
         return problem.empty() ? done : tell(failed, problem);
     }
     std::string first;
-    for (const std::string& text : options.routers) {
+    for (const std::string& text : routers) {
         const lblease::Router router =
             lblease::parse_router(text, options.is_ipv6, options.interface);
         if (!router.problem.empty()) {
@@ -108,7 +120,13 @@ int main(int argc, char* argv[]) {
                    "the uplink, by the name of its kernel interface")
         ->required();
     app.add_option("ROUTER", options.routers, "the addresses of its routers; the first counts");
-    app.add_flag("--ipv6", options.is_ipv6, "the next hop of IPv6 instead of that of IPv4");
+    auto* const ipv6 =
+        app.add_flag("--ipv6", options.is_ipv6, "the next hop of IPv6 instead of that of IPv4");
+    app.add_option("--static-routes", options.static_routes,
+                   "classless static routes of the lease: the router of the default route among "
+                   "them counts before ROUTER and --gone")
+        ->type_name("ROUTES")
+        ->excludes(ipv6);
     app.add_flag("--gone", options.is_gone, "there is no lease any more: remove the file");
     app.add_option("-f", options.configuration, "the daemon's configuration")
         ->type_name("FILE")

@@ -12,6 +12,7 @@ int main(int argc, char* argv[]) {
         "Tells what the balancing daemon would understand of a configuration, and what it would "
         "silently ignore. Exit status: 0, 1 for warnings with --strict, 2 for errors.",
         "lbcheck");
+    app.set_version_flag("--version", "lbcheck " LB_VERSION);
     app.add_option("FILE", path, "the configuration")->required();
     app.add_flag("--strict", is_strict, "warnings count as well");
     auto* const json = app.add_flag("--json", as_json, "findings as a JSON object, for programs");

@@ -1,11 +1,16 @@
 #include <unistd.h>
 
+#include <algorithm>
 #include <bit>
 #include <chrono>
+#include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <thread>
 
-#include "lbshow/state.h"
+#include "lbshow/dump_files.h"
+#include "lbshow/freshness.h"
+#include "lbshow/in_force.h"
 #include "lbshow/views.h"
 #include <CLI/CLI.hpp>
 
@@ -13,8 +18,9 @@ namespace {
 
 constexpr const char* description =
     "Shows what the balancing daemon knows: its interfaces, rules and routes, from the dumps that "
-    "it "
-    "writes in every cycle.";
+    "it writes in every cycle.";
+
+enum Status { shown_well = 0, not_shown = 1, stale = 3 };
 
 struct Options {
     std::string directory = "/var/run/load-balance";
@@ -23,6 +29,8 @@ struct Options {
     bool as_json = false;
     bool as_metrics = false;
     std::string byte_order;
+    std::optional<std::int64_t> stale_after_s;
+    bool wants_stale = false;
     bool is_watching = false;
     double pause_s = 2;
 };
@@ -37,27 +45,40 @@ std::string shown(const lbshow::State& state, const Options& options) {
         return lbshow::json(state, options.selection);
     }
     if (options.as_metrics) {
-        return lbshow::metrics(state, options.selection);
+        return lbshow::metrics(state, LB_VERSION);
     }
     return lbshow::tables(state, options.selection, isatty(STDOUT_FILENO) == 1);
 }
 
-/// Prints the state once; false after telling what is wrong.
-bool show(const Options& options) {
+lbshow::Time now() {
+    return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+}
+
+/// Prints the state once, or tells what is wrong.
+Status show(const Options& options) {
     lbshow::State state;
     const std::string problem =
         lbshow::read_state(options.directory, is_swapped(options.byte_order), state);
     if (!problem.empty()) {
         std::cerr << "lbshow: " << problem << std::endl;
-        return false;
+        return not_shown;
     }
+    lbshow::judge_freshness(state, now(), options.stale_after_s);
+    lbshow::resolve_next_hops(state);
     const std::string unknown = lbshow::select(state, options.selection);
     if (!unknown.empty()) {
         std::cerr << "lbshow: nothing is called '" << unknown << "'" << std::endl;
-        return false;
+        return not_shown;
+    }
+    // A series is of now or it is not there.
+    if (!options.wants_stale || options.as_metrics) {
+        lbshow::leave_out_stale(state);
     }
     std::cout << shown(state, options) << std::flush;
-    return static_cast<bool>(std::cout);
+    if (!std::cout) {
+        return not_shown;
+    }
+    return lbshow::has_stale(state) ? stale : shown_well;
 }
 
 /// Shows again and again until the output is closed; a state that cannot be read may be whole again
@@ -73,11 +94,33 @@ int watch(const Options& options) {
     return 0;
 }
 
+bool is_number(const std::string& word) {
+    char* end = nullptr;
+    strtod(word.c_str(), &end);
+    return !word.empty() && *end == '\0';
+}
+
+/// The words of the command line, last one first. `--watch` takes the word behind it only where
+/// that is a number: in `--watch interfaces` it is what to watch.
+std::vector<std::string> words_of(int argc, char* argv[]) {
+    std::vector<std::string> words;
+    for (int i = 1; i < argc; ++i) {
+        words.emplace_back(argv[i]);
+        if (words.back() == "--watch") {
+            words.back() +=
+                i + 1 < argc && is_number(argv[i + 1]) ? std::string("=") + argv[++i] : "=2";
+        }
+    }
+    std::reverse(words.begin(), words.end());
+    return words;
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
     Options options;
     CLI::App app(description, "lbshow");
+    app.set_version_flag("--version", "lbshow " LB_VERSION);
     app.add_option("what", options.what, "interfaces, rules or routes; all three by default")
         ->check(CLI::IsMember({"interfaces", "rules", "routes"}));
     app.add_option("name", options.selection.names,
@@ -92,13 +135,19 @@ int main(int argc, char* argv[]) {
             ->type_name("[SECONDS]")
             ->expected(0, 1)
             ->check(CLI::Range(0.1, 86400.0));
+    app.add_option(
+           "--stale-after", options.stale_after_s,
+           "the age from which on dumps are stale (15; 60 for a family with extended pings)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 31'536'000));
+    app.add_flag("--all", options.wants_stale, "show what is stale too, in tables and JSON");
     app.add_option("--byte-order", options.byte_order,
                    "byte order of dumps that were copied from another machine")
         ->check(CLI::IsMember({"big", "little"}));
     try {
-        app.parse(argc, argv);
+        app.parse(words_of(argc, argv));
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : 1;
+        return app.exit(error) == 0 ? shown_well : not_shown;
     }
     if (!options.what.empty()) {
         options.selection.interfaces = options.what == "interfaces";
@@ -108,5 +157,5 @@ int main(int argc, char* argv[]) {
     if (watched->count() > 0) {
         return watch(options);
     }
-    return show(options) ? 0 : 1;
+    return show(options);
 }

@@ -1,15 +1,8 @@
 #include "lbshow/state.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
 #include <string_view>
-#include <thread>
-#include <type_traits>
 
 #include "output/record_layout.h"
 
@@ -80,8 +73,9 @@ Quality quality_of(const record::Probe& entry, bool is_swapped) {
             .jitter_limit = entry.jitter_limit.read(is_swapped)};
 }
 
-Probe probe_of(const record::Probe& entry, bool is_swapped) {
-    Probe probe{.target = text_of(entry.target),
+Probe probe_of(const record::Probe& entry, int position, bool is_swapped) {
+    Probe probe{.position = position,
+                .target = text_of(entry.target),
                 .last_result = static_cast<Result>(entry.last_result),
                 .success_run = entry.success_run.read(is_swapped),
                 .failure_run = entry.failure_run.read(is_swapped),
@@ -106,7 +100,7 @@ Interface interface_of(const record::Outbound& entry, int family, bool is_swappe
     made.success_ct = entry.success_ct.read(is_swapped);
     made.failure_ct = entry.failure_ct.read(is_swapped);
     for (std::size_t i = 0; i < entry.probe_count; ++i) {
-        made.probes.push_back(probe_of(entry.probes[i], is_swapped));
+        made.probes.push_back(probe_of(entry.probes[i], static_cast<int>(i) + 1, is_swapped));
     }
     const bool is_judged =
         std::any_of(made.probes.begin(), made.probes.end(),
@@ -120,8 +114,7 @@ Rule rule_of(const record::Rule& entry, bool is_swapped) {
     Rule rule{.number = entry.number.read(is_swapped),
               .family = family_of(entry.is_ipv6),
               .namespace_name = text_of(entry.namespace_name),
-              .is_failover = entry.failover_low != 0,
-              .members = {}};
+              .is_failover = entry.failover_low != 0};
     for (std::size_t i = 0; i < entry.member_count; ++i) {
         const record::Member& member = entry.members[i];
         rule.members.push_back({.interface = text_of(member.name),
@@ -172,53 +165,28 @@ Read<Item> read_records(std::span<const std::uint8_t> dump, Make make) {
     return read;
 }
 
-using Dump = std::vector<std::uint8_t>;
-
-/// Nothing where the file is not there or cannot be read.
-std::optional<Dump> content_of(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        return std::nullopt;
-    }
-    Dump dump{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    return file.bad() ? std::nullopt : std::make_optional(std::move(dump));
-}
-
-/// Appends a dump's items; a family that no worker serves has no dump. The daemon rewrites its
-/// files in place, so one that is empty or cut is read again for a while. One that stays so was
-/// left by a full disk or a killed daemon; only the routes may be none, of rules without
-/// destinations.
-template <class Item>
-std::string append_dump(const std::string& path, std::vector<Item>& items,
-                        const std::function<Read<Item>(std::span<const std::uint8_t>)>& read) {
-    constexpr int tries = 20;
-    constexpr std::chrono::milliseconds pause(25);
-    for (int attempt = 1;; ++attempt) {
-        const auto dump = content_of(path);
-        if (!dump) {
-            return std::filesystem::exists(path) ? path + " cannot be read" : "";
-        }
-        Read<Item> answer = read(*dump);
-        if ((answer.is_truncated || dump->empty()) && attempt < tries) {
-            std::this_thread::sleep_for(pause);
-            continue;
-        }
-        if (!answer.problem.empty()) {
-            return path + " " + answer.problem;
-        }
-        if (dump->empty() && !std::is_same_v<Item, Route>) {
-            return path + " is empty";
-        }
-        std::move(answer.items.begin(), answer.items.end(), std::back_inserter(items));
-        return "";
-    }
-}
-
 std::string name_of(int number, int family) {
     return std::to_string(number) + "_ipv" + std::to_string(family);
 }
 
 }  // namespace
+
+const char* Probe::type() const {
+    return quality ? "ping_ext" : "ping";
+}
+
+bool Interface::has_extended_ping() const {
+    return std::any_of(probes.begin(), probes.end(),
+                       [](const Probe& probe) { return probe.quality.has_value(); });
+}
+
+const char* family_name(int family) {
+    return family == 6 ? "ipv6" : "ipv4";
+}
+
+std::string outbounds_name(int family) {
+    return std::string("wlb_") + family_name(family) + "_outbounds.bin";
+}
 
 std::string Rule::name() const {
     return name_of(number, family);
@@ -241,30 +209,6 @@ Read<Rule> read_rules(std::span<const std::uint8_t> dump, bool is_swapped) {
 Read<Route> read_routes(std::span<const std::uint8_t> dump, bool is_swapped) {
     return read_records<record::Route, Route>(
         dump, [=](const record::Route& entry) { return route_of(entry, is_swapped); });
-}
-
-std::string read_state(const std::string& directory, bool is_swapped, State& state) {
-    const std::string dumps = directory + "/wlb_dump";
-    if (!std::filesystem::is_directory(dumps)) {
-        return "no dumps below " + directory + ": is the daemon running with this directory?";
-    }
-    std::string problem;
-    for (const int family : {4, 6}) {
-        const std::string path = dumps + "/wlb_ipv" + std::to_string(family) + "_outbounds.bin";
-        problem = append_dump<Interface>(path, state.interfaces, [=](auto dump) {
-            return read_interfaces(dump, family, is_swapped);
-        });
-        if (!problem.empty()) {
-            return problem;
-        }
-    }
-    problem = append_dump<Rule>(dumps + "/wlb_rules.bin", state.rules,
-                                [=](auto dump) { return read_rules(dump, is_swapped); });
-    if (!problem.empty()) {
-        return problem;
-    }
-    return append_dump<Route>(dumps + "/wlb_routes.bin", state.routes,
-                              [=](auto dump) { return read_routes(dump, is_swapped); });
 }
 
 }  // namespace lbshow

@@ -12,8 +12,10 @@
     disk            a small file system that a test fills or makes read-only
     lb_lease        the program that writes lease files, and its adapters where the package has them
     dhcp            a real DHCP server, and the real clients
+    lbroute         the program that puts fragments into force, and the kernel's routes
     lbshow          what the companion program shows of the daemon
     routing_daemon  the captured routing daemon and the real one
+    newer_bird      the routing daemons bird 2 and 3
     conf            configuration files of the daemon
     daemon          the daemon under test
     lab             one router with its uplinks; the base class of lab tests

@@ -46,9 +46,11 @@ class DhcpServer:
         self._write_options(router)
         self._start("1200")
 
-    def _write_options(self, router):
+    def _write_options(self, router, static_routes=None):
         with open(self._options, "w", encoding="ascii") as file:
             file.write((f"option:router,{router}\n" if router else "option:router\n") + f"58,{RENEWAL_S}\n")
+            if static_routes:
+                file.write(f"option:classless-static-route,{static_routes}\n")
 
     def _start(self, router_lifetime_s):
         self._child = _Child(
@@ -60,9 +62,9 @@ class DhcpServer:
             f"--ra-param={self._interface},4,{router_lifetime_s}")
         expect(lambda: "started" in self._child.log(), what="the DHCP server is ready")
 
-    def give(self, router):
-        """From now on leases name this router, or none."""
-        self._write_options(router)
+    def give(self, router, static_routes=None):
+        """From now on leases name this router, or none, and these classless static routes."""
+        self._write_options(router, static_routes)
         before = self._child.log().count("read " + self._options)
         self._child.signal(signal.SIGHUP)
         expect(lambda: self._child.log().count("read " + self._options) > before, what="the server has read it")
@@ -85,22 +87,49 @@ class _Client(_Child):
 
 class Dhclient(_Client):
     def __init__(self, space, folder, interface, leases="/run/dhclient.leases"):
-        files = ("-lf", leases, "-pf", "/run/dhclient.pid", interface)
-        self.release = lambda: space.run("dhclient", "-4", "-r", *files)
-        super().__init__(space, folder, "dhclient", "dhclient", "-4", "-d", *files)
+        self._space, self._files = space, ("-lf", leases, "-pf", "/run/dhclient.pid", interface)
+        super().__init__(space, folder, "dhclient", "dhclient", "-4", "-d", *self._files)
+
+    def release(self):
+        # It says so behind its script; before, the one who releases would find no lease.
+        expect(lambda: "bound to" in self.log(), within=30)
+        self._space.run("dhclient", "-4", "-r", *self._files)
 
 
 class Dhcpcd(_Client):
     def __init__(self, space, folder, interface):
         with open("/run/dhcpcd.conf", "w", encoding="ascii") as file:
-            file.write("noarp\n")  # do not wait whether somebody else has the address
-        self.release = lambda: space.run("dhcpcd", "-k", interface)
+            # Do not wait whether somebody else has the address.
+            file.write("noarp\noption classless_static_routes\n")
+        self._releasing = space.command("dhcpcd", "-k", interface)
         super().__init__(space, folder, "dhcpcd", "dhcpcd", "-B", "-f", "/run/dhcpcd.conf", interface)
+
+    def release(self):
+        """It loses a request that meets it right behind a new lease, and its -k gives up after 10 seconds."""
+        expect(lambda: subprocess.run(self._releasing, capture_output=True, check=False).returncode == 0, within=40,
+               what="dhcpcd has released its lease")
+
+
+class Networkd(_Client):
+    """systemd-networkd, alone in a namespace: it manages this interface and no other."""
+
+    PROGRAM = "/lib/systemd/systemd-networkd"
+
+    def __init__(self, space, folder, interface):
+        for directory in ("netif/leases", "netif/links", "netif/lldp", "network"):
+            os.makedirs(f"/run/systemd/{directory}")
+        subprocess.run(["chown", "-R", "systemd-network", "/run/systemd/netif"], check=True)
+        with open(f"/run/systemd/network/{interface}.network", "w", encoding="ascii") as file:
+            file.write(f"[Match]\nName={interface}\n[Network]\nDHCP=ipv4\nIPv6AcceptRA=yes\n")
+        # Where /sys is read-only it does not wait for udev.
+        super().__init__(space, folder, "networkd", "unshare", "--mount", "sh", "-c",
+                         f"mount -t sysfs -o ro sysfs /sys && exec {self.PROGRAM}")
 
 
 class Udhcpc(_Client):
     def __init__(self, space, folder, interface, script):
-        super().__init__(space, folder, "udhcpc", "udhcpc", "-f", "-t", "20", "-T", "1", "-i", interface, "-s", script)
+        super().__init__(space, folder, "udhcpc", "udhcpc", "-f", "-t", "20", "-T", "1", "-O", "staticroutes",
+                         "-i", interface, "-s", script)
 
     def renew(self):
         self.signal(signal.SIGUSR1)

@@ -131,6 +131,13 @@ class Lab:
     def disk(self, directory, pages=64, free_pages=None):
         return self._owned(Disk(directory, pages, free_pages))
 
+    def keep_alives_at(self, path):
+        return self._owned(KeepAlives(path))
+
+    def own(self, close):
+        """Has close() called at the end, before everything that was made earlier goes."""
+        self._closers.append(close)
+
     def write_conf(self, conf):
         """Writes a Conf, or a text as it stands, and gives its path."""
         with open(CONF, "w", encoding="utf-8", newline="") as file:

@@ -3,10 +3,12 @@ import json
 import os
 import subprocess
 
-from .daemon import binary
+from .daemon import ROOT, binary
 
 # Beside the daemon, unless that is one for another machine.
 LBSHOW = os.environ.get("LB_NATIVE_LBSHOW", os.path.join(os.path.dirname(binary()), "lbshow"))
+# Unpacked, not installed: the package would start a service (scripts/deps).
+PROMTOOL = os.path.join(ROOT, "build/tools/prometheus/usr/bin/promtool")
 
 
 def lbshow(*arguments):

@@ -91,9 +91,20 @@ def bird_binary(ipv6=False):
     given = os.environ.get("LB_BIRD")
     if given and ipv6:
         given = os.path.join(os.path.dirname(given), name)
-    own = glob.glob(os.path.join(ROOT, "build", "tools", "**", "sbin", name), recursive=True)
+    own = glob.glob(os.path.join(ROOT, "build", "tools", "bird", "**", "sbin", name), recursive=True)
     return next((path for path in (given, *own, shutil.which(name))
-                 if path and os.access(path, os.X_OK)), None)
+                 if path and os.access(path, os.X_OK) and _reads_fragments(path)), None)
+
+
+def _reads_fragments(path):
+    """Later versions under the same name have another language."""
+    said = subprocess.run([path, "--version"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+    return "version 1." in said.stdout
+
+
+def why_no_bird():
+    """What a test says that is skipped without the real routing daemon."""
+    return (text_of(os.path.join(ROOT, "build/tools/bird/absent")) or "no bird 1.6: set LB_BIRD or run scripts/deps").strip()
 
 
 _BIRD_CONF = """\

@@ -21,10 +21,14 @@ FINIT_MODULE = 313  # finit_module(2) on x86-64
 POWER_OFF = 0x4321FEDC  # reboot(2)
 
 libc = ctypes.CDLL(None, use_errno=True)
+libc.mount.argtypes = (ctypes.c_char_p, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_ulong, ctypes.c_char_p)
 
 
-def mount(kind, target, options="defaults"):
-    subprocess.run(["mount", "-t", kind, "-o", options, kind, target], check=True)
+def mount(kind, target, options=""):
+    """By mount(2), whose options a hostfs of any kernel takes for its folder: a mount(8) of util-linux 2.39 or later splits
+    them into parameters, among which kernels from 6.11 on know none of that name."""
+    if libc.mount(kind.encode(), str(target).encode(), kind.encode(), 0, options.encode() or None) != 0:
+        raise OSError(ctypes.get_errno(), f"mounting {kind} on {target}")
 
 
 def module_paths():

@@ -27,6 +27,8 @@ PACKAGE_FOLDER = pathlib.Path(sys.argv.pop(1))
 UNITS = pathlib.Path("/lab-units")
 TARGETS = ("sysinit", "basic", "shutdown", "multi-user", "umount", "lab")
 HUP_RECORDER = pathlib.Path(__file__).resolve().parents[1] / "kit/hup_recorder.py"
+# Another user need not be able to enter the folder of the project.
+RECORDER_FOR_ALL = UNITS / HUP_RECORDER.name
 HUPS = "/var/lib/hups"
 CAPABILITIES = sum(1 << number for number in (5, 12, 13, 21))  # KILL, NET_ADMIN, NET_RAW, SYS_ADMIN
 PEER6 = "2001:db8:1::1"
@@ -34,7 +36,7 @@ PEER6 = "2001:db8:1::1"
 ROUTING_DAEMON = f"""[Service]
 Type=exec
 User=daemon
-ExecStart=/usr/bin/python3 -I -S {HUP_RECORDER} {routing_daemon.fragment_path()} {HUPS}
+ExecStart=/usr/bin/python3 -I -S {RECORDER_FOR_ALL} {routing_daemon.fragment_path()} {HUPS}
 ExecStartPost=+/bin/sh -c 'echo $MAINPID > {routing_daemon.pid_path()}'
 """
 # The first cycle comes before the first look at the leases.
@@ -136,6 +138,8 @@ def make_units():
         (UNITS / f"{name}.target").write_text("[Unit]\nDefaultDependencies=no\n")
     (UNITS / "routing.service").write_text(ROUTING_DAEMON)
     shutil.copy("/usr/lib/systemd/system/lb.service", UNITS)
+    shutil.copy(HUP_RECORDER, RECORDER_FOR_ALL)
+    RECORDER_FOR_ALL.chmod(0o644)
 
 
 def fragment_is(text, namespace="", ipv6=False):

@@ -1,0 +1,602 @@
+#include "lbroute/daemon.h"
+
+#include <fcntl.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <set>
+
+#include "decision/route_text.h"
+#include "lbroute/bird2.h"
+#include "lbroute/daemon_record.h"
+#include "lbroute/event_loop.h"
+#include "lbroute/findings.h"
+#include "lbroute/folder_watch.h"
+#include "lbroute/holds.h"
+#include "lbroute/journal.h"
+#include "lbroute/ownership.h"
+#include "lbroute/processes.h"
+#include "lbroute/served_namespace.h"
+#include "lbroute/site.h"
+#include "platform/notify_socket.h"
+
+namespace lbroute {
+
+namespace {
+
+/// How long the daemon's dumps are waited for where they alone tell whose a next hop is.
+constexpr std::int64_t dumps_patience_ms = 1500;
+/// More changed routes than these are told as a number.
+constexpr std::size_t most_told_routes = 20;
+
+std::string folder_of(const std::string& path) {
+    const std::string folder = std::filesystem::path(path).parent_path();
+    return folder.empty() ? "." : folder;
+}
+
+/// The signals that end or wake the program, as a descriptor.
+Fd open_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGHUP, SIGTERM, SIGINT}) {
+        sigaddset(&signals, number);
+    }
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    return Fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+/// What is to be done at the next opportunity.
+struct Due {
+    bool configuration = true;
+    bool namespaces = true;
+    bool dumps = true;
+    bool holds = true;
+    std::set<std::string> fragments;  ///< namespaces whose fragments are to be read
+    std::set<std::string> routes;     ///< namespaces whose routes are to be looked at
+};
+
+class Daemon {
+  public:
+    explicit Daemon(const Options& options)
+        : options_(options),
+          journal_(getenv("JOURNAL_STREAM") != nullptr),
+          notify_(getenv("NOTIFY_SOCKET")),
+          signals_(open_signals()),
+          mounts_(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)),
+          site_(options.configuration, options.output_directory),
+          bird_(options.bird2_file, options.birdc) {}
+
+    int run() {
+        if (!loop_.is_open() || !signals_.is_open() || files_.descriptor() < 0) {
+            journal_.say(Level::error,
+                         "no descriptors for signals, files or time: the limit of "
+                         "open files is too low");
+            return 1;
+        }
+        if (!take_place()) {
+            return 1;
+        }
+        loop_.watch(signals_.get());
+        loop_.watch(files_.descriptor());
+        loop_.watch(mounts_.get(), true);
+        if (options_.flushes && options_.runs_once) {
+            return flush_and_end();
+        }
+        work();
+        if (is_refused_) {
+            return end(1);
+        }
+        notify_.send("READY=1");
+        if (options_.runs_once) {
+            return finish_once();
+        }
+        while (!is_ending_) {
+            loop_.wait(next_deadline_ms());
+            gather();
+            if (!is_ending_) {
+                work();
+            }
+        }
+        notify_.send("STOPPING=1");
+        return end(is_refused_ ? 1 : 0);
+    }
+
+  private:
+    struct Served {
+        explicit Served(const std::string& name, const Options& options) : kernel(name, options) {}
+
+        ServedNamespace kernel;
+        std::optional<std::int64_t> uncertain_since_ms;
+        std::map<std::string, std::string> paths;  ///< what was told of each route
+        bool is_shared = false;
+        bool is_uncertain = false;
+        bool is_good = false;  ///< everything that the fragments ask for is in force
+    };
+
+    // The place of the routing daemon.
+
+    bool take_place() {
+        std::string problem;
+        folder_ = StateFolder::open(StateFolder::usual_path, StateFolder::IfMissing::make, problem);
+        if (!folder_.is_open()) {
+            journal_.say(Level::error, problem);
+            return false;
+        }
+        ownership_.emplace(folder_);
+        record_.pid = getpid();
+        record_.start = start_of(record_.pid);
+        record_.table = options_.table;
+        record_.is_sticky = options_.is_sticky;
+        record_.bird2_file = options_.bird2_file;
+        return told(ownership_->begin());
+    }
+
+    bool claim(const std::string& name) {
+        const bool is_ours = told(ownership_->claim(name));
+        is_refused_ |= !is_ours;
+        return is_ours;
+    }
+
+    bool told(const Ownership::Outcome& outcome) const {
+        for (const std::string& note : outcome.notes) {
+            journal_.say(Level::notice, note);
+        }
+        if (outcome.kind != Ownership::Outcome::Kind::owned) {
+            journal_.say(Level::error, outcome.reason);
+        }
+        return outcome.kind == Ownership::Outcome::Kind::owned;
+    }
+
+    // What happened.
+
+    void gather() {
+        take_signals();
+        take_file_changes();
+        due_.namespaces = true;  // costs a few stat(2), and mountinfo tells nothing but "changed"
+        const std::int64_t now = boottime_ms();
+        for (auto& [name, served] : served_) {
+            if (served.kernel.is_entered() && served.kernel.take_announcements()) {
+                due_.routes.insert(name);
+            }
+            for (const FragmentFile& file : served.kernel.fragments()) {
+                if (file.read_again_at_ms() && *file.read_again_at_ms() <= now) {
+                    due_.fragments.insert(name);
+                }
+            }
+            if (served.uncertain_since_ms &&
+                *served.uncertain_since_ms + dumps_patience_ms <= now) {
+                due_.routes.insert(name);
+            }
+        }
+        due_.dumps |= site_.read_again_at_ms() && *site_.read_again_at_ms() <= now;
+        const auto hold_end = next_end_ms(holds_);
+        due_.holds |= hold_end && *hold_end <= now;
+    }
+
+    void take_signals() {
+        signalfd_siginfo info{};
+        while (read(signals_.get(), &info, sizeof info) == sizeof info) {
+            if (info.ssi_signo != SIGHUP) {
+                is_ending_ = true;
+                continue;
+            }
+            due_.configuration = due_.dumps = due_.holds = true;
+            for (const auto& [name, served] : served_) {
+                due_.fragments.insert(name);
+            }
+        }
+    }
+
+    void take_file_changes() {
+        const FolderWatch::Changes changes = files_.drain();
+        const auto has_changed = [&](const std::string& path) {
+            return changes.is_all || changes.paths.contains(path);
+        };
+        due_.configuration |= has_changed(options_.configuration);
+        due_.holds |= has_changed(std::string(StateFolder::usual_path) + "/holds");
+        for (const int family : {4, 6}) {
+            due_.dumps |= has_changed(site_.dump_folder() + "/wlb_ipv" + std::to_string(family) +
+                                      "_outbounds.bin");
+        }
+        for (auto& [name, served] : served_) {
+            for (const FragmentFile& file : served.kernel.fragments()) {
+                if (has_changed(file.path())) {
+                    due_.fragments.insert(name);
+                }
+            }
+        }
+    }
+
+    std::optional<std::int64_t> next_deadline_ms() const {
+        std::optional<std::int64_t> earliest;
+        const auto consider = [&earliest](const std::optional<std::int64_t>& time) {
+            if (time && (!earliest || *time < *earliest)) {
+                earliest = time;
+            }
+        };
+        consider(site_.read_again_at_ms());
+        consider(next_end_ms(holds_));
+        for (const auto& [name, served] : served_) {
+            for (const FragmentFile& file : served.kernel.fragments()) {
+                consider(file.read_again_at_ms());
+            }
+            if (served.uncertain_since_ms && !is_over(*served.uncertain_since_ms)) {
+                consider(*served.uncertain_since_ms + dumps_patience_ms);
+            }
+        }
+        return earliest;
+    }
+
+    static bool is_over(std::int64_t since_ms) {
+        return boottime_ms() >= since_ms + dumps_patience_ms;
+    }
+
+    // What is to be done.
+
+    void work() {
+        const Due due = std::exchange(due_, Due{.configuration = false,
+                                                .namespaces = false,
+                                                .dumps = false,
+                                                .holds = false,
+                                                .fragments = {},
+                                                .routes = {}});
+        bool is_for_all = false;
+        if (due.configuration) {
+            is_for_all |= site_.read_configuration();
+            journal_.tell("configuration", site_.problems());
+        }
+        if (due.dumps) {
+            is_for_all |= site_.read_dumps(boottime_ms());
+        }
+        if (due.holds) {
+            is_for_all |= read_holds_anew();
+        }
+        std::set<std::string> to_route = due.routes;
+        std::set<std::string> to_read = due.fragments;
+        if (due.configuration || due.namespaces) {
+            follow_namespaces(to_read);
+        }
+        if (is_refused_) {
+            is_ending_ = true;
+            return;
+        }
+        for (const std::string& name : to_read) {
+            read_fragments(name);
+            to_route.insert(name);
+        }
+        for (auto& [name, served] : served_) {
+            if (is_for_all || to_route.contains(name)) {
+                route(name, served);
+            }
+        }
+        watch_files();
+        leave_record();
+    }
+
+    void leave_record() {
+        if (record_ != left_) {
+            Journal::Problems problems;
+            const std::string problem = write_record(folder_, record_);
+            if (!problem.empty()) {
+                problems["lbroute status will lack the kernel's reasons: " + problem] =
+                    Level::warning;
+            }
+            journal_.tell("record", problems);
+            left_ = record_;
+        }
+    }
+
+    /// Namespaces come and go with the configuration, and with their names below /var/run/netns.
+    void follow_namespaces(std::set<std::string>& to_read) {
+        const std::set<std::string> named = served_names();
+        std::erase_if(served_, [&](const auto& entry) {
+            const bool is_gone = !named.contains(entry.first);
+            if (is_gone) {
+                ownership_->release(entry.first);
+            }
+            return is_gone;
+        });
+        for (const std::string& name : named) {
+            if (!served_.contains(name) && !claim(name)) {
+                return;
+            }
+            const auto [entry, is_new] = served_.try_emplace(name, name, options_);
+            std::string problem;
+            const bool has_changed = entry->second.kernel.follow(problem);
+            Journal::Problems problems;
+            if (!problem.empty()) {
+                problems[problem] = Level::error;
+            } else if (!entry->second.kernel.is_entered()) {
+                problems["namespace " + name + " is not there: its routes wait for it"] =
+                    Level::notice;
+            }
+            journal_.tell("namespace " + name, problems);
+            if (has_changed && entry->second.kernel.is_entered()) {
+                loop_.watch(entry->second.kernel.monitor_descriptor());
+            }
+            if (has_changed || is_new) {
+                to_read.insert(name);
+                entry->second.paths.clear();
+            }
+        }
+    }
+
+    /// The namespaces that are to be served.
+    std::set<std::string> served_names() {
+        std::set<std::string> names = site_.uplinks().namespaces();
+        if (!is_for_bird()) {
+            return names;
+        }
+        names.erase("");
+        Journal::Problems problems;
+        for (const std::string& name : names) {
+            problems["namespace " + name + " is not served: bird is given the default one only"] =
+                Level::warning;
+        }
+        journal_.tell("namespaces", problems);
+        return {""};
+    }
+
+    void read_fragments(const std::string& name) {
+        const auto found = served_.find(name);
+        if (found == served_.end()) {
+            return;
+        }
+        for (FragmentFile& file : found->second.kernel.fragments()) {
+            const auto before = file.in_force();
+            file.read(boottime_ms());
+            journal_.tell(file.path(), file.problems());
+            if (file.in_force() != before) {
+                found->second.uncertain_since_ms.reset();
+            }
+        }
+    }
+
+    bool read_holds_anew() {
+        std::string problem;
+        const StateFolder folder =
+            StateFolder::open(StateFolder::usual_path, StateFolder::IfMissing::leave, problem);
+        HoldsReading reading = read_holds(folder, boottime_ms());
+        Journal::Problems problems;
+        for (const std::string& one : {problem, reading.problem}) {
+            if (!one.empty()) {
+                problems[one] = Level::error;
+            }
+        }
+        journal_.tell("holds", problems);
+        const bool differs = reading.holds != holds_;
+        holds_ = std::move(reading.holds);
+        return differs;
+    }
+
+    void route(const std::string& name, Served& served) {
+        if (!served.kernel.is_entered()) {
+            return;
+        }
+        const bool guesses = served.uncertain_since_ms && is_over(*served.uncertain_since_ms);
+        const Surroundings surroundings = surroundings_of(name, site_.uplinks(), holds_);
+        const auto result = is_for_bird() ? served.kernel.plan_for_others(surroundings, guesses)
+                                          : served.kernel.put_into_force(surroundings, guesses);
+        if (!result.is_uncertain && !guesses) {
+            served.uncertain_since_ms.reset();
+        } else if (!served.uncertain_since_ms) {
+            served.uncertain_since_ms = boottime_ms();
+        }
+        served.is_shared = result.is_shared;
+        served.is_uncertain = result.is_uncertain;
+        tell_changes(name, served, result);
+        forget_flows(name, served, result.abandoned);
+        if (result.is_whole()) {
+            note_refusals(record_, name, result.view);
+        }
+    }
+
+    bool is_for_bird() const { return !options_.bird2_file.empty(); }
+
+    /// Gives the routes to bird, once all of them are known; what is wrong with that.
+    Journal::Problems hand_to_bird(const Served& served, const ServedNamespace::Result& result) {
+        Journal::Problems problems;
+        const bool is_known =
+            result.view.problem.empty() && !result.is_uncertain && served.kernel.knows_fragments();
+        if (!is_known) {
+            return problems;
+        }
+        const Bird2Text made =
+            bird2_text_of_plan(result.view.wanted.routes, served.kernel.fragments());
+        for (const std::string& left_out : made.left_out) {
+            problems[left_out] = Level::warning;
+        }
+        if (!result.view.kernel.routes.empty()) {
+            problems
+                ["routes of an earlier lbroute without --bird2 stand in the way of bird's: stop "
+                 "lbroute, then lbroute --once --flush"] = Level::error;
+        }
+        if (const std::string refusal = bird_.put(made.text); !refusal.empty()) {
+            problems[refusal] = Level::error;
+        }
+        return problems;
+    }
+
+    void forget_flows(const std::string& name, Served& served,
+                      const std::vector<Address>& addresses) {
+        if (options_.keeps_flows || addresses.empty()) {
+            return;
+        }
+        const FlowTable::Result flows = served.kernel.forget_flows(addresses);
+        const std::string where = name.empty() ? "" : "namespace " + name + ": ";
+        Journal::Problems problems;
+        if (!flows.problem.empty()) {
+            problems[where + "translated flows of a lost uplink stay: " + flows.problem] =
+                Level::warning;
+        }
+        journal_.tell("flows " + name, problems);
+        if (flows.deleted > 0) {
+            std::string text;
+            for (const Address& address : addresses) {
+                text += (text.empty() ? "" : ", ") + address.text();
+            }
+            journal_.say(Level::information, where + "forgot " + std::to_string(flows.deleted) +
+                                                 " flows translated to " + text +
+                                                 ": their uplink left its last route");
+        }
+    }
+
+    void tell_changes(const std::string& name, Served& served,
+                      const ServedNamespace::Result& result) {
+        if (!result.mode_reason.empty()) {
+            journal_.say(Level::notice,
+                         (name.empty() ? "" : "namespace " + name + ": ") + result.mode_reason +
+                             ", so routes are " + word_of(served.kernel.mode()) +
+                             " ones: flows may move between uplinks when one leaves or returns");
+        }
+        Journal::Problems problems = problems_of(result.view, name);
+        if (is_for_bird()) {
+            problems.merge(hand_to_bird(served, result));
+        }
+        for (const std::string& failed : result.failed_removals) {
+            problems["not removed: " + failed] = Level::warning;
+        }
+        journal_.tell("routes " + name, problems);
+        served.is_good = std::ranges::all_of(
+            problems, [](const auto& problem) { return problem.second >= Level::notice; });
+        if (!result.view.problem.empty()) {
+            return;
+        }
+        std::map<std::string, std::string> paths;
+        for (const PlannedRoute& route : result.view.wanted.routes) {
+            paths[title_of(route, name)] = path_text(route);
+        }
+        std::vector<std::string> changes;
+        for (const auto& [title, path] : paths) {
+            const auto before = served.paths.find(title);
+            const bool has_changed = before == served.paths.end() || before->second != path;
+            // That a route has none is told with the reason, as a problem.
+            if (has_changed && path != no_path) {
+                changes.push_back(title + " " + path);
+            }
+        }
+        for (const auto& [title, path] : served.paths) {
+            if (!paths.contains(title)) {
+                changes.push_back(title + " is not routed any more");
+            }
+        }
+        if (changes.size() > most_told_routes) {
+            journal_.say(Level::information, std::to_string(changes.size()) + " routes changed");
+        } else {
+            for (const std::string& change : changes) {
+                journal_.say(Level::information, change);
+            }
+        }
+        served.paths = std::move(paths);
+    }
+
+    void watch_files() {
+        std::set<std::string> folders{folder_of(options_.configuration), "/var/run/netns",
+                                      StateFolder::usual_path};
+        bool is_shared = site_.has_learning_uplinks();
+        for (const auto& [name, served] : served_) {
+            folders.insert(folder_of(fragment_path(name, false)));
+            is_shared |= served.is_shared;
+        }
+        // The daemon rewrites its dumps in every cycle; they wake us only where they tell more than
+        // the fragments.
+        if (is_shared) {
+            folders.insert(site_.dump_folder());
+        }
+        files_.watch(folders);
+    }
+
+    // The end.
+
+    /// Waits for what is just being written, and no longer.
+    int finish_once() {
+        while (next_deadline_ms() && !is_ending_ && is_waiting_for_files()) {
+            loop_.wait(next_deadline_ms());
+            gather();
+            work();
+        }
+        bool is_good = !is_refused_;
+        for (const auto& [name, served] : served_) {
+            is_good &= served.is_good;
+            for (const FragmentFile& file : served.kernel.fragments()) {
+                is_good &= file.problems().empty();
+            }
+        }
+        return end(is_good ? 0 : 1);
+    }
+
+    bool is_waiting_for_files() const {
+        return site_.read_again_at_ms() || std::ranges::any_of(served_, [](const auto& entry) {
+                   return entry.second.is_uncertain ||
+                          std::ranges::any_of(entry.second.kernel.fragments(),
+                                              [](const FragmentFile& file) {
+                                                  return file.read_again_at_ms().has_value();
+                                              });
+               });
+    }
+
+    int flush_and_end() {
+        site_.read_configuration();
+        std::set<std::string> ignored;
+        follow_namespaces(ignored);
+        return end(is_refused_ ? 1 : 0);
+    }
+
+    int end(int status) {
+        if (options_.flushes && !is_refused_) {
+            for (auto& [name, served] : served_) {
+                if (!served.kernel.is_entered()) {
+                    continue;
+                }
+                for (const std::string& failed : served.kernel.flush()) {
+                    journal_.say(Level::error, "not removed: " + failed);
+                    status = 1;
+                }
+            }
+            if (is_for_bird()) {
+                const std::string refusal = bird_.put(bird2_text({}, {}).text);
+                if (!refusal.empty()) {
+                    journal_.say(Level::error, refusal);
+                    status = 1;
+                }
+            }
+        }
+        ownership_->release_all();
+        return status;
+    }
+
+    const Options& options_;
+    Journal journal_;
+    NotifySocket notify_;
+    Fd signals_;
+    Fd mounts_;
+    EventLoop loop_;
+    FolderWatch files_;
+    Site site_;
+    Bird2File bird_;
+    StateFolder folder_;
+    std::optional<Ownership> ownership_;
+    DaemonRecord record_;
+    DaemonRecord left_;  // as it was written
+    std::vector<Hold> holds_;
+    std::map<std::string, Served> served_;
+    Due due_;
+    bool is_ending_ = false;
+    bool is_refused_ = false;  // another routing daemon has one of the places
+};
+
+}  // namespace
+
+int run(const Options& options) {
+    return Daemon(options).run();
+}
+
+}  // namespace lbroute

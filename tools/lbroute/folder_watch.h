@@ -1,0 +1,44 @@
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "net/fd.h"
+
+/// Tells which files of some folders may have changed, by inotify(7). A folder that is not there is
+/// noticed when it is made, also with the folders above it; one that is removed and made again is
+/// followed. One thread's own.
+namespace lbroute {
+
+class FolderWatch {
+  public:
+    FolderWatch();
+
+    int descriptor() const { return inotify_.get(); }
+
+    /// From now on exactly these folders.
+    void watch(const std::set<std::string>& folders);
+
+    struct Changes {
+        std::set<std::string> paths;  ///< files that were written, renamed or removed
+        bool is_all = false;          ///< more than can be told
+    };
+    /// What happened since the last call. Never blocks. A folder that comes into being tells
+    /// `is_all`.
+    Changes drain();
+
+  private:
+    void refresh();
+    void add(const std::string& folder, bool is_own);
+
+    Fd inotify_;
+    std::set<std::string> folders_;
+    struct Watched {
+        std::string folder;
+        bool is_own = false;  ///< one that was asked for, not one above it
+    };
+    std::map<int, Watched> watched_;
+};
+
+}  // namespace lbroute

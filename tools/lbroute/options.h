@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "lbroute/kernel_state.h"
+
+namespace lbroute {
+
+/// What the command line asks for.
+struct Options {
+    std::string configuration = "/etc/lb.conf";
+    std::string output_directory = "/var/run/load-balance";
+    std::uint32_t table = main_table;
+    bool is_sticky = true;
+    bool keeps_flows = false;
+    bool flushes = false;
+    bool runs_once = false;
+    bool is_dry = false;
+    std::string bird2_file;  ///< not empty: write this file instead of the kernel's routes
+    std::string birdc = "birdc configure";
+};
+
+}  // namespace lbroute

@@ -1,0 +1,118 @@
+#include "lbroute/site.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+
+#include "config/lb_data_factory.h"
+#include "platform/log.h"
+
+namespace lbroute {
+
+namespace {
+
+constexpr std::int64_t dump_patience_ms = 200;
+
+/// What the loader complains of is the business of the daemon and of lbcheck(8).
+class QuietLoader {
+  public:
+    QuietLoader() : before_(set_log_sink([](int, const char*) {})) {}
+    ~QuietLoader() { set_log_sink(before_); }
+    QuietLoader(const QuietLoader&) = delete;
+    QuietLoader& operator=(const QuietLoader&) = delete;
+
+  private:
+    LogSink before_;
+};
+
+std::optional<std::vector<std::uint8_t>> bytes_of(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        return std::nullopt;
+    }
+    return std::vector<std::uint8_t>{std::istreambuf_iterator<char>(file),
+                                     std::istreambuf_iterator<char>()};
+}
+
+}  // namespace
+
+Site::Site(std::string configuration, std::string output_directory)
+    : configuration_(std::move(configuration)), dump_folder_(output_directory + "/wlb_dump") {}
+
+Site::Stamp Site::stamp_of(const std::string& path) {
+    struct stat found {};
+    if (stat(path.c_str(), &found) != 0) {
+        return {};
+    }
+    return {found.st_dev, found.st_ino, found.st_size, found.st_mtim.tv_sec, found.st_mtim.tv_nsec};
+}
+
+bool Site::read_configuration() {
+    const Stamp stamp = stamp_of(configuration_);
+    if (loaded_ == stamp) {
+        return false;
+    }
+    const bool is_first = !loaded_;
+    loaded_ = stamp;
+    problems_.clear();
+    if (stamp == Stamp{}) {
+        configured_ = {};
+        return combine();
+    }
+    const QuietLoader quiet;
+    LBDataFactory loader;
+    const bool is_whole = loader.load(configuration_);
+    if (!is_whole) {
+        problems_[configuration_ + " is not whole: see lbcheck " + configuration_ +
+                  (is_first ? "; what could be read counts" : "; what it was before counts")] =
+            Level::error;
+    }
+    if (is_whole || is_first) {
+        configured_ = uplinks_of(loader.data);
+    }
+    return combine();
+}
+
+bool Site::read_dumps(std::int64_t now_ms) {
+    read_again_at_ms_.reset();
+    bool is_cut = false;
+    for (const int family : {4, 6}) {
+        const std::string path =
+            dump_folder_ + "/wlb_ipv" + std::to_string(family) + "_outbounds.bin";
+        auto& dumped = dumped_[family == 4 ? 0 : 1];
+        const auto bytes = bytes_of(path);
+        if (!bytes) {
+            dumped.clear();
+            continue;
+        }
+        auto read = lbshow::read_interfaces(*bytes, family, false);
+        if (read.is_truncated || bytes->empty()) {
+            is_cut = true;
+        } else if (read.problem.empty()) {
+            dumped = std::move(read.items);
+        }
+    }
+    // Once: whoever goes on writing it later is noticed, and a full disk may leave it so for long.
+    if (is_cut && !was_read_again_) {
+        read_again_at_ms_ = now_ms + dump_patience_ms;
+    }
+    was_read_again_ = is_cut && !was_read_again_;
+    return combine();
+}
+
+bool Site::combine() {
+    std::vector<lbshow::Interface> dumped = dumped_[0];
+    std::ranges::copy(dumped_[1], std::back_inserter(dumped));
+    Uplinks uplinks = with_dumps(configured_, dumped);
+    const bool differs = uplinks != uplinks_;
+    uplinks_ = std::move(uplinks);
+    return differs;
+}
+
+bool Site::has_learning_uplinks() const {
+    return std::ranges::any_of(uplinks_.uplinks, &Uplink::is_learning);
+}
+
+}  // namespace lbroute

@@ -1,0 +1,158 @@
+#include "lbroute/state_folder.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace lbroute {
+
+namespace {
+
+constexpr std::size_t largest_file = 1U << 20U;
+constexpr mode_t owner_writes_all_enter = 0755;
+constexpr mode_t owner_writes_all_read = 0644;
+
+std::string failure(const std::string& what, int error) {
+    const char* const hint = error == EACCES || error == EPERM ? "; run it as root" : "";
+    return "cannot " + what + ": " + strerror(error) + hint;
+}
+
+/// What keeps the folder from being trusted.
+std::string distrust(const std::string& path, int folder) {
+    struct stat found {};
+    if (fstat(folder, &found) != 0) {
+        return failure("look at " + path, errno);
+    }
+    const bool is_owners = found.st_uid == 0 || found.st_uid == geteuid();
+    if (!is_owners || (found.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return path +
+               " can be changed by other users than root and is not used; remove it: rm -r " + path;
+    }
+    return "";
+}
+
+}  // namespace
+
+StateFolder StateFolder::open(const std::string& path, IfMissing if_missing, std::string& problem) {
+    StateFolder folder;
+    folder.path_ = path;
+    problem.clear();
+    constexpr int flags = O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    Fd opened(::open(path.c_str(), flags));
+    if (!opened.is_open() && errno == ENOENT) {
+        if (if_missing == IfMissing::leave) {
+            return folder;
+        }
+        if (mkdir(path.c_str(), owner_writes_all_enter) != 0 && errno != EEXIST) {
+            problem = failure("make " + path, errno);
+            return folder;
+        }
+        opened = Fd(::open(path.c_str(), flags));
+        // Whatever the umask of the caller takes away.
+        if (opened.is_open()) {
+            fchmod(opened.get(), owner_writes_all_enter);
+        }
+    }
+    if (!opened.is_open()) {
+        const int error = errno;
+        const bool is_other = error == ENOTDIR || error == ELOOP;
+        problem = is_other ? path + " is no folder and is not used; remove it: rm " + path
+                           : failure("open " + path, error);
+        return folder;
+    }
+    problem = distrust(path, opened.get());
+    if (problem.empty()) {
+        folder.folder_ = std::move(opened);
+    }
+    return folder;
+}
+
+StateFolder::Content StateFolder::read(const std::string& name) const {
+    const std::string shown = path_ + "/" + name;
+    // Not waiting: a pipe put in the file's place must not stop the program.
+    const Fd file(
+        openat(folder_.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    if (!file.is_open()) {
+        const int error = errno;
+        return {.text = {}, .problem = error == ENOENT ? "" : failure("read " + shown, error)};
+    }
+    struct stat found {};
+    if (fstat(file.get(), &found) != 0 || !S_ISREG(found.st_mode)) {
+        return {.text = {}, .problem = shown + " is no regular file"};
+    }
+    std::string text;
+    std::array<char, 4096> piece{};
+    ssize_t got = 0;
+    while ((got = ::read(file.get(), piece.data(), piece.size())) > 0) {
+        text.append(piece.data(), static_cast<std::size_t>(got));
+        if (text.size() > largest_file) {
+            return {.text = {}, .problem = shown + " is larger than a megabyte"};
+        }
+    }
+    if (got < 0) {
+        return {.text = {}, .problem = failure("read " + shown, errno)};
+    }
+    return {.text = std::move(text), .problem = ""};
+}
+
+std::string StateFolder::write(const std::string& name, std::string_view text) const {
+    const std::string shown = path_ + "/" + name;
+    const std::string temporary = "." + name + "." + std::to_string(getpid());
+    // A leftover of a killed process that had our number.
+    unlinkat(folder_.get(), temporary.c_str(), 0);
+    const Fd file(openat(folder_.get(), temporary.c_str(),
+                         O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                         owner_writes_all_read));
+    if (!file.is_open()) {
+        return failure("write " + shown, errno);
+    }
+    fchmod(file.get(), owner_writes_all_read);
+    while (!text.empty()) {
+        const ssize_t written = ::write(file.get(), text.data(), text.size());
+        if (written < 0) {
+            const int error = errno;
+            unlinkat(folder_.get(), temporary.c_str(), 0);
+            return failure("write " + shown, error);
+        }
+        text.remove_prefix(static_cast<std::size_t>(written));
+    }
+    if (renameat(folder_.get(), temporary.c_str(), folder_.get(), name.c_str()) != 0) {
+        const int error = errno;
+        unlinkat(folder_.get(), temporary.c_str(), 0);
+        return failure("write " + shown, error);
+    }
+    return "";
+}
+
+void StateFolder::remove(const std::string& name) const {
+    unlinkat(folder_.get(), name.c_str(), 0);
+}
+
+Fd StateFolder::lock(const std::string& name, Wait wait, std::string& problem) const {
+    problem.clear();
+    Fd file(openat(folder_.get(), name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC,
+                   owner_writes_all_read));
+    if (!file.is_open()) {
+        problem = failure("open " + path_ + "/" + name, errno);
+        return {};
+    }
+    const int operation = wait == Wait::until_free ? LOCK_EX : LOCK_EX | LOCK_NB;
+    while (flock(file.get(), operation) != 0) {
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno != EWOULDBLOCK) {
+            problem = failure("lock " + path_ + "/" + name, errno);
+        }
+        return {};
+    }
+    return file;
+}
+
+}  // namespace lbroute

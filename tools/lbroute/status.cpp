@@ -1,0 +1,216 @@
+#include "lbroute/status.h"
+
+#include <algorithm>
+#include <chrono>
+#include <iostream>
+#include <iterator>
+#include <thread>
+
+#include "lbroute/bird2.h"
+#include "lbroute/commands.h"
+#include "lbroute/findings.h"
+#include "lbroute/report.h"
+#include "lbroute/site.h"
+#include "lbroute/steps.h"
+#include "lbroute/surroundings.h"
+
+namespace lbroute {
+
+namespace {
+
+/// Reads files until none of them is just being rewritten.
+void wait_until_ms(std::int64_t at_ms) {
+    const std::int64_t left = at_ms - boottime_ms();
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::max<std::int64_t>(0, left)));
+}
+
+void read_settled(Site& site) {
+    site.read_configuration();
+    site.read_dumps(boottime_ms());
+    if (site.read_again_at_ms()) {
+        wait_until_ms(*site.read_again_at_ms());
+        site.read_dumps(boottime_ms());
+    }
+}
+
+void read_settled(FragmentFile& file) {
+    file.read(boottime_ms());
+    if (file.read_again_at_ms()) {
+        wait_until_ms(*file.read_again_at_ms());
+        file.read(boottime_ms());
+    }
+}
+
+ReportedFragment reported(const FragmentFile& file) {
+    ReportedFragment shown;
+    shown.path = file.path();
+    shown.state = file.is_current()   ? "read"
+                  : file.is_missing() ? "missing"
+                                      : "not whole or not readable";
+    for (const auto& [problem, level] : file.problems()) {
+        shown.problems.push_back(problem);
+    }
+    return shown;
+}
+
+/// What is known without the kernel: everything that the plans of all namespaces follow.
+struct Scene {
+    Site site;
+    std::vector<Hold> holds;
+    DaemonRecord daemon;
+    std::vector<std::string> problems;
+
+    explicit Scene(const Options& options) : site(options.configuration, options.output_directory) {
+        read_settled(site);
+        for (const auto& [problem, level] : site.problems()) {
+            problems.push_back(problem);
+        }
+        std::string problem;
+        const StateFolder folder =
+            StateFolder::open(StateFolder::usual_path, StateFolder::IfMissing::leave, problem);
+        HoldsReading reading = read_holds(folder, boottime_ms());
+        holds = std::move(reading.holds);
+        daemon = read_record(folder);
+        for (const std::string& one : {problem, reading.problem}) {
+            if (!one.empty()) {
+                problems.push_back(one);
+            }
+        }
+    }
+};
+
+/// Enters a namespace and reads its fragments; why it cannot be looked at, or nothing.
+std::string prepare(ServedNamespace& served) {
+    for (FragmentFile& file : served.fragments()) {
+        read_settled(file);
+    }
+    std::string problem;
+    served.follow(problem);
+    if (!problem.empty() || served.is_entered()) {
+        return problem;
+    }
+    return "there is no namespace " + served.name();
+}
+
+ReportedNamespace look_at(const std::string& name, const Options& options, const Scene& scene) {
+    ReportedNamespace reported_one;
+    reported_one.name = name;
+    ServedNamespace served(name, options);
+    reported_one.problem = prepare(served);
+    for (const FragmentFile& file : served.fragments()) {
+        reported_one.fragments.push_back(reported(file));
+    }
+    if (!reported_one.problem.empty()) {
+        return reported_one;
+    }
+    View view = served.look(surroundings_of(name, scene.site.uplinks(), scene.holds), true);
+    if (!view.problem.empty()) {
+        reported_one.problem = "the kernel does not tell its " + view.problem;
+        return reported_one;
+    }
+    if (scene.daemon.is_running()) {
+        apply_refusals(scene.daemon, name, view);
+    }
+    reported_one.routes = reported_routes(
+        view, scene.daemon, name, [&](std::uint32_t group) { return served.buckets_of(group); });
+    return reported_one;
+}
+
+/// The text that bird is to have by the fragments of now.
+Bird2Text text_for_bird(const Options& options, const Scene& scene, Report& report) {
+    ServedNamespace served("", options);
+    ReportedNamespace& shown = report.namespaces.emplace_back();
+    shown.problem = prepare(served);
+    for (const FragmentFile& file : served.fragments()) {
+        shown.fragments.push_back(reported(file));
+    }
+    if (!shown.problem.empty()) {
+        return {};
+    }
+    const auto result =
+        served.plan_for_others(surroundings_of("", scene.site.uplinks(), scene.holds), true);
+    shown.problem = result.view.problem;
+    return bird2_text_of_plan(result.view.wanted.routes, served.fragments());
+}
+
+/// Where bird writes the routes, what it was given is compared; what it made of it, bird tells.
+void compare_bird2_file(const Options& options, const Scene& scene, Report& report) {
+    const std::string& path = scene.daemon.bird2_file;
+    const Bird2Text wanted = text_for_bird(options, scene, report);
+    std::ranges::copy(wanted.left_out, std::back_inserter(report.problems));
+    if (report.namespaces[0].problem.empty() && Bird2File(path, "").text() != wanted.text) {
+        report.problems.push_back(path + " does not hold what the fragments ask for");
+    }
+}
+
+}  // namespace
+
+int show_status(Options options, bool chooses_table, bool as_json) {
+    const Scene scene(options);
+    Report report;
+    report.daemon = scene.daemon;
+    report.is_running = scene.daemon.is_running();
+    report.problems = scene.problems;
+    report.holds = scene.holds;
+    report.now_ms = boottime_ms();
+    if (scene.daemon.pid != 0) {
+        options.is_sticky = scene.daemon.is_sticky;
+        options.table = chooses_table ? options.table : scene.daemon.table;
+    }
+    if (report.is_running && !scene.daemon.bird2_file.empty()) {
+        compare_bird2_file(options, scene, report);
+    } else {
+        for (const std::string& name : scene.site.uplinks().namespaces()) {
+            report.namespaces.push_back(look_at(name, options, scene));
+        }
+    }
+    std::cout << (as_json ? report_json(report) : report_text(report)) << std::flush;
+    return report.agrees() && std::cout ? 0 : 1;
+}
+
+int show_commands(const Options& options) {
+    const Scene scene(options);
+    bool is_whole = scene.problems.empty();
+    for (const std::string& problem : scene.problems) {
+        std::cerr << "lbroute: " << problem << std::endl;
+    }
+    if (!options.bird2_file.empty()) {
+        Report report;
+        const Bird2Text made = text_for_bird(options, scene, report);
+        for (const std::string& left_out : made.left_out) {
+            std::cerr << "lbroute: " << left_out << std::endl;
+        }
+        std::cout << made.text << std::flush;
+        return is_whole && made.left_out.empty() && report.agrees() && std::cout ? 0 : 1;
+    }
+    for (const std::string& name : scene.site.uplinks().namespaces()) {
+        ServedNamespace served(name, options);
+        const std::string problem = prepare(served);
+        Journal::Problems problems;
+        if (!problem.empty()) {
+            problems[problem] = Level::error;
+        } else if (options.flushes) {
+            const Listing listing = served.list();
+            for (const Step& step : flush_steps(listing.state)) {
+                std::cout << command_of(step, listing.state, name) << "\n";
+            }
+        } else {
+            for (const FragmentFile& file : served.fragments()) {
+                problems.insert(file.problems().begin(), file.problems().end());
+            }
+            const auto result =
+                served.rehearse(surroundings_of(name, scene.site.uplinks(), scene.holds), true);
+            problems.merge(problems_of(result.view, name));
+            for (const Step& step : result.taken) {
+                std::cout << command_of(step, result.view.kernel, name) << "\n";
+            }
+        }
+        for (const auto& [text, level] : problems) {
+            std::cerr << "lbroute: " << text << std::endl;
+            is_whole &= level == Level::notice;
+        }
+    }
+    return is_whole && std::cout.flush() ? 0 : 1;
+}
+
+}  // namespace lbroute

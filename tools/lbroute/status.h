@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string>
+
+#include "lbroute/options.h"
+
+/// The commands that look, and change no route: each gives the program's exit status.
+namespace lbroute {
+
+/// Prints what is and what should be, whether the program runs or not. 0: they agree, 1: not, or
+/// not all of it could be looked at. `chooses_table`: the table was given, and not to be taken from
+/// the running program.
+int show_status(Options options, bool chooses_table, bool as_json);
+
+/// Prints the ip(8) commands that would put the fragments into force (or with `flushes` take all
+/// away). 0, or 1 where something could not be looked at.
+int show_commands(const Options& options);
+
+}  // namespace lbroute

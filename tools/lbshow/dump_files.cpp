@@ -1,0 +1,164 @@
+#include "lbshow/dump_files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <iterator>
+#include <thread>
+#include <type_traits>
+
+#include "net/fd.h"
+
+namespace lbshow {
+
+namespace {
+
+/// What a dump's place holds at this moment.
+struct Content {
+    std::vector<std::uint8_t> bytes{};
+    Time written{};
+    std::string problem{};  ///< why it cannot be read; empty: it was
+    bool is_missing = false;
+};
+
+/// Far more than any router's dumps hold.
+constexpr std::size_t most_bytes = std::size_t{256} << 20;
+
+Content unreadable(int error) {
+    return {.problem = std::string("cannot be read: ") + strerror(error),
+            .is_missing = error == ENOENT};
+}
+
+/// Some file systems carry times beyond what milliseconds can count.
+Time written_at(const struct stat& status) {
+    constexpr time_t most_s = 1'000'000'000'000;
+    return Time(std::chrono::seconds(std::clamp(status.st_mtim.tv_sec, -most_s, most_s)) +
+                std::chrono::milliseconds(status.st_mtim.tv_nsec / 1'000'000));
+}
+
+Content content_of(const std::string& path) {
+    // Without waiting: a named pipe in the dump's place has no writer.
+    const Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file.is_open()) {
+        return unreadable(errno);
+    }
+    struct stat status {};
+    if (fstat(file.get(), &status) != 0) {
+        return unreadable(errno);
+    }
+    if (S_ISDIR(status.st_mode)) {
+        return unreadable(EISDIR);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return {.problem = "cannot be read: it is no regular file"};
+    }
+    // Asked before the bytes are read: never later than what they tell.
+    Content content{.written = written_at(status)};
+    std::array<std::uint8_t, 65536> block;
+    while (true) {
+        const ssize_t got = read(file.get(), block.data(), block.size());
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            return unreadable(errno);
+        }
+        if (got == 0) {
+            break;
+        }
+        content.bytes.insert(content.bytes.end(), block.begin(), block.begin() + got);
+        if (content.bytes.size() > most_bytes) {
+            return unreadable(EFBIG);
+        }
+    }
+    return content;
+}
+
+/// Whether the dump may be missing: a family's own.
+enum class Presence { required, optional };
+
+/// Appends a dump's items. One that stays empty or cut was left by a full disk or a killed daemon;
+/// only the routes may be none, of rules without destinations.
+template <class Item>
+std::string append_dump(const std::string& name, Presence presence, State& state,
+                        std::vector<Item>& items,
+                        const std::function<Read<Item>(std::span<const std::uint8_t>)>& read) {
+    constexpr int tries = 20;
+    constexpr std::chrono::milliseconds pause(25);
+    const std::string path = state.dump_directory + "/" + name;
+    for (int attempt = 1;; ++attempt) {
+        const Content content = content_of(path);
+        if (content.is_missing && presence == Presence::optional) {
+            return "";
+        }
+        if (!content.problem.empty() && !content.is_missing) {
+            return path + " " + content.problem;
+        }
+        Read<Item> answer = read(content.bytes);
+        const bool may_be_empty = std::is_same_v<Item, Route> && !content.is_missing;
+        const bool is_whole = !answer.is_truncated && (!content.bytes.empty() || may_be_empty);
+        if (!is_whole && attempt < tries) {
+            std::this_thread::sleep_for(pause);
+            continue;
+        }
+        if (content.is_missing) {
+            return path + " " + content.problem;
+        }
+        if (!answer.problem.empty()) {
+            return path + " " + answer.problem;
+        }
+        if (!is_whole) {
+            return path + " is empty: is the disk full? (df " + state.dump_directory + ")";
+        }
+        state.files.push_back({.name = name, .written = content.written});
+        std::move(answer.items.begin(), answer.items.end(), std::back_inserter(items));
+        return "";
+    }
+}
+
+std::string no_dumps(const std::string& directory) {
+    return "no dumps below " + directory + ": is the daemon running with this directory?";
+}
+
+/// Why there is no folder to look into; empty where there is one.
+std::string folder_problem(const std::string& directory, const std::string& dumps) {
+    const Fd folder(open(dumps.c_str(), O_RDONLY | O_CLOEXEC | O_DIRECTORY));
+    if (folder.is_open()) {
+        return "";
+    }
+    return errno == ENOENT ? no_dumps(directory) : dumps + " cannot be read: " + strerror(errno);
+}
+
+}  // namespace
+
+std::string read_state(const std::string& directory, bool is_swapped, State& state) {
+    state.dump_directory = directory + "/wlb_dump";
+    std::string problem = folder_problem(directory, state.dump_directory);
+    for (const int family : {4, 6}) {
+        if (problem.empty()) {
+            problem = append_dump<Interface>(
+                outbounds_name(family), Presence::optional, state, state.interfaces,
+                [=](auto dump) { return read_interfaces(dump, family, is_swapped); });
+        }
+    }
+    if (problem.empty() && state.files.empty()) {
+        return no_dumps(directory);
+    }
+    if (problem.empty()) {
+        problem = append_dump<Rule>("wlb_rules.bin", Presence::required, state, state.rules,
+                                    [=](auto dump) { return read_rules(dump, is_swapped); });
+    }
+    if (problem.empty()) {
+        problem = append_dump<Route>("wlb_routes.bin", Presence::required, state, state.routes,
+                                     [=](auto dump) { return read_routes(dump, is_swapped); });
+    }
+    return problem;
+}
+
+}  // namespace lbshow

@@ -1,0 +1,138 @@
+#include "lbshow/freshness.h"
+#include "lbshow/views.h"
+#include <nlohmann/json.hpp>
+
+namespace lbshow {
+
+namespace {
+
+const char* word_of(Result result) {
+    switch (result) {
+        case Result::none:
+            return "none";
+        case Result::answered:
+            return "answered";
+        case Result::timed_out:
+            return "timed_out";
+    }
+    return "none";
+}
+
+using Json = nlohmann::ordered_json;
+
+Json optional_number(const std::optional<int>& number) {
+    return number ? Json(*number) : Json(nullptr);
+}
+
+Json json_of(const std::optional<Quality>& quality) {
+    if (!quality) {
+        return nullptr;
+    }
+    return {{"loss_percent", quality->loss_percent}, {"rtt_ms", quality->rtt_ms},
+            {"jitter_ms", quality->jitter_ms},       {"loss_limit", quality->loss_limit},
+            {"rtt_limit", quality->rtt_limit},       {"jitter_limit", quality->jitter_limit}};
+}
+
+Json json_of(const Probe& probe) {
+    return {{"probe", probe.position},          {"type", probe.type()},
+            {"target", probe.target},           {"last_result", word_of(probe.last_result)},
+            {"success_run", probe.success_run}, {"failure_run", probe.failure_run},
+            {"quality", json_of(probe.quality)}};
+}
+
+template <class Item>
+Json json_list(const std::vector<Item>& items);
+
+Json json_of(const Interface& one) {
+    return {{"name", one.name},
+            {"family", one.family},
+            {"namespace", one.namespace_name},
+            {"active", one.is_active},
+            {"routed", one.is_routed},
+            {"stale", one.is_stale},
+            {"nexthop", one.nexthop},
+            {"nexthop_from", one.nexthop_from},
+            {"source_address", one.source_address},
+            {"since_success_s", optional_number(one.since_success_s)},
+            {"since_failure_s", optional_number(one.since_failure_s)},
+            {"success_ct", one.success_ct},
+            {"failure_ct", one.failure_ct},
+            {"probes", json_list(one.probes)}};
+}
+
+Json json_of(const Member& member) {
+    return {{"interface", member.interface}, {"family", member.family}, {"weight", member.weight}};
+}
+
+Json json_of(const Rule& rule) {
+    return {{"name", rule.name()},
+            {"number", rule.number},
+            {"family", rule.family},
+            {"namespace", rule.namespace_name},
+            {"failover", rule.is_failover},
+            {"stale", rule.is_stale},
+            {"members", json_list(rule.members)}};
+}
+
+Json json_of(const NextHop& hop) {
+    return {{"nexthop", hop.address}, {"interface", hop.interface}, {"weight", hop.weight}};
+}
+
+Json json_of(const Route& route) {
+    return {{"rule", route.rule_name()},
+            {"family", route.family},
+            {"position", route.position},
+            {"prefix", route.prefix},
+            {"metric", optional_number(route.metric)},
+            {"nexthop", route.nexthop.empty() ? Json(nullptr) : Json(route.nexthop)},
+            {"stale", route.is_stale},
+            {"nexthops", json_list(route.in_force)}};
+}
+
+template <class Item>
+Json json_list(const std::vector<Item>& items) {
+    Json list = Json::array();
+    for (const Item& item : items) {
+        list.push_back(json_of(item));
+    }
+    return list;
+}
+
+Json families_of(const State& state) {
+    Json families = Json::object();
+    for (const Family& one : state.families) {
+        families[family_name(one.family)] = {{"written", utc_text(one.oldest.written)},
+                                             {"age_s", one.age_s},
+                                             {"stale", one.is_stale},
+                                             {"stale_after_s", one.limit_s}};
+    }
+    return families;
+}
+
+Json files_of(const State& state) {
+    Json files = Json::object();
+    for (const DumpFile& file : state.files) {
+        files[file.name] = {{"written", utc_text(file.written)},
+                            {"age_s", age_s(file, state.seen)}};
+    }
+    return files;
+}
+
+}  // namespace
+
+std::string json(const State& state, const Selection& selection) {
+    Json all = {{"families", families_of(state)}, {"files", files_of(state)}};
+    if (selection.interfaces) {
+        all["interfaces"] = json_list(state.interfaces);
+    }
+    if (selection.rules) {
+        all["rules"] = json_list(state.rules);
+    }
+    if (selection.routes) {
+        all["routes"] = json_list(state.routes);
+    }
+    // Bytes that are no UTF-8 come out as U+FFFD rather than as an exception.
+    return all.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace lbshow

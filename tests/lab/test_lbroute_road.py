@@ -15,7 +15,7 @@ import shutil
 import socket
 import unittest
 
-from kit import Conf, expect, main, never, ping
+from kit import Conf, expect, main, ping
 from kit import echo_policies as policy
 from kit.lab import CONF, LabTest
 from kit.lbroute import own_objects, path_of, start, status
@@ -78,7 +78,7 @@ class Ipv4(Road):
         self.run_both(two_uplinks())
         self.expect_path({ONE: 1, TWO: 3})
         self.daemon.kill(15)
-        never(lambda: path_of(self.lab.router, PREFIX) != {ONE: 1, TWO: 3}, during=1)
+        self.program.never(lambda: path_of(self.lab.router, PREFIX) != {ONE: 1, TWO: 3}, during=1)
 
 
 class TranslatedFlows(Road):
@@ -137,7 +137,7 @@ class TranslatedFlows(Road):
 
     def test_flows_stay_where_that_is_asked_for(self):
         _, of_two = self.lose_the_second("--keep-flows")
-        never(lambda: self.flows(ROUTER_2) != of_two, during=1)
+        self.program.never(lambda: self.flows(ROUTER_2) != of_two, during=1)
 
 
 class LinkLocal(Road):

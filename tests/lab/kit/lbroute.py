@@ -123,6 +123,20 @@ class Lbroute:
         with open(f"/proc/{self.pid}/stat", encoding="ascii") as file:
             return file.read().rpartition(")")[2].split()[0] == "S"
 
+    def never(self, condition, during):
+        """Fails as soon as condition() is true within `during` seconds, or where the program has stood still in them: it
+        must yet take a signal, look at everything anew and sleep again."""
+        deadline = time.monotonic() + during
+        while time.monotonic() < deadline:
+            if value := condition():
+                raise AssertionError(f"happened: {value!r}")
+            time.sleep(0.02)
+        wakes = self.wakes()
+        self.hup()
+        expect(lambda: self.wakes() > wakes and self.is_asleep(), what="lbroute has worked and sleeps")
+        if value := condition():
+            raise AssertionError(f"happened: {value!r}")
+
     def wait(self, within=15):
         expect(lambda: not self.running(), within, "lbroute ends by itself")
         self.stopped = True

@@ -62,6 +62,7 @@ class LBData {
     /// Empty for an unknown interface.
     std::string get_interface_namespace(const std::string& ifname, context* ctx) const;
 
+    /// The rest is defined in decision/lb_data_state.cpp and decision/next_hops.cpp.
     /// Starts a cycle: no interface of the worker has changed yet.
     void reset_state_changed(context* ctx);
     /// Reads the next hops of "dhcp" interfaces from the lease files of the DHCP clients.
@@ -69,12 +70,13 @@ class LBData {
     /// Asks the kernel for the peers of "tunnel" interfaces.
     void update_tunnel_nexthop(context* ctx);
 
-    /// Diagnostics: interface name -> "ACTIVE" or "FAILED" of every interface of the worker's
-    /// family that changed in this cycle.
+    /// Diagnostics that nothing in the daemon calls (decision/lb_data_state.cpp); `check_state`
+    /// alone would set `last_change`, so reports and dumps show 1970 for it. Interface name ->
+    /// "ACTIVE" or "FAILED" of every interface of the worker's family that changed in this cycle.
     Changes state_changed(context* ctx);
     void check_state(Changes* changes, std::map<std::string, LBHealth>::iterator entry,
                      context* ctx);
-    /// Diagnostics: prints interfaces and rules on standard output.
+    /// Prints interfaces and rules on standard output.
     void dump(context* ctx);
     void dump_h_iter(std::map<std::string, LBHealth>::iterator entry, context* ctx);
 };

@@ -3,21 +3,16 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "config/probe_maker.h"
 #include "config/str_proc.h"
-#include "platform/log.h"
+#include "host/files.h"
+#include "host/log.h"
 
 namespace {
 
 constexpr int stack_size = 32;
 constexpr std::size_t line_buffer_size = 1024;  // a longer line is read as several
-
-struct CloseFile {
-    void operator()(FILE* file) const { fclose(file); }
-};
-using File = std::unique_ptr<FILE, CloseFile>;
 
 /// The keywords that opened the enclosing blocks. Brackets can drive the depth outside the stack
 /// within one line; a word there acts on nothing.
@@ -88,7 +83,7 @@ std::string without_comment(const char* read) {
 }  // namespace
 
 bool LBDataFactory::load(const std::string& path) {
-    const File file(fopen(path.c_str(), "re"));
+    const host::File file = host::open_file(path, "r");
     if (file == nullptr) {
         LOG_ERROR("wan_lb: configuration file not found: %s", path.c_str());
         return false;

@@ -9,7 +9,7 @@
 #include "config/lb_data_factory.h"
 #include "config/namespaces.h"
 #include "config/probe_maker.h"
-#include "platform/log.h"
+#include "host/log.h"
 
 namespace {
 

@@ -19,7 +19,7 @@ class LBHealthHistory {
     int last_failure = 0;  ///< s since the epoch: last evaluation that found it down; 0 never
     std::map<std::string, int> last_resp;  ///< confirmed result per target: 0 success, -1 failure
 
-    /// Records a result for a target.
+    /// What nothing in the daemon calls. Records a result for a target.
     void push(int resp, context* ctx, const std::string& target);
     /// -1 when nothing is recorded, else the result of the first target.
     int get_last_resp(context* ctx);
@@ -41,7 +41,7 @@ class LBHealth {
     LBHealthHistory history;
     bool active = false;
     bool state_changed = true;  ///< the state changed in this cycle
-    int last_change = 0;        ///< s since the epoch of the last reported change
+    int last_change = 0;        ///< s since the epoch; set by `LBData::check_state` alone: always 0
     std::string name;           ///< kernel name, equal to the map key
     bool ipv6 = false;
     bool check_all = false;          ///< every target must be up, not just one
@@ -63,10 +63,12 @@ class LBHealth {
     int get_success_ct_by_str(const std::string& target) const;
     int get_failure_ct_by_str(const std::string& target) const;
 
+    /// Defined in probe/lb_path_test.cpp.
     /// Sends every probe of the record, in the order of their numbers.
     void send_test(context* ctx);
     /// Collects every probe of the record, in the order of their numbers.
     void recv_test(context* ctx);
+    /// Defined in probe/evaluation.cpp.
     /// Records one probe outcome for a target: -1 failure, anything else success. The verdict moves
     /// only after `success_ct` or `failure_ct` equal outcomes in a row.
     void put(int result, context* ctx, const std::string& target);

@@ -6,33 +6,33 @@
 #include <iostream>
 
 CommandLine read_command_line(int argc, char* const argv[]) {
-    CommandLine asked;
+    CommandLine options;
     int option = 0;
     while ((option = getopt(argc, argv, "f:hti:o:dv")) != -1) {
         switch (option) {
             case 'f':
-                asked.conf_path = optarg;
+                options.conf_path = optarg;
                 break;
             case 't':
-                asked.is_test = true;
+                options.is_test = true;
                 break;
             case 'i':
-                asked.pid_path = optarg;
+                options.pid_path = optarg;
                 break;
             case 'o':
-                asked.output_dir = optarg;
+                options.output_dir = optarg;
                 break;
             case 'd':
-                asked.is_daemon = true;
+                options.is_daemon = true;
                 break;
-            case 'v':  // accepted for the sake of old start scripts
+            case 'v':  // accepted, and means nothing
                 break;
             default:
-                asked.wants_usage = true;
-                return asked;
+                options.wants_usage = true;
+                return options;
         }
     }
-    return asked;
+    return options;
 }
 
 void print_usage() {

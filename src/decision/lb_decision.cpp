@@ -1,17 +1,16 @@
 #include "decision/lb_decision.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
 #include <limits>
-#include <memory>
 #include <utility>
 
 #include "config/live_state.h"
 #include "decision/route_text.h"
-#include "platform/log.h"
+#include "host/files.h"
+#include "host/log.h"
 
 namespace {
 
@@ -43,8 +42,8 @@ void keep_best(LBDecision::Weights& weights, int heaviest) {
 }
 
 /// Records the next hop that a failover rule chose for a destination, or with an empty one that it
-/// chose none. A choice is replaced at once, so that no reader sees a gap, and a worker keeps its
-/// hands off what its sibling family chose.
+/// chose none. A choice is replaced at once, so that no reader sees a gap; what the sibling
+/// family chose stays as it is.
 void publish_choice(LBDecision::RuleEntry rule, const std::string& prefix,
                     const std::string& nexthop, bool ipv6) {
     if (!chooses_for(rule->first, rule->second, ipv6)) {
@@ -83,13 +82,9 @@ bool remember(LBData& data, const context& ctx, const std::string& routes) {
     return true;
 }
 
-struct CloseFile {
-    void operator()(FILE* file) const { fclose(file); }
-};
-
 void write_fragment(const std::string& path, const std::string& text) {
     // A fragment that cannot be written is dropped silently; the routes before it stay in force.
-    const std::unique_ptr<FILE, CloseFile> file(fopen(path.c_str(), "we"));
+    const host::File file = host::open_file(path, "w");
     if (file != nullptr) {
         fputs(text.c_str(), file.get());
     }
@@ -99,8 +94,8 @@ void write_fragment(const std::string& path, const std::string& text) {
 /// signalled: 0 and negative numbers would reach whole process groups.
 void signal_reload(const std::string& pid_text) {
     const long number = strtol(pid_text.c_str(), nullptr, 10);
-    if (number > 0 && number <= std::numeric_limits<pid_t>::max()) {
-        kill(static_cast<pid_t>(number), SIGHUP);
+    if (number > 0 && number <= std::numeric_limits<int>::max()) {
+        host::signal_reload(static_cast<int>(number));
     }
 }
 
@@ -194,7 +189,7 @@ void LBDecision::run(LBData& data, context* ctx) {
 }
 
 int LBDecision::execute(std::string command, std::string& output, context* /*ctx*/, bool read) {
-    FILE* stream = popen((command + " 2>/dev/null").c_str(), read ? "re" : "we");
+    FILE* stream = host::open_command(command + " 2>/dev/null", read ? "r" : "w");
     if (stream == nullptr) {
         return -1;
     }
@@ -208,5 +203,5 @@ int LBDecision::execute(std::string command, std::string& output, context* /*ctx
         }
         free(line);
     }
-    return pclose(stream);
+    return host::close_command(stream);
 }

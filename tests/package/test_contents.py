@@ -18,6 +18,7 @@ PROJECT, FOLDER = (pathlib.Path(folder).resolve() for folder in sys.argv[1:3])
 
 FILES = {
     "/etc/dhcp/dhclient-exit-hooks.d/lb": 0o644,
+    "/etc/iproute2/rt_protos.d/lb.conf": 0o644,
     "/etc/lb.conf": 0o644,
     "/usr/lib/NetworkManager/dispatcher.d/70-lb": 0o755,
     "/usr/lib/dhcpcd/dhcpcd-hooks/70-lb": 0o644,
@@ -27,19 +28,23 @@ FILES = {
     "/usr/lib/wan-load-balancer/udhcpc": 0o755,
     "/usr/sbin/lb": 0o755,
     "/usr/sbin/lb-lease": 0o755,
+    "/usr/sbin/lbroute": 0o755,
     "/usr/bin/lbcheck": 0o755,
     "/usr/bin/lbshow": 0o755,
     "/usr/lib/systemd/system/lb.service": 0o644,
+    "/usr/lib/systemd/system/lbroute.service": 0o644,
     "/usr/lib/tmpfiles.d/lb.conf": 0o644,
     "/usr/share/bash-completion/completions/lb": 0o644,
     "/usr/share/bash-completion/completions/lb-lease": 0o644,
     "/usr/share/bash-completion/completions/lbcheck": 0o644,
+    "/usr/share/bash-completion/completions/lbroute": 0o644,
     "/usr/share/bash-completion/completions/lbshow": 0o644,
     "/usr/share/man/man1/lbcheck.1.gz": 0o644,
     "/usr/share/man/man1/lbshow.1.gz": 0o644,
     "/usr/share/man/man5/lb.conf.5.gz": 0o644,
     "/usr/share/man/man8/lb-lease.8.gz": 0o644,
     "/usr/share/man/man8/lb.8.gz": 0o644,
+    "/usr/share/man/man8/lbroute.8.gz": 0o644,
 }
 DOCUMENTS = "/usr/share/doc/wan-load-balancer"
 # Of the project, in the same folders there.

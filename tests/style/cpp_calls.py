@@ -31,8 +31,6 @@ def tokens_of(clang, paths):
     is_directive = False
     for line in dump.splitlines():
         kind, _, rest = line.partition(" '")
-        if not rest:
-            kind = ""
         body, has_place, place = rest.rpartition("Loc=<")
         if not has_place:
             continue
@@ -40,19 +38,26 @@ def tokens_of(clang, paths):
         starts_line = "[StartOfLine]" in flags
         if starts_line:
             is_directive = kind == "hash"
-        if kind and not is_directive and not kind.startswith(("unknown", "comment")):
+        # A blank that spans lines has its end on a line without a kind.
+        if kind.isidentifier() and not is_directive and kind not in ("unknown", "comment"):
             yield Token(kind if kind in _KINDS else "other", text, starts_line, place.rstrip(">"))
 
 
 def calls_of(clang, paths, names):
     """Every call, or declaration, of one of the names."""
-    tokens = list(tokens_of(clang, paths))
+    tokens = list(tokens_of(clang, [path for path in paths if _mentions(path, names)]))
     for i, token in enumerate(tokens):
         is_call = token.kind == NAME and token.text in names and tokens[i + 1].kind == OPEN
         if is_call:
             inside = list(_inside(tokens, i + 2))
             yield Call(token.text, inside[0].text if inside else "", _first_text(inside),
                        tokens[i - 1].kind == NAME, token.place)
+
+
+def _mentions(path, names):
+    with open(path, encoding="utf-8") as file:
+        text = file.read()
+    return any(name in text for name in names)
 
 
 def _inside(tokens, start):

@@ -9,7 +9,7 @@ import subprocess
 import time
 
 from .daemon import binary
-from .expect import expect
+from .expect import POLL_S, expect, text_of
 from .routing_daemon import fragment_path
 
 LBROUTE = os.environ.get("LBROUTE_BINARY", os.path.join(os.path.dirname(binary()), "lbroute"))
@@ -46,6 +46,16 @@ def standing(space, prefix, table="main", family=None):
     found = json.loads(space.run("ip", family, "-j", "route", "show", "exact", prefix, "table", table,
                                  check=False) or "[]")
     return found[0] if len(found) == 1 else found or None
+
+
+def assert_stays(condition, during):
+    """Fails as soon as the condition is not true within so many seconds: for what must not happen,
+    longer than it would take."""
+    deadline = time.monotonic() + during
+    while time.monotonic() < deadline:
+        if not condition():
+            raise AssertionError(f"it did not stay so: {text_of(condition, '')}")
+        time.sleep(POLL_S)
 
 
 def own_routes(space):
@@ -122,20 +132,6 @@ class Lbroute:
     def is_asleep(self):
         with open(f"/proc/{self.pid}/stat", encoding="ascii") as file:
             return file.read().rpartition(")")[2].split()[0] == "S"
-
-    def never(self, condition, during):
-        """Fails as soon as condition() is true within `during` seconds, or where the program has stood still in them: it
-        must yet take a signal, look at everything anew and sleep again."""
-        deadline = time.monotonic() + during
-        while time.monotonic() < deadline:
-            if value := condition():
-                raise AssertionError(f"happened: {value!r}")
-            time.sleep(0.02)
-        wakes = self.wakes()
-        self.hup()
-        expect(lambda: self.wakes() > wakes and self.is_asleep(), what="lbroute has worked and sleeps")
-        if value := condition():
-            raise AssertionError(f"happened: {value!r}")
 
     def wait(self, within=15):
         expect(lambda: not self.running(), within, "lbroute ends by itself")

@@ -13,7 +13,7 @@ import shutil
 import subprocess
 import sys
 
-from cpp_calls import calls_of
+from cpp_tokens import calls_of, literals_of
 from messages import LOGGED
 
 
@@ -56,11 +56,14 @@ def messages_of_the_loader(source, clang):
     return {call.text.partition("%")[0] for call in calls}
 
 
-def names_of_lbshow(source):
+def names_of_lbshow(source, clang):
     """Columns, JSON keys and metrics: what the page promises to keep."""
-    columns = set(re.findall(r'"([A-Z]+(?: [A-Z]+)*)"', (source / "tables.cpp").read_text(encoding="utf-8")))
-    keys = set(re.findall(r'[{\[]"([a-z_]+)"[,\]]', (source / "json.cpp").read_text(encoding="utf-8")))
-    metrics = set(re.findall(r'"(lb_[a-z_]+)"', (source / "metrics.cpp").read_text(encoding="utf-8")))
+    columns = {one.text for one in literals_of(clang, [str(source / "tables.cpp")])
+               if re.fullmatch("[A-Z]+( [A-Z]+)*", one.text)}
+    keys = {one.text for one in literals_of(clang, [str(source / "json.cpp")])
+            if one.before in ("{", "[") and one.behind in (",", "]")}
+    metrics = {one.text for one in literals_of(clang, [str(source / "metrics.cpp")])
+               if re.fullmatch("lb_[a-z_]+", one.text)}
     return columns, keys, metrics
 
 
@@ -87,7 +90,7 @@ def wrong(project, programs, configuration_words, clang):
     program = programs / "lbroute"
     for command in commands_of(program):
         yield from missing(manual / "lbroute.8", {command} | options_of(program, command))
-    columns, keys, metrics = names_of_lbshow(project / "tools/lbshow")
+    columns, keys, metrics = names_of_lbshow(project / "tools/lbshow", clang)
     if len(columns) < 20 or len(keys) < 40 or len(metrics) < 15:
         yield f"only {len(columns)} columns, {len(keys)} keys and {len(metrics)} metrics found in tools/lbshow"
     yield from missing(manual / "lbshow.1", columns | keys | metrics)

@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -6,8 +7,6 @@
 
 #include "lbroute/folder_watch.h"
 #include "lbroute/fragment_file.h"
-
-#include <sys/stat.h>
 
 namespace lbroute {
 

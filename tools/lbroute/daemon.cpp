@@ -42,6 +42,14 @@ std::string folder_of(const std::string& path) {
     return folder.empty() ? "." : folder;
 }
 
+/// Whether the standard error stream is the journal's: systemd names that by device and inode.
+bool is_journal() {
+    const char* const named = getenv("JOURNAL_STREAM");
+    struct stat found {};
+    return named != nullptr && fstat(STDERR_FILENO, &found) == 0 &&
+           named == std::to_string(found.st_dev) + ":" + std::to_string(found.st_ino);
+}
+
 /// The signals that end or wake the program, as a descriptor.
 Fd open_signals() {
     sigset_t signals;
@@ -67,7 +75,7 @@ class Daemon {
   public:
     explicit Daemon(const Options& options)
         : options_(options),
-          journal_(getenv("JOURNAL_STREAM") != nullptr),
+          journal_(is_journal()),
           notify_(getenv("NOTIFY_SOCKET")),
           signals_(open_signals()),
           mounts_(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)),
@@ -553,7 +561,7 @@ class Daemon {
     int end(int status) {
         if (options_.flushes && !is_refused_) {
             for (auto& [name, served] : served_) {
-                if (!served.kernel.is_entered()) {
+                if (!served.kernel.is_entered() || is_for_bird()) {
                     continue;
                 }
                 for (const std::string& failed : served.kernel.flush()) {

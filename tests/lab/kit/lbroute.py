@@ -9,7 +9,7 @@ import subprocess
 import time
 
 from .daemon import binary
-from .expect import expect
+from .expect import POLL_S, expect, text_of
 from .routing_daemon import fragment_path
 
 LBROUTE = os.environ.get("LBROUTE_BINARY", os.path.join(os.path.dirname(binary()), "lbroute"))
@@ -46,6 +46,16 @@ def standing(space, prefix, table="main", family=None):
     found = json.loads(space.run("ip", family, "-j", "route", "show", "exact", prefix, "table", table,
                                  check=False) or "[]")
     return found[0] if len(found) == 1 else found or None
+
+
+def assert_stays(condition, during):
+    """Fails as soon as the condition is not true within so many seconds: for what must not happen,
+    longer than it would take."""
+    deadline = time.monotonic() + during
+    while time.monotonic() < deadline:
+        if not condition():
+            raise AssertionError(f"it did not stay so: {text_of(condition, '')}")
+        time.sleep(POLL_S)
 
 
 def own_routes(space):

@@ -1,4 +1,4 @@
-"""Calls in C++ sources and the texts that stand in them, as clang's own lexer sees them."""
+"""Texts and calls in C++ sources, as clang's own lexer sees them."""
 import ast
 import dataclasses
 import subprocess
@@ -13,6 +13,13 @@ class Token:
     text: str
     starts_line: bool  # of the source, an escaped line end not counted
     place: str  # file:line:column
+
+
+@dataclasses.dataclass(frozen=True)
+class Literal:
+    text: str  # of all that stand side by side
+    before: str  # the words around
+    behind: str
 
 
 @dataclasses.dataclass(frozen=True)
@@ -41,6 +48,19 @@ def tokens_of(clang, paths):
         # A blank that spans lines has its end on a line without a kind.
         if kind.isidentifier() and not is_directive and kind not in ("unknown", "comment"):
             yield Token(kind if kind in _KINDS else "other", text, starts_line, place.rstrip(">"))
+
+
+def literals_of(clang, paths):
+    """Every string literal, raw ones left out."""
+    before, text = "", None
+    for token in tokens_of(clang, paths):
+        if token.kind == LITERAL and token.text.startswith('"'):
+            text = (text or "") + ast.literal_eval(token.text)
+            continue
+        if text is not None:
+            yield Literal(text, before, token.text)
+            text = None
+        before = token.text
 
 
 def calls_of(clang, paths, names):

@@ -7,7 +7,7 @@
 /// reading `leases` from where it stands. Lines are read 1,023 characters at a time. Empty where
 /// the file tells no router, also when the client is just writing it.
 
-/// IPv4: the first address of the first line "option routers A, B;", whatever lease it is in.
+/// IPv4: the first address of the first line "option routers A, B;", whatever lease it is in (B91).
 std::string router_in_lease(FILE* leases);
 /// IPv6: the first address of the first line "new_routers='A B'".
 std::string router_in_lease6(FILE* leases);

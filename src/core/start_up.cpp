@@ -110,8 +110,8 @@ void run_process(int argc, char* argv[]) {
         thread.join();
     }
     delete lb.release();  // reset() would not let a thread's end through
-    // B11: to have nothing to do is no standstill. A worker that is needed but could not be started, or
-    // whose namespace is missing, is: the service manager then starts the daemon anew.
+    // B11: to have nothing to do is no standstill. A worker that is needed but could not be
+    // started, or whose namespace is missing, is: the service manager then starts the daemon anew.
     const bool is_content = !is_any_worker_needed();
     while (true) {
         sleep_ms(4000);

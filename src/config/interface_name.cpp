@@ -18,8 +18,8 @@ struct NamePattern {
     const char* shown;   ///< printf(3) pattern of the router's name
 };
 
-// The first prefix that matches decides, even when its pattern then fails. No pattern has more than
-// four numbers.
+// B130: the first prefix that matches decides, even when its pattern then fails. No pattern has
+// more than four numbers.
 constexpr std::array patterns{
     NamePattern{"gi", Dots::none, "gi%d_%d", 2, "gigabitethernet %d/0/%d"},
     NamePattern{"gi", Dots::one, "gi%d_%d.%d", 3, "gigabitethernet %d/0/%d.%d"},

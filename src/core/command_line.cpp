@@ -25,9 +25,9 @@ CommandLine read_command_line(int argc, char* const argv[]) {
             case 'd':
                 options.is_daemon = true;
                 break;
-            case 'v':  // accepted, and means nothing
+            case 'v':  // B4: accepted, and means nothing
                 break;
-            default:
+            default:  // B2: an unknown option is a call for help
                 options.wants_usage = true;
                 return options;
         }
@@ -37,7 +37,7 @@ CommandLine read_command_line(int argc, char* const argv[]) {
 
 void print_usage() {
     static constexpr std::array lines{
-        "lb -ftviodh",
+        "lb -ftviodh",  // B3, B4: "directory" below is the file, and -v is not explained
         "  -f [file] configuration file",
         "  -t load configuration file only and exit",
         "  -i specify location of pid directory",

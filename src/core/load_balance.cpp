@@ -63,6 +63,7 @@ void LoadBalance::output(context* ctx) {
     status_output.write(data, ctx);
 }
 
+// B19: a cycle lasts a second longer than its work.
 void LoadBalance::sleep(context* /*ctx*/) {
     sleep_ms(1000);
 }

@@ -8,6 +8,7 @@
 
 #include "host/log.h"
 
+// B6: the file is overwritten, whoever's it is, and never removed.
 int pid_output(const char* path) {
     constexpr mode_t owner_writes_all_read = 0133;
     const mode_t mask_before = umask(owner_writes_all_read);

@@ -25,7 +25,8 @@ void report_crashes(const char* program) {
     backtrace_install_signal_handlers();
 }
 
-/// The child goes on; the parent, and a process that could not fork, exits.
+/// The child goes on, on streams of its own and otherwise as it was (B8); the parent, and a process
+/// that could not fork (B9), exits.
 void go_to_background() {
     const pid_t child = fork();
     if (child != 0) {
@@ -35,8 +36,9 @@ void go_to_background() {
     leave_standard_streams();
 }
 
-/// The namespaces that have anything to do, the default one first. Afterwards `namespaces_check`
-/// holds every key that a namespace thread asks for, so that the threads only read it.
+/// The namespaces that have anything to do, the default one (B18) first. Afterwards
+/// `namespaces_check` holds every key that a namespace thread asks for, so that the threads only
+/// read it.
 std::vector<std::string> find_namespaces_with_work(LoadBalance& lb) {
     lb.check_before_start(namespaces_check);
     namespaces.insert("");
@@ -65,7 +67,7 @@ std::vector<JoinedThread> start_namespace_threads(LoadBalance& lb) {
         if (!thread) {
             LOG_WARNING("Can't create new thread for VRF %s", name.c_str());
             // Without destructors: the threads that run already use what those would destroy.
-            _exit(255);
+            _exit(255);  // B1: the one status that is not 0
         }
         threads.push_back(*thread);
     }
@@ -83,12 +85,14 @@ void run_process(int argc, char* argv[]) {
         exit(0);
     }
     if (options.conf_path.empty()) {
+        // B5: it is the option that is missing or empty.
         std::cout << "Configuration file is empty" << std::endl;
         exit(0);
     }
     if (options.is_daemon) {
         go_to_background();
     }
+    // B7: before the configuration, and so also for a test run.
     if (!options.pid_path.empty()) {
         pid_output(options.pid_path.c_str());
     }
@@ -106,8 +110,8 @@ void run_process(int argc, char* argv[]) {
         thread.join();
     }
     delete lb.release();  // reset() would not let a thread's end through
-    // To have nothing to do is no standstill. A worker that is needed but could not be started, or
-    // whose namespace is missing, is: the service manager then starts the daemon anew.
+    // B11: to have nothing to do is no standstill. A worker that is needed but could not be
+    // started, or whose namespace is missing, is: the service manager then starts the daemon anew.
     const bool is_content = !is_any_worker_needed();
     while (true) {
         sleep_ms(4000);

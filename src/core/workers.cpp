@@ -15,8 +15,9 @@ wd_record wd_shift{};
 
 namespace {
 
+/// B17: once, for the life of the process.
 bool enter(const std::string& ns_name) {
-    if (ns_name.empty()) {
+    if (ns_name.empty()) {  // B18: the one that the process was started in
         return true;
     }
     const std::string path = namespace_file(ns_name);
@@ -40,8 +41,8 @@ bool needs_worker(const std::string& ns_name, int family) {
                .needs_worker();
 }
 
-/// A worker and its thread, where the family needs one. The workers never end, so the namespace
-/// thread's frame holds what they use for the life of the process.
+/// A worker and its thread, where the family needs one (B12). The workers never end, so the
+/// namespace thread's frame holds what they use for the life of the process.
 struct WorkerThread {
     WorkerThread(LoadBalance& lb, const std::string& ns_name, bool is_ipv6) {
         if (!needs_worker(ns_name, is_ipv6 ? 1 : 0)) {

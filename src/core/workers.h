@@ -11,7 +11,7 @@
 
 /// What each namespace needs. Complete before the first namespace thread starts; read-only then.
 extern NamespaceNeeds namespaces_check;
-/// A flag of the process that nothing uses.
+/// A flag of the process that nothing uses (B132).
 extern bool g_check_path;
 /// Records of the watchdog service; their contents are its own.
 extern wd_record wd_timeout;
@@ -58,5 +58,6 @@ class Worker {
 /// `work_once` and, after the second's sleep, `begin_next_cycle`, round and round.
 void begin_work(context* ctx);
 void work_once(context* ctx);
-/// The keep-alive and the refresh of next hops; false would end the worker.
+/// The keep-alive and the refresh of next hops, of which the first cycle so knows nothing (B97);
+/// false would end the worker.
 bool begin_next_cycle(context* ctx);

@@ -30,8 +30,8 @@ void LBData::reset_state_changed(context* ctx) {
     }
 }
 
-// From here on diagnostics that nothing in the daemon calls. Since nothing calls `check_state`, no
-// record ever gets a `last_change`: reports and dumps show 1970.
+// From here on diagnostics that nothing in the daemon calls (B132). Since nothing calls
+// `check_state`, no record ever gets a `last_change`: reports and dumps show 1970 (B112).
 
 LBData::Changes LBData::state_changed(context* ctx) {
     Changes changes;

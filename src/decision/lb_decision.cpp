@@ -23,7 +23,7 @@ const std::string* usable_nexthop(const LBHealth& health, const LBRule& rule,
     if (!is_candidate) {
         return nullptr;
     }
-    // A member whose configured weight is 0 is never routed, on purpose.
+    // B107: a member whose weight is 0, which is what a missing line leaves, is never routed.
     const auto weight = weights.find(health.name);
     const bool is_weighted = weight != weights.end() && weight->second != 0;
     const bool is_learning = health.nexthop == "dhcp" || health.nexthop == "tunnel";
@@ -33,7 +33,7 @@ const std::string* usable_nexthop(const LBHealth& health, const LBRule& rule,
     return &health.effective_nexthop();
 }
 
-/// Leaves the heaviest interface only, among equals the first by name.
+/// Leaves the heaviest interface only, among equals the first by name (B108).
 void keep_best(LBDecision::Weights& weights, int heaviest) {
     std::erase_if(weights, [heaviest](const auto& entry) { return entry.second != heaviest; });
     if (!weights.empty()) {
@@ -63,9 +63,10 @@ void publish_choice(LBDecision::RuleEntry rule, const std::string& prefix,
     }
 }
 
-/// Remembers the routes of the worker's namespace and family; false when they are those of its last
-/// run. Workers of all namespaces add their entries to one map, so even finding an entry takes the
-/// lock: shared in the many cycles that change nothing.
+/// Remembers the routes of the worker's namespace and family, before they are written (B102); false
+/// when they are those of its last run, or none in the first one (B101). Workers of all namespaces
+/// add their entries to one map, so even finding an entry takes the lock: shared in the many cycles
+/// that change nothing.
 bool remember(LBData& data, const context& ctx, const std::string& routes) {
     auto& last_routes = ctx.ipv6 ? data.last_routes6 : data.last_routes4;
     {
@@ -83,15 +84,17 @@ bool remember(LBData& data, const context& ctx, const std::string& routes) {
 }
 
 void write_fragment(const std::string& path, const std::string& text) {
-    // A fragment that cannot be written is dropped silently; the routes before it stay in force.
+    // B103, B104: rewritten in place, and dropped silently where it cannot be opened; the routes
+    // before it stay in force.
     const host::File file = host::open_file(path, "w");
     if (file != nullptr) {
         fputs(text.c_str(), file.get());
     }
 }
 
-/// Asks the routing daemon to reload. A text that starts with no number of a single process is not
-/// signalled: 0 and negative numbers would reach whole process groups.
+/// Asks the routing daemon to reload, or whoever else has that number (B105). A text that starts
+/// with no number of a single process is not signalled: 0 and negative numbers would reach whole
+/// groups.
 void signal_reload(const std::string& pid_text) {
     const long number = strtol(pid_text.c_str(), nullptr, 10);
     if (number > 0 && number <= std::numeric_limits<int>::max()) {
@@ -169,7 +172,7 @@ void hand_over(LBDecision& decision, const std::string& routes, context* ctx) {
         plain_syslog(7, "LBDecision::run() can't execute '%s'", ask_pid.c_str());
         return;
     }
-    signal_reload(output);
+    signal_reload(output);  // B106: whatever the text, the cache is flushed
     decision.execute(ctx->ipv6 ? "ip -6 route flush cache" : "ip route flush cache", output, ctx,
                      false);
 }

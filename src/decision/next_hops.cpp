@@ -21,7 +21,8 @@ nanoseconds now() {
     return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
 }
 
-/// The router that the DHCP client of the interface has learnt; empty where it has none.
+/// The router that the DHCP client of the interface has learnt; empty where it has none. B94: only
+/// the IPv4 client's file has an underscore before the name.
 std::string read_lease(const std::string& ifname, bool ipv6) {
     const std::string path =
         (ipv6 ? "/var/db/dhcp6_client" : "/var/db/dhclient_") + ifname + ".leases";
@@ -42,8 +43,8 @@ std::string read_lease(const std::string& ifname, bool ipv6) {
     return router_in(leases.get(), nanoseconds(0));
 }
 
-/// Stores what was learnt. Nothing learnt keeps the address of an earlier cycle: a lease file that
-/// is just being written must not take the next hop away.
+/// Stores what was learnt. B95: nothing learnt keeps the address of an earlier cycle, since a lease
+/// file that is just being written must not take the next hop away.
 void learn(LBHealth& health, const std::string& address) {
     if (address.empty() || address == health.nexthop_addr) {
         return;
@@ -75,9 +76,9 @@ void LBData::update_dhcp_nexthop(context* ctx) {
     });
 }
 
-// One request serves the whole call, zero at first. Whether the host answers is not looked at:
-// where it refuses, the peer of the tunnel before stays in the request and is learnt, and 0.0.0.0
-// for the first one.
+// B98: one request serves the whole call, zero at first, and whether the host answers is not looked
+// at. Where it refuses, the peer of the tunnel before stays in the request and is learnt, and
+// 0.0.0.0 for the first one. B99: the peer is an IPv4 address in either family.
 void LBData::update_tunnel_nexthop(context* ctx) {
     host::PeerRequest request(ctx->ipv6);
     for_each_learning(*this, ctx, "tunnel", [ctx, &request](LBHealth& record) {

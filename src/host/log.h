@@ -15,7 +15,8 @@ void SYSLOG_message(int subsystem, int kind, int severity, const char* format, .
 void plain_syslog(int severity, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 /// The three kinds of operator message: "%WAN-W-ERR: ", "%WAN-W-WARN: " and "%WAN-I-INSTANCE: "
-/// before the text. Macros, so that the compiler checks every text against its arguments.
+/// before the text; the first two of one severity (B126). Macros, so that the compiler checks every
+/// text against its arguments.
 #define LOG_ERROR(text, ...) \
     SYSLOG_message(35, 1, 4, "%%%s-%s-%s: " text, "WAN", "W", "ERR" __VA_OPT__(, ) __VA_ARGS__)
 #define LOG_WARNING(text, ...) \

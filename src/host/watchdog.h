@@ -24,7 +24,7 @@ int set_timeout(wd_record* timeout);
 
 /// One worker's keep-alive, once per cycle. It goes on to the service only when every worker
 /// (thread) that ever reported has reported again since the last one that went on, so a stuck
-/// worker is not hidden by its siblings. Any thread may call.
+/// worker is not hidden by its siblings (B20). Any thread may call.
 int send_and_shift_timeout(wd_record* timeout, wd_record* shift, int kind);
 
 /// One worker's word that it goes on within a long step of its cycle (a burst of echoes, say).

@@ -24,6 +24,7 @@ void put_first_bytes(record::Text<size>& field, const std::string& text) {
     text.copy(field.data(), size);
 }
 
+/// B121: a record has one byte for it.
 std::uint8_t low_byte(int value) {
     return static_cast<std::uint8_t>(static_cast<unsigned>(value) & 0xffU);
 }
@@ -103,6 +104,7 @@ std::optional<record::Outbound> outbound_record(const LBHealth& health, int now_
     return outbound;
 }
 
+// B123: a rule of another name works, but ends the dump.
 std::optional<RuleKey> read_rule_key(const std::string& key) {
     int number = 0;
     int version = 0;

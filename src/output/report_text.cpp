@@ -20,7 +20,7 @@ std::string success_age(int stamp_s, int now_s) {
     return age_text(now_s > stamp_s ? static_cast<std::uint32_t>(now_s - stamp_s) : 0);
 }
 
-/// A failure's age has no guard against a clock that was set back: a huge number comes then.
+/// B114: a failure's age has no guard against a clock that was set back, and is huge then.
 std::string failure_age(int stamp_s, int now_s) {
     return stamp_s == 0
                ? never()
@@ -76,6 +76,7 @@ std::string age_text(std::uint32_t age_s) {
     return text + std::to_string(age_s % 60) + "s\t";
 }
 
+// B115: blanks, tabs and all.
 std::string report_record(const std::string& name, const LBHealth& health, int now_s) {
     std::string text = "Interface:  " + name + "\n";
     text += indent + std::string("Status:  ") + (health.active ? "active" : "failed") + "\n";

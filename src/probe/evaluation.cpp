@@ -12,8 +12,8 @@
 
 namespace {
 
-/// One more outcome of a kind, unless its run is at the threshold already; a longer run of one kind
-/// ends the run of the other.
+/// One more outcome of a kind, unless its run is at the threshold already (B88); a longer run of
+/// one kind ends the run of the other.
 void extend_run(int& run, int& opposite_run, int threshold) {
     if (run < threshold) {
         ++run;
@@ -24,8 +24,9 @@ void extend_run(int& run, int& opposite_run, int threshold) {
 using Verdicts = std::map<std::string, int>;
 
 bool is_up(const Verdicts& verdicts, bool check_all) {
-    const auto successes = static_cast<std::size_t>(std::count_if(
-        verdicts.begin(), verdicts.end(), [](const auto& entry) { return entry.second == 0; }));
+    const auto successes = static_cast<std::size_t>(
+        std::count_if(verdicts.begin(), verdicts.end(),
+                      [](const auto& entry) { return entry.second == 0; }));  // B137
     return check_all ? successes == verdicts.size() : successes >= 1;
 }
 
@@ -54,6 +55,7 @@ void LBHealth::put(int result, context* /*ctx*/, const std::string& target) {
     } else {
         extend_run(successes, failures, success_ct);
     }
+    // B39: a run of 0 has always reached a count that was not given.
     if (failures == failure_ct || successes == success_ct) {
         history.last_resp[target] = result;
     }
@@ -61,14 +63,14 @@ void LBHealth::put(int result, context* /*ctx*/, const std::string& target) {
 
 void LBHealth::status_check(LBData& /*data*/, context* ctx) {
     if (namespace_name != *ctx->ns_name || history.last_resp.empty()) {
-        return;
+        return;  // B87: without a target the state stays
     }
     const bool up = is_up(history.last_resp, check_all);
     const int now_s = static_cast<int>(wall_now().tv_sec);
     const bool has_changed = up != active;
     {
         const LiveStateWriter hold;
-        (up ? history.last_success : history.last_failure) = now_s;
+        (up ? history.last_success : history.last_failure) = now_s;  // B113
         state_changed = state_changed || has_changed;
         active = up;
     }

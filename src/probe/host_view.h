@@ -22,11 +22,11 @@ class HostView {
     void begin_pass();
 
     /// Whether `address` is, as text in dotted decimal, an IPv4 address of an interface whose name
-    /// begins with `ifname` or with "vrrp". False, logged, where the list cannot be read.
+    /// begins with `ifname` or with "vrrp" (B59). False, logged, where the list cannot be read.
     bool has_source(const std::string& ifname, const std::string& address);
 
     /// The first IPv6 address, in the host's order, of an interface whose name begins with
-    /// `ifname`, whose first byte is 0xFE or whose second byte is 0x80.
+    /// `ifname`, whose first byte is 0xFE or whose second byte is 0x80 (B60).
     struct LinkLocal {
         bool is_list_readable = false;
         std::optional<host::InterfaceAddress> address;

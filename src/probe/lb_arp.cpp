@@ -140,7 +140,7 @@ int LBArp::send_arp() {
     }
     const auto sender = parse_ipv4(source);
     if (!sender) {
-        // The message has the text of the conversion's result, 0, and not of an error.
+        // B128: the message has the text of the conversion's result, 0, and not of an error.
         LOG_ERROR("<%s> inet_pton() failed for source IP address.Error message: %s", "send_arp",
                   strerror(0));
         return -1;
@@ -183,7 +183,7 @@ bool handle_arp_frame(std::span<const std::uint8_t> frame, AskedAddresses& targe
     }
     const auto reply = read_at<ArpFrame>(frame, 0);
     if (reply.ethernet.ethertype != ethertype_arp || reply.operation != arp_reply) {
-        return true;
+        return true;  // B76: requests are the kernel's
     }
     const std::string sender = to_text(reply.sender_address);
     const std::string ifname = targets.find_or_enter(sender);

@@ -17,8 +17,8 @@ class LBArp : public NextHopProber {
     int check_arp_exist();
     /// Broadcasts one request. Returns the bytes sent, or -1 after logging why not.
     int send_arp();
-    /// Starts the namespace's receiver thread, once in the life of the process; until it has its
-    /// socket, each call says so.
+    /// Receives nothing (B139). Starts the namespace's receiver thread, once in the life of the
+    /// process; until it has its socket, each call says so.
     void received_arp();
     /// 1 with the MAC in `mac` (6 bytes); 0: the entry is incomplete; -1: error, errno set.
     int get_mac(unsigned char* mac);
@@ -29,8 +29,8 @@ class LBArp : public NextHopProber {
         int error = 0;
         MacAddress mac{};
     };
-    /// The calls of one probe in their order: where the kernel knows no MAC, a request goes out,
-    /// and a later probe finds the answer.
+    /// The calls of one probe in their order: where the kernel knows no MAC (B75), a request goes
+    /// out, and a later probe finds the answer.
     Mac find_mac();
 
     static NamespaceTable<int> _send_sock;

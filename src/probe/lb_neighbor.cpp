@@ -120,8 +120,8 @@ void LBNeighbor::send_request() {
     }
     errno = sent.error;  // what the next line prints
     perror("sendto() failed");
-    // Later sends of this namespace fail too, on purpose. The table forgets the closed number,
-    // which may soon name another socket.
+    // B83: later sends of this namespace fail too. The table forgets the closed number, which may
+    // soon name another socket.
     if (socket > no_socket) {
         host::close_socket(socket);
     }

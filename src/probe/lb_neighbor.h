@@ -19,13 +19,13 @@ class LBNeighbor : public NextHopProber {
     void init(std::string ns_name);
     /// 1 with the MAC in `mac` (6 bytes): the kernel's table has an entry for the address, in any
     /// state, with a link-layer address; 0: it has none; -1: error, logged. Addresses are compared
-    /// as text, so a next hop must be written as the kernel prints it (RFC 5952).
+    /// as text (B79), so a next hop must be written as the kernel prints it (RFC 5952).
     int check_neighbor_exist(unsigned char* mac);
-    /// Sends one solicitation. Failures go to the standard error stream; a failed send ends the
-    /// namespace's sends for good.
+    /// Sends one solicitation. Failures go to the standard error stream (B129); a failed send ends
+    /// the namespace's sends for good (B83).
     void send_request();
-    /// Starts the namespace's receiver thread, once in the life of the process; until it has its
-    /// socket, each call says so.
+    /// Receives nothing (B139). Starts the namespace's receiver thread, once in the life of the
+    /// process; until it has its socket, each call says so.
     void receive_reply();
 
     /// The calls of one probe in their order: where the kernel knows no MAC, asks for it and looks
@@ -39,7 +39,7 @@ class LBNeighbor : public NextHopProber {
     static NamespaceTable<int> _send_sock;
     static NamespaceTable<bool> is_start_recv;
 
-    /// Checksums that nothing in the daemon calls: the frame builders have their own.
+    /// Checksums that nothing in the daemon calls (B132): the frame builders have their own.
     unsigned short checksum(unsigned short* data, int length);
     unsigned short icmp6_checksum(ip6_hdr ip, icmp6_hdr header, unsigned char* payload, int length);
 };

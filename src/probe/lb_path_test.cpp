@@ -47,7 +47,7 @@ void LBPathTest::start(LBData& data, context* ctx) {
             records.push_back(&health);
         }
     }
-    std::sort(records.begin(), records.end(), std::less<>());
+    std::sort(records.begin(), records.end(), std::less<>());  // B90: by their place in memory
     for (LBHealth* health : records) {
         health->send_test(ctx);
     }

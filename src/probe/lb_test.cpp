@@ -25,8 +25,8 @@ pthread_mutex_t LBTest6::_ipv6_result_mutex;
 PendingProbes LBTest6::_results;
 std::atomic<int> LBTest6::_packet_id{0};
 
-// The reply socket delivers the whole IPv4 datagram (the header is taken to be 20 bytes long), or
-// for IPv6 the message from its ICMPv6 header on.
+// The reply socket delivers the whole IPv4 datagram (B51: the header is taken to be 20 bytes long),
+// or for IPv6 the message from its ICMPv6 header on.
 const ProbeFamily ipv4_probes{
     .is_ipv6 = false,
     .word = "ipv4",

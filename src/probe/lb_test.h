@@ -19,7 +19,7 @@ class Probe {
   public:
     Probe(const Probe&) = delete;
     Probe& operator=(const Probe&) = delete;
-    /// Closes the sockets of the probe's namespace for good.
+    /// Closes the sockets of the probe's namespace for good (B135).
     virtual ~Probe();
 
     /// Opens the namespace's sockets, once. Every worker of the namespace calls it for every probe.
@@ -47,7 +47,7 @@ class Probe {
     /// using them by now.
     void name_once(const context& ctx);
     /// The target. A probe without one takes the interface's next hop for good as soon as that is
-    /// known, and the interface counts as down until this target is proven.
+    /// known (B58), and the interface counts as down until this target is proven (B86).
     const std::string& resolve_target(LBHealth& health);
     std::string status_line();
     void publish_status();
@@ -58,7 +58,7 @@ class Probe {
     /// is to be sent in this cycle.
     std::optional<int> begin_echo(LBHealth& health, timespec& last_sent);
     /// Tells that an echo did not go out. A network that is unreachable is an everyday state of an
-    /// uplink and stays silent.
+    /// uplink and stays silent (B56).
     void report_failed_send(const host::Transfer& sent) const;
 
     const ProbeFamily& family_;

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr std::uint16_t tunnel_sequence = 1;
+constexpr std::uint16_t tunnel_sequence = 1;  // B48: 0 in frames
 
 }  // namespace
 

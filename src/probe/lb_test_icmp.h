@@ -20,8 +20,8 @@ class LBTestICMP : public LBTest {
     std::string dump(context* ctx) override;
     std::string name() override;
 
-    /// Chooses the path by the interface's name and reports a failed send. A probe that did not go
-    /// out stays in flight and times out.
+    /// Chooses the path by the interface's name (B44) and reports a failed send. A probe that did
+    /// not go out stays in flight and times out (B54).
     void send(const std::string& ifname, const std::string& target,
               const std::string& source_address, const std::string& nexthop, int packet_id,
               context* ctx);
@@ -34,8 +34,8 @@ class LBTestICMP : public LBTest {
 
     timespec last_sent{};  ///< monotonic clock; of the latest registered probe
 
-    /// What nothing in the daemon calls: the line for people, made anew, and checksums (RFC 1071)
-    /// over bytes in network order, which the frame builders have of their own.
+    /// What nothing in the daemon calls (B132): the line for people, made anew, and checksums (RFC
+    /// 1071) over bytes in network order, which the frame builders have of their own.
     using LBTest::status;
     std::string status(context* ctx);
     unsigned short in_checksum(unsigned short* data, int length) const;

@@ -33,14 +33,14 @@ void LBTestICMP6::send(LBHealth& health, context* ctx) {
         return;
     }
     if (const auto packet_id = begin_echo(health, last_sent)) {
-        // The neighbour prober is handed the next hop as configured, also when that is a word like
-        // "dhcp": an IPv6 uplink needs a configured next hop.
+        // B80: the neighbour prober is handed the next hop as configured, also when that is a word
+        // like "dhcp". An IPv6 uplink needs a configured next hop.
         send(health.name, target, health.source_address, health.nexthop, *packet_id, ctx);
     }
 }
 
-/// Gives a record without a source the interface's link-local address, or "::" where there is none:
-/// that is asked again in the next cycle.
+/// Gives a record without a source the interface's link-local address for good, or "::" where there
+/// is none: that is asked again in the next cycle (B61).
 bool LBTestICMP6::choose_source(LBHealth& health, context* ctx) {
     if (!health.source_address.empty() && health.source_address != "::") {
         return true;

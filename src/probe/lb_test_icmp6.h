@@ -10,8 +10,8 @@
 #include "probe/lb_test.h"
 
 /// The IPv6 echo probe, type "ping": the twin of `LBTestICMP` (RFC 4443). It differs in this: every
-/// interface gets a hand-built frame, the source is a link-local address where none is configured,
-/// and the neighbour prober is handed the next hop as configured, not the learnt one.
+/// interface gets a hand-built frame (B46), the source is a link-local address where none is
+/// configured, and the neighbour prober is handed the next hop as configured, not the learnt one.
 class LBTestICMP6 : public LBTest6 {
   public:
     void init(context* ctx) override;
@@ -27,14 +27,14 @@ class LBTestICMP6 : public LBTest6 {
                             int packet_id, context* ctx);
 
     /// The first address of an interface whose name begins with `ifname` that looks link-local (one
-    /// of the first two bytes of fe80 suffices).
+    /// of the first two bytes of fe80 suffices, B60).
     /// 0 with the address in `out`; -2 when there is none; -1, logged, when the list is unreadable.
     int get_link_local_addr(const std::string& ifname, sockaddr_in6* out, context* ctx);
 
     timespec last_sent{};
 
-    /// What nothing in the daemon calls. The dispatcher sends no echo into a tunnel, since the
-    /// receiver would not match its replies; the frame builders have checksums of their own.
+    /// What nothing in the daemon calls (B132). The dispatcher sends no echo into a tunnel, since
+    /// the receiver would not match its replies; the frame builders have checksums of their own.
     int send_for_tunnel(int sock, const std::string& ifname, const std::string& target,
                         int packet_id, context* ctx);
     using LBTest6::status;

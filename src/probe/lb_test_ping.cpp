@@ -48,8 +48,8 @@ void LBTestPING::recv(LBHealth& /*health*/, context* /*ctx*/) {}
 void LBTestPING::send(LBHealth& health, context* ctx) {
     const timespec now = monotonic_now();
     const bool has_run = period_start.tv_sec != 0 || period_start.tv_nsec != 0;
-    // Stamped by the first run only: the second comes a period later, and from then on every cycle
-    // runs.
+    // B64, B138: stamped by the first run only, also where nothing leaves. The second comes a
+    // period later, and from then on every cycle runs.
     if (!has_run) {
         period_start = now;
     } else if (elapsed_ms(period_start, now) < std::int64_t{period} * 1000) {
@@ -93,7 +93,7 @@ host::Transfer LBTestPING::ping_by_frames(int sock, LBHealth& health, const std:
         case FramePath4::Step::failed:
             return fail_run(health, ctx, to, {.count = -1, .error = path.error});
         case FramePath4::Step::source_absent:
-            // No verdict: the target keeps what the runs before proved.
+            // B72: no verdict. The target keeps what the runs before proved.
             LOG_WARNING("Address '%s' not present on any interface", path.source_text.c_str());
             return {.count = -1, .error = path.error};
     }
@@ -142,7 +142,7 @@ host::Transfer LBTestPING::ping_into_tunnel(int sock, LBHealth& health, const st
          .ctx = ctx,
          .target = to,
          .expected = {.source = *destination, .packet_id = static_cast<std::uint32_t>(id)},
-         // The nanoseconds stand where microseconds belong, on tunnels only: a wait that is no
+         // B71: the nanoseconds stand where microseconds belong, on tunnels only. A wait that is no
          // whole number of seconds is therefore invalid there.
          .wait = {.seconds = ping_timeout.tv_sec, .microseconds = ping_timeout.tv_nsec},
          .send_echo = [&message, &destination, sock](std::uint16_t sequence) {
@@ -156,7 +156,7 @@ host::Transfer LBTestPING::run_echoes(const Run& run) {
     const auto fail = [this, &run](const host::Transfer& reason) {
         return fail_run(run.health, run.ctx, run.target, reason);
     };
-    if (count <= 0) {
+    if (count <= 0) {  // B70
         return fail({.count = 0, .error = 0});
     }
     const int wait_ms = ts2msecs(&ping_timeout);
@@ -182,7 +182,7 @@ host::Transfer LBTestPING::run_echoes(const Run& run) {
         }
         if (answer.is_in_time) {
             measured.answered(wait_ms - EchoWait::whole_ms(answer.remaining_us));
-        } else if (measured.sent == 1) {
+        } else if (measured.sent == 1) {  // B66: without its first answer a run ends
             return fail({.count = -1, .error = ETIMEDOUT});
         } else {
             measured.lost(wait_ms);
@@ -205,6 +205,7 @@ host::Transfer LBTestPING::judge_run(const Run& run, const PingRun& measured) {
         last_rtt = measured.mean_ms(count);
         last_jitter = measured.jitter_ms(count);
     }
+    // B68: a limit that is reached has failed.
     const bool is_bad = last_loss >= loss || last_rtt >= rtt || last_jitter >= jitter;
     record(run.health, run.ctx, is_bad ? -1 : 0, run.target);
     return {.count = 0, .error = 0};

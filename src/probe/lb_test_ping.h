@@ -10,8 +10,8 @@
 
 /// The extended ping, type "ping_ext", IPv4 only: a burst of echoes to its target, judged by loss,
 /// mean round-trip time and jitter. It waits for each answer in turn, so a run blocks its worker
-/// for up to `count` x `ping_timeout`; no lock is held meanwhile. Its verdict goes to the interface
-/// at once; nothing is left to collect.
+/// for up to `count` x `ping_timeout` (B65); no lock is held meanwhile. Its verdict goes to the
+/// interface at once; nothing is left to collect.
 class LBTestPING : public LBTest {
   public:
     LBTestPING();
@@ -44,7 +44,7 @@ class LBTestPING : public LBTest {
     int last_rtt = 0;         ///< ms, mean
     timespec period_start{};  ///< monotonic clock; the first run
 
-    /// What nothing in the daemon calls, as in `LBTestICMP`.
+    /// What nothing in the daemon calls (B132), as in `LBTestICMP`.
     using LBTest::status;
     std::string status(context* ctx);
     unsigned short in_checksum(unsigned short* data, int length);

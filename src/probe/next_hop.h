@@ -11,7 +11,7 @@
 
 /// The addresses that were asked for and the interface each was asked on, shared by a worker and
 /// its namespace's receiver thread. An unknown sender leaves an empty entry: the table grows by
-/// every distinct address that answers. Guards itself.
+/// every distinct address that answers (B77). Guards itself.
 class AskedAddresses {
   public:
     void set(const std::string& address, const std::string& ifname);
@@ -43,8 +43,8 @@ struct NextHopFamily {
 
 /// What `LBArp` and `LBNeighbor` share: the namespace's send socket, the next hop in hand and the
 /// receiver thread. One object per namespace worker; the worker alone calls it. Nothing here waits
-/// for an answer: the receiver thread writes answers into the kernel's table, where a later query
-/// finds them.
+/// for an answer (B74): the receiver thread writes answers into the kernel's table, where a later
+/// query finds them.
 class NextHopProber {
   public:
     NextHopProber(const NextHopProber&) = delete;
@@ -72,8 +72,8 @@ class NextHopProber {
     /// be lost.
     void prepare_receiver();
     /// How the start of the namespace's receiver thread went. It is started once in the life of the
-    /// process: one that ended is not started again. Where it has no socket, the next call tries
-    /// again.
+    /// process: one that ended is not started again (B84). Where it has no socket, the next call
+    /// tries again.
     enum class ReceiverStart { running, started, no_socket, not_created, not_detached };
     ReceiverStart start_receiver();
 

@@ -34,7 +34,8 @@ class PendingProbes {
     /// The probe of an identifier, or null.
     const PktData* find(int packet_id) const;
 
-    /// Adds a probe. An identifier that is still in flight, after a full wrap, keeps its entry.
+    /// Adds a probe. An identifier that is still in flight, after a full wrap, keeps its entry
+    /// (B50).
     void insert(int packet_id, const PktData& probe);
     void erase(int packet_id);
     void clear();
@@ -96,14 +97,14 @@ class ResultsLock {
     bool is_released_ = false;
 };
 
-/// Identifiers run from 0 to this number less one, and round again.
+/// Identifiers run from 0 to this number less one, and round again (B50).
 inline constexpr int packet_id_count = 32767;
 
 /// The next identifier: one more than the last one, modulo 32767. Any thread.
 int next_packet_id(const ProbeFamily& family);
 
 /// Enters a probe into the table of probes in flight and gives its identifier, or nothing when one
-/// for the same interface and target is still in flight or the table cannot be locked.
+/// for the same interface and target is still in flight (B52, B53) or the table cannot be locked.
 /// `last_sent` receives the moment, unless the probe was refused for one of these reasons.
 std::optional<int> register_probe(const ProbeFamily& family, const std::string& interface,
                                   const std::string& target, timespec& last_sent);
@@ -111,6 +112,6 @@ std::optional<int> register_probe(const ProbeFamily& family, const std::string& 
 enum class ProbeOutcome { nothing, answered, timed_out };
 
 /// Looks once at the probe in flight of that interface and target: takes it out of the table when
-/// it was answered or is older than `timeout_ms`. Never waits.
+/// it was answered or is older than `timeout_ms` (B55). Never waits.
 ProbeOutcome collect_probe(const ProbeFamily& family, const std::string& interface,
                            const std::string& target, int timeout_ms);

@@ -18,8 +18,8 @@
 
 namespace {
 
-/// Keeps the socket in its table; a failed one is logged and becomes 0, the number that no socket
-/// of this process ever has.
+/// Keeps the socket in its table; a failed one is logged and becomes 0 (B134), the number that no
+/// socket of this process ever has, for good (B62).
 bool keep_socket(NamespaceTable<int>& table, const std::string& ns_name,
                  const host::OpenedSocket& opened) {
     if (!opened.is_open()) {
@@ -179,6 +179,7 @@ constexpr std::int64_t progress_every_us = 1'000'000;
 
 }  // namespace
 
+// B63: the ICMP type is not looked at.
 bool ExpectedEcho::matches(std::span<const std::uint8_t> datagram) const {
     if (datagram.size() < sizeof(Ipv4Header) + sizeof(IcmpEcho)) {
         return false;

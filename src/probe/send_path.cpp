@@ -12,7 +12,7 @@
 
 namespace {
 
-/// `mac_word` is how the family's message calls the MAC.
+/// `mac_word` is how the family's message calls the MAC (B127).
 void log_link_failure(const host::Link& link, const char* mac_word) {
     const char* reason = strerror(link.error);
     switch (link.failed) {
@@ -98,7 +98,7 @@ FramePath6 find_frame_path6(const std::string& ifname, const std::string& source
     const auto source = parse_ipv6(source_address);
     const auto destination = source ? parse_ipv6(target) : std::nullopt;
     if (!destination) {
-        log_unreadable_address(0);  // the text of the conversion's result, 0
+        log_unreadable_address(0);  // B128: the text of the conversion's result, 0
         path.error = EINVAL;
         return path;
     }
@@ -108,6 +108,7 @@ FramePath6 find_frame_path6(const std::string& ifname, const std::string& source
     return path;
 }
 
+// B44, B45: the words may stand anywhere in the name, and modems take this way for "ping" only.
 bool pings_through_tunnel(const std::string& ifname) {
     return ifname.find("ip4ip4") != std::string::npos || ifname.find("gre") != std::string::npos;
 }
@@ -134,6 +135,7 @@ TunnelPath open_tunnel_path(int sock, const std::string& ifname, const std::stri
     return path;
 }
 
+// B57: the resolved address was a check only.
 std::optional<Ipv4Bytes> digits_destination(const std::string& target) {
     const auto destination = parse_ipv4_in_any_form(target);
     if (!destination) {

@@ -6,8 +6,8 @@
 #include "wire/frames.h"
 
 /// The Internet checksum (RFC 1071) of `data` as a host number; store it through a `Be16`.
-/// Words are read in network order; a byte left over is added as its plain value (every message of
-/// this daemon has an even length, so that case never reaches the wire).
+/// Words are read in network order; a byte left over is added as its plain value (B133; every
+/// message of this daemon has an even length, so that case never reaches the wire).
 std::uint16_t internet_checksum(std::span<const std::uint8_t> data);
 
 /// The ICMPv6 checksum of `message`, whose checksum field is 0: the Internet checksum over the

@@ -58,7 +58,7 @@ struct Ipv6PseudoHeader {
 static_assert(sizeof(Ipv6PseudoHeader) == 40);
 
 /// RFC 792 (type 8) and RFC 4443 (type 128): an echo request that carries the packet identifier,
-/// by which alone its reply is matched, in the first word of its payload.
+/// by which alone its reply is matched (B49), in the first word of its payload.
 struct IcmpEcho {
     std::uint8_t type = 0;
     std::uint8_t code = 0;
@@ -70,7 +70,7 @@ struct IcmpEcho {
 static_assert(sizeof(IcmpEcho) == 12);
 static_assert(offsetof(IcmpEcho, packet_id) == 8);
 
-/// IPv4 echo request on an Ethernet-like interface.
+/// IPv4 echo request on an Ethernet-like interface; its sequence number is 0 (B48).
 struct EchoFrame4 {
     EthernetHeader ethernet;
     Ipv4Header ip;
@@ -79,7 +79,7 @@ struct EchoFrame4 {
 static_assert(sizeof(EchoFrame4) == 46);
 static_assert(offsetof(EchoFrame4, ip) == 14 && offsetof(EchoFrame4, icmp) == 34);
 
-/// IPv4 echo request on a tunnel: the kernel adds the IP header.
+/// IPv4 echo request on a tunnel: the kernel adds the IP header. Its sequence number is 1 (B48).
 struct TunnelEcho4 {
     IcmpEcho icmp;
     std::array<std::uint8_t, 12> padding{};
@@ -96,7 +96,7 @@ static_assert(sizeof(EchoFrame6) == 66);
 static_assert(offsetof(EchoFrame6, icmp) == 54);
 
 /// IPv6 echo request on a tunnel. The time of sending stands before the packet identifier, so the
-/// receiver, which reads the first payload word, does not match the reply.
+/// receiver, which reads the first payload word, does not match the reply. Never sent (B132).
 struct TunnelEcho6 {
     std::uint8_t type = 128;
     std::uint8_t code = 0;
@@ -136,8 +136,7 @@ struct NeighborSolicitation {
     std::uint8_t type = 135;
     std::uint8_t code = 0;
     Be16 checksum;
-    Be16 reserved_high{
-        1000};  // a fixed value of this daemon; RFC 4861 has receivers ignore the field
+    Be16 reserved_high{1000};  // B81: receivers ignore the field
     Be16 reserved_low;
     Ipv6Bytes target{};
     std::uint8_t option_type = 1;
@@ -150,7 +149,7 @@ static_assert(offsetof(NeighborSolicitation, target) == 62);
 static_assert(offsetof(NeighborSolicitation, option_mac) == 80);
 
 /// Neighbour advertisement as the receiver looks at it, RFC 4861, section 4.4: the first option is
-/// taken as the target's link-layer address without a look at its type.
+/// taken as the target's link-layer address without a look at its type (B82).
 struct NeighborAdvertisement {
     EthernetHeader ethernet;
     Ipv6Header ip;

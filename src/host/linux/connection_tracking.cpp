@@ -25,7 +25,8 @@ namespace {
 constexpr std::size_t largest_buffer = 8192;
 constexpr std::uint32_t record_lifetime_s = 32;
 constexpr std::uint16_t new_record_type = NFNL_SUBSYS_CTNETLINK << 8U | IPCTNL_MSG_CT_NEW;
-// Request, acknowledge, replace, create: a record that exists already is renewed, not refused.
+// Request, acknowledge, replace, create: a record that exists already is renewed, not refused
+// (B85).
 constexpr std::uint16_t new_record_flags = NLM_F_REQUEST | NLM_F_ACK | NLM_F_REPLACE | NLM_F_CREATE;
 static_assert(new_record_type == 0x0100 && new_record_flags == 0x0505);
 
@@ -57,7 +58,7 @@ bool set_ipv6_address(nf_conntrack* record, nf_conntrack_attr attribute,
                       const std::string& address) {
     const auto binary = parse_ipv6(address);
     if (!binary) {
-        // The message has the text of the conversion's result, 0, and not of an error.
+        // B128: the message has the text of the conversion's result, 0, and not of an error.
         LOG_ERROR("inet_pton() failed.\nError message: %s", strerror(0));
         return false;
     }
@@ -117,7 +118,7 @@ bool exchange(mnl_socket* handle, const std::string& source, const std::string& 
 
     const Record record(nfct_new());
     if (!record) {
-        // The text names the extra header, though the allocation failed: it is a fixed message.
+        // B128: the text names the extra header, though the allocation failed.
         plain_syslog(3, "<%s> mnl_nlmsg_put_extra_header: %s", function_name, strerror(errno));
         return false;
     }

@@ -48,7 +48,7 @@ ArpEntry ask_arp_entry(const Ipv4Bytes& address, const std::string& ifname) {
     return entry;
 }
 
-// The hardware family stays 0: the kernel takes it from the device.
+// The hardware family stays 0 (B78): the kernel takes it from the device.
 ArpWritten write_arp_entry(const Ipv4Bytes& address, std::span<const std::uint8_t> hardware,
                            const std::string& ifname) {
     const int query = query_socket();

@@ -1,9 +1,12 @@
 """How fast lbroute is, and that it sleeps otherwise (topology: route_scene.py)."""
+import os
 import time
 
 from kit import expect, main
 from kit.lbroute import NextHopMonitor, own_objects, own_routes, route, status
 from route_scene import DEFAULT, GATEWAYS, RouteTest
+
+BUCKETS_OF_TEN = 2048
 
 
 class Pace(RouteTest):
@@ -27,10 +30,29 @@ class Pace(RouteTest):
         prefixes = [f"10.{number}.0.0/16" for number in range(10)]
         self.write(*(route(prefix, *GATEWAYS[:2]) for prefix in prefixes))
         self.start()
-        times_ms = [self.ms_to_the_kernel(prefixes, GATEWAYS[1:] if turn % 2 else GATEWAYS[:1])
-                    for turn in range(10)]
-        # The best of some: others run on this machine too.
-        self.assertLess(min(times_ms), 20, times_ms)
+        busy = os.getloadavg()[0] > os.cpu_count()
+        times_ms, kernel_ms = [], []
+        for turn in range(10):
+            kernel_ms.append(self.ms_of_the_kernel_alone(len(prefixes), turn))
+            times_ms.append(self.ms_to_the_kernel(prefixes, GATEWAYS[1:] if turn % 2 else GATEWAYS[:1]))
+        # The best of some: others run on this machine too. Where they keep it busy, the kernel itself
+        # is slow to replace groups: it waits for every processor each time.
+        allowed_ms = 20 + (min(kernel_ms) if busy else 0)
+        self.assertLess(min(times_ms), allowed_ms, (times_ms, kernel_ms))
+
+    def ms_of_the_kernel_alone(self, count, turn):
+        """What ip(8) takes to replace so many groups of others, as large as ours, in one run."""
+        members = ("1/2", "1/2/3/4")
+        lines = [f"nexthop replace id {1000 + number} group {members[turn % 2]} type resilient "
+                 f"buckets {BUCKETS_OF_TEN}" for number in range(count)]
+        path = os.path.join(self.folder, "batch")
+        with open(path, "w", encoding="ascii") as file:
+            hops = [] if turn else [f"nexthop add id {number} via {GATEWAYS[number % 2]} "
+                                    f"dev gi1_{number % 2 + 1}" for number in range(1, 5)]
+            file.write("\n".join(hops + lines) + "\n")
+        began = time.monotonic()
+        self.router.ip(f"-batch {path}")
+        return (time.monotonic() - began) * 1000
 
     def ms_to_the_kernel(self, prefixes, gateways):
         """From a changed fragment and its signal to the last group's replacement."""

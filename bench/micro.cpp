@@ -11,13 +11,13 @@
 #include "config/str_proc.h"
 #include "decision/lb_decision.h"
 #include "decision/route_text.h"
-#include "net/checksum.h"
-#include "net/frame_builder.h"
+#include "host/log.h"
 #include "output/records.h"
 #include "output/report_text.h"
-#include "platform/log.h"
 #include "probe/lb_test_icmp.h"
-#include "probe/pending_probes.h"
+#include "probe/probes_in_flight.h"
+#include "wire/checksum.h"
+#include "wire/frame_builder.h"
 
 namespace {
 

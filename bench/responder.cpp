@@ -15,10 +15,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "net/bytes.h"
-#include "net/checksum.h"
-#include "net/frames.h"
-#include "net/sockets.h"
+#include "host/linux/frame_receiver.h"
+#include "wire/bytes.h"
+#include "wire/checksum.h"
+#include "wire/frames.h"
 
 namespace {
 
@@ -55,7 +55,7 @@ int main(int argc, char* argv[]) {
         fprintf(stderr, "usage: responder INTERFACE\n");
         return 1;
     }
-    const Fd link = open_packet_receiver(ETH_P_IP, pass_echo_requests);
+    const Fd link = open_frame_receiver(ETH_P_IP, pass_echo_requests);
     sockaddr_ll place{};
     place.sll_family = AF_PACKET;
     place.sll_protocol = htons(ETH_P_IP);

@@ -1,9 +1,9 @@
 // ARP frames from senders that nobody asked for.
 #include "fuzz/input.h"
-#include "host/arp_receiver.h"
+#include "probe/lb_arp.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    AskedAddresses asked;
-    take_arp_frame({data, size}, asked);
+    AskedAddresses targets;
+    handle_arp_frame({data, size}, targets);
     return 0;
 }

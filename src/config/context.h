@@ -2,6 +2,7 @@
 
 #include <string>
 
+class HostView;
 class LoadBalance;
 class LBArp;
 class LBNeighbor;
@@ -14,4 +15,5 @@ struct context {
     LBNeighbor* neighbor = nullptr;  ///< set in an IPv6 context only
     bool ipv6 = false;
     std::string* ns_name = nullptr;  ///< empty: the default namespace
+    HostView* view = nullptr;        ///< what the worker knows of its host in this pass
 };

@@ -34,5 +34,5 @@ std::span<const Keyword> all_keywords();
 bool is_interface_keyword(std::string_view key);
 
 /// A number as the loader reads it: decimal digits up to the first other character, taken as a
-/// signed 32-bit number; "12x" reads 12 and letters alone read 0.
+/// signed 32-bit number; "12x" reads 12 and letters alone read 0 (B31).
 int configured_number(const std::string& value);

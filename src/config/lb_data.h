@@ -20,14 +20,15 @@ class LBRule {
     /// Destination prefix -> next hop chosen in the last run of a failover rule. Written by the
     /// worker that `chooses_for` names (config/live_state.h).
     std::map<std::string, std::string> chosen_nexthops;
-    /// (kernel interface name, is IPv6) -> weight; a member with weight 0 is never routed.
+    /// (kernel interface name, is IPv6) -> weight; a member with weight 0 is never routed (B107).
     std::map<std::pair<std::string, bool>, int> interfaces;
 
     /// True when the rule has a member interface of the family.
     bool has_member(bool of_ipv6) const;
 };
 
-/// A rule is an IPv4 rule when its name holds "ipv4", else an IPv6 rule.
+/// A rule is an IPv4 rule when its name holds "ipv4", else an IPv6 rule (B40). Its members decide
+/// in which family it is routed (B109).
 bool is_ipv4_rule(const std::string& rule_name);
 
 /// True when the worker of the family keeps the rule's `chosen_nexthops`: the rule's own family, or
@@ -43,8 +44,8 @@ class LBData {
     LBData(const LBData&) = default;
     ~LBData() = default;
 
-    std::map<std::string, LBRule> rules;              ///< by the rule's name, for example 1_ipv4
-    std::map<std::string, LBHealth> health;           ///< IPv4 interfaces by kernel name
+    std::map<std::string, LBRule> rules;              ///< by name, for example 1_ipv4 (B41)
+    std::map<std::string, LBHealth> health;           ///< IPv4 interfaces by kernel name (B33)
     std::map<std::string, LBHealth> health6;          ///< IPv6 interfaces by kernel name
     std::map<std::string, std::string> last_routes4;  ///< per namespace: the text last written
     std::map<std::string, std::string> last_routes6;
@@ -62,6 +63,7 @@ class LBData {
     /// Empty for an unknown interface.
     std::string get_interface_namespace(const std::string& ifname, context* ctx) const;
 
+    /// The rest is defined in decision/lb_data_state.cpp and decision/next_hops.cpp.
     /// Starts a cycle: no interface of the worker has changed yet.
     void reset_state_changed(context* ctx);
     /// Reads the next hops of "dhcp" interfaces from the lease files of the DHCP clients.
@@ -69,12 +71,12 @@ class LBData {
     /// Asks the kernel for the peers of "tunnel" interfaces.
     void update_tunnel_nexthop(context* ctx);
 
-    /// Diagnostics: interface name -> "ACTIVE" or "FAILED" of every interface of the worker's
-    /// family that changed in this cycle.
+    /// Diagnostics that nothing in the daemon calls (B132). Interface name -> "ACTIVE" or "FAILED"
+    /// of every interface of the worker's family that changed in this cycle.
     Changes state_changed(context* ctx);
     void check_state(Changes* changes, std::map<std::string, LBHealth>::iterator entry,
                      context* ctx);
-    /// Diagnostics: prints interfaces and rules on standard output.
+    /// Prints interfaces and rules on standard output.
     void dump(context* ctx);
     void dump_h_iter(std::map<std::string, LBHealth>::iterator entry, context* ctx);
 };

@@ -3,21 +3,16 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "config/probe_maker.h"
 #include "config/str_proc.h"
-#include "platform/log.h"
+#include "host/files.h"
+#include "host/log.h"
 
 namespace {
 
 constexpr int stack_size = 32;
-constexpr std::size_t line_buffer_size = 1024;  // a longer line is read as several
-
-struct CloseFile {
-    void operator()(FILE* file) const { fclose(file); }
-};
-using File = std::unique_ptr<FILE, CloseFile>;
+constexpr std::size_t line_buffer_size = 1024;  // B29: a longer line is read as several
 
 /// The keywords that opened the enclosing blocks. Brackets can drive the depth outside the stack
 /// within one line; a word there acts on nothing.
@@ -36,10 +31,11 @@ struct BlockStack {
 struct Statement {
     std::string key;
     std::string value;
-    std::string surplus;  // the first of the words that are ignored
+    std::string surplus;  // B30: the first of the words that are ignored
 };
 
-/// The text between the first and the last double quote; with one quote only, the rest of the line.
+/// B26: the text between the first and the last double quote; with one quote only, the rest of the
+/// line.
 std::string quoted_part(const std::string& line) {
     const std::size_t first = line.find('"');
     const std::size_t last = line.rfind('"');
@@ -51,7 +47,7 @@ Statement read_words(const std::vector<std::string>& words, const std::string& l
     const bool is_quoted = line.find('"') != std::string::npos;
     Statement statement;
     for (const std::string& word : words) {
-        if (word == "{") {
+        if (word == "{") {  // B25: a bracket is a word, also between quotes
             ++blocks.depth;
             continue;
         }
@@ -88,7 +84,7 @@ std::string without_comment(const char* read) {
 }  // namespace
 
 bool LBDataFactory::load(const std::string& path) {
-    const File file(fopen(path.c_str(), "re"));
+    const host::File file = host::open_file(path, "r");
     if (file == nullptr) {
         LOG_ERROR("wan_lb: configuration file not found: %s", path.c_str());
         return false;
@@ -111,7 +107,7 @@ bool LBDataFactory::load(const std::string& path) {
             observer->statement({blocks.keywords, blocks.depth, statement.key, statement.value,
                                  statement.surplus, handled});
         }
-        if (!blocks.is_inside()) {
+        if (!blocks.is_inside()) {  // B23: judged when the line has acted
             LOG_WARNING("Malformed configuration file: brackets");
             return false;
         }
@@ -120,7 +116,7 @@ bool LBDataFactory::load(const std::string& path) {
         LOG_WARNING("Configuration error due to mismatched brackets");
         return false;
     }
-    add_default_probes();
+    add_default_probes();  // B22: not after a fault of the brackets
     return true;
 }
 

@@ -14,7 +14,7 @@
 ///
 /// `load` splits each line, keeps the stack of keywords that opened the enclosing blocks and hands
 /// the line to `process`, which acts on the entry that the latest enclosing line made current.
-/// Unknown keywords are ignored; a bad value is reported and skipped; neither fails the load.
+/// Unknown keywords are ignored (B21); a bad value is reported and skipped; neither fails the load.
 /// Used by one thread, before the workers start.
 class LBDataFactory {
   public:

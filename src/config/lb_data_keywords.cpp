@@ -9,7 +9,7 @@
 #include "config/lb_data_factory.h"
 #include "config/namespaces.h"
 #include "config/probe_maker.h"
-#include "platform/log.h"
+#include "host/log.h"
 
 namespace {
 
@@ -91,6 +91,7 @@ Handled LBDataFactory::process_health(const std::string& /*key*/, const std::str
     if (value.empty()) {
         return Handled::ignored;
     }
+    // B32, B33: a name that stands twice is one interface, whatever the namespaces.
     const auto [entry, is_new] = data.family(ipv6).try_emplace(value, value, ipv6);
     cur_health = entry;
     cur_test.reset();
@@ -122,7 +123,7 @@ Handled LBDataFactory::process_health_interface(const std::string& key, const st
     } else if (key == "source_address") {
         health.source_address = value;
     } else if (key == "check_all") {
-        health.check_all = true;
+        health.check_all = true;  // B38: whatever the value
     } else if (key == "namespace") {
         health.namespace_name = value;
         namespaces.insert(value);
@@ -132,8 +133,8 @@ Handled LBDataFactory::process_health_interface(const std::string& key, const st
     return Handled::acted;
 }
 
-// Every line at this depth sets the number: the closing bracket of a type block sets it to 0, so a
-// second type block in one rule gets a number of its own.
+// B34: every line at this depth sets the number. The closing bracket of a type block sets it to 0,
+// so a second type block in one rule gets a number of its own.
 Handled LBDataFactory::process_health_interface_rule(const std::string& key,
                                                      const std::string& value) {
     cur_test_no = configured_number(value);
@@ -161,7 +162,7 @@ Handled LBDataFactory::process_health_probe(const std::string& key, const std::s
 namespace {
 
 /// Makes the probe that has the number the current one, if any. A new probe is stored unless the
-/// number is taken.
+/// number is taken (B32), and a word that makes none leaves the number's probe current (B35).
 template <class Probe>
 Handled keep_first(std::map<int, Probe*>& probes, int test_no, Probe* probe,
                    std::optional<typename std::map<int, Probe*>::iterator>& current) {
@@ -183,7 +184,7 @@ Handled LBDataFactory::process_health_interface_rule_type(const std::string& /*k
     if (!health.ipv6) {
         return keep_first(health.tests, cur_test_no, make_probe(value), cur_test);
     }
-    // A word that makes no IPv6 probe leaves the current one as it is.
+    // B36: a word that makes no IPv6 probe leaves the current one as it is.
     LBTest6* const probe = make_probe6(value);
     return probe == nullptr ? Handled::ignored
                             : keep_first(health.tests6, cur_test_no, probe, cur_test6);
@@ -201,7 +202,7 @@ Handled LBDataFactory::process_health_interface_rule_type_target(const std::stri
     } else {
         set_probe_target(*(*cur_test)->second, value);
     }
-    health.history.last_resp[value] = -1;
+    health.history.last_resp[value] = -1;  // B37: also beside an earlier target of the probe
     return Handled::acted;
 }
 
@@ -272,14 +273,14 @@ Handled LBDataFactory::process_rule_line(const std::vector<std::string>& stack, 
     return process_rule(key, value);
 }
 
-// Any key acts here as "rule" does: a line that lacks its block makes a rule of its own.
+// B42: any key acts here as "rule" does, so a line that lacks its block makes a rule of its own.
 Handled LBDataFactory::process_rule(const std::string& key, const std::string& value) {
     if (key.empty()) {
         return Handled::ignored;
     }
     if (configured_number(value) < 1) {
         LOG_WARNING("Illegal rule number: %s", value.c_str());
-        return Handled::refused;
+        return Handled::refused;  // B43: the rule before stays the current one
     }
     const auto [entry, is_new] = data.rules.try_emplace(value);
     cur_rule = entry;
@@ -345,6 +346,6 @@ Handled LBDataFactory::process_rule_failover(const std::string& /*key*/,
     if (!cur_rule) {
         return Handled::ignored;
     }
-    (*cur_rule)->second.failover = 1;
+    (*cur_rule)->second.failover = 1;  // B38: whatever the value
     return Handled::acted;
 }

@@ -5,4 +5,4 @@
 
 /// Every namespace name met in the configuration, and the empty name of the default namespace once
 /// the configuration is loaded. Filled by the main thread, complete before any other thread starts.
-extern std::set<std::string> namespaces;
+inline std::set<std::string> namespaces;

@@ -6,7 +6,7 @@ class LBTest;
 class LBTest6;
 
 /// What the loader asks of the probes without knowing them. The answers stand in the probe room
-/// (probe/probe_maker.cpp): that keeps the records and the loader below the probes.
+/// (probe/maker.cpp): that keeps the records and the loader below the probes.
 ///
 /// Probes are never freed while the process lives; `discard_probe` is for one that nobody refers
 /// to yet.

@@ -6,8 +6,8 @@
 /// Splits a line into words.
 ///
 /// Tabs count as four blanks, the first line feed is dropped, and runs of the delimiter give no
-/// empty words. The delimiter is replaced by "~" first, so a "~" in the text separates words too.
-/// Carriage returns stay on their word.
+/// empty words. The delimiter is replaced by "~" first, so a "~" in the text separates words too
+/// (B27). Carriage returns stay on their word (B28).
 class StrProc {
   public:
     StrProc(const std::string& text, const std::string& delim);

@@ -6,38 +6,38 @@
 #include <iostream>
 
 CommandLine read_command_line(int argc, char* const argv[]) {
-    CommandLine asked;
+    CommandLine options;
     int option = 0;
     while ((option = getopt(argc, argv, "f:hti:o:dv")) != -1) {
         switch (option) {
             case 'f':
-                asked.conf_path = optarg;
+                options.conf_path = optarg;
                 break;
             case 't':
-                asked.is_test = true;
+                options.is_test = true;
                 break;
             case 'i':
-                asked.pid_path = optarg;
+                options.pid_path = optarg;
                 break;
             case 'o':
-                asked.output_dir = optarg;
+                options.output_dir = optarg;
                 break;
             case 'd':
-                asked.is_daemon = true;
+                options.is_daemon = true;
                 break;
-            case 'v':  // accepted for the sake of old start scripts
+            case 'v':  // B4: accepted, and means nothing
                 break;
-            default:
-                asked.wants_usage = true;
-                return asked;
+            default:  // B2: an unknown option is a call for help
+                options.wants_usage = true;
+                return options;
         }
     }
-    return asked;
+    return options;
 }
 
 void print_usage() {
     static constexpr std::array lines{
-        "lb -ftviodh",
+        "lb -ftviodh",  // B3, B4: "directory" below is the file, and -v is not explained
         "  -f [file] configuration file",
         "  -t load configuration file only and exit",
         "  -i specify location of pid directory",

@@ -1,12 +1,9 @@
 #include "core/load_balance.h"
 
-#include <chrono>
-#include <thread>
-
-#include "host/interface_name.h"
-#include "platform/log.h"
+#include "config/interface_name.h"
+#include "host/clock.h"
+#include "host/log.h"
 #include "probe/lb_test.h"
-#include "probe/lb_test6.h"
 
 LoadBalance::LoadBalance(std::string& output_dir) : status_output(output_dir) {}
 
@@ -44,23 +41,11 @@ void LoadBalance::print_init_interfaces_state(context* ctx) {
     }
 }
 
-namespace {
-
-template <class Probes>
-void init_probes(const Probes& probes, context* ctx) {
-    for (const auto& [number, probe] : probes) {
-        probe->init(ctx);
-    }
-}
-
-}  // namespace
-
 void LoadBalance::init_tests_in_namespace(context* ctx) {
     for (const bool ipv6 : {false, true}) {
         for (const auto& [name, health] : data.family(ipv6)) {
             if (health.namespace_name == *ctx->ns_name) {
-                init_probes(health.tests, ctx);
-                init_probes(health.tests6, ctx);
+                for_each_probe(health, [ctx](int, Probe& probe) { probe.init(ctx); });
             }
         }
     }
@@ -78,8 +63,9 @@ void LoadBalance::output(context* ctx) {
     status_output.write(data, ctx);
 }
 
+// B19: a cycle lasts a second longer than its work.
 void LoadBalance::sleep(context* /*ctx*/) {
-    std::this_thread::sleep_for(std::chrono::seconds(1));
+    sleep_ms(1000);
 }
 
 bool LoadBalance::start_cycle(context* ctx) {

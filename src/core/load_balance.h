@@ -23,18 +23,18 @@ class LoadBalance {
     explicit LoadBalance(std::string& output_dir);
     LoadBalance(const LoadBalance&) = delete;
     LoadBalance& operator=(const LoadBalance&) = delete;
-    /// Removes the status files.
+    /// Removes the status files (B16).
     ~LoadBalance();
 
-    /// Loads the configuration. Always true: the loader has reported what it did not like, and the
-    /// engine runs with what was loaded.
+    /// Loads the configuration. Always true (B10): the loader has reported what it did not like,
+    /// and the engine runs with what was loaded.
     bool set_conf(const std::string& path);
     /// Tells which namespaces and families have interfaces and rules.
     void check_before_start(NamespaceNeeds& check);
 
-    /// Reports every interface of the worker as inactive: nothing is proven yet.
+    /// Reports every interface of the worker as inactive: nothing is proven yet (B13).
     void print_init_interfaces_state(context* ctx);
-    /// Makes the probes of the worker's namespace ready, those of the sibling family too.
+    /// Makes the probes of the worker's namespace ready, those of the sibling family too (B136).
     void init_tests_in_namespace(context* ctx);
 
     /// The steps of a cycle, in this order; the last one always asks for one more cycle.
@@ -49,5 +49,5 @@ class LoadBalance {
     LBPathTest path_test;
     LBDecision decision;
     LBOutput status_output;
-    int lb_spare = 5000;
+    int lb_spare = 5000;  ///< used by nothing (B132)
 };

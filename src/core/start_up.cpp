@@ -1,6 +1,5 @@
 #include "core/start_up.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -9,13 +8,14 @@
 #include <string>
 #include <vector>
 
+#include "base/thread.h"
 #include "config/namespaces.h"
 #include "core/command_line.h"
-#include "core/pid_file.h"
-#include "core/standard_streams.h"
+#include "core/process.h"
 #include "core/workers.h"
-#include "platform/crash_report.h"
-#include "platform/log.h"
+#include "host/clock.h"
+#include "host/crash_report.h"
+#include "host/log.h"
 
 namespace {
 
@@ -25,7 +25,8 @@ void report_crashes(const char* program) {
     backtrace_install_signal_handlers();
 }
 
-/// The child goes on; the parent, and a process that could not fork, exits.
+/// The child goes on, on streams of its own and otherwise as it was (B8); the parent, and a process
+/// that could not fork (B9), exits.
 void go_to_background() {
     const pid_t child = fork();
     if (child != 0) {
@@ -35,8 +36,9 @@ void go_to_background() {
     leave_standard_streams();
 }
 
-/// The namespaces that have anything to do, the default one first. Afterwards `namespaces_check`
-/// holds every key that a namespace thread asks for, so that the threads only read it.
+/// The namespaces that have anything to do, the default one (B18) first. Afterwards
+/// `namespaces_check` holds every key that a namespace thread asks for, so that the threads only
+/// read it.
 std::vector<std::string> find_namespaces_with_work(LoadBalance& lb) {
     lb.check_before_start(namespaces_check);
     namespaces.insert("");
@@ -57,17 +59,17 @@ std::vector<std::unique_ptr<namespace_arg>>& kept_arguments() {
     return *kept;
 }
 
-std::vector<pthread_t> start_namespace_threads(LoadBalance& lb) {
-    std::vector<pthread_t> threads;
+std::vector<JoinedThread> start_namespace_threads(LoadBalance& lb) {
+    std::vector<JoinedThread> threads;
     for (const std::string& name : find_namespaces_with_work(lb)) {
         auto& argument = kept_arguments().emplace_back(new namespace_arg{&lb, name});
-        pthread_t thread{};
-        if (pthread_create(&thread, nullptr, work_in_namespace, argument.get()) != 0) {
+        const auto thread = JoinedThread::start(work_in_namespace, argument.get());
+        if (!thread) {
             LOG_WARNING("Can't create new thread for VRF %s", name.c_str());
             // Without destructors: the threads that run already use what those would destroy.
-            _exit(255);
+            _exit(255);  // B1: the one status that is not 0
         }
-        threads.push_back(thread);
+        threads.push_back(*thread);
     }
     return threads;
 }
@@ -77,40 +79,42 @@ std::vector<pthread_t> start_namespace_threads(LoadBalance& lb) {
 void run_process(int argc, char* argv[]) {
     hold_standard_streams();
     report_crashes(argv[0]);
-    CommandLine asked = read_command_line(argc, argv);
-    if (asked.wants_usage) {
+    CommandLine options = read_command_line(argc, argv);
+    if (options.wants_usage) {
         print_usage();
         exit(0);
     }
-    if (asked.conf_path.empty()) {
+    if (options.conf_path.empty()) {
+        // B5: it is the option that is missing or empty.
         std::cout << "Configuration file is empty" << std::endl;
         exit(0);
     }
-    if (asked.is_daemon) {
+    if (options.is_daemon) {
         go_to_background();
     }
-    if (!asked.pid_path.empty()) {
-        pid_output(asked.pid_path.c_str());
+    // B7: before the configuration, and so also for a test run.
+    if (!options.pid_path.empty()) {
+        pid_output(options.pid_path.c_str());
     }
-    auto lb = std::make_unique<LoadBalance>(asked.output_dir);
-    if (!lb->set_conf(asked.conf_path)) {
-        LOG_ERROR("wan_lb: error loading configuration file: %s", asked.conf_path.c_str());
+    auto lb = std::make_unique<LoadBalance>(options.output_dir);
+    if (!lb->set_conf(options.conf_path)) {
+        LOG_ERROR("wan_lb: error loading configuration file: %s", options.conf_path.c_str());
         exit(0);
     }
-    if (asked.is_test) {
+    if (options.is_test) {
         exit(0);
     }
     send_signal_live(1, 2);
     set_timeout(&wd_timeout);
-    for (const pthread_t thread : start_namespace_threads(*lb)) {
-        pthread_join(thread, nullptr);
+    for (const JoinedThread& thread : start_namespace_threads(*lb)) {
+        thread.join();
     }
     delete lb.release();  // reset() would not let a thread's end through
-    // To have nothing to do is no standstill. A worker that is needed but could not be started, or
-    // whose namespace is missing, is: the service manager then starts the daemon anew.
+    // B11: to have nothing to do is no standstill. A worker that is needed but could not be
+    // started, or whose namespace is missing, is: the service manager then starts the daemon anew.
     const bool is_content = !is_any_worker_needed();
     while (true) {
-        sleep(4);
+        sleep_ms(4000);
         if (is_content) {
             report_progress();
         }

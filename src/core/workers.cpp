@@ -1,17 +1,12 @@
 #include "core/workers.h"
 
-#include <fcntl.h>
-#include <pthread.h>
-#include <sched.h>
-
 #include <algorithm>
 #include <memory>
 #include <optional>
 
-#include "host/lb_arp.h"
-#include "host/lb_neighbor.h"
-#include "net/fd.h"
-#include "platform/log.h"
+#include "base/thread.h"
+#include "host/log.h"
+#include "host/namespaces.h"
 
 NamespaceNeeds namespaces_check;
 bool g_check_path = false;
@@ -20,22 +15,23 @@ wd_record wd_shift{};
 
 namespace {
 
-/// Moves the calling thread, and so the threads that it starts, into the namespace.
-bool enter_namespace(const std::string& ns_name) {
-    if (ns_name.empty()) {
+/// B17: once, for the life of the process.
+bool enter(const std::string& ns_name) {
+    if (ns_name.empty()) {  // B18: the one that the process was started in
         return true;
     }
-    const std::string path = "/var/run/netns/" + ns_name;
-    const Fd opened(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!opened.is_open()) {
-        LOG_ERROR("wan_lb, can't open %s", path.c_str());
-        return false;
+    const std::string path = namespace_file(ns_name);
+    switch (host::enter_namespace(path)) {
+        case host::NamespaceEntry::entered:
+            return true;
+        case host::NamespaceEntry::not_opened:
+            LOG_ERROR("wan_lb, can't open %s", path.c_str());
+            return false;
+        case host::NamespaceEntry::refused:
+            LOG_ERROR("wan_lb, setns failed");
+            return false;
     }
-    if (setns(opened.get(), 0) != 0) {
-        LOG_ERROR("wan_lb, setns failed");
-        return false;
-    }
-    return true;
+    return false;
 }
 
 bool needs_worker(const std::string& ns_name, int family) {
@@ -45,21 +41,30 @@ bool needs_worker(const std::string& ns_name, int family) {
                .needs_worker();
 }
 
-std::optional<pthread_t> start_worker(context& ctx) {
-    pthread_t worker{};
-    if (pthread_create(&worker, nullptr, main_work, &ctx) != 0) {
-        LOG_WARNING("Can't create new thread for IPv%d VRF %s", ctx.ipv6 ? 6 : 4,
-                    ctx.ns_name->c_str());
-        return std::nullopt;
+/// A worker and its thread, where the family needs one (B12). The workers never end, so the
+/// namespace thread's frame holds what they use for the life of the process.
+struct WorkerThread {
+    WorkerThread(LoadBalance& lb, const std::string& ns_name, bool is_ipv6) {
+        if (!needs_worker(ns_name, is_ipv6 ? 1 : 0)) {
+            return;
+        }
+        worker = std::make_unique<Worker>(lb, ns_name, is_ipv6);
+        thread = JoinedThread::start(main_work, &worker->ctx);
+        if (!thread) {
+            LOG_WARNING("Can't create new thread for IPv%d VRF %s", is_ipv6 ? 6 : 4,
+                        ns_name.c_str());
+        }
     }
-    return worker;
-}
+    void join() {
+        if (thread) {
+            thread->join();
+        }
+        worker.reset();
+    }
 
-void join(const std::optional<pthread_t>& worker) {
-    if (worker) {
-        pthread_join(*worker, nullptr);
-    }
-}
+    std::unique_ptr<Worker> worker;
+    std::optional<JoinedThread> thread;
+};
 
 }  // namespace
 
@@ -69,51 +74,59 @@ bool is_any_worker_needed() {
     });
 }
 
+std::string namespace_file(const std::string& ns_name) {
+    return "/var/run/netns/" + ns_name;
+}
+
+Worker::Worker(LoadBalance& lb, const std::string& ns_name, bool is_ipv6) : name_(ns_name) {
+    ctx = {.lb = &lb, .ipv6 = is_ipv6, .ns_name = &name_};
+    if (is_ipv6) {
+        neighbor_ = std::make_unique<LBNeighbor>();
+        neighbor_->init(ns_name);
+        ctx.neighbor = neighbor_.get();
+        ctx.view = &neighbor_->view;
+    } else {
+        arp_ = std::make_unique<LBArp>();
+        arp_->init(ns_name);
+        ctx.arp = arp_.get();
+        view_ = std::make_unique<HostView>();
+        ctx.view = view_.get();
+    }
+}
+
+void begin_work(context* ctx) {
+    ctx->lb->print_init_interfaces_state(ctx);
+    ctx->lb->init_tests_in_namespace(ctx);
+}
+
+void work_once(context* ctx) {
+    ctx->lb->health_test(ctx);
+    ctx->lb->apply_rules(ctx);
+    ctx->lb->output(ctx);
+}
+
+bool begin_next_cycle(context* ctx) {
+    send_and_shift_timeout(&wd_timeout, &wd_shift, 2);
+    return ctx->lb->start_cycle(ctx);
+}
+
 void* work_in_namespace(void* arg) {
     const auto& start = *static_cast<const namespace_arg*>(arg);
-    if (!enter_namespace(start.ns_name)) {
-        return nullptr;
+    if (enter(start.ns_name)) {
+        WorkerThread worker4(*start.lb, start.ns_name, false);
+        WorkerThread worker6(*start.lb, start.ns_name, true);
+        worker4.join();
+        worker6.join();
     }
-    // The workers never end, so this frame holds what they use for the life of the process.
-    std::string name4 = start.ns_name;
-    std::string name6 = start.ns_name;
-    context ctx4{.lb = start.lb, .ipv6 = false, .ns_name = &name4};
-    context ctx6{.lb = start.lb, .ipv6 = true, .ns_name = &name6};
-    std::unique_ptr<LBArp> arp;
-    std::unique_ptr<LBNeighbor> neighbor;
-    std::optional<pthread_t> worker4;
-    std::optional<pthread_t> worker6;
-
-    if (needs_worker(start.ns_name, 0)) {
-        arp = std::make_unique<LBArp>();
-        arp->init(start.ns_name);
-        ctx4.arp = arp.get();
-        worker4 = start_worker(ctx4);
-    }
-    if (needs_worker(start.ns_name, 1)) {
-        neighbor = std::make_unique<LBNeighbor>();
-        neighbor->init(start.ns_name);
-        ctx6.neighbor = neighbor.get();
-        worker6 = start_worker(ctx6);
-    }
-    join(worker4);
-    arp.reset();
-    join(worker6);
-    neighbor.reset();
     return nullptr;
 }
 
 void* main_work(void* argument) {
     auto* ctx = static_cast<context*>(argument);
-    LoadBalance& lb = *ctx->lb;
-    lb.print_init_interfaces_state(ctx);
-    lb.init_tests_in_namespace(ctx);
+    begin_work(ctx);
     do {
-        lb.health_test(ctx);
-        lb.apply_rules(ctx);
-        lb.output(ctx);
-        lb.sleep(ctx);
-        send_and_shift_timeout(&wd_timeout, &wd_shift, 2);
-    } while (lb.start_cycle(ctx));
+        work_once(ctx);
+        ctx->lb->sleep(ctx);
+    } while (begin_next_cycle(ctx));
     return nullptr;
 }

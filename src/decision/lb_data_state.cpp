@@ -2,13 +2,12 @@
 
 #include <iostream>
 
+#include "config/interface_name.h"
 #include "config/lb_data.h"
 #include "config/live_state.h"
-#include "host/interface_name.h"
-#include "platform/clock.h"
-#include "platform/log.h"
+#include "host/clock.h"
+#include "host/log.h"
 #include "probe/lb_test.h"
-#include "probe/lb_test6.h"
 
 bool LBData::is_active(const std::string& ifname, context* ctx) const {
     const auto& interfaces = family(ctx->ipv6);
@@ -30,6 +29,9 @@ void LBData::reset_state_changed(context* ctx) {
         }
     }
 }
+
+// From here on diagnostics that nothing in the daemon calls (B132). Since nothing calls
+// `check_state`, no record ever gets a `last_change`: reports and dumps show 1970 (B112).
 
 LBData::Changes LBData::state_changed(context* ctx) {
     Changes changes;
@@ -73,27 +75,14 @@ void LBData::dump(context* ctx) {
     std::cout << "end dump" << std::endl;
 }
 
-namespace {
-
-template <class Probes>
-void dump_probes(const Probes& probes, context* ctx) {
-    for (const auto& [number, probe] : probes) {
-        std::cout << "    test: " << number << std::endl
-                  << "      " << probe->dump(ctx) << std::endl;
-    }
-}
-
-}  // namespace
-
 void LBData::dump_h_iter(std::map<std::string, LBHealth>::iterator entry, context* ctx) {
     const LBHealth& shown = entry->second;
     std::cout << "  interface: " << entry->first << std::endl
               << "    nexthop: " << shown.nexthop << std::endl
               << "    success ct: " << shown.success_ct << std::endl
               << "    failure ct: " << shown.failure_ct << std::endl;
-    if (shown.ipv6) {
-        dump_probes(shown.tests6, ctx);
-    } else {
-        dump_probes(shown.tests, ctx);
-    }
+    for_each_probe(shown, [ctx](int number, Probe& probe) {
+        std::cout << "    test: " << number << std::endl
+                  << "      " << probe.dump(ctx) << std::endl;
+    });
 }

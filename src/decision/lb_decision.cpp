@@ -1,17 +1,16 @@
 #include "decision/lb_decision.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
 #include <limits>
-#include <memory>
 #include <utility>
 
 #include "config/live_state.h"
 #include "decision/route_text.h"
-#include "platform/log.h"
+#include "host/files.h"
+#include "host/log.h"
 
 namespace {
 
@@ -24,7 +23,7 @@ const std::string* usable_nexthop(const LBHealth& health, const LBRule& rule,
     if (!is_candidate) {
         return nullptr;
     }
-    // A member whose configured weight is 0 is never routed, on purpose.
+    // B107: a member whose weight is 0, which is what a missing line leaves, is never routed.
     const auto weight = weights.find(health.name);
     const bool is_weighted = weight != weights.end() && weight->second != 0;
     const bool is_learning = health.nexthop == "dhcp" || health.nexthop == "tunnel";
@@ -34,7 +33,7 @@ const std::string* usable_nexthop(const LBHealth& health, const LBRule& rule,
     return &health.effective_nexthop();
 }
 
-/// Leaves the heaviest interface only, among equals the first by name.
+/// Leaves the heaviest interface only, among equals the first by name (B108).
 void keep_best(LBDecision::Weights& weights, int heaviest) {
     std::erase_if(weights, [heaviest](const auto& entry) { return entry.second != heaviest; });
     if (!weights.empty()) {
@@ -43,8 +42,8 @@ void keep_best(LBDecision::Weights& weights, int heaviest) {
 }
 
 /// Records the next hop that a failover rule chose for a destination, or with an empty one that it
-/// chose none. A choice is replaced at once, so that no reader sees a gap, and a worker keeps its
-/// hands off what its sibling family chose.
+/// chose none. A choice is replaced at once, so that no reader sees a gap; what the sibling
+/// family chose stays as it is.
 void publish_choice(LBDecision::RuleEntry rule, const std::string& prefix,
                     const std::string& nexthop, bool ipv6) {
     if (!chooses_for(rule->first, rule->second, ipv6)) {
@@ -64,9 +63,10 @@ void publish_choice(LBDecision::RuleEntry rule, const std::string& prefix,
     }
 }
 
-/// Remembers the routes of the worker's namespace and family; false when they are those of its last
-/// run. Workers of all namespaces add their entries to one map, so even finding an entry takes the
-/// lock: shared in the many cycles that change nothing.
+/// Remembers the routes of the worker's namespace and family, before they are written (B102); false
+/// when they are those of its last run, or none in the first one (B101). Workers of all namespaces
+/// add their entries to one map, so even finding an entry takes the lock: shared in the many cycles
+/// that change nothing.
 bool remember(LBData& data, const context& ctx, const std::string& routes) {
     auto& last_routes = ctx.ipv6 ? data.last_routes6 : data.last_routes4;
     {
@@ -83,24 +83,22 @@ bool remember(LBData& data, const context& ctx, const std::string& routes) {
     return true;
 }
 
-struct CloseFile {
-    void operator()(FILE* file) const { fclose(file); }
-};
-
 void write_fragment(const std::string& path, const std::string& text) {
-    // A fragment that cannot be written is dropped silently; the routes before it stay in force.
-    const std::unique_ptr<FILE, CloseFile> file(fopen(path.c_str(), "we"));
+    // B103, B104: rewritten in place, and dropped silently where it cannot be opened; the routes
+    // before it stay in force.
+    const host::File file = host::open_file(path, "w");
     if (file != nullptr) {
         fputs(text.c_str(), file.get());
     }
 }
 
-/// Asks the routing daemon to reload. A text that starts with no number of a single process is not
-/// signalled: 0 and negative numbers would reach whole process groups.
+/// Asks the routing daemon to reload, or whoever else has that number (B105). A text that starts
+/// with no number of a single process is not signalled: 0 and negative numbers would reach whole
+/// groups.
 void signal_reload(const std::string& pid_text) {
     const long number = strtol(pid_text.c_str(), nullptr, 10);
-    if (number > 0 && number <= std::numeric_limits<pid_t>::max()) {
-        kill(static_cast<pid_t>(number), SIGHUP);
+    if (number > 0 && number <= std::numeric_limits<int>::max()) {
+        host::signal_reload(static_cast<int>(number));
     }
 }
 
@@ -174,7 +172,7 @@ void hand_over(LBDecision& decision, const std::string& routes, context* ctx) {
         plain_syslog(7, "LBDecision::run() can't execute '%s'", ask_pid.c_str());
         return;
     }
-    signal_reload(output);
+    signal_reload(output);  // B106: whatever the text, the cache is flushed
     decision.execute(ctx->ipv6 ? "ip -6 route flush cache" : "ip route flush cache", output, ctx,
                      false);
 }
@@ -194,7 +192,7 @@ void LBDecision::run(LBData& data, context* ctx) {
 }
 
 int LBDecision::execute(std::string command, std::string& output, context* /*ctx*/, bool read) {
-    FILE* stream = popen((command + " 2>/dev/null").c_str(), read ? "re" : "we");
+    FILE* stream = host::open_command(command + " 2>/dev/null", read ? "r" : "w");
     if (stream == nullptr) {
         return -1;
     }
@@ -208,5 +206,5 @@ int LBDecision::execute(std::string command, std::string& output, context* /*ctx
         }
         free(line);
     }
-    return pclose(stream);
+    return host::close_command(stream);
 }

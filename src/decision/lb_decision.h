@@ -20,7 +20,7 @@ class LBDecision {
     /// The whole decision. Where the routes of the namespace changed since the last run, the
     /// fragment is rewritten, the routing daemon gets SIGHUP, and the kernel's route cache is
     /// flushed. The new text is remembered first: a failed write is not tried again until the
-    /// routes change.
+    /// routes change (B102).
     void run(LBData& data, context* ctx);
 
     /// The active members of a rule with their weights; of a failover rule only the heaviest, among

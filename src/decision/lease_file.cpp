@@ -45,7 +45,7 @@ std::string router_in_lease(FILE* leases, nanoseconds unmodified_for) {
     const std::string routers = first_line(leases, unmodified_for, " ", 1, "routers").get(2);
     std::string router = StrProc(routers, ",").get(0);
     if (!router.empty() && !is_digit(router.back())) {
-        router.pop_back();  // the ";" that ends the statement
+        router.pop_back();  // B93: the ";" that ends the statement
     }
     return router;
 }
@@ -53,7 +53,7 @@ std::string router_in_lease(FILE* leases, nanoseconds unmodified_for) {
 std::string router_in_lease6(FILE* leases, nanoseconds unmodified_for) {
     const std::string routers = first_line(leases, unmodified_for, "=", 0, "new_routers").get(1);
     const std::string router = StrProc(routers, " ").get(0);
-    // Without its quotes; with two routers the last character is the address's own, as routers have
-    // always read it.
+    // Without its quotes. B92: with two routers the last character is the address's own and is
+    // lost.
     return router.size() < 2 ? std::string() : router.substr(1, router.size() - 2);
 }

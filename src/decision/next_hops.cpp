@@ -1,60 +1,41 @@
 // Next hops that are learnt: from DHCP leases, from tunnel peers.
 
-#include <net/if.h>
-#include <netinet/in.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
-
 #include <chrono>
-#include <cstdio>
-#include <cstring>
-#include <memory>
 
+#include "base/address_text.h"
+#include "config/interface_name.h"
 #include "config/lb_data.h"
 #include "config/live_state.h"
 #include "decision/lease_file.h"
-#include "host/interface_name.h"
-#include "net/interface.h"
-#include "platform/clock.h"
-#include "platform/log.h"
+#include "host/clock.h"
+#include "host/files.h"
+#include "host/links.h"
+#include "host/log.h"
 
 namespace {
-
-struct CloseFile {
-    void operator()(FILE* file) const { fclose(file); }
-};
-using File = std::unique_ptr<FILE, CloseFile>;
 
 using std::chrono::nanoseconds;
 
 nanoseconds now() {
-    const timeval time = wall_now();
-    return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+    const timespec time = wall_now();
+    return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
 }
 
-/// When the file was modified last; a file that cannot be asked might be this very moment.
-nanoseconds modification_time(FILE* file) {
-    struct stat status {};
-    if (fstat(fileno(file), &status) != 0) {
-        return now();
-    }
-    return std::chrono::seconds(status.st_mtim.tv_sec) + nanoseconds(status.st_mtim.tv_nsec);
-}
-
-/// The router that the DHCP client of the interface has learnt; empty where it has none.
+/// The router that the DHCP client of the interface has learnt; empty where it has none. B94: only
+/// the IPv4 client's file has an underscore before the name.
 std::string read_lease(const std::string& ifname, bool ipv6) {
     const std::string path =
         (ipv6 ? "/var/db/dhcp6_client" : "/var/db/dhclient_") + ifname + ".leases";
-    const File leases(fopen(path.c_str(), "re"));
+    const host::File leases = host::open_file(path, "r");
     if (leases == nullptr) {
         return "";
     }
     const auto router_in = ipv6 ? router_in_lease6 : router_in_lease;
-    const nanoseconds modified = modification_time(leases.get());
+    const nanoseconds modified = host::modification_time(leases.get());
     // Whoever writes now leaves the time of now. One in the future tells as well that nobody does:
     // it is from before the clock was set back.
     std::string router = router_in(leases.get(), std::chrono::abs(now() - modified));
-    if (modification_time(leases.get()) == modified) {
+    if (host::modification_time(leases.get()) == modified) {
         return router;
     }
     // It was old, but has been written while it was read.
@@ -62,21 +43,8 @@ std::string read_lease(const std::string& ifname, bool ipv6) {
     return router_in(leases.get(), nanoseconds(0));
 }
 
-/// The peer's address of a point-to-point interface, as a dotted quad in either family. The result
-/// of the request is not looked at: an interface that is missing or has no peer gives 0.0.0.0,
-/// which routers show as the next hop of a tunnel that is not set up.
-std::string ask_peer(const std::string& ifname, bool ipv6) {
-    ifreq request{};
-    request.ifr_dstaddr.sa_family = static_cast<sa_family_t>(ipv6 ? AF_INET6 : AF_INET);
-    ifname.copy(request.ifr_name, sizeof request.ifr_name - 1);
-    ioctl(query_socket(), SIOCGIFDSTADDR, &request);
-    sockaddr_in peer;
-    std::memcpy(&peer, &request.ifr_dstaddr, sizeof peer);
-    return to_text(peer.sin_addr);
-}
-
-/// Stores what was learnt. Nothing learnt keeps the address of an earlier cycle: a lease file that
-/// is just being written must not take the next hop away.
+/// Stores what was learnt. B95: nothing learnt keeps the address of an earlier cycle, since a lease
+/// file that is just being written must not take the next hop away.
 void learn(LBHealth& health, const std::string& address) {
     if (address.empty() || address == health.nexthop_addr) {
         return;
@@ -108,9 +76,14 @@ void LBData::update_dhcp_nexthop(context* ctx) {
     });
 }
 
+// B98: one request serves the whole call, zero at first, and whether the host answers is not looked
+// at. Where it refuses, the peer of the tunnel before stays in the request and is learnt, and
+// 0.0.0.0 for the first one. B99: the peer is an IPv4 address in either family.
 void LBData::update_tunnel_nexthop(context* ctx) {
-    for_each_learning(*this, ctx, "tunnel", [ctx](LBHealth& record) {
-        learn(record, ask_peer(record.name, ctx->ipv6));
+    host::PeerRequest request(ctx->ipv6);
+    for_each_learning(*this, ctx, "tunnel", [ctx, &request](LBHealth& record) {
+        host::ask_peer(record.name, request);
+        learn(record, to_text(request.address));
         if (record.nexthop_addr.empty()) {
             plain_syslog(7, "Failed to get P-t-P destination from tunnel interface %s",
                          shown_ifname(record.name, ctx).c_str());

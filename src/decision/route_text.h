@@ -7,10 +7,9 @@
 
 /// " via NEXTHOP weight W": one uplink of a route.
 std::string via_clause(const std::string& nexthop, int weight);
-/// The whole line of a destination with its uplinks; a metric of -1 is none.
+/// The whole line of a destination with its uplinks; a metric of -1 is none (B111).
 std::string route_line(const std::string& prefix, const std::string& via_clauses, int metric);
-/// The fragment around route lines. Only the IPv4 one lets the routing daemon watch links:
-/// its IPv6 twin never knew that word.
+/// The fragment around route lines. Only the IPv4 one lets the routing daemon watch links (B100).
 std::string fragment_text(const std::string& routes, bool ipv6);
 
 /// Where the fragment of a namespace and family lies.

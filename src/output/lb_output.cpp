@@ -1,27 +1,23 @@
 #include "output/lb_output.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <span>
 
 #include "config/live_state.h"
-#include "net/bytes.h"
+#include "host/clock.h"
+#include "host/files.h"
+#include "host/log.h"
 #include "output/records.h"
 #include "output/report_text.h"
-#include "platform/clock.h"
-#include "platform/log.h"
 
 namespace {
 
-struct CloseFile {
-    void operator()(FILE* file) const { fclose(file); }
-};
-using File = std::unique_ptr<FILE, CloseFile>;
+using host::File;
+
+timeval seconds_and_micros(const timespec& time) {
+    return {.tv_sec = time.tv_sec, .tv_usec = time.tv_nsec / 1000};
+}
 
 std::string dumps_of(const std::string& out_dir) {
     return out_dir + "/wlb_dump";
@@ -111,7 +107,7 @@ bool dump_rule(const std::string& name, const LBRule& rule, FILE* rules_file, FI
 }
 
 File open_shared_file(const std::string& path) {
-    File file(fopen(path.c_str(), "wbe"));
+    File file = host::open_file(path, "wb");
     if (file == nullptr) {
         LOG_ERROR("wan_lb: Error open file for writing '%s'", path.c_str());
     }
@@ -138,7 +134,6 @@ LBOutput::~LBOutput() noexcept(false) {
 
 void LBOutput::note_files(bool ipv6) {
     const std::lock_guard guard(names_lock_);
-    dump_dir = dumps_of(out_dir);
     files.insert(rules_path(out_dir));
     files.insert(routes_path(out_dir));
     auto& family_files = ipv6 ? files6 : files;
@@ -147,15 +142,17 @@ void LBOutput::note_files(bool ipv6) {
 }
 
 void LBOutput::write(const LBData& data, context* ctx) {
-    note_files(ctx->ipv6);
     const std::string directory = dumps_of(out_dir);
-    errno = 0;
-    if (mkdir(directory.c_str(), 0777) != 0 && errno != EEXIST) {
-        const int error = errno;
+    {
+        const std::lock_guard guard(names_lock_);
+        dump_dir = directory;
+    }
+    if (const int error = host::make_directory(directory); error != 0) {
         LOG_ERROR("wan_lb: error create directory: %s, errno = %d", directory.c_str(), error);
         return;
     }
-    dump_outbounds(data, wall_now(), ctx, ctx->ipv6 ? 1 : 0);
+    note_files(ctx->ipv6);
+    dump_outbounds(data, seconds_and_micros(wall_now()), ctx, ctx->ipv6 ? 1 : 0);
     if (dump_shared_files(data, ctx)) {
         write_report(data, ctx);
     }
@@ -180,12 +177,12 @@ void LBOutput::write_report(const LBData& data, context* ctx) {
         return;
     }
     const std::string path = report_path(out_dir, ctx->ipv6);
-    const File file(fopen(path.c_str(), "we"));
+    const File file = host::open_file(path, "w");
     if (file == nullptr) {
         LOG_ERROR("wan_lb: error ordering output file %s", path.c_str());
         return;
     }
-    const timeval now = wall_now();
+    const timeval now = seconds_and_micros(wall_now());
     const auto& interfaces = data.family(ctx->ipv6);
     for (auto entry = interfaces.begin(); entry != interfaces.end(); ++entry) {
         single_write(entry, file.get(), now, ctx);
@@ -212,7 +209,7 @@ void LBOutput::dump_outbounds(const LBData& data, timeval now, context* ctx, int
         return;
     }
     const std::string path = outbounds_path(out_dir, is_ipv6);
-    const File file(fopen(path.c_str(), "wbe"));
+    const File file = host::open_file(path, "wb");
     if (file == nullptr) {
         LOG_ERROR("wan_lb: error open file for writing '%s'", path.c_str());
         return;
@@ -261,7 +258,7 @@ void LBOutput::shutdown() {
     const std::lock_guard guard(names_lock_);
     for (const auto* names : {&files, &files6}) {
         for (const std::string& path : *names) {
-            unlink(path.c_str());
+            host::remove_file(path);
         }
     }
 }

@@ -15,13 +15,13 @@
 
 /// Publishes the daemon's view as files: a status report per family for people, binary dumps for
 /// the router's management shell and `lbshow`. Files are rewritten in place, whole, in every cycle
-/// of every worker; every failure is logged, ends that worker's write, and the next cycle tries
-/// again.
+/// of every worker (B117), for all namespaces (B119); every failure is logged, ends that worker's
+/// write, and the next cycle tries again.
 ///
 /// One object serves all workers. Records are read one by one under a `LiveStateReader` and written
 /// after it is released. A family's files, and the rules' files, have one writer at a time: a
-/// worker that finds a sibling writing the same file leaves it to that one and never waits for a
-/// disk.
+/// worker that finds a sibling writing the same file leaves it to that one (B118) and never waits
+/// for a disk.
 class LBOutput {
   public:
     explicit LBOutput(std::string& output_dir);
@@ -31,7 +31,8 @@ class LBOutput {
     /// unwinding of a thread's end must be let through.
     ~LBOutput() noexcept(false);
 
-    /// One cycle's output for the worker's family.
+    /// One cycle's output for the worker's family. Makes the dumps' folder, but not the one above
+    /// it (B116).
     void write(const LBData& data, context* ctx);
     /// Writes one interface's record of the report.
     void single_write(std::map<std::string, LBHealth>::const_iterator entry, FILE* file,
@@ -40,7 +41,7 @@ class LBOutput {
     void dump_outbounds(const LBData& data, timeval now, context* ctx, int ipv6);
     /// Writes the dumps of rules and routes; the caller holds `mutex`. Nothing without a context.
     void dump_rules_and_routes(const LBData& data, context* ctx);
-    /// Removes every file that was written.
+    /// Removes every file that was written (B16).
     void shutdown();
 
     pthread_mutex_t mutex;  ///< held by the worker that writes the rules and routes

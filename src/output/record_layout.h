@@ -6,8 +6,8 @@
 #include <cstring>
 
 /// The binary dumps, byte for byte, for their writer and for `lbshow`. Every member is made of
-/// bytes, so no record has padding. Numbers lie in the byte order of the machine that wrote them;
-/// texts end with a NUL where they are shorter than their field, and unused bytes are 0.
+/// bytes, so no record has padding. Numbers lie in the byte order of the machine that wrote them
+/// (B122); texts end with a NUL where they are shorter than their field, and unused bytes are 0.
 namespace record {
 
 /// A 32-bit number in the writer's byte order.
@@ -30,7 +30,7 @@ class Number {
 template <std::size_t size>
 using Text = std::array<char, size>;
 
-inline constexpr std::size_t most_entries = 50;  ///< probes, members or targets in a record
+inline constexpr std::size_t most_entries = 50;  ///< B120: probes, members or targets in a record
 
 struct Probe {
     Text<46> target{};
@@ -59,9 +59,9 @@ struct Outbound {
     Text<46> source_address{};
     std::array<Probe, most_entries> probes{};
     std::uint8_t probe_count = 0;
-    Number since_success_s;  ///< 0 when there was none
+    Number since_success_s;  ///< 0 also when there was none (B125)
     Number since_failure_s;
-    Number last_change_s;  ///< since the epoch
+    Number last_change_s;  ///< since the epoch: always 0 (B112)
     Number success_ct;
     Number failure_ct;
     std::uint8_t is_dhcp = 0;
@@ -98,7 +98,7 @@ static_assert(offsetof(Rule, is_ipv6) == 3342);
 /// "/wlb_routes.bin": one per target of each rule.
 struct Route {
     Text<50> prefix{};
-    Text<46> nexthop{};  ///< the one chosen by a failover rule, else empty
+    Text<46> nexthop{};  ///< the one chosen by a failover rule, else empty (B124)
     Number metric;       ///< -1 for none
     Number position;     ///< of the target within its rule, from 1
     Number rule_number;

@@ -4,7 +4,6 @@
 #include <cstdio>
 
 #include "probe/lb_test.h"
-#include "probe/lb_test6.h"
 #include "probe/lb_test_ping.h"
 
 namespace {
@@ -25,6 +24,7 @@ void put_first_bytes(record::Text<size>& field, const std::string& text) {
     text.copy(field.data(), size);
 }
 
+/// B121: a record has one byte for it.
 std::uint8_t low_byte(int value) {
     return static_cast<std::uint8_t>(static_cast<unsigned>(value) & 0xffU);
 }
@@ -36,9 +36,10 @@ int seconds_since(int stamp_s, int now_s) {
                : static_cast<int>(static_cast<unsigned>(now_s) - static_cast<unsigned>(stamp_s));
 }
 
-void put_measurements(record::Probe& entry, const LBTest& probe) {
+void put_measurements(record::Probe& entry, const Probe& probe) {
+    const auto* ipv4 = dynamic_cast<const LBTest*>(&probe);
+    entry.is_extended = ipv4 != nullptr && ipv4->spare_flag ? 1 : 0;
     const auto* ping = dynamic_cast<const LBTestPING*>(&probe);
-    entry.is_extended = probe.spare_flag ? 1 : 0;
     if (ping == nullptr) {
         return;
     }
@@ -50,10 +51,7 @@ void put_measurements(record::Probe& entry, const LBTest& probe) {
     entry.jitter_limit = ping->jitter;
 }
 
-void put_measurements(record::Probe& /*entry*/, const LBTest6& /*probe*/) {}
-
-template <class Test>
-bool put_probe(record::Probe& entry, const Test& probe, const LBHealth& health,
+bool put_probe(record::Probe& entry, const Probe& probe, const LBHealth& health,
                const record::Outbound& outbound) {
     const std::size_t limit = health.ipv6 ? ipv6_text : ipv4_text;
     const std::string target =
@@ -69,18 +67,15 @@ bool put_probe(record::Probe& entry, const Test& probe, const LBHealth& health,
     return true;
 }
 
-template <class Probes>
-bool put_probes(record::Outbound& outbound, const Probes& probes, const LBHealth& health) {
-    for (const auto& [number, probe] : probes) {
-        if (outbound.probe_count == record::most_entries) {
-            break;
+bool put_probes(record::Outbound& outbound, const LBHealth& health) {
+    bool is_written = true;
+    for_each_probe(health, [&](int, const Probe& probe) {
+        if (is_written && outbound.probe_count < record::most_entries) {
+            is_written = put_probe(outbound.probes[outbound.probe_count], probe, health, outbound);
+            ++outbound.probe_count;
         }
-        if (!put_probe(outbound.probes[outbound.probe_count], *probe, health, outbound)) {
-            return false;
-        }
-        ++outbound.probe_count;
-    }
-    return true;
+    });
+    return is_written;
 }
 
 }  // namespace
@@ -93,8 +88,7 @@ std::optional<record::Outbound> outbound_record(const LBHealth& health, int now_
         put_text(outbound.name, outbound.name.size(), health.name) &&
         put_text(outbound.nexthop, limit, health.effective_nexthop()) &&
         put_text(outbound.source_address, limit, has_source ? health.source_address : "") &&
-        (health.ipv6 ? put_probes(outbound, health.tests6, health)
-                     : put_probes(outbound, health.tests, health));
+        put_probes(outbound, health);
     if (!is_written) {
         return std::nullopt;
     }
@@ -110,6 +104,7 @@ std::optional<record::Outbound> outbound_record(const LBHealth& health, int now_
     return outbound;
 }
 
+// B123: a rule of another name works, but ends the dump.
 std::optional<RuleKey> read_rule_key(const std::string& key) {
     int number = 0;
     int version = 0;

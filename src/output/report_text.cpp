@@ -4,7 +4,6 @@
 #include <ctime>
 
 #include "probe/lb_test.h"
-#include "probe/lb_test6.h"
 
 namespace {
 
@@ -21,8 +20,7 @@ std::string success_age(int stamp_s, int now_s) {
     return age_text(now_s > stamp_s ? static_cast<std::uint32_t>(now_s - stamp_s) : 0);
 }
 
-/// A failure's age has no guard against a clock that was set back: the shell's readers know the
-/// huge number that comes then.
+/// B114: a failure's age has no guard against a clock that was set back, and is huge then.
 std::string failure_age(int stamp_s, int now_s) {
     return stamp_s == 0
                ? never()
@@ -49,14 +47,13 @@ const char* result_mark(int last_result) {
     return "";
 }
 
-template <class Probes>
-std::string probe_lines(const Probes& probes) {
+std::string probe_lines(const LBHealth& health) {
     std::string lines;
-    for (const auto& [number, probe] : probes) {
+    for_each_probe(health, [&lines](int, Probe& probe) {
         lines += indent;
-        lines += result_mark(probe->last_result);
-        lines += "Test:  " + probe->status() + "\n";
-    }
+        lines += result_mark(probe.last_result);
+        lines += "Test:  " + probe.status() + "\n";
+    });
     return lines;
 }
 
@@ -79,11 +76,12 @@ std::string age_text(std::uint32_t age_s) {
     return text + std::to_string(age_s % 60) + "s\t";
 }
 
+// B115: blanks, tabs and all.
 std::string report_record(const std::string& name, const LBHealth& health, int now_s) {
     std::string text = "Interface:  " + name + "\n";
     text += indent + std::string("Status:  ") + (health.active ? "active" : "failed") + "\n";
     text += indent + ("Last Status Change:  " + date_text(health.last_change));
-    text += health.ipv6 ? probe_lines(health.tests6) : probe_lines(health.tests);
+    text += probe_lines(health);
     text +=
         "    Last Interface Success:  " + success_age(health.history.last_success, now_s) + "\n";
     text += "    Last Interface Failure:  " + failure_age(health.history.last_failure, now_s);

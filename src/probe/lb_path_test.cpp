@@ -4,16 +4,42 @@
 #include <functional>
 #include <vector>
 
-#include "host/link_local_address.h"
-#include "host/neighbor_netlink.h"
-#include "host/source_address.h"
-#include "probe/reply_receiver.h"
+#include "probe/host_view.h"
+#include "probe/lb_test.h"
+#include "probe/reply_socket.h"
+
+namespace {
+
+/// Calls `act` for every probe in the order of their numbers; the cursor rests on the first one.
+template <class Probes, class Act>
+void walk(Probes& probes, typename Probes::iterator& cursor, Act act) {
+    for (cursor = probes.begin(); cursor != probes.end(); ++cursor) {
+        act(*cursor->second);
+    }
+    cursor = probes.begin();
+}
+
+template <class Act>
+void walk_probes(LBHealth& health, Act act) {
+    if (health.ipv6) {
+        walk(health.tests6, health.test6_it, act);
+    } else {
+        walk(health.tests, health.test_it, act);
+    }
+}
+
+}  // namespace
+
+void LBHealth::send_test(context* ctx) {
+    walk_probes(*this, [this, ctx](auto& probe) { probe.send(*this, ctx); });
+}
+
+void LBHealth::recv_test(context* ctx) {
+    walk_probes(*this, [this, ctx](auto& probe) { probe.recv(*this, ctx); });
+}
 
 void LBPathTest::start(LBData& data, context* ctx) {
-    // What the host told in the last pass may no longer hold; within a pass it is asked once.
-    forget_interface_addresses();
-    forget_link_local_addresses();
-    forget_neighbors();
+    ctx->view->begin_pass();
 
     std::vector<LBHealth*> records;
     for (auto& [name, health] : data.family(ctx->ipv6)) {
@@ -21,11 +47,13 @@ void LBPathTest::start(LBData& data, context* ctx) {
             records.push_back(&health);
         }
     }
-    std::sort(records.begin(), records.end(), std::less<>());
+    std::sort(records.begin(), records.end(), std::less<>());  // B90: by their place in memory
     for (LBHealth* health : records) {
         health->send_test(ctx);
     }
-    take_waiting_replies(ctx->ipv6 ? ipv6_probes : ipv4_probes, *ctx->ns_name);
+    // After the process stood still, workers and receivers wake in any order: no probe is judged as
+    // late whose answer has come.
+    drain(ctx->ipv6 ? ipv6_probes : ipv4_probes, *ctx->ns_name, datagrams_at_once);
     for (LBHealth* health : records) {
         health->recv_test(ctx);
         health->status_check(data, ctx);

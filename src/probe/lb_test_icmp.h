@@ -19,12 +19,9 @@ class LBTestICMP : public LBTest {
     void send(LBHealth& health, context* ctx) override;
     std::string dump(context* ctx) override;
     std::string name() override;
-    using LBTest::status;
-    /// The line for people, made anew.
-    std::string status(context* ctx);
 
-    /// Chooses the path by the interface's name and reports a failed send. A probe that did not go
-    /// out stays in flight and times out.
+    /// Chooses the path by the interface's name (B44) and reports a failed send. A probe that did
+    /// not go out stays in flight and times out (B54).
     void send(const std::string& ifname, const std::string& target,
               const std::string& source_address, const std::string& nexthop, int packet_id,
               context* ctx);
@@ -35,10 +32,19 @@ class LBTestICMP : public LBTest {
     int send_for_tunnel(int sock, const std::string& ifname, const std::string& target,
                         int packet_id, context* ctx);
 
-    /// RFC 1071 over `length` bytes in network order; the result is a host number.
+    timespec last_sent{};  ///< monotonic clock; of the latest registered probe
+
+    /// What nothing in the daemon calls (B132): the line for people, made anew, and checksums (RFC
+    /// 1071) over bytes in network order, which the frame builders have of their own.
+    using LBTest::status;
+    std::string status(context* ctx);
     unsigned short in_checksum(unsigned short* data, int length) const;
-    /// The same over the header with a checksum of 0 and the data behind it.
     unsigned short icmp4_checksum(icmphdr header, unsigned char* data, int length);
 
-    timespec last_sent{};  ///< monotonic clock; of the latest registered probe
+  private:
+    host::Transfer send_frame(int sock, const std::string& ifname, const std::string& to,
+                              const std::string& source_address, const std::string& nexthop,
+                              int packet_id, context* ctx);
+    host::Transfer send_into_tunnel(int sock, const std::string& ifname, const std::string& to,
+                                    int packet_id, context* ctx);
 };

@@ -17,14 +17,15 @@ struct PingRun {
         total_ms += rtt_ms;
         longest_ms = std::max(longest_ms, rtt_ms);
     }
-    /// A lost echo counts with its whole wait, also where an earlier answer took longer.
+    /// B67: a lost echo counts with its whole wait, also where an earlier answer took longer.
     void lost(int wait_ms) {
         longest_ms = wait_ms;
         total_ms += wait_ms;
     }
 
-    /// The share is divided first and then made a percentage. The order matters where half a
-    /// percent is rounded: 23 answers of 40 are a little less than 57.5 %.
+    /// B69: rounded to the nearest percent. The share is divided first and then made a percentage.
+    /// The order matters where half a percent is rounded: 23 answers of 40 are a little less
+    /// than 57.5 %.
     int loss_percent() const {
         return 100 - static_cast<int>(std::lround(static_cast<double>(received) / sent * 100.0));
     }

@@ -11,6 +11,7 @@ import unittest
 
 from kit import Conf, LabTest, expect, main, ping, ping_ext
 from kit.echo_policies import silence
+from kit.daemon import ROOT
 from kit.lab import OUTPUT_DIRECTORY
 from kit.lbshow import LBSHOW, PROMTOOL, active, lbshow, state
 from kit.routing_daemon import fragment_path, text_of
@@ -189,6 +190,7 @@ class ManyWriters(LabTest):
 
 
 class CommandLine(LabTest):
+    METRICS_UNIT = os.path.join(ROOT, "examples/lbshow-metrics.service")
     DUMPS = os.path.join(OUTPUT_DIRECTORY, "wlb_dump")
 
     def put(self, **dumps):
@@ -272,6 +274,28 @@ class CommandLine(LabTest):
                               text=True, check=False, timeout=60)
         self.assertEqual((done.returncode, done.stderr),
                          (1, f"lbshow: {self.DUMPS} cannot be read: Permission denied\n"))
+
+    def collect(self, folder):
+        """What the example's unit runs; its exit status, and what the collector finds."""
+        line = re.search(r"^ExecStart=/bin/sh -c '(.*)'$", text_of(self.METRICS_UNIT), re.MULTILINE).group(1)
+        command = line.replace("$$", "$").replace("lbshow", f"{LBSHOW} -o {OUTPUT_DIRECTORY}", 1)
+        done = subprocess.run(["sh", "-c", command], cwd=folder, check=False, capture_output=True, timeout=60)
+        self.assertEqual(os.listdir(folder), ["lb.prom"])
+        return done.returncode, text_of(os.path.join(folder, "lb.prom"))
+
+    def test_metrics_that_a_timer_collects_are_never_those_of_before(self):
+        folder = "/run/collected"
+        os.mkdir(folder)
+        self.put()
+        status, text = self.collect(folder)
+        self.assertEqual(status, 0)
+        self.assertIn('lb_up{family="ipv4"} 1\n', text)
+        os.utime(os.path.join(self.DUMPS, "wlb_ipv4_outbounds.bin"), (0, 0))
+        status, text = self.collect(folder)
+        self.assertEqual(status, 3)
+        self.assertIn('lb_up{family="ipv4"} 0\n', text)
+        os.unlink(os.path.join(self.DUMPS, "wlb_rules.bin"))
+        self.assertEqual(self.collect(folder), (1, ""))
 
 
 if __name__ == "__main__":

@@ -6,6 +6,7 @@
 import gzip
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -17,6 +18,7 @@ PROJECT, FOLDER = (pathlib.Path(folder).resolve() for folder in sys.argv[1:3])
 
 FILES = {
     "/etc/dhcp/dhclient-exit-hooks.d/lb": 0o644,
+    "/etc/iproute2/rt_protos.d/lb.conf": 0o644,
     "/etc/lb.conf": 0o644,
     "/usr/lib/NetworkManager/dispatcher.d/70-lb": 0o755,
     "/usr/lib/dhcpcd/dhcpcd-hooks/70-lb": 0o644,
@@ -26,25 +28,28 @@ FILES = {
     "/usr/lib/wan-load-balancer/udhcpc": 0o755,
     "/usr/sbin/lb": 0o755,
     "/usr/sbin/lb-lease": 0o755,
+    "/usr/sbin/lbroute": 0o755,
     "/usr/bin/lbcheck": 0o755,
     "/usr/bin/lbshow": 0o755,
     "/usr/lib/systemd/system/lb.service": 0o644,
+    "/usr/lib/systemd/system/lbroute.service": 0o644,
     "/usr/lib/tmpfiles.d/lb.conf": 0o644,
     "/usr/share/bash-completion/completions/lb": 0o644,
     "/usr/share/bash-completion/completions/lb-lease": 0o644,
     "/usr/share/bash-completion/completions/lbcheck": 0o644,
+    "/usr/share/bash-completion/completions/lbroute": 0o644,
     "/usr/share/bash-completion/completions/lbshow": 0o644,
-    "/usr/share/doc/wan-load-balancer/CHANGELOG.md": 0o644,
-    "/usr/share/doc/wan-load-balancer/README.md": 0o644,
-    "/usr/share/doc/wan-load-balancer/behaviour.md": 0o644,
-    "/usr/share/doc/wan-load-balancer/operating.md": 0o644,
     "/usr/share/man/man1/lbcheck.1.gz": 0o644,
     "/usr/share/man/man1/lbshow.1.gz": 0o644,
     "/usr/share/man/man5/lb.conf.5.gz": 0o644,
     "/usr/share/man/man8/lb-lease.8.gz": 0o644,
     "/usr/share/man/man8/lb.8.gz": 0o644,
+    "/usr/share/man/man8/lbroute.8.gz": 0o644,
 }
-EXAMPLES = "/usr/share/doc/wan-load-balancer/examples/"
+DOCUMENTS = "/usr/share/doc/wan-load-balancer"
+# Of the project, in the same folders there.
+DOCUMENTED = ("*.md", "docs/*", "examples/**/*", "demo/*.conf")
+LINK = re.compile(r"\]\(([^)#:]+)(?:#[^)]*)?\)")
 
 
 class Contents(unittest.TestCase):
@@ -65,13 +70,33 @@ class Contents(unittest.TestCase):
 
     def test_every_file_is_in_its_place(self):
         files = {f"/{path.relative_to(self.root)}" for path in self.root.rglob("*") if path.is_file()}
-        folder = PROJECT / "examples"
-        examples = {EXAMPLES + str(path.relative_to(folder)) for path in folder.rglob("*") if path.is_file()}
+        documents = {f"{DOCUMENTS}/{path.relative_to(PROJECT)}"
+                     for pattern in DOCUMENTED for path in PROJECT.glob(pattern)
+                     if path.is_file()}
 
         installed = {path for path in files if not path.startswith("/DEBIAN/")}
 
-        self.assertTrue(examples)
-        self.assertEqual(installed, set(FILES) | examples)
+        self.assertGreater(len(documents), 15)
+        self.assertEqual(installed, {*FILES, *documents, f"{DOCUMENTS}/copyright", f"{DOCUMENTS}/changelog.gz"})
+
+    def test_links_of_the_documents_lead_to_files_that_are_there(self):
+        pages = list(self.inside(DOCUMENTS).rglob("*.md"))
+        links = [(page, link) for page in pages for link in LINK.findall(page.read_text())]
+
+        self.assertGreater(len(links), 10)
+        self.assertEqual([(page.name, link) for page, link in links if not (page.parent / link).exists()], [])
+
+    def test_paths_that_the_documents_name_are_there(self):
+        """Of examples and of this package's own documents, as pages and manuals write them."""
+        path = re.compile(rf"{DOCUMENTS}(?:/[\w.-]*[\w-])*|(?<![\w./-])(?:demo|examples)/[\w-]+\.[a-z]+")
+        pages = [page.read_text() for page in self.inside(DOCUMENTS).rglob("*.md")]
+        manuals = [re.sub(r"\\-", "-", gzip.decompress(page.read_bytes()).decode())
+                   for page in self.inside("/usr/share/man").rglob("*.gz")]
+        named = {word for text in (*pages, *manuals) for word in path.findall(text) if not word.endswith(".py")}
+
+        self.assertGreater(len(named), 3)
+        self.assertEqual([word for word in sorted(named)
+                          if not self.inside(word if word[0] == "/" else f"{DOCUMENTS}/{word}").exists()], [])
 
     def test_modes_are_those_of_system_files(self):
         modes = {path: self.inside(path).stat().st_mode & 0o7777 for path in FILES}
@@ -103,8 +128,30 @@ class Contents(unittest.TestCase):
 
         self.assertEqual(self.field("Version"), version.group(1))
 
+    def test_changelogs_begin_with_the_version(self):
+        version = self.field("Version")
+
+        changelog = gzip.decompress(self.inside(f"{DOCUMENTS}/changelog.gz").read_bytes()).decode()
+        heading = re.search(r"^## (.*)$", self.inside(f"{DOCUMENTS}/CHANGELOG.md").read_text(), re.MULTILINE)
+
+        self.assertTrue(changelog.startswith(f"wan-load-balancer ({version}) "), changelog)
+        self.assertEqual(heading.group(1).split()[0], version)
+
+    def test_contact_is_the_same_in_control_file_and_changelog(self):
+        changelog = gzip.decompress(self.inside(f"{DOCUMENTS}/changelog.gz").read_bytes()).decode()
+
+        self.assertIn(f"\n -- {self.field('Maintainer')}  ", changelog)
+
+    @unittest.skipUnless(shutil.which("lintian"), "lintian is not installed")
+    def test_lintian_finds_neither_errors_nor_warnings(self):
+        """Only the copyright file says less than is wanted: the owner has not chosen a licence."""
+        found = subprocess.run(["lintian", "--allow-root", "--tag-display-limit", "0", self.package],
+                               stdout=subprocess.PIPE, text=True, check=False).stdout
+
+        self.assertEqual(found, "W: wan-load-balancer: copyright-without-copyright-notice\n")
+
     def test_manual_pages_are_whole(self):
-        for packed in self.root.rglob("*.gz"):
+        for packed in self.inside("/usr/share/man").rglob("*.gz"):
             page = PROJECT / "man" / packed.stem
             self.assertEqual(gzip.decompress(packed.read_bytes()), page.read_bytes(), page)
 

@@ -15,7 +15,8 @@ from package import enter_private_root, mount, output_of, the_package
 NAME = "wan-load-balancer"
 FRAGMENTS = ("/usr/etc/routing-wlb.conf", "/usr/etc/routing6-wlb.conf")
 CONF = "/etc/lb.conf"
-ENABLED = "/etc/systemd/system/multi-user.target.wants/lb.service"
+UNITS = ("lb.service", "lbroute.service")
+ENABLED = [f"/etc/systemd/system/multi-user.target.wants/{unit}" for unit in UNITS]
 
 
 def dpkg(*words):
@@ -28,6 +29,12 @@ def dpkg(*words):
 def leaves_manuals_out():
     return any("path-exclude /usr/share/man" in line.replace("=", " ") and not line.startswith("#")
                for path in pathlib.Path("/etc/dpkg/dpkg.cfg.d").glob("*") for line in path.read_text().splitlines())
+
+
+def installed_files():
+    """Without others' temporary files, which come and go meanwhile."""
+    return set(output_of("find", "/etc", "/usr", "/var", "/run", "-xdev", "-path", "/var/tmp", "-prune", "-o",
+                         "-print").splitlines())
 
 
 class Life(unittest.TestCase):
@@ -73,21 +80,46 @@ class Life(unittest.TestCase):
 
         self.assertEqual(pathlib.Path(FRAGMENTS[0]).read_text(), "protocol static {\n};\n")
 
-    def test_installing_does_not_enable_the_service(self):
-        self.assertFalse(os.path.lexists(ENABLED))
+    def test_installing_enables_no_service(self):
+        self.assertEqual([path for path in ENABLED if os.path.lexists(path)], [])
 
     @unittest.skipUnless(shutil.which("systemctl"), "systemd is not installed")
-    def test_removing_disables_the_service(self):
-        subprocess.run(["systemctl", "--quiet", "enable", "lb.service"], check=True)
-        self.assertTrue(os.path.lexists(ENABLED))
+    def test_removing_disables_the_services(self):
+        subprocess.run(["systemctl", "--quiet", "enable", *UNITS], check=True)
+        self.assertEqual([path for path in ENABLED if not os.path.lexists(path)], [])
 
         dpkg("--remove", "--no-triggers", NAME)
 
-        self.assertFalse(os.path.lexists(ENABLED))
+        self.assertEqual([path for path in ENABLED if os.path.lexists(path)], [])
+
+    @unittest.skipUnless(shutil.which("systemctl"), "systemd is not installed")
+    def test_upgrading_leaves_the_services_enabled(self):
+        subprocess.run(["systemctl", "--quiet", "enable", *UNITS], check=True)
+
+        dpkg("--install", "--no-triggers", self.package)
+
+        self.assertEqual([path for path in ENABLED if not os.path.lexists(path)], [])
+
+    def test_routes_have_a_name_for_their_protocol(self):
+        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+        subprocess.run(["ip", "route", "add", "198.51.100.0/24", "dev", "lo", "proto", "76"], check=True)
+
+        self.assertIn("proto lb ", output_of("ip", "route", "show", "198.51.100.0/24"))
 
     @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd is not installed")
-    def test_the_service_has_no_fault_that_systemd_sees(self):
-        verified = subprocess.run(["systemd-analyze", "verify", "--recursive-errors=no", "lb.service"],
+    def test_the_services_have_no_fault_that_systemd_sees(self):
+        verified = subprocess.run(["systemd-analyze", "verify", "--recursive-errors=no", *UNITS],
+                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+
+        self.assertEqual((verified.stdout, verified.returncode), ("", 0))
+
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd is not installed")
+    def test_units_among_the_examples_have_no_fault_that_systemd_sees(self):
+        units = sorted(pathlib.Path("/usr/share/doc/wan-load-balancer/examples").glob("*.timer"))
+        units += [path.with_suffix(".service") for path in units]
+        self.assertTrue(units)
+
+        verified = subprocess.run(["systemd-analyze", "verify", "--recursive-errors=no", *units],
                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
 
         self.assertEqual((verified.stdout, verified.returncode), ("", 0))
@@ -95,7 +127,7 @@ class Life(unittest.TestCase):
     @unittest.skipUnless(shutil.which("man"), "man-db is not installed")
     @unittest.skipIf(leaves_manuals_out(), "dpkg is told to leave manual pages out here")
     def test_manual_pages_are_found(self):
-        for section, page in (("8", "lb"), ("8", "lb-lease"), ("5", "lb.conf"), ("1", "lbshow"), ("1", "lbcheck")):
+        for section, page in (("8", "lb"), ("8", "lb-lease"), ("8", "lbroute"), ("5", "lb.conf"), ("1", "lbshow"), ("1", "lbcheck")):
             self.assertTrue(output_of("man", "--where", section, page).strip(), page)
 
     def test_removing_keeps_configuration_and_routes(self):
@@ -103,8 +135,8 @@ class Life(unittest.TestCase):
 
         self.assertTrue(os.path.exists(CONF))
         self.assertEqual([path for path in FRAGMENTS if not os.path.exists(path)], [])
-        self.assertFalse(os.path.exists("/run/load-balance"))
-        self.assertFalse(os.path.exists("/usr/sbin/lb"))
+        self.assertEqual([path for path in ("/run/load-balance", "/run/lbroute", "/usr/sbin/lb", "/usr/sbin/lbroute")
+                          if os.path.exists(path)], [])
 
     def write_leases(self):
         """One by the program, one as a client keeps it there itself; their paths."""
@@ -143,15 +175,14 @@ class Life(unittest.TestCase):
 
     def test_purging_leaves_nothing(self):
         dpkg("--purge", "--no-triggers", NAME)
-        before = output_of("find", "/etc", "/usr", "/var", "/run", "-xdev")
+        before = installed_files()
 
         dpkg("--install", "--no-triggers", self.package)
         for lease in self.write_leases()[1:]:
             lease.unlink()
         dpkg("--purge", "--no-triggers", NAME)
 
-        after = output_of("find", "/etc", "/usr", "/var", "/run", "-xdev")
-        self.assertEqual(set(after.splitlines()) ^ set(before.splitlines()), set())
+        self.assertEqual(installed_files() ^ before, set())
         self.assertFalse([path for path in (CONF, *FRAGMENTS, "/run/load-balance") if os.path.exists(path)])
 
 

@@ -1,36 +1,21 @@
 #!/usr/bin/python3
 """Holds the operating guide to lbroute: it explains every text that the program tells its operator, and none besides.
 
-    lbroute_messages.py PROJECT
+    lbroute_messages.py PROJECT CLANG
 
 A text of the source is a string of several words, those of help and status left out. The guide's table writes `...` for what
 differs. Prints what is missing on either side; the exit status is 1 then.
 """
-import ast
 import pathlib
 import re
 import sys
+
+from cpp_tokens import literals_of
 
 HEADING = "\n### What its log says\n"
 # The command line's own words, its answers, what status shows, and the languages of ip(8) and bird.
 NO_MESSAGES = ("main.cpp", "maintenance.cpp", "report.cpp", "status.cpp", "commands.cpp")
 NO_WORDS = re.compile(r"[{}]|check link|^#")
-TOKEN = re.compile(r'//[^\n]*|/\*.*?\*/|R"\((?P<raw>.*?)\)"|"(?P<text>(?:[^"\\\n]|\\.)*)"|\'(?:[^\'\\\n]|\\.)*\'|(?P<other>\S)', re.S)
-
-
-def literals_of(source):
-    """The string literals of a source text; what stands side by side is one."""
-    joined = None
-    for match in TOKEN.finditer(re.sub(r"(?m)^\s*#.*$", "", source)):
-        text = match.group("text")
-        if text is not None:
-            joined = (joined or "") + ast.literal_eval(f'"{text}"')
-        elif match.group("other") or match.group("raw") is not None:
-            if joined is not None:
-                yield joined
-            joined = None
-    if joined is not None:
-        yield joined
 
 
 def is_message(text):
@@ -38,10 +23,9 @@ def is_message(text):
     return len(re.findall(r"[A-Za-z']{2,} (?=[A-Za-z'(])", text)) >= 2 and not NO_WORDS.search(text)
 
 
-def told(folder):
-    for path in sorted(folder.glob("*.[ch]*")):
-        if path.name not in NO_MESSAGES:
-            yield from (text.strip() for text in literals_of(path.read_text(encoding="utf-8")))
+def told(folder, clang):
+    paths = [str(path) for path in sorted(folder.glob("*.[ch]*")) if path.name not in NO_MESSAGES]
+    return (one.text.strip() for one in literals_of(clang, paths))
 
 
 def table_of(guide):
@@ -71,7 +55,7 @@ def wrong(texts, table):
 
 def main():
     project = pathlib.Path(sys.argv[1])
-    texts = {text for text in told(project / "tools/lbroute") if text}
+    texts = {text for text in told(project / "tools/lbroute", sys.argv[2]) if text}
     problems = list(wrong(texts, table_of(project / "docs/operating.md")))
     print("\n".join(problems) if problems else "lbroute_messages: all are explained")
     return 1 if problems else 0

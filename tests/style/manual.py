@@ -2,9 +2,10 @@
 """Holds the manual pages to the programs: they format without a warning, and name every option, keyword and message,
 and every column, JSON key and metric of lbshow.
 
-    manual.py PROJECT PROGRAM-FOLDER CLANG
+    manual.py PROJECT PROGRAM-FOLDER CONFIGURATION-WORDS CLANG
 
-Prints what is wrong; the exit status is 1 then, and 77 where there is no man(1).
+CONFIGURATION-WORDS is the program that prints the loader's keywords. Prints what is wrong; the exit status is 1 then,
+and 77 where there is no man(1).
 """
 import pathlib
 import re
@@ -12,7 +13,7 @@ import shutil
 import subprocess
 import sys
 
-from cpp_calls import calls_of
+from cpp_tokens import calls_of, literals_of
 from messages import LOGGED
 
 
@@ -45,18 +46,24 @@ def commands_of(program):
     return re.findall(r"^  (\w+)", re.split(r"(?i)^subcommands:", usage_of(program), flags=re.M)[-1], re.M)
 
 
-def keywords_and_messages(source, clang):
-    text = (source / "lb_data_keywords.cpp").read_text(encoding="utf-8")
-    keywords = set(re.findall(r'(?:[!=]= |\{)"([a-z0-9_-]+)"', text))
-    calls = calls_of(clang, [str(path) for path in source.glob("lb_data_*.cpp")], LOGGED)
-    return keywords, {call.text.partition("%")[0] for call in calls}
+def keywords(program):
+    return set(subprocess.run([program], stdout=subprocess.PIPE, text=True, check=True).stdout.split())
 
 
-def names_of_lbshow(source):
+def messages_of_the_loader(source, clang):
+    """Up to what differs in each."""
+    calls = calls_of(clang, [str(path) for path in source.glob("*.cpp")], LOGGED)
+    return {call.text.partition("%")[0] for call in calls}
+
+
+def names_of_lbshow(source, clang):
     """Columns, JSON keys and metrics: what the page promises to keep."""
-    columns = set(re.findall(r'"([A-Z]+(?: [A-Z]+)*)"', (source / "tables.cpp").read_text(encoding="utf-8")))
-    keys = set(re.findall(r'[{\[]"([a-z_]+)"[,\]]', (source / "json.cpp").read_text(encoding="utf-8")))
-    metrics = set(re.findall(r'"(lb_[a-z_]+)"', (source / "metrics.cpp").read_text(encoding="utf-8")))
+    columns = {one.text for one in literals_of(clang, [str(source / "tables.cpp")])
+               if re.fullmatch("[A-Z]+( [A-Z]+)*", one.text)}
+    keys = {one.text for one in literals_of(clang, [str(source / "json.cpp")])
+            if one.before in ("{", "[") and one.behind in (",", "]")}
+    metrics = {one.text for one in literals_of(clang, [str(source / "metrics.cpp")])
+               if re.fullmatch("lb_[a-z_]+", one.text)}
     return columns, keys, metrics
 
 
@@ -67,7 +74,7 @@ def missing(page, wanted):
             yield f"{page.name}: nothing about '{word}'"
 
 
-def wrong(project, programs, clang):
+def wrong(project, programs, configuration_words, clang):
     manual = project / "man"
     pages = sorted(manual.glob("*.[1-8]"))
     for page in pages:
@@ -83,21 +90,21 @@ def wrong(project, programs, clang):
     program = programs / "lbroute"
     for command in commands_of(program):
         yield from missing(manual / "lbroute.8", {command} | options_of(program, command))
-    columns, keys, metrics = names_of_lbshow(project / "tools/lbshow")
+    columns, keys, metrics = names_of_lbshow(project / "tools/lbshow", clang)
     if len(columns) < 20 or len(keys) < 40 or len(metrics) < 15:
         yield f"only {len(columns)} columns, {len(keys)} keys and {len(metrics)} metrics found in tools/lbshow"
     yield from missing(manual / "lbshow.1", columns | keys | metrics)
-    keywords, messages = keywords_and_messages(project / "src/config", clang)
-    if len(keywords) < 15 or len(messages) < 6:
-        yield f"only {len(keywords)} keywords and {len(messages)} messages found in src/config"
-    yield from missing(manual / "lb.conf.5", keywords | messages)
+    messages = messages_of_the_loader(project / "src/config", clang)
+    if len(messages) < 6:
+        yield f"only {len(messages)} messages found in src/config"
+    yield from missing(manual / "lb.conf.5", keywords(configuration_words) | messages)
 
 
 def main():
     if shutil.which("man") is None:
         print("manual: no man(1) here")
         return 77
-    problems = list(wrong(pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), sys.argv[3]))
+    problems = list(wrong(pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), *sys.argv[3:]))
     print("\n".join(problems) if problems else "manual: formats cleanly, names everything")
     return 1 if problems else 0
 

@@ -10,7 +10,7 @@ import pathlib
 import re
 import sys
 
-from cpp_calls import calls_of
+from cpp_tokens import calls_of
 
 LOGGED = {"LOG_ERROR", "LOG_WARNING", "LOG_INFO"}
 PLAIN = {"plain_syslog", "SYSLOG_message", "perror", "fprintf"}

@@ -1,25 +1,65 @@
 #!/usr/bin/python3
-"""Holds the rooms of src/ to one direction of dependence: a room includes only rooms below it.
+"""Holds the rooms of src/ to one direction of dependence, and the kernel to one of them.
 
-Prints each include that points upwards or sideways; the exit status is 1 when there is one.
+    rooms.py [SOURCE]
+
+- A room includes only rooms below it.
+- Headers of sockets, interface requests, netlink and threads are included below host/linux and in base only.
+- The headers of host include no header of a system at all: the C++ library and rooms below are enough.
+
+Prints each include that is wrong; the exit status is 1 when there is one.
 """
 import pathlib
 import re
 import sys
 
-# From the process frame down to plain bytes; the two rooms of one floor do not know each other.
-FLOORS = (("core",), ("output", "decision"), ("probe",), ("host",), ("config",), ("platform",), ("net",))
+# From the process frame down to plain bytes; the two rooms of one floor do not know each other. The two hosts are
+# rooms below their headers' users: nothing above includes them, the linker chooses one.
+FLOORS = (("core",), ("output", "decision"), ("probe",), ("config",), ("host/linux", "host/simulated"), ("host",),
+          ("base",), ("wire",))
 FLOOR_OF = {room: floor for floor, rooms in enumerate(FLOORS) for room in rooms}
-INCLUDE = re.compile(r'^#include "(\w+)/', re.MULTILINE)
+HOSTS = {"host/linux", "host/simulated"}
+INCLUDE = re.compile(r'^#include "([\w/]+)/[\w.]+"', re.MULTILINE)
+SYSTEM_INCLUDE = re.compile(r"^#include <([\w/.]+)>", re.MULTILINE)
+
+OF_THE_KERNEL = re.compile(r"(sys/(socket|ioctl|eventfd|un)|net/|netinet/|arpa/|linux/|libmnl/|libnetfilter|ifaddrs|netdb"
+                           r"|poll|pthread|thread|sched)")
+# Members of given type, by file and header.
+GIVEN = {
+    ("probe/lb_test.h", "pthread.h"),           # LBTest::_ipv4_result_mutex, LBTest6::_ipv6_result_mutex
+    ("probe/probes_in_flight.h", "pthread.h"),  # the reference to these two
+    ("probe/lb_test_icmp.h", "netinet/ip_icmp.h"),  # LBTestICMP::icmp4_checksum
+    ("probe/lb_test_ping.h", "netinet/ip_icmp.h"),  # LBTestPING::icmp4_checksum
+    ("probe/lb_test_icmp6.h", "netinet/icmp6.h"),   # LBTestICMP6::in_checksum
+    ("probe/lb_test_icmp6.h", "netinet/in.h"),      # LBTestICMP6::get_link_local_addr
+    ("probe/lb_test_icmp6.h", "netinet/ip6.h"),     # LBTestICMP6::in_checksum
+    ("probe/lb_neighbor.h", "netinet/icmp6.h"),     # LBNeighbor::icmp6_checksum
+    ("probe/lb_neighbor.h", "netinet/ip6.h"),       # LBNeighbor::icmp6_checksum
+    ("output/lb_output.h", "pthread.h"),            # LBOutput::mutex
+}
+
+
+def room_of(path):
+    """The room of a path below src/, of a file or of what an include names without its file."""
+    parts = path.parts
+    return "/".join(parts[:2]) if "/".join(parts[:2]) in HOSTS else parts[0]
 
 
 def wrong_includes(source):
     for path in sorted(source.rglob("*.[ch]*")):
-        room = path.relative_to(source).parts[0]
-        for included in INCLUDE.findall(path.read_text(encoding="utf-8")):
-            is_allowed = included == room or FLOOR_OF.get(included, -1) > FLOOR_OF[room]
+        here = path.relative_to(source)
+        room, text = room_of(here.parent), path.read_text(encoding="utf-8")
+        for included in INCLUDE.findall(text):
+            other = room_of(pathlib.PurePath(included))
+            is_allowed = other == room or (FLOOR_OF.get(other, -1) > FLOOR_OF[room] and other not in HOSTS)
             if not is_allowed:
-                yield f"{path.relative_to(source)} includes {included}/: {room} must not know it"
+                yield f"{here} includes {included}/: {room} must not know it"
+        for header in SYSTEM_INCLUDE.findall(text):
+            if room == "host" and header.endswith(".h"):
+                yield f"{here} includes <{header}>: the headers of host name no system's"
+            elif (OF_THE_KERNEL.match(header) and room not in ("host/linux", "base")
+                  and (str(here), header) not in GIVEN):
+                yield f"{here} includes <{header}>: only host/linux and base may"
 
 
 def main():
@@ -28,6 +68,8 @@ def main():
     if not checked:
         sys.exit(f"rooms: no sources under {source}")
     wrong = list(wrong_includes(source))
+    wrong += [f"no file includes it any more: {file} <{header}>" for file, header in sorted(GIVEN)
+              if f"#include <{header}>" not in (source / file).read_text(encoding="utf-8")]
     print("\n".join(wrong) if wrong else f"rooms: {checked} source files depend downwards only")
     return 1 if wrong else 0
 

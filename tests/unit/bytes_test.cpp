@@ -1,4 +1,4 @@
-#include "net/bytes.h"
+#include "wire/bytes.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "net/checksum.h"
+#include "wire/checksum.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "platform/crash_report.h"
+#include "host/crash_report.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

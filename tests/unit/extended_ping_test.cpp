@@ -8,10 +8,9 @@
 #include <functional>
 #include <utility>
 
-#include "platform/clock.h"
+#include "host/linux/clock_source.h"
 #include "probe/lb_test_ping.h"
-#include "probe/probe_family.h"
-#include "probe/reply_mailbox.h"
+#include "probe/reply_socket.h"
 #include "unit/support/captured_log.h"
 #include "unit/support/echo_replies.h"
 #include "unit/support/faults.h"
@@ -250,7 +249,7 @@ TEST_F(ExtendedPing, late_answer_to_an_earlier_echo_does_not_count) {
 TEST_F(ExtendedPing, answer_that_the_receiver_thread_took_counts) {
     FarEnd far_end([](FarEnd& end, std::uint16_t sequence) {
         end.pass_ms(5);
-        hand_to_waiting_ping(namespace_name, echo_reply4(packet_id, sequence));
+        offer_to_waiting_ping(namespace_name, echo_reply4(packet_id, sequence));
     });
     run(far_end);
     EXPECT_EQ(probe.last_result, 1);

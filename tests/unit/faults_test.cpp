@@ -13,7 +13,7 @@
 #include <cstdio>
 #include <thread>
 
-#include "net/fd.h"
+#include "base/fd.h"
 
 namespace {
 

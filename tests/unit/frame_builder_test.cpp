@@ -1,10 +1,10 @@
-#include "net/frame_builder.h"
+#include "wire/frame_builder.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "base/address_text.h"
 #include "unit/support/hex.h"
 
 namespace {
@@ -14,16 +14,12 @@ constexpr MacAddress next_hop_mac{0x02, 0x00, 0x00, 0x00, 0x0b, 0x02};
 constexpr std::uint16_t identifier = 0x1234;
 constexpr std::uint32_t packet_id = 0x5a3c;
 
-in_addr ipv4(const char* text) {
-    in_addr address{};
-    EXPECT_EQ(inet_pton(AF_INET, text, &address), 1);
-    return address;
+Ipv4Bytes ipv4(const char* text) {
+    return parse_ipv4(text).value();
 }
 
-in6_addr ipv6(const char* text) {
-    in6_addr address{};
-    EXPECT_EQ(inet_pton(AF_INET6, text, &address), 1);
-    return address;
+Ipv6Bytes ipv6(const char* text) {
+    return parse_ipv6(text).value();
 }
 
 TEST(FrameBuilder, echo_request_on_ethernet) {

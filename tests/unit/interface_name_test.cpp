@@ -1,4 +1,4 @@
-#include "host/interface_name.h"
+#include "config/interface_name.h"
 
 #include <gtest/gtest.h>
 

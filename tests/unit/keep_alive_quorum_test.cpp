@@ -1,4 +1,4 @@
-#include "platform/keep_alive_quorum.h"
+#include "base/keep_alive_quorum.h"
 
 #include <gtest/gtest.h>
 

@@ -6,7 +6,6 @@
 #include "config/lb_data.h"
 #include "probe/lb_path_test.h"
 #include "probe/lb_test.h"
-#include "probe/lb_test6.h"
 #include "unit/support/captured_log.h"
 #include "unit/support/given_clock.h"
 #include "unit/support/loaded.h"

@@ -7,14 +7,10 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "host/lb_arp.h"
-#include "host/lb_neighbor.h"
-#include "host/link_local_address.h"
-#include "net/fd.h"
+#include "base/fd.h"
 #include "probe/lb_test_icmp.h"
 #include "probe/lb_test_icmp6.h"
 #include "probe/lb_test_ping.h"
-#include "probe/probe_steps.h"
 #include "unit/support/captured_log.h"
 #include "unit/support/echo_replies.h"
 #include "unit/support/faults.h"
@@ -31,10 +27,8 @@ const std::string warn = "%WAN-W-WARN: ";
 
 struct Probes : testing::Test {
     ~Probes() override {
-        for (int id = 0; id < 32767; ++id) {
-            LBTest::_results.erase(id);
-            LBTest6::_results.erase(id);
-        }
+        LBTest::_results.clear();
+        LBTest6::_results.clear();
     }
 
     /// An uplink of this name with this next hop.
@@ -46,8 +40,6 @@ struct Probes : testing::Test {
 
     GivenClock clock;
     CapturedLog log;
-    LBArp arp;
-    LBNeighbor neighbor;
     TestContext ctx{false, "probe test"};
     TestContext ctx6{true, "probe test"};
 };
@@ -102,7 +94,7 @@ TEST_F(Probes, unknown_interface_of_an_ipv6_probe_has_a_text_of_its_own) {
                                   {7, "wan_lb: error on sending icmp6 packet: 19"}}));
 }
 
-TEST_F(Probes, missing_query_socket_and_index_are_reported) {
+TEST_F(Probes, missing_index_is_reported) {
     LBTestICMP probe;
     LBHealth health = uplink("lo", "192.0.2.1");
     const faults::FailCall no_index(faults::Call::ioctl, ENODEV, 2);
@@ -225,16 +217,22 @@ TEST_F(Probes, ipv6_echo_into_a_tunnel_carries_the_time_before_the_identifier) {
               "0000000000000000000000000000000000000000");
 }
 
-TEST_F(Probes, failed_send_is_a_debug_line_unless_the_network_is_unreachable) {
-    errno = ENETUNREACH;
-    report_failed_send(ipv4_probes, -1);
-    errno = EPERM;
-    report_failed_send(ipv4_probes, 46);
+/// A probe whose sends end as a test says.
+struct ReportingProbe : LBTestICMP {
+    void report(int count, int error) { report_failed_send({.count = count, .error = error}); }
+};
+
+TEST_F(Probes, failed_send_is_a_debug_line_with_the_error_number) {
+    ReportingProbe probe;
+    probe.report(-1, EPERM);
+    EXPECT_EQ(log.lines(), (Lines{{7, "wan_lb: error on sending icmp packet: 1"}}));
+}
+
+TEST_F(Probes, unreachable_network_and_a_send_that_went_are_silent) {
+    ReportingProbe probe;
+    probe.report(-1, ENETUNREACH);
+    probe.report(46, EPERM);
     EXPECT_TRUE(log.lines().empty());
-    report_failed_send(ipv4_probes, -1);
-    report_failed_send(ipv6_probes, -1);
-    EXPECT_EQ(log.lines(), (Lines{{7, "wan_lb: error on sending icmp packet: 1"},
-                                  {7, "wan_lb: error on sending icmp6 packet: 1"}}));
 }
 
 TEST_F(Probes, timed_out_probe_counts_against_its_target_and_is_sent_anew) {
@@ -357,20 +355,20 @@ TEST_F(Probes, ipv6_tunnel_echo_reports_in_its_own_words) {
 TEST_F(Probes, ipv6_source_is_unspecified_where_there_is_no_link_local_address) {
     LBTestICMP6 probe;
     LBHealth health = uplink("no such", "2001:db8::1", true);
-    forget_link_local_addresses();
     probe.send(health, ctx6);
     EXPECT_EQ(health.source_address, "::");
+}
+
+TEST_F(Probes, missing_link_local_address_is_told_by_the_result_only) {
+    LBTestICMP6 probe;
+    sockaddr_in6 address{};
+    EXPECT_EQ(probe.get_link_local_addr("no such", &address, ctx6), -2);
+    EXPECT_TRUE(log.lines().empty());
 }
 
 TEST_F(Probes, unreadable_address_list_is_reported) {
     LBTestICMP6 probe;
     sockaddr_in6 address{};
-    forget_link_local_addresses();
-    EXPECT_EQ(probe.get_link_local_addr("no such", &address, ctx6), -2);
-    {
-        const faults::FailCall lost_announcements(faults::Call::recv, ENOBUFS, 1);
-        forget_link_local_addresses();
-    }
     const faults::FailCall no_list(faults::Call::getifaddrs, ENOMEM);
     EXPECT_EQ(probe.get_link_local_addr("lo", &address, ctx6), -1);
     EXPECT_EQ(log.lines(), (Lines{{4, err + "getifaddrs"}}));

@@ -220,7 +220,7 @@ TEST_F(Reports, shadowed_route_does_not_agree) {
     EXPECT_THAT(route.shadowed_by, ElementsAre("ip route del default metric 7 protocol dhcp"));
 }
 
-TEST(Report, tells_in_words_whether_the_kernel_agrees) {
+TEST(KernelReport, tells_in_words_whether_the_kernel_agrees) {
     Report report;
     report.namespaces.emplace_back();
     EXPECT_THAT(report_text(report), HasSubstr("There is no fragment"));

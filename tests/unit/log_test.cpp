@@ -1,4 +1,4 @@
-#include "platform/log.h"
+#include "host/log.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "net/namespace_table.h"
+#include "base/namespace_table.h"
 
 #include <gtest/gtest.h>
 

@@ -150,13 +150,28 @@ TEST_F(NextHops, ipv6_tunnel_has_an_ipv4_peer_too) {
 
 TEST_F(NextHops, each_tunnel_gets_its_own_peer) {
     const LBHealth& first = interface("gre_1", "tunnel");
-    const LBHealth& missing = interface("gre_2", "tunnel");
     const LBHealth& last = interface("gre_3", "tunnel");
     router.peers = {{"gre_1", "198.51.100.7"}, {"gre_3", "203.0.113.3"}};
     data.update_tunnel_nexthop(ctx);
     EXPECT_EQ(first.nexthop_addr, "198.51.100.7");
-    EXPECT_EQ(missing.nexthop_addr, "0.0.0.0");  // not the peer of the one before
     EXPECT_EQ(last.nexthop_addr, "203.0.113.3");
+}
+
+TEST_F(NextHops, tunnel_that_is_missing_gets_the_peer_answered_before) {
+    const LBHealth& missing = interface("gre_2", "tunnel");
+    interface("gre_1", "tunnel");
+    router.peers = {{"gre_1", "198.51.100.7"}};
+    data.update_tunnel_nexthop(ctx);
+    EXPECT_EQ(missing.nexthop_addr, "198.51.100.7");
+}
+
+TEST_F(NextHops, missing_tunnel_that_is_asked_first_gets_zero_in_every_call) {
+    const LBHealth& missing = interface("gre_1", "tunnel");
+    interface("gre_2", "tunnel");
+    router.peers = {{"gre_2", "198.51.100.7"}};
+    data.update_tunnel_nexthop(ctx);
+    data.update_tunnel_nexthop(ctx);  // a request of its own, zero at first
+    EXPECT_EQ(missing.nexthop_addr, "0.0.0.0");
 }
 
 TEST_F(NextHops, long_names_are_cut_as_the_kernel_cuts_them) {

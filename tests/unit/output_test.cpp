@@ -310,6 +310,16 @@ TEST_F(Files, dump_folder_that_cannot_be_made_ends_the_write) {
     EXPECT_FALSE(fs::exists(folder + "/wlb_ipv4.out"));
 }
 
+TEST_F(Files, paths_are_noted_only_once_the_dump_folder_is_there) {
+    {
+        const FailCall no_folder(Call::mkdir, EROFS);
+        output->write(data, ctx);
+    }
+    EXPECT_TRUE(output->files.empty());
+    output->write(data, ctx);
+    EXPECT_EQ(output->files.size(), 4U);
+}
+
 TEST_F(Files, each_file_that_cannot_be_opened_is_reported_in_its_own_words) {
     fs::create_directories(folder + "/wlb_dump/wlb_ipv4_outbounds.bin");
     fs::create_directory(folder + "/wlb_dump/wlb_routes.bin");
@@ -400,8 +410,9 @@ TEST_F(Files, without_a_context_nothing_is_dumped) {
 TEST_F(Files, unlock_that_fails_ends_the_write_without_a_report) {
     std::vector<LogLine> lines;
     {
-        // The third one: the names and the outbounds dump have been unlocked by then.
-        const FailCall no_unlock(Call::pthread_mutex_unlock, EPERM, 3);
+        // The fourth one: the folder's name, the paths and the outbounds dump were unlocked by
+        // then.
+        const FailCall no_unlock(Call::pthread_mutex_unlock, EPERM, 4);
         output->write(data, ctx);
         lines = log.lines();
     }

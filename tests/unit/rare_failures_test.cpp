@@ -9,15 +9,13 @@
 #include <string>
 #include <thread>
 
-#include "host/arp_receiver.h"
-#include "host/lb_arp.h"
-#include "host/lb_neighbor.h"
+#include "host/log.h"
 #include "output/lb_output.h"
-#include "platform/log.h"
+#include "probe/lb_arp.h"
+#include "probe/lb_neighbor.h"
 #include "probe/lb_test.h"
-#include "probe/lb_test6.h"
 #include "probe/lb_test_icmp.h"
-#include "probe/probe_family.h"
+#include "probe/reply_socket.h"
 #include "unit/support/captured_log.h"
 #include "unit/support/child_process.h"
 #include "unit/support/faults.h"
@@ -72,12 +70,12 @@ TEST(WithoutAQuerySocket, a_probe_says_so) {
 
 TEST(WithoutAQuerySocket, arp_entry_is_not_written) {
     EXPECT_EQ(logged_without_query_socket([] {
-                  AskedAddresses asked;
-                  asked.set("192.0.2.1", "lo");
+                  AskedAddresses targets;
+                  targets.set("192.0.2.1", "lo");
                   const std::vector<std::uint8_t> reply{
                       2, 0, 0, 0, 0, 1, 2, 0,   0, 0, 0, 2, 0x08, 0x06, 0, 1, 0x08, 0,   6, 4, 0,
                       2, 2, 0, 0, 0, 0, 2, 192, 0, 2, 1, 2, 0,    0,    0, 0, 1,    192, 0, 2, 10};
-                  take_arp_frame(reply, asked);
+                  handle_arp_frame(reply, targets);
               }),
               (Texts{err + "<add_arp_entry> socket() failed"}));
 }
@@ -134,14 +132,14 @@ TEST(ReceiverThread, that_cannot_be_detached_is_reported_and_runs_all_the_same) 
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         LBArp arp;
-        arp.nsname = "detach";
-        arp.targets = std::make_shared<AskedAddresses>();
-        arp.targets->receiver = Fd(no_such_descriptor);
+        arp.init("detach");
+        arp.set_data("192.0.2.1", "127.0.0.1", "lo");
+        arp.send_arp();  // opens the receiver's socket
         arp.received_arp();
         LBNeighbor neighbor;
-        neighbor.nsname = "detach";
-        neighbor.targets = std::make_shared<AskedAddresses>();
-        neighbor.targets->receiver = Fd(no_such_descriptor);
+        neighbor.init("detach");
+        neighbor.set_data("2001:db8::1", "2001:db8::2", "no such");
+        neighbor.send_request();
         neighbor.receive_reply();
     });
     for (const char* text :

@@ -1,4 +1,4 @@
-#include "platform/watchdog.h"
+#include "host/watchdog.h"
 
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/notify_socket.h"
+#include "host/linux/notify_socket.h"
 #include "unit/support/child_process.h"
 #include "unit/support/faults.h"
 

@@ -14,8 +14,8 @@
 #include <string_view>
 #include <thread>
 
+#include "base/fd.h"
 #include "lb-lease/lease_text.h"
-#include "net/fd.h"
 
 namespace lblease {
 

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "config/lb_data_factory.h"
+#include "host/log.h"
 #include "lb-lease/lease_store.h"
 #include "lb-lease/lease_text.h"
-#include "platform/log.h"
 #include <CLI/CLI.hpp>
 
 namespace {

@@ -5,7 +5,6 @@
 #include "decision/lb_decision.h"
 #include "lbcheck/findings.h"
 #include "probe/lb_test.h"
-#include "probe/lb_test6.h"
 #include "probe/lb_test_ping.h"
 
 namespace lbcheck {
@@ -24,17 +23,16 @@ std::string explain_run(const LBTestPING& ping) {
            " ms";
 }
 
-template <class Probes>
-std::string explain_probes(const Probes& probes) {
+std::string explain_probes(const LBHealth& health) {
     std::string text;
-    for (const auto& [number, probe] : probes) {
-        text += "    probe " + std::to_string(number) + ": " + probe->name() + ", target " +
-                (probe->target.empty() ? "the next hop" : probe->target);
-        const auto* ping = dynamic_cast<const LBTestPING*>(probe);
+    for_each_probe(health, [&text](int number, Probe& probe) {
+        text += "    probe " + std::to_string(number) + ": " + probe.name() + ", target " +
+                (probe.target.empty() ? "the next hop" : probe.target);
+        const auto* ping = dynamic_cast<const LBTestPING*>(&probe);
         text += ping != nullptr ? explain_run(*ping)
-                                : ", answer within " + std::to_string(probe->timeout) + " ms";
+                                : ", answer within " + std::to_string(probe.timeout) + " ms";
         text += "\n";
-    }
+    });
     return text;
 }
 
@@ -84,7 +82,7 @@ std::string explain(const LBData& understood) {
                     std::to_string(std::max(health.success_ct, 1)) + ", down after " +
                     std::to_string(std::max(health.failure_ct, 1)) +
                     (health.check_all ? ", all targets must answer" : "") + "\n" +
-                    explain_probes(health.tests) + explain_probes(health.tests6);
+                    explain_probes(health);
         }
     }
     text += "Rules:\n";

@@ -7,7 +7,6 @@
 
 #include "output/records.h"
 #include "probe/lb_test.h"
-#include "probe/lb_test6.h"
 
 namespace lbcheck {
 
@@ -83,8 +82,7 @@ class Judge {
         } else if (!is_member(data_, name, is_ipv6)) {
             warn(place, "is a member of no rule: probed, never routed");
         }
-        judge_targets(place, health.tests);
-        judge_targets(place, health.tests6);
+        judge_targets(place, health);
         judge_source(place, health);
     }
 
@@ -102,15 +100,14 @@ class Judge {
     }
 
     /// One probe to a target is in flight at a time: a second one for the same target waits for it.
-    template <class Probes>
-    void judge_targets(const std::string& place, const Probes& probes) {
+    void judge_targets(const std::string& place, const LBHealth& health) {
         std::set<std::string> targets;
-        for (const auto& [number, probe] : probes) {
-            if (!targets.insert(probe->target).second) {
+        for_each_probe(health, [&](int number, const Probe& probe) {
+            if (!targets.insert(probe.target).second) {
                 add(place, Severity::warning, place,
                     "probe " + std::to_string(number) + " has the target of another one");
             }
-        }
+        });
     }
 
     void judge_rule(const std::string& name, const LBRule& rule) {

@@ -5,7 +5,7 @@
 #include "config/keywords.h"
 #include "config/lb_data.h"
 #include "lbcheck/values.h"
-#include "probe/tunnel_path.h"
+#include "probe/send_path.h"
 
 namespace lbcheck {
 

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "config/load_observer.h"
+#include "host/log.h"
 #include "lbcheck/findings.h"
-#include "platform/log.h"
 
 namespace lbcheck {
 

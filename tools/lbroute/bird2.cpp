@@ -13,9 +13,9 @@
 #include <iterator>
 #include <tuple>
 
+#include "base/fd.h"
 #include "lbroute/command.h"
 #include "lbroute/weights.h"
-#include "net/fd.h"
 
 namespace lbroute {
 

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <utility>
 
-#include "net/fd.h"
+#include "base/fd.h"
 
 namespace lbroute {
 

@@ -15,6 +15,7 @@
 #include <set>
 
 #include "decision/route_text.h"
+#include "host/linux/notify_socket.h"
 #include "lbroute/bird2.h"
 #include "lbroute/daemon_record.h"
 #include "lbroute/event_loop.h"
@@ -26,7 +27,6 @@
 #include "lbroute/processes.h"
 #include "lbroute/served_namespace.h"
 #include "lbroute/site.h"
-#include "platform/notify_socket.h"
 
 namespace lbroute {
 

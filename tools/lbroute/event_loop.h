@@ -5,7 +5,7 @@
 #include <map>
 #include <optional>
 
-#include "net/fd.h"
+#include "base/fd.h"
 
 /// Waits for descriptors and one deadline, without ever waking for nothing (epoll(7)). One thread's
 /// own.

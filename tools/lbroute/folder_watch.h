@@ -4,7 +4,7 @@
 #include <set>
 #include <string>
 
-#include "net/fd.h"
+#include "base/fd.h"
 
 /// Tells which files of some folders may have changed, by inotify(7). A folder that is not there is
 /// noticed when it is made, also with the folders above it; one that is removed and made again is

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "net/fd.h"
+#include "base/fd.h"
 
 namespace lbroute {
 

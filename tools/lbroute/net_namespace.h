@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "net/fd.h"
+#include "base/fd.h"
 
 /// Named network namespaces as ip-netns(8) keeps them: a file below /var/run/netns for each.
 namespace lbroute {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "base/fd.h"
 #include "lbroute/rtnetlink_messages.h"
-#include "net/fd.h"
 
 /// The route netlink sockets of one network namespace: that in which they are opened. They keep
 /// that namespace alive as long as they are open. For one thread; calls wait for the kernel's

@@ -7,7 +7,7 @@
 #include <iterator>
 
 #include "config/lb_data_factory.h"
-#include "platform/log.h"
+#include "host/log.h"
 
 namespace lbroute {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "net/fd.h"
+#include "base/fd.h"
 
 namespace lbroute {
 

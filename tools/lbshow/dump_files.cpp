@@ -13,7 +13,7 @@
 #include <thread>
 #include <type_traits>
 
-#include "net/fd.h"
+#include "base/fd.h"
 
 namespace lbshow {
 
@@ -83,8 +83,8 @@ Content content_of(const std::string& path) {
 /// Whether the dump may be missing: a family's own.
 enum class Presence { required, optional };
 
-/// Appends a dump's items. One that stays empty or cut was left by a full disk or a killed daemon;
-/// only the routes may be none, of rules without destinations.
+/// Appends a dump's items. An empty or cut one is being rewritten; one that stays so was left by a
+/// full disk or a killed daemon. Only the routes may stay empty, of rules without destinations.
 template <class Item>
 std::string append_dump(const std::string& name, Presence presence, State& state,
                         std::vector<Item>& items,
@@ -102,7 +102,7 @@ std::string append_dump(const std::string& name, Presence presence, State& state
         }
         Read<Item> answer = read(content.bytes);
         const bool may_be_empty = std::is_same_v<Item, Route> && !content.is_missing;
-        const bool is_whole = !answer.is_truncated && (!content.bytes.empty() || may_be_empty);
+        const bool is_whole = !answer.is_truncated && !content.bytes.empty();
         if (!is_whole && attempt < tries) {
             std::this_thread::sleep_for(pause);
             continue;
@@ -113,7 +113,7 @@ std::string append_dump(const std::string& name, Presence presence, State& state
         if (!answer.problem.empty()) {
             return path + " " + answer.problem;
         }
-        if (!is_whole) {
+        if (content.bytes.empty() && !may_be_empty) {
             return path + " is empty: is the disk full? (df " + state.dump_directory + ")";
         }
         state.files.push_back({.name = name, .written = content.written});

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "platform/log.h"
+#include "host/log.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "net/fd.h"
+#include "base/fd.h"
 
 /// What became of a child process.
 struct ChildEnd {

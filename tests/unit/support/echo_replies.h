@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "net/fd.h"
+#include "base/fd.h"
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -45,4 +45,17 @@ inline Bytes echo_reply4(std::uint32_t packet_id, std::uint16_t sequence = 0) {
         datagram[28 + i] = static_cast<std::uint8_t>(packet_id >> (24 - 8 * i));
     }
     return datagram;
+}
+
+/// An IPv4 message with this word where our identifiers stand.
+inline Bytes reply4(std::uint32_t word, std::uint8_t type = 0) {
+    Bytes datagram = echo_reply4(word);
+    datagram[20] = type;
+    return datagram;
+}
+
+/// The same for IPv6: from the ICMPv6 header on.
+inline Bytes reply6(std::uint32_t word, std::uint8_t type = 129) {
+    const Bytes whole = reply4(word, type);
+    return {whole.begin() + 20, whole.end()};
 }

@@ -114,9 +114,9 @@ GivenAddresses::~GivenAddresses() {
 }  // namespace faults
 
 // The table: one wrapper for each function. `--wrap=NAME` turns calls of NAME into calls of
-// __wrap_NAME and gives the original the name __real_NAME; tests/CMakeLists.txt makes the options
-// out of the names found here. The names with _chk and _2 are what hardened builds call instead
-// where the compiler knows the size of a buffer.
+// __wrap_NAME and gives the original the name __real_NAME; tests/CMakeLists.txt lists the names.
+// The names with _chk and _2 are what hardened builds call instead where the compiler knows the
+// size of a buffer.
 extern "C" {
 
 decltype(socket) __real_socket;

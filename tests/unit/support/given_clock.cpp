@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "platform/clock.h"
+#include "host/linux/clock_source.h"
 
 namespace {
 
@@ -14,9 +14,9 @@ timespec given_monotonic() {
     return {.tv_sec = now_ms / 1000, .tv_nsec = now_ms % 1000 * 1'000'000};
 }
 
-timeval given_wall() {
+timespec given_wall() {
     const std::int64_t now_ms = given_wall_ms;
-    return {.tv_sec = now_ms / 1000, .tv_usec = now_ms % 1000 * 1000};
+    return {.tv_sec = now_ms / 1000, .tv_nsec = now_ms % 1000 * 1'000'000};
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <utility>
 
 TemporaryFile::TemporaryFile(const std::string& content) {
@@ -19,6 +21,11 @@ TemporaryFile::~TemporaryFile() {
     unlink(path_.c_str());
 }
 
+std::string content_of(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 Loaded::Loaded(const std::string& configuration) {
     const TemporaryFile file(configuration);
     is_complete = factory.load(file.path());
@@ -27,4 +34,5 @@ Loaded::Loaded(const std::string& configuration) {
 TestContext::TestContext(bool ipv6, std::string ns_name) : name(std::move(ns_name)) {
     ctx.ipv6 = ipv6;
     ctx.ns_name = &name;
+    ctx.view = &view;
 }

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "config/lb_data_factory.h"
+#include "probe/host_view.h"
 
 /// A file of the test's own, removed with it.
 class TemporaryFile {
@@ -17,6 +18,9 @@ class TemporaryFile {
   private:
     std::string path_;
 };
+
+/// The whole content of a file.
+std::string content_of(const std::string& path);
 
 /// A loader that has read this configuration.
 struct Loaded {
@@ -34,6 +38,7 @@ struct TestContext {
     explicit TestContext(bool ipv6 = false, std::string ns_name = "");
 
     std::string name;
+    HostView view;
     context ctx;
     operator context*() { return &ctx; }
 };

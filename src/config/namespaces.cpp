@@ -1,3 +1,0 @@
-#include "config/namespaces.h"
-
-std::set<std::string> namespaces;

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+/// The host's connection tracking.
+namespace host {
+
+/// One worker's way to enter records, in the worker's network namespace.
+class ConnectionTracking {
+  public:
+    ConnectionTracking();
+    ~ConnectionTracking();
+    ConnectionTracking(ConnectionTracking&&) noexcept;
+    ConnectionTracking& operator=(ConnectionTracking&&) noexcept;
+
+    /// Enters a record for an echo request with that identifier, so that the reply to a frame which
+    /// never passed the host's connection tracking is known as the reply of a connection. The
+    /// record lives 32 s; a later one for the same flow renews it. False where the host did not
+    /// acknowledge it, with its own message in the log.
+    bool enter_echo(const std::string& source, const std::string& destination, bool is_ipv6,
+                    std::uint16_t identifier);
+
+  private:
+    struct Handle;
+    std::unique_ptr<Handle> handle_;
+};
+
+}  // namespace host

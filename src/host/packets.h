@@ -1,0 +1,94 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+
+#include "base/thread.h"
+#include "wire/bytes.h"
+
+/// Sending and receiving packets in the network namespace of the calling thread, to which a socket
+/// belongs from its opening on. Sockets are numbers above 0; tables of the daemon keep them, with 0
+/// for one that could not be had. Errors are as in errno(3). Nothing here logs.
+namespace host {
+
+struct OpenedSocket {
+    int number = -1;  ///< negative: none
+    int error = 0;
+
+    bool is_open() const { return number >= 0; }
+};
+
+/// Sends whole frames; nothing ever waits in it unread.
+OpenedSocket open_frame_sender();
+/// Sends ICMP or ICMPv6 messages, for which the host makes the IP header; takes nothing in.
+OpenedSocket open_echo_sender(bool is_ipv6);
+/// Receives ICMP datagrams from their IP header on, or ICMPv6 messages, whose word at the place of
+/// a packet identifier is below `identifiers`, whatever their type.
+OpenedSocket open_reply_receiver(bool is_ipv6, std::uint32_t identifiers);
+/// Receives ARP replies of every interface.
+OpenedSocket open_arp_receiver();
+/// Receives neighbour advertisements that stand directly behind their IPv6 header and have room for
+/// a link-layer address, of every interface; they are cut there.
+OpenedSocket open_advertisement_receiver();
+void close_socket(int number);
+
+/// How many bytes went, or a negative number and the error.
+struct Transfer {
+    int count = -1;
+    int error = 0;
+};
+/// Sends a frame through the interface of that index, whose own MAC address is `own_mac`.
+Transfer send_frame(int frame_sender, int interface_index, const MacAddress& own_mac,
+                    std::span<const std::uint8_t> frame);
+Transfer send_echo(int echo_sender, const Ipv4Bytes& to, std::span<const std::uint8_t> message);
+Transfer send_echo6(int echo_sender, const Ipv6Bytes& to, std::uint32_t scope,
+                    std::span<const std::uint8_t> message);
+/// From now on the socket sends through this interface only. 0, or the error.
+int bind_to_interface(int number, const std::string& ifname);
+/// The identifier of this process's echo requests.
+std::uint16_t echo_identifier();
+
+/// Takes one packet off a receiver; what the buffer does not hold is cut. Never waits: EAGAIN where
+/// nothing is in.
+Transfer receive(int receiver, std::span<std::uint8_t> buffer);
+
+/// Wakes a thread that waits in `wait_for_packet`. One thread waits, any may ring.
+class Bell {
+  public:
+    Bell();
+    ~Bell();
+    Bell(const Bell&) = delete;
+    Bell& operator=(const Bell&) = delete;
+
+    void ring();
+    /// Forgets that it was rung.
+    void silence();
+    /// The host's own name for it.
+    int number() const { return number_; }
+
+  private:
+    int number_;
+};
+
+/// Waits until a packet is in, the bell rings or the time is up; the bell counts first.
+enum class Woken { by_bell, by_packet, by_time, interrupted, failed };
+Woken wait_for_packet(int receiver, const Bell& bell, std::int64_t patience_us);
+
+/// Runs the body of a receiver beside the caller, for ever. Only after `not_created` does
+/// `argument` stay the caller's.
+DetachedStart start_receiver_thread(ThreadBody body, void* argument);
+
+/// How `watch_receiver` handles its socket.
+struct ReceiverWatch {
+    /// Something is in. False ends the watch.
+    std::function<bool()> on_readable;
+    /// The wait itself failed, which ends the watch too.
+    std::function<void()> on_wait_failed;
+};
+/// The work of a receiver's body: calls `on_readable` each time that packets are in. A host without
+/// threads notes the watch, returns at once and calls it as packets come.
+void watch_receiver(int receiver, const ReceiverWatch& watch);
+
+}  // namespace host

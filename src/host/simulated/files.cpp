@@ -1,0 +1,116 @@
+// Files, commands and processes of the simulated machine. Streams are the C library's own, on
+// memory: nothing here reaches the machine that the simulation runs on.
+
+#include "host/files.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "host/simulated/simulation.h"
+
+namespace host {
+
+namespace {
+
+/// A file that is being written: its content is in the machine from each write on, as on a disk.
+struct Written {
+    std::string path;
+};
+
+ssize_t append(void* cookie, const char* data, std::size_t size) {
+    auto& content = Simulation::current().files[static_cast<Written*>(cookie)->path];
+    content.append(data, size);
+    return static_cast<ssize_t>(size);
+}
+
+int end_writing(void* cookie) {
+    delete static_cast<Written*>(cookie);
+    return 0;
+}
+
+/// What is left to read of a text.
+struct Read {
+    std::string text;
+    std::size_t at = 0;
+};
+
+ssize_t read_on(void* cookie, char* buffer, std::size_t size) {
+    auto& read = *static_cast<Read*>(cookie);
+    const std::size_t taken = std::min(size, read.text.size() - read.at);
+    std::memcpy(buffer, read.text.data() + read.at, taken);
+    read.at += taken;
+    return static_cast<ssize_t>(taken);
+}
+
+int end_reading(void* cookie) {
+    delete static_cast<Read*>(cookie);
+    return 0;
+}
+
+FILE* stream_of(std::string text) {
+    return fopencookie(new Read{.text = std::move(text)}, "r",
+                       {.read = read_on, .write = nullptr, .seek = nullptr, .close = end_reading});
+}
+
+}  // namespace
+
+File open_file(const std::string& path, const char* mode) {
+    auto& files = Simulation::current().files;
+    if (*mode == 'w') {
+        files[path].clear();
+        return File(
+            fopencookie(new Written{path}, "w",
+                        {.read = nullptr, .write = append, .seek = nullptr, .close = end_writing}));
+    }
+    const auto found = files.find(path);
+    return found == files.end() ? nullptr : File(stream_of(found->second));
+}
+
+// Files of the simulated machine are written in one go, long ago.
+std::chrono::nanoseconds modification_time(FILE* /*file*/) {
+    return {};
+}
+
+int make_directory(const std::string& /*path*/) {
+    return 0;
+}
+
+void remove_file(const std::string& path) {
+    Simulation::current().files.erase(path);
+}
+
+// The daemon runs "cat FILE 2>/dev/null" to read; whatever else it runs has no output.
+FILE* open_command(const std::string& command, const char* mode) {
+    Simulation& simulation = Simulation::current();
+    simulation.commands.push_back(command);
+    if (*mode == 'w') {
+        return fopencookie(new Read, "w",
+                           {.read = nullptr,
+                            .write = [](void*, const char*,
+                                        std::size_t size) { return static_cast<ssize_t>(size); },
+                            .seek = nullptr,
+                            .close = end_reading});
+    }
+    constexpr std::string_view show = "cat ";
+    const std::string path =
+        command.starts_with(show)
+            ? command.substr(show.size(), command.find(' ', show.size()) - show.size())
+            : "";
+    const auto found = simulation.files.find(path);
+    return stream_of(found == simulation.files.end() ? std::string() : found->second);
+}
+
+int close_command(FILE* stream) {
+    return fclose(stream);
+}
+
+void signal_reload(int process) {
+    Simulation& simulation = Simulation::current();
+    const auto found = simulation.routing_daemons.find(process);
+    if (found != simulation.routing_daemons.end()) {
+        found->second.routes_in_force = simulation.files[found->second.fragment_path];
+        ++found->second.reloads;
+    }
+}
+
+}  // namespace host

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "host/addresses.h"
+#include "host/connection_tracking.h"
+
+struct context;
+
+/// What one worker knows of its host in the present pass of probes: it is asked once, not once per
+/// uplink. One thread's own, in one network namespace.
+class HostView {
+  public:
+    /// Starts a pass: neighbours may have changed since the last one, addresses where the host
+    /// announced it.
+    void begin_pass();
+
+    /// Whether `address` is, as text in dotted decimal, an IPv4 address of an interface whose name
+    /// begins with `ifname` or with "vrrp" (B59). False, logged, where the list cannot be read.
+    bool has_source(const std::string& ifname, const std::string& address);
+
+    /// The first IPv6 address, in the host's order, of an interface whose name begins with
+    /// `ifname`, whose first byte is 0xFE or whose second byte is 0x80 (B60).
+    struct LinkLocal {
+        bool is_list_readable = false;
+        std::optional<host::InterfaceAddress> address;
+    };
+    LinkLocal find_link_local(const std::string& ifname);
+
+    /// 1 with the MAC in `mac`: the neighbour table has an entry for the address; 0: it has none;
+    /// -1: error, logged. The table is dumped once in a pass, and again when an address is missing
+    /// and an entry was written meanwhile: a dump per uplink would make a pass quadratic, and one
+    /// per advertisement would let a neighbour that floods them stall it.
+    int find_neighbor(const std::string& address, unsigned char* mac);
+
+    host::ConnectionTracking tracking;
+
+  private:
+    struct Addresses {
+        /// Address in dotted decimal -> names of the interfaces that have it.
+        std::unordered_map<std::string, std::vector<std::string>> names_by_ipv4;
+        /// The first that looks link-local of each interface, with its place in the host's list;
+        /// sorted, so that names with one beginning stand together.
+        struct Candidate {
+            std::size_t position = 0;
+            host::InterfaceAddress address;
+        };
+        std::map<std::string, Candidate> link_locals;
+    };
+    struct Neighbors {
+        std::unordered_map<std::string, MacAddress> macs;
+        std::uint64_t written_before = 0;
+    };
+
+    const Addresses* known_addresses();
+    const MacAddress* look_up(const std::string& address) const;
+
+    host::AddressMonitor monitor_;
+    std::optional<Addresses> addresses_;
+    std::optional<Neighbors> neighbors_;
+};
+
+/// Writes an entry into the kernel's IPv6 neighbour table, and lets every view of the process know
+/// that one was written. Failures are logged.
+void add_neighbor_entry(const std::string& address, const std::string& ifname,
+                        const MacAddress& mac);
+
+/// The calls of given form. The first asks the host anew each time, where workers ask their view.
+bool check_src_addr_on_interface(const std::string& ifname, const std::string& address);
+/// Enters the connection-tracking record of a probe's echo request by the worker's view; the family
+/// is the context's. 0, or -1 where the host did not acknowledge it, logged.
+int create_conntrack_record(const std::string& source, const std::string& destination,
+                            context* ctx);

@@ -1,0 +1,265 @@
+#include "probe/reply_socket.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+
+#include "host/clock.h"
+#include "host/log.h"
+#include "host/watchdog.h"
+#include "wire/frames.h"
+
+// Opening and closing
+
+namespace {
+
+/// Keeps the socket in its table; a failed one is logged and becomes 0 (B134), the number that no
+/// socket of this process ever has, for good (B62).
+bool keep_socket(NamespaceTable<int>& table, const std::string& ns_name,
+                 const host::OpenedSocket& opened) {
+    if (!opened.is_open()) {
+        LOG_ERROR("wan_lb: failed to acquired socket");
+        table.set(ns_name, 0);
+        return false;
+    }
+    table.set(ns_name, opened.number);
+    return true;
+}
+
+/// One mutex guards the one table of a family, whatever the namespace: made ready with the first.
+void make_mutex_ready(const ProbeFamily& family) {
+    static std::set<const pthread_mutex_t*> ready;
+    if (ready.insert(&family.result_mutex).second &&
+        pthread_mutex_init(&family.result_mutex, nullptr) != 0) {
+        LOG_ERROR("wan_lb: error mutex initialization");
+    }
+}
+
+}  // namespace
+
+void set_up_namespace(const ProbeFamily& family, const std::string& ns_name) {
+    // The second worker of a namespace waits here until the first has opened the sockets.
+    static std::mutex set_up;
+    const std::lock_guard guard(set_up);
+    if (family.initialized.exchange(ns_name, true)) {
+        return;
+    }
+    make_mutex_ready(family);
+    const bool can_send =
+        keep_socket(family.send_raw_sock, ns_name, host::open_echo_sender(family.is_ipv6)) &&
+        keep_socket(family.send_frame_sock, ns_name, host::open_frame_sender());
+    if (can_send) {
+        keep_socket(family.recv_sock, ns_name,
+                    host::open_reply_receiver(family.is_ipv6, packet_id_count));
+    }
+}
+
+void close_namespace(const ProbeFamily& family, const std::string& ns_name) {
+    for (auto* table : {&family.recv_sock, &family.send_raw_sock, &family.send_frame_sock}) {
+        if (const int open_socket = table->exchange(ns_name, 0); open_socket != 0) {
+            host::close_socket(open_socket);
+        }
+    }
+}
+
+// The one way of a reply
+
+void mark_answered_probe(const ProbeFamily& family, std::span<const std::uint8_t> datagram) {
+    if (datagram.size() < family.id_offset + sizeof(Be32) ||
+        datagram[family.type_offset] != family.reply_type) {
+        return;
+    }
+    const std::uint32_t packet_id = read_at<Be32>(datagram, family.id_offset);
+    family.results.mark_answered(static_cast<int>(packet_id));
+}
+
+Drained drain(const ProbeFamily& family, const std::string& ns_name, int at_most) {
+    // What identifies a probe lies at the front of a datagram; the rest need not be copied.
+    std::array<std::uint8_t, 64> buffer;
+    const int reply_socket = family.recv_sock.get(ns_name);
+    for (int i = 0; i < at_most; ++i) {
+        host::Transfer taken;
+        std::span<const std::uint8_t> datagram;
+        {
+            // Taken and marked in one hold: whoever finds the socket empty finds all marked.
+            const ResultsLock lock(family, family.receiver_name);
+            taken = host::receive(reply_socket, buffer);
+            if (taken.count > 0) {
+                datagram = std::span(buffer).first(static_cast<std::size_t>(taken.count));
+                mark_answered_probe(family, datagram);
+            }
+        }
+        if (taken.count > 0) {
+            if (!family.is_ipv6) {
+                offer_to_waiting_ping(ns_name, datagram);
+            }
+        } else if (taken.count < 0 && taken.error == EAGAIN) {
+            return Drained::all;
+        } else if (taken.count == 0 || taken.error != EINTR) {
+            return Drained::failed;
+        }
+    }
+    return Drained::enough;
+}
+
+// The receiver thread
+
+namespace {
+
+void* receive_for(const ProbeFamily& family, void* argument) {
+    const std::unique_ptr<std::string> taken_over(static_cast<std::string*>(argument));
+    const std::string& ns_name = *taken_over;
+    host::watch_receiver(family.recv_sock.get(ns_name),
+                         {.on_readable =
+                              [&family, ns_name] {
+                                  // One a wake: they rarely come in crowds, and the wait tells of
+                                  // the next one.
+                                  if (drain(family, ns_name, 1) != Drained::failed) {
+                                      return true;
+                                  }
+                                  LOG_ERROR("recv for %s failed!!!!!", family.word);
+                                  family.received.set(ns_name, false);
+                                  return false;
+                              },
+                          .on_wait_failed =
+                              [&family, ns_name] {
+                                  LOG_ERROR("select for %s failed!!!!!", family.word);
+                                  family.received.set(ns_name, false);
+                              }});
+    return nullptr;
+}
+
+}  // namespace
+
+void* recv_icmp(void* ns_name) {
+    return receive_for(ipv4_probes, ns_name);
+}
+
+void* recv_icmp6(void* ns_name) {
+    return receive_for(ipv6_probes, ns_name);
+}
+
+void start_receiver(const ProbeFamily& family, const std::string& ns_name) {
+    if (family.received.exchange(ns_name, true)) {
+        return;
+    }
+    auto argument = std::make_unique<std::string>(ns_name);
+    switch (host::start_receiver_thread(family.receiver, argument.get())) {
+        case DetachedStart::not_created:
+            LOG_ERROR("Can't create new thread for %s recv", family.protocol_word);
+            return;
+        case DetachedStart::not_detached:
+            LOG_ERROR("Can't detach thread for %s recv", family.protocol_word);
+            break;
+        case DetachedStart::started:
+            break;
+    }
+    argument.release();  // the thread's own from its start on
+}
+
+// Extended pings that wait
+
+namespace {
+
+std::mutex waiting_lock;
+std::map<std::string, WaitingPing*> waiting;  // by namespace; guarded by waiting_lock
+std::atomic<int> waiting_count{0};            // spares readers the lock while nobody waits
+
+std::int64_t in_us(const timespec& time) {
+    return static_cast<std::int64_t>(time.tv_sec) * 1'000'000 + time.tv_nsec / 1000;
+}
+
+/// A wait may outlast the watchdog's patience; its worker is at work all the same.
+constexpr std::int64_t progress_every_us = 1'000'000;
+
+}  // namespace
+
+// B63: the ICMP type is not looked at.
+bool ExpectedEcho::matches(std::span<const std::uint8_t> datagram) const {
+    if (datagram.size() < sizeof(Ipv4Header) + sizeof(IcmpEcho)) {
+        return false;
+    }
+    const auto ip = read_at<Ipv4Header>(datagram, 0);
+    const auto icmp = read_at<IcmpEcho>(datagram, sizeof(Ipv4Header));
+    return ip.source == source && icmp.packet_id == packet_id && icmp.sequence == sequence;
+}
+
+WaitingPing::WaitingPing(const std::string& ns_name) : ns_name_(ns_name) {
+    const std::lock_guard guard(waiting_lock);
+    waiting[ns_name_] = this;
+    ++waiting_count;
+}
+
+WaitingPing::~WaitingPing() {
+    const std::lock_guard guard(waiting_lock);
+    waiting.erase(ns_name_);
+    --waiting_count;
+}
+
+void WaitingPing::expect(const ExpectedEcho& echo) {
+    const std::lock_guard guard(waiting_lock);
+    bell_.silence();
+    echo_ = echo;
+    is_awaited_ = true;
+    is_answered_ = false;
+}
+
+void WaitingPing::offer(std::span<const std::uint8_t> datagram) {
+    if (is_awaited_ && echo_.matches(datagram)) {
+        is_awaited_ = false;
+        is_answered_ = true;
+        bell_.ring();
+    }
+}
+
+void offer_to_waiting_ping(const std::string& ns_name, std::span<const std::uint8_t> datagram) {
+    if (waiting_count == 0) {
+        return;
+    }
+    const std::lock_guard guard(waiting_lock);
+    const auto found = waiting.find(ns_name);
+    if (found != waiting.end()) {
+        found->second->offer(datagram);
+    }
+}
+
+bool WaitingPing::is_answered() const {
+    const std::lock_guard guard(waiting_lock);
+    return is_answered_;
+}
+
+EchoAnswer WaitingPing::await(const EchoWait& wait) {
+    if (!wait.is_valid()) {
+        return {};
+    }
+    const int reply_socket = ipv4_probes.recv_sock.get(ns_name_);
+    const std::int64_t deadline_us = in_us(monotonic_now()) + wait.total_us();
+    const auto remaining_us = [deadline_us] {
+        return std::max<std::int64_t>(deadline_us - in_us(monotonic_now()), 0);
+    };
+    while (true) {
+        // The last look waits no more: an answer that is in when the time is up still counts, also
+        // where the worker was kept from the processor meanwhile.
+        const std::int64_t left_us = remaining_us();
+        const host::Woken woken =
+            host::wait_for_packet(reply_socket, bell_, std::min(left_us, progress_every_us));
+        const bool has_failed =
+            woken == host::Woken::failed ||
+            (woken == host::Woken::by_packet &&
+             drain(ipv4_probes, ns_name_, datagrams_at_once) == Drained::failed);
+        if (is_answered()) {
+            return {.is_in_time = true, .remaining_us = remaining_us()};
+        }
+        if (has_failed || left_us == 0) {
+            return {};
+        }
+        if (left_us > progress_every_us) {
+            report_progress();
+        }
+    }
+}

@@ -1,6 +1,6 @@
 #include <string>
 
-#include "core/standard_streams.h"
+#include "core/process.h"
 #include "lbroute/daemon.h"
 #include "lbroute/maintenance.h"
 #include "lbroute/status.h"

@@ -1,6 +1,7 @@
 """The program that puts fragments into force, and the kernel's routes as ip(8) tells them."""
 import json
 import os
+import re
 import shutil
 import signal
 import socket
@@ -232,20 +233,21 @@ class RouteMonitor:
             self._process = subprocess.Popen(
                 [*space.command(), *self._stdbuf, "ip", *words, "monitor", "route"],
                 stdout=out, stderr=out, stdin=subprocess.DEVNULL)
-        self._space = space
+        self._space, self._marks = space, 0
         self._family, self._mark = (("-6", "2001:db8:dead::1") if "-6" in words
                                     else ("-4", "192.0.2.254"))
         self.settle()  # it listens once it tells a change
 
     def settle(self):
         """Returns when everything that happened so far is told."""
-        before = self.text().count(self._mark)
+        self._marks += 1
+        place = f"{self._mark} table 4242 metric {self._marks}"
 
         def has_told():
             for verb in ("add", "del"):
-                self._space.ip(f"{self._family} route {verb} blackhole {self._mark} table 4242",
-                               check=False)
-            return self.text().count(self._mark) > before
+                self._space.ip(f"{self._family} route {verb} blackhole {place}", check=False)
+            return re.search(rf"^Deleted blackhole {self._mark} .*metric {self._marks}\b", self.text(),
+                             re.MULTILINE)
         expect(has_told, what="ip monitor tells a change")
 
     def text(self):

@@ -126,7 +126,8 @@ def build():
         set_kernel("router", f"net/{family}/fib_multipath_hash_policy", 1)
     start("isp2", "dnsmasq", "--keep-in-foreground", "--conf-file=/dev/null", "--port=0", "--interface=customer",
           "--dhcp-range=198.51.100.2,198.51.100.2,255.255.255.0,10m", "--dhcp-option=option:router,198.51.100.1",
-          "--dhcp-leasefile=/run/dnsmasq.leases", "--user=root", stderr=subprocess.DEVNULL)
+          "--dhcp-leasefile=/run/dnsmasq.leases", "--log-facility=/run/dnsmasq.log", "--user=root",
+          stderr=subprocess.DEVNULL)
     nft = start("router", "nft", "-f", "-", stdin=subprocess.PIPE, text=True)
     nft.communicate(TRANSLATION)
     if nft.returncode:

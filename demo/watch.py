@@ -178,6 +178,8 @@ class Watch:
         self._timeline.say("log", message, look)
 
     def _look_at_fragment(self, family):
+        if not family.fragment.exists():
+            return
         text = family.fragment.read_text(encoding="ascii", errors="replace")
         # The daemon rewrites the file in place: a half-written one is looked at again.
         if text == self._fragments.get(family, "") or not text.endswith("};\n"):

@@ -1,12 +1,9 @@
 """lbroute makes the kernel's routes agree with the fragments (topology: route_scene.py)."""
-import json
 import os
 import signal
-import time
 
 from kit import expect, main
-from kit.lbroute import (NextHopMonitor, fragment_text, own_objects, own_routes, route, run,
-                         shown_route, standing, status)
+from kit.lbroute import fragment_text, own_objects, own_routes, route, run, standing, status
 from kit.routing_daemon import fragment_path, pid_path, text_of
 from route_scene import DEFAULT, GATEWAYS, ONE, PREFIX, THREE, TWO, RouteTest
 
@@ -200,151 +197,6 @@ class End(RouteTest):
                            check=0).stdout.splitlines():
             self.router.run(*command.split())
         self.assert_nothing_of_ours()
-
-
-class Pace(RouteTest):
-    def test_program_sleeps_until_something_happens(self):
-        self.write(route(DEFAULT, *GATEWAYS))
-        self.start()
-        # What the links still tell of themselves is over when it slept through a second.
-        self.slept_through_a_second()
-        before = self.program.wakes()
-        time.sleep(4)
-        self.assertEqual(self.program.wakes(), before)
-
-    def slept_through_a_second(self):
-        def calm():
-            before = self.program.wakes()
-            time.sleep(1)
-            return self.program.wakes() == before
-        expect(calm, within=20)
-
-    def test_ten_routes_are_in_the_kernel_20_ms_after_the_signal(self):
-        prefixes = [f"10.{number}.0.0/16" for number in range(10)]
-        self.write(*(route(prefix, *GATEWAYS[:2]) for prefix in prefixes))
-        self.start()
-        times_ms = [self.ms_to_the_kernel(prefixes, GATEWAYS[1:] if turn % 2 else GATEWAYS[:1])
-                    for turn in range(10)]
-        # The best of some: others run on this machine too.
-        self.assertLess(min(times_ms), 20, times_ms)
-
-    def ms_to_the_kernel(self, prefixes, gateways):
-        """From a changed fragment and its signal to the last group's replacement."""
-        expect(self.program.is_asleep)
-        monitor = NextHopMonitor(self.router)
-        self.write(*(route(prefix, *gateways) for prefix in prefixes))
-        began = time.monotonic()
-        self.program.hup()
-        ended = monitor.wait_for(len(prefixes))
-        monitor.close()
-        for prefix in prefixes:
-            self.expect_path({(one, f"gi1_{GATEWAYS.index(one) + 1}"): 1 for one in gateways}, prefix)
-        return (ended - began) * 1000
-
-    def test_thousand_prefixes_of_three_next_hops_are_all_there(self):
-        prefixes = [f"10.{number // 256}.{number % 256}.0/24" for number in range(1000)]
-        self.write(*(route(prefix, *GATEWAYS) for prefix in prefixes))
-        self.start()
-        self.assertEqual(len(own_routes(self.router)), 1000)
-        self.write(*(route(prefix, *GATEWAYS[:2]) for prefix in prefixes))
-        expect(lambda: all(len(one["group"]) == 4 for one in own_objects(self.router) if "group" in one),
-               within=20)
-        self.assertEqual(status(self.router)[0], 0)
-
-
-class Status(RouteTest):
-    def test_status_agrees_with_the_program_and_without_it(self):
-        self.write(route(DEFAULT, (GATEWAYS[0], 2), (GATEWAYS[1], 1)))
-        self.assertEqual(status(self.router)[0], 1)
-        self.start()
-        code, shown = status(self.router)
-        self.assertEqual((code, shown["running"], shown["pid"]), (0, True, self.program.pid))
-        one = shown_route(shown, DEFAULT)
-        self.assertEqual((one["state"], one["mode"]), ("ok", "sticky"))
-        self.assertAlmostEqual(one["hops"][0]["share_percent"], 66.67, delta=0.1)
-        total = sum(hop["buckets"] for hop in one["hops"])
-        group = json.loads(self.router.ip(f"-j -d nexthop show id {standing(self.router, DEFAULT)['nhid']}"))
-        self.assertEqual(total, group[0]["resilient_args"]["buckets"])
-        self.program.end()
-        code, shown = status(self.router)
-        self.assertEqual((code, shown["running"]), (0, False))
-
-    def test_change_by_another_hand_shows_until_the_program_mends_it(self):
-        self.write(route(DEFAULT, GATEWAYS[0]), route(PREFIX, GATEWAYS[1]))
-        self.start()
-        self.program.end()
-        self.router.ip(f"route del {PREFIX} proto 76")
-        self.router.ip("route replace default via 203.0.113.1 proto 76")
-        code, shown = status(self.router)
-        self.assertEqual(code, 1)
-        self.assertEqual(shown_route(shown, PREFIX)["state"], "missing")
-        self.assertEqual(shown_route(shown, DEFAULT)["state"], "differs")
-        self.start()
-        self.assertEqual(status(self.router)[0], 0)
-
-    def test_route_that_somebody_deletes_comes_back(self):
-        self.write(route(DEFAULT, GATEWAYS[0]))
-        self.start()
-        self.router.ip("route del default proto 76")
-        self.expect_path({ONE: 1})
-        self.router.ip("nexthop flush protocol 76")
-        self.expect_path({ONE: 1})
-
-    def test_leftover_of_an_earlier_run_is_shown(self):
-        self.write(route(DEFAULT, GATEWAYS[0]), route(PREFIX, GATEWAYS[0]))
-        self.start()
-        self.program.end()
-        self.write(route(DEFAULT, GATEWAYS[0]))
-        code, shown = status(self.router)
-        self.assertEqual((code, shown_route(shown, PREFIX)["state"]), (1, "leftover"))
-
-    def test_usage_errors_have_a_status_of_their_own(self):
-        for words in (("--nonsense",), ("--table", "x"), ("--once", "--dry-run"), ("hold",)):
-            self.assertEqual(run(self.router, *words).returncode, 2, words)
-        self.assertEqual(run(self.router, "--help").returncode, 0)
-        self.assertRegex(run(self.router, "--version", check=0).stdout, r"^lbroute \d+\.\d+\.\d+$")
-
-
-class Hold(RouteTest):
-    def setUp(self):
-        super().setUp()
-        self.write(route(DEFAULT, *GATEWAYS), route(PREFIX, GATEWAYS[0]))
-
-    def hold(self, *words, check=0):
-        return run(self.router, *words, "-f", "/run/lb.conf", check=check)
-
-    def test_held_uplink_leaves_the_routes_that_have_another_until_it_is_released(self):
-        self.start()
-        done = self.hold("hold", "gi1_1")
-        self.assertIn(f"IPv4 {PREFIX} goes on over gi1_1", done.stdout)
-        self.expect_path({TWO: 1, THREE: 1})
-        self.assertEqual(self.path(PREFIX), {ONE: 1})
-        code, shown = status(self.router)
-        self.assertEqual(code, 0)
-        self.assertEqual([hop["state"] for hop in shown_route(shown, DEFAULT)["hops"]],
-                         ["held", "routed", "routed"])
-        self.hold("release", "gi1_1")
-        self.expect_path({ONE: 1, TWO: 1, THREE: 1})
-
-    def test_hold_by_force_takes_the_last_next_hop_away(self):
-        self.start()
-        self.hold("hold", "gi1_1", "--force")
-        expect(lambda: self.path(PREFIX) is None)
-        self.assertEqual(self.path(), {TWO: 1, THREE: 1})
-
-    def test_hold_lasts_over_a_restart_and_ends_by_itself(self):
-        self.start()
-        self.hold("hold", "gi1_2", "--for", "3s")
-        self.expect_path({ONE: 1, THREE: 1})
-        self.program.end()
-        self.start()
-        self.assertEqual(self.path(), {ONE: 1, THREE: 1})
-        self.expect_path({ONE: 1, TWO: 1, THREE: 1})
-
-    def test_hold_and_release_of_what_is_not_there_are_errors(self):
-        self.assertIn("no uplink is called eth9", self.hold("hold", "eth9", check=1).stderr)
-        self.assertIn("is no time", self.hold("hold", "gi1_1", "--for", "soon", check=1).stderr)
-        self.assertIn("is not held", self.hold("release", "gi1_1", check=1).stderr)
 
 
 if __name__ == "__main__":

@@ -133,7 +133,7 @@ TEST_F(LbrouteOwnership, process_that_ended_and_was_not_waited_for_does_not_run)
 
 TEST_F(LbrouteOwnership, number_of_a_thread_is_no_process) {
     pid_t thread_number = 0;
-    std::thread([this, &thread_number] {
+    std::thread([&thread_number] {
         thread_number = gettid();
         EXPECT_FALSE(lbroute::is_running(thread_number));
         EXPECT_TRUE(lbroute::is_running(getpid()));

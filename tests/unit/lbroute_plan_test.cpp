@@ -26,7 +26,8 @@ class Plan : public ::testing::Test {
     }
     std::vector<HopState> states(const Fragment& asked) {
         std::vector<HopState> found;
-        for (const PlannedHop& hop : routes(asked).at(0).hops) {
+        const auto planned = routes(asked);
+        for (const PlannedHop& hop : planned.at(0).hops) {
             found.push_back(hop.state);
         }
         return found;

@@ -223,6 +223,9 @@ TEST_F(Reports, shadowed_route_does_not_agree) {
 TEST(KernelReport, tells_in_words_whether_the_kernel_agrees) {
     Report report;
     report.namespaces.emplace_back();
+    EXPECT_THAT(report_text(report), HasSubstr("There is no fragment"));
+    EXPECT_FALSE(report.agrees());
+    report.namespaces[0].fragments.push_back({"/usr/etc/routing-wlb.conf", "read", {}});
     EXPECT_THAT(report_text(report), HasSubstr("The kernel routes as the fragments ask.\n"));
     report.namespaces[0].problem = "there is no namespace blue";
     EXPECT_THAT(report_text(report), HasSubstr("not looked at: there is no namespace blue\n"));

@@ -27,6 +27,7 @@ using Clock = std::chrono::steady_clock;
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
+    signal(SIGPIPE, SIG_DFL);
     const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
     dup2(input, STDIN_FILENO);
     dup2(output, STDOUT_FILENO);

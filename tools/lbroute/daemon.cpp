@@ -58,6 +58,8 @@ Fd open_signals() {
         sigaddset(&signals, number);
     }
     sigprocmask(SIG_BLOCK, &signals, nullptr);
+    // Whoever read the log may be gone; the routes are not to suffer from it.
+    signal(SIGPIPE, SIG_IGN);
     return Fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 

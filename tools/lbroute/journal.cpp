@@ -20,10 +20,15 @@ void Journal::say(Level level, const std::string& text) const {
 
 void Journal::tell(const std::string& subject, const Problems& problems) {
     std::set<std::string>& told = told_[subject];
+    std::size_t count = 0;
     for (const auto& [text, level] : problems) {
-        if (!told.contains(text)) {
+        if (!told.contains(text) && ++count <= most_at_once) {
             say(level, text);
         }
+    }
+    if (count > most_at_once) {
+        say(Level::warning, "and " + std::to_string(count - most_at_once) +
+                                " more of this kind: lbroute status shows them");
     }
     told.clear();
     for (const auto& [text, level] : problems) {

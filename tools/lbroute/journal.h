@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <set>
 #include <string>
@@ -18,7 +19,8 @@ class Journal {
     void say(Level level, const std::string& text) const;
 
     /// The problems that a subject has now. Each is told when it arises, and not again before it
-    /// was gone.
+    /// was gone; of very many at once the rest is told as a number.
+    static constexpr std::size_t most_at_once = 20;
     using Problems = std::map<std::string, Level>;
     void tell(const std::string& subject, const Problems& problems);
 

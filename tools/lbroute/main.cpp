@@ -1,5 +1,6 @@
 #include <string>
 
+#include "core/process.h"
 #include "lbroute/daemon.h"
 #include "lbroute/maintenance.h"
 #include "lbroute/status.h"
@@ -68,6 +69,8 @@ CLI::App* add_hold_words(CLI::App& command, Words& words) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    // No socket may get the number of a stream that was closed: the log would be written into it.
+    hold_standard_streams();
     lbroute::Options options;
     Words words;
     CLI::App app(description, "lbroute");

@@ -296,8 +296,17 @@ bool ReportedNamespace::agrees() const {
            std::ranges::all_of(routes, &ReportedRoute::agrees);
 }
 
+bool Report::has_fragments() const {
+    return std::ranges::any_of(namespaces, [](const ReportedNamespace& one) {
+        return std::ranges::any_of(one.fragments, [](const ReportedFragment& fragment) {
+            return fragment.state != "missing";
+        });
+    });
+}
+
 bool Report::agrees() const {
-    return problems.empty() && std::ranges::all_of(namespaces, &ReportedNamespace::agrees);
+    return has_fragments() && problems.empty() &&
+           std::ranges::all_of(namespaces, &ReportedNamespace::agrees);
 }
 
 std::vector<ReportedRoute> reported_routes(const View& view, const DaemonRecord& daemon,
@@ -396,6 +405,9 @@ std::string report_text(const Report& report) {
     if (is_for_bird) {
         return text + (report.agrees() ? "bird was given what the fragments ask for.\n"
                                        : "bird was not given what the fragments ask for.\n");
+    }
+    if (!report.has_fragments()) {
+        return text + "There is no fragment: lb has not written any routes yet.\n";
     }
     return text + (report.agrees() ? "The kernel routes as the fragments ask.\n"
                                    : "The kernel does not route as the fragments ask.\n");

@@ -62,6 +62,8 @@ struct Report {
     std::int64_t now_ms = 0;  ///< CLOCK_BOOTTIME, as the holds' ends
     std::vector<ReportedNamespace> namespaces;
 
+    /// Something is asked for at all.
+    bool has_fragments() const;
     /// The kernel routes as the fragments ask, and all of it could be looked at.
     bool agrees() const;
 };

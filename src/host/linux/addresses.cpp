@@ -66,7 +66,7 @@ bool AddressMonitor::has_changed() {
         constexpr unsigned groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
         Netlink netlink(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (netlink && mnl_socket_bind(netlink.get(), groups, MNL_SOCKET_AUTOPID) == 0) {
-            subscription_ = std::make_unique<Subscription>(std::move(netlink));
+            subscription_ = std::make_unique<Subscription>(Subscription{std::move(netlink)});
         }
         return true;
     }

@@ -199,7 +199,8 @@ int Simulation::take_frame(const Socket& socket, int index, std::span<const std:
     if (found == links.end()) {
         return ENXIO;
     }
-    const auto& [name, link] = *found;
+    const auto& name = found->first;
+    const auto& link = found->second;
     if (!link.is_up) {
         return ENETDOWN;
     }

@@ -1,6 +1,7 @@
 """The program that puts fragments into force, and the kernel's routes as ip(8) tells them."""
 import json
 import os
+import re
 import shutil
 import signal
 import socket
@@ -9,7 +10,7 @@ import subprocess
 import time
 
 from .daemon import binary
-from .expect import expect
+from .expect import POLL_S, expect, text_of
 from .routing_daemon import fragment_path
 
 LBROUTE = os.environ.get("LBROUTE_BINARY", os.path.join(os.path.dirname(binary()), "lbroute"))
@@ -43,21 +44,32 @@ def write_fragment(*routes, namespace="", ipv6=False, check_link=None):
 def standing(space, prefix, table="main", family=None):
     """The one route to a prefix as ip(8) tells it, None without; of several all."""
     family = family or ("-6" if ":" in prefix else "-4")
-    found = json.loads(space.run("ip", family, "-j", "route", "show", "exact", prefix, "table", table,
+    found = json.loads(space.run("ip", "-N", family, "-j", "route", "show", "exact", prefix, "table", table,
                                  check=False) or "[]")
     return found[0] if len(found) == 1 else found or None
 
 
+def assert_stays(condition, during):
+    """Fails as soon as the condition is not true within so many seconds: for what must not happen,
+    longer than it would take."""
+    deadline = time.monotonic() + during
+    while time.monotonic() < deadline:
+        if not condition():
+            raise AssertionError(f"it did not stay so: {text_of(condition, '')}")
+        time.sleep(POLL_S)
+
+
 def own_routes(space):
-    """Everything of protocol 76, of all tables and both families."""
+    """Everything of protocol 76, of all tables and both families; in numbers, as the package may be
+    installed, which names it."""
     return [one for family in ("-4", "-6")
-            for one in json.loads(space.run("ip", family, "-j", "route", "show", "table", "all",
-                                            "protocol", OWN) or "[]")]
+            for one in json.loads(space.run("ip", "-N", family, "-j", "route", "show", "table",
+                                            "all", "protocol", OWN) or "[]")]
 
 
 def own_objects(space):
     """The next-hop objects and groups of protocol 76."""
-    return [one for one in json.loads(space.run("ip", "-j", "-d", "nexthop", "show") or "[]")
+    return [one for one in json.loads(space.run("ip", "-N", "-j", "-d", "nexthop", "show") or "[]")
             if one.get("protocol") == OWN]
 
 
@@ -122,20 +134,6 @@ class Lbroute:
     def is_asleep(self):
         with open(f"/proc/{self.pid}/stat", encoding="ascii") as file:
             return file.read().rpartition(")")[2].split()[0] == "S"
-
-    def never(self, condition, during):
-        """Fails as soon as condition() is true within `during` seconds, or where the program has stood still in them: it
-        must yet take a signal, look at everything anew and sleep again."""
-        deadline = time.monotonic() + during
-        while time.monotonic() < deadline:
-            if value := condition():
-                raise AssertionError(f"happened: {value!r}")
-            time.sleep(0.02)
-        wakes = self.wakes()
-        self.hup()
-        expect(lambda: self.wakes() > wakes and self.is_asleep(), what="lbroute has worked and sleeps")
-        if value := condition():
-            raise AssertionError(f"happened: {value!r}")
 
     def wait(self, within=15):
         expect(lambda: not self.running(), within, "lbroute ends by itself")
@@ -235,21 +233,30 @@ class RouteMonitor:
             self._process = subprocess.Popen(
                 [*space.command(), *self._stdbuf, "ip", *words, "monitor", "route"],
                 stdout=out, stderr=out, stdin=subprocess.DEVNULL)
-        # It listens once it tells a change.
-        family, mark = ("-6", "2001:db8:dead::1") if "-6" in words else ("-4", "192.0.2.254")
-        expect(lambda: self._has_told(space, family, mark), what="ip monitor listens")
+        self._space, self._marks = space, 0
+        self._family, self._mark = (("-6", "2001:db8:dead::1") if "-6" in words
+                                    else ("-4", "192.0.2.254"))
+        self.settle()  # it listens once it tells a change
 
-    def _has_told(self, space, family, mark):
-        space.ip(f"{family} route add blackhole {mark} table 4242", check=False)
-        space.ip(f"{family} route del blackhole {mark} table 4242", check=False)
-        return mark in self.text()
+    def settle(self):
+        """Returns when everything that happened so far is told."""
+        self._marks += 1
+        place = f"{self._mark} table 4242 metric {self._marks}"
+
+        def has_told():
+            for verb in ("add", "del"):
+                self._space.ip(f"{self._family} route {verb} blackhole {place}", check=False)
+            return re.search(rf"^Deleted blackhole {self._mark} .*metric {self._marks}\b", self.text(),
+                             re.MULTILINE)
+        expect(has_told, what="ip monitor tells a change")
 
     def text(self):
         with open(self._path, encoding="utf-8", errors="replace") as file:
             return file.read()
 
     def about(self, prefix):
-        """The lines that begin with the prefix or tell its removal."""
+        """The lines that begin with the prefix or tell its removal, of all that happened so far."""
+        self.settle()
         name = "default" if prefix in ("0.0.0.0/0", "::/0") else prefix
         return [line for line in self.text().splitlines()
                 if line.startswith((name + " ", f"Deleted {name} "))]

@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "lbcheck/findings.h"
@@ -107,16 +108,16 @@ TEST(Check, interface_in_no_rule_is_told) {
 
 TEST(Check, addresses_that_do_not_parse_are_errors) {
     EXPECT_EQ(found_in(conf("nexthop 2001:db8::1\n")),
-              "6 error 'nexthop 2001:db8::1' no address of the interface's family");
+              "6 error 'nexthop 2001:db8::1' not an address of the interface's family");
     EXPECT_EQ(found_in(conf("source_address eth0\n")),
-              "6 error 'source_address eth0' no address of the interface's family");
+              "6 error 'source_address eth0' not an address of the interface's family");
     EXPECT_EQ(found_in(conf("", "target example.org\n")),
-              "9 error 'target example.org' no address of the interface's family: the probe is "
+              "9 error 'target example.org' not an address of the interface's family: the probe is "
               "never sent");
     EXPECT_EQ(found_in(conf("", "", "target {\naddress 10.0.0.0\n}\n")),
-              "21 error 'address 10.0.0.0' no prefix of the rule's family");
+              "21 error 'address 10.0.0.0' not a prefix of the rule's family");
     EXPECT_EQ(found_in(conf("", "", "target {\naddress 10.0.0.0/33\n}\n")),
-              "21 error 'address 10.0.0.0/33' no prefix of the rule's family");
+              "21 error 'address 10.0.0.0/33' not a prefix of the rule's family");
 }
 
 TEST(Check, extended_ping_for_ipv6_is_an_error) {
@@ -148,15 +149,16 @@ TEST(Check, nothing_of_it_reaches_the_system_log) {
 }
 
 TEST(Check, value_that_is_cut_short_is_told) {
-    EXPECT_EQ(found_in(conf("", "rtt 12ms\n")), "9 warning 'rtt 12ms' no plain number: read as 12");
-    EXPECT_EQ(found_in(conf("", "rtt fast\n")), "9 warning 'rtt fast' no number: read as 0");
+    EXPECT_EQ(found_in(conf("", "rtt 12ms\n")),
+              "9 warning 'rtt 12ms' not a plain number: read as 12");
+    EXPECT_EQ(found_in(conf("", "rtt fast\n")), "9 warning 'rtt fast' not a number: read as 0");
     EXPECT_EQ(found_in(conf("", "rtt 4294967297\n")),
-              "9 warning 'rtt 4294967297' no 32-bit number: read as 1");
+              "9 warning 'rtt 4294967297' not a 32-bit number: read as 1");
 }
 
 TEST(Check, number_of_a_probe_that_is_cut_short_is_told) {
     EXPECT_EQ(found_in(conf("rule 2nd {\ntype ping {\ntarget 198.51.100.2\n}\n}\n")),
-              "6 warning 'rule 2nd' no plain number: read as 2");
+              "6 warning 'rule 2nd' not a plain number: read as 2");
 }
 
 TEST(Check, refused_value_is_told_in_the_loaders_words) {
@@ -308,10 +310,12 @@ TEST(Check, member_of_the_other_family_is_told) {
 TEST(Check, missing_counts_are_told) {
     EXPECT_EQ(found_in(conf("", "", "interface eth1 {\nweight 1\n}\n",
                             "health {\ninterface eth1 {\nfailure-ct 1\nnexthop 192.0.2.9\n}\n}\n")),
-              "25 warning 'interface eth1' without success-ct every single success counts at once");
+              "25 warning 'interface eth1' without success-ct every single outcome counts at once, "
+              "also with failure-ct");
     EXPECT_EQ(found_in(conf("", "", "interface eth1 {\nweight 1\n}\n",
                             "health {\ninterface eth1 {\nsuccess-ct 1\nnexthop 192.0.2.9\n}\n}\n")),
-              "25 warning 'interface eth1' without failure-ct every single failure counts at once");
+              "25 warning 'interface eth1' without failure-ct every single outcome counts at once, "
+              "also with success-ct");
 }
 
 TEST(Check, missing_next_hop_is_an_error) {
@@ -410,6 +414,14 @@ TEST(Explanation, shows_workers_probes_and_routes) {
         "    probe 2: ping, target the next hop, answer within 5000 ms\n"
         "Rules:\n  1_ipv4, the default namespace, failover\n"
         "    route 0.0.0.0/0 multipath via 192.0.2.1 weight 1;\n");
+}
+
+TEST(Explanation, one_count_alone_makes_every_outcome_count) {
+    const TemporaryFile file(conf("", "", "interface eth1 {\nweight 1\n}\n",
+                                  "health {\ninterface eth1 {\nfailure-ct 3\nnexthop 192.0.2.9\n"
+                                  "}\n}\n"));
+    EXPECT_THAT(lbcheck::explain(lbcheck::check(file.path()).data),
+                testing::HasSubstr("next hop 192.0.2.9, up after 1, down after 1\n"));
 }
 
 TEST(Explanation, shows_no_route_where_no_worker_makes_one) {

@@ -1,5 +1,4 @@
 // The configuration as understood.
-#include <algorithm>
 #include <map>
 
 #include "decision/lb_decision.h"
@@ -34,6 +33,11 @@ std::string explain_probes(const LBHealth& health) {
         text += "\n";
     });
     return text;
+}
+
+/// B39: of two counts, one alone is as good as neither.
+int outcomes_needed(const LBHealth& health, int count) {
+    return health.success_ct == 0 || health.failure_ct == 0 ? 1 : count;
 }
 
 std::string explain_workers(const LBData& data) {
@@ -79,8 +83,8 @@ std::string explain(const LBData& understood) {
             text += "  " + name + (is_ipv6 ? " (IPv6), " : " (IPv4), ") +
                     shown_namespace(health.namespace_name) + ", next hop " +
                     (health.nexthop.empty() ? "none" : health.nexthop) + ", up after " +
-                    std::to_string(std::max(health.success_ct, 1)) + ", down after " +
-                    std::to_string(std::max(health.failure_ct, 1)) +
+                    std::to_string(outcomes_needed(health, health.success_ct)) + ", down after " +
+                    std::to_string(outcomes_needed(health, health.failure_ct)) +
                     (health.check_all ? ", all targets must answer" : "") + "\n" +
                     explain_probes(health);
         }

@@ -69,10 +69,12 @@ class Judge {
     void judge_interface(const std::string& name, const LBHealth& health, bool is_ipv6) {
         const std::string place = interface_text(name, is_ipv6);
         if (health.success_ct == 0) {
-            warn(place, "without success-ct every single success counts at once");
+            warn(place,
+                 "without success-ct every single outcome counts at once, also with failure-ct");
         }
         if (health.failure_ct == 0) {
-            warn(place, "without failure-ct every single failure counts at once");
+            warn(place,
+                 "without failure-ct every single outcome counts at once, also with success-ct");
         }
         if (health.nexthop.empty()) {
             add(place, Severity::error, place, "has no nexthop to send frames and routes to");

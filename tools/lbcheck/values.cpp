@@ -46,14 +46,14 @@ std::string problem_of_number(const std::string& text) {
     const std::size_t digits = digits_at(text, begin);
     const std::string taken = "read as " + std::to_string(configured_number(text));
     if (digits == 0) {
-        return "no number: " + taken;
+        return "not a number: " + taken;
     }
     if (begin + digits != text.size()) {
-        return "no plain number: " + taken;
+        return "not a plain number: " + taken;
     }
     const unsigned long whole = strtoul(text.c_str() + begin, nullptr, 10);
     return whole > static_cast<unsigned long>(std::numeric_limits<std::int32_t>::max())
-               ? "no 32-bit number: " + taken
+               ? "not a 32-bit number: " + taken
                : "";
 }
 

@@ -231,7 +231,7 @@ void Watcher::judge_address(const HandledStatement& statement, const std::string
     const std::string& value = statement.value;
     if (!is_health(statement)) {
         if (key == "address" && !is_prefix(family_of(!is_ipv4_rule(rule_)), value)) {
-            add(Severity::error, text, "no prefix of the rule's family");
+            add(Severity::error, text, "not a prefix of the rule's family");
         }
         return;
     }
@@ -244,7 +244,7 @@ void Watcher::judge_address(const HandledStatement& statement, const std::string
         key == "source_address" || key == "target" || (key == "nexthop" && !is_learnt);
     if (is_literal && !is_address(family_of(is_ipv6_), value)) {
         add(Severity::error, text,
-            std::string("no address of the interface's family") +
+            std::string("not an address of the interface's family") +
                 (key == "target" ? ": the probe is never sent" : ""));
     }
 }

@@ -17,8 +17,8 @@ def lbshow(*arguments):
 
 
 def state(*arguments):
-    """What is shown; nothing where nothing can be shown."""
-    done = lbshow("--json", *arguments)
+    """What the dumps tell, however old they are: a busy machine may hold a daemon up. Nothing where there are none."""
+    done = lbshow("--json", "--all", *arguments)
     return json.loads(done.stdout or '{"interfaces": [], "rules": [], "routes": []}')
 
 

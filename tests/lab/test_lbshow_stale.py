@@ -121,8 +121,8 @@ class Ghosts(LabTest):
         done = lbshow()
         self.assertEqual(done.returncode, 3)
         self.assertRegex(done.stdout, r"\ASTALE: ipv6 written \d+ s ago, .*: rm " + IPV6_DUMP + r"\n")
-        self.assertEqual([one["family"] for one in state()["interfaces"]], [4])
-        self.assertEqual([one["family"] for one in state("--all")["interfaces"]], [4, 6])
+        self.assertEqual([one["family"] for one in json.loads(lbshow("--json").stdout)["interfaces"]], [4])
+        self.assertEqual([one["family"] for one in state()["interfaces"]], [4, 6])
         metrics = lbshow("--metrics").stdout
         self.assertIn('lb_up{family="ipv4"} 1\n', metrics)
         self.assertIn('lb_up{family="ipv6"} 0\n', metrics)

@@ -259,6 +259,8 @@ class Daemon {
                                                 .fragments = {},
                                                 .routes = {}});
         bool is_for_all = false;
+        // Before anything is read: what is written from now on wakes us.
+        watch_files();
         if (due.configuration) {
             is_for_all |= site_.read_configuration();
             journal_.tell("configuration", site_.problems());
@@ -274,6 +276,7 @@ class Daemon {
         if (due.configuration || due.namespaces) {
             follow_namespaces(to_read);
         }
+        watch_files();  // with the fragments of namespaces that have just come
         if (is_refused_) {
             is_ending_ = true;
             return;

@@ -103,6 +103,7 @@ Interface interface_of(const record::Outbound& entry, int family, bool is_swappe
                         : entry.is_tunnel == 1 ? "tunnel"
                                                : "configured";
     made.source_address = text_of(entry.source_address);
+    made.last_change_s = entry.last_change_s.read(is_swapped);
     made.success_ct = entry.success_ct.read(is_swapped);
     made.failure_ct = entry.failure_ct.read(is_swapped);
     for (std::size_t i = 0; i < entry.probe_count; ++i) {

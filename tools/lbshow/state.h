@@ -40,6 +40,7 @@ struct Interface {
     std::string source_address;
     std::optional<int> since_success_s;  ///< none: there never was one
     std::optional<int> since_failure_s;
+    int last_change_s = 0;  ///< since the epoch, by the clock of then; 0: it never changed
     int success_ct = 0;
     int failure_ct = 0;
     std::vector<Probe> probes;

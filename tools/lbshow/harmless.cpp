@@ -1,0 +1,23 @@
+#include "lbshow/harmless.h"
+
+#include <array>
+#include <cstdio>
+
+namespace lbshow {
+
+std::string harmless(const std::string& text) {
+    std::string shown;
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte >= 0x20 && byte < 0x7f) {
+            shown += character;
+            continue;
+        }
+        std::array<char, 5> escaped{};
+        snprintf(escaped.data(), escaped.size(), "\\x%02x", static_cast<unsigned>(byte));
+        shown += escaped.data();
+    }
+    return shown;
+}
+
+}  // namespace lbshow

@@ -1,0 +1,59 @@
+#include <iostream>
+
+#include "lbwatch/commands.h"
+#include <CLI/CLI.hpp>
+
+namespace {
+
+constexpr const char* description =
+    "Follows the balancing daemon from outside: tells what changes, remembers it, and reports how "
+    "often each uplink was down.";
+
+void add_history(CLI::App& app, std::string& history) {
+    app.add_option("--history", history, "the history file")
+        ->type_name("FILE")
+        ->capture_default_str();
+}
+
+void add_run_options(CLI::App& app, lbwatch::WatchOptions& options) {
+    app.add_option("-o", options.out_dir, "the daemon's output directory")
+        ->type_name("DIR")
+        ->capture_default_str();
+    app.add_option("--history", options.history, "the history file, or none to keep nothing")
+        ->type_name("FILE")
+        ->capture_default_str();
+    app.add_flag("--json", options.as_json, "events as JSON, one object a line");
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    lbwatch::WatchOptions watch;
+    lbwatch::EventsOptions events;
+    CLI::App app(description, "lbwatch");
+    app.set_version_flag("--version", "lbwatch " LBWATCH_VERSION);
+    app.require_subcommand(0, 1);
+    add_run_options(app, watch);
+    auto* const run = app.add_subcommand("run", "follow the daemon until ended (the default)");
+    add_run_options(*run, watch);
+    auto* const listed = app.add_subcommand("events", "tell past events from the history");
+    add_history(*listed, events.history);
+    listed
+        ->add_option("--since", events.since, "from then on: an age (90s, 15m, 12h, 1d) or a date")
+        ->type_name("TIME")
+        ->capture_default_str();
+    listed->add_option("--until", events.until, "and before then")
+        ->type_name("TIME")
+        ->capture_default_str();
+    listed->add_option("--uplink", events.uplink, "of this uplink only")->type_name("NAME");
+    listed->add_flag("--json", events.as_json, "one JSON object a line");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 1;
+    }
+    if (listed->parsed()) {
+        return lbwatch::tell_events(events);
+    }
+    return lbwatch::watch(watch);
+}

@@ -11,6 +11,7 @@
     cycles          waiting in cycles of the daemon
     disk            a small file system that a test fills or makes read-only
     lbshow          what the companion program shows of the daemon
+    lbwatch         the companion program that follows the daemon, and dumps written by script
     routing_daemon  the captured routing daemon and the real one
     conf            configuration files of the daemon
     daemon          the daemon under test

@@ -190,8 +190,7 @@ TEST_F(WorldTest, uplink_that_is_not_evaluated_becomes_unknown_and_returns) {
     one.since_success_s = 31;
     EXPECT_EQ(read(31, {one}), std::vector<Event>());  // a clock that was set looks like this
     one.since_success_s = 37;
-    EXPECT_EQ(lines(read(37, {one})),
-              Lines{"eth0 ipv4 active -> unknown: not evaluated for 37s"});
+    EXPECT_EQ(lines(read(37, {one})), Lines{"eth0 ipv4 active -> unknown: not evaluated for 37s"});
     one.since_success_s = 0;
     EXPECT_EQ(lines(read(40, {one})).back().substr(0, 36), "eth0 ipv4 unknown -> active after 3s");
 }

@@ -1,10 +1,14 @@
 #include "lbwatch/commands.h"
 
+#include <fstream>
 #include <iostream>
 
 #include "lbwatch/history_reader.h"
+#include "lbwatch/history_report.h"
 #include "lbwatch/json.h"
 #include "lbwatch/moment.h"
+#include "lbwatch/report_page.h"
+#include "lbwatch/report_text.h"
 
 namespace lbwatch {
 
@@ -51,6 +55,37 @@ int tell_events(const EventsOptions& options) {
     if (!history.problem().empty()) {
         return fail(history.problem());
     }
+    return std::cout ? 0 : 1;
+}
+
+int report(const ReportOptions& options) {
+    const std::int64_t at = now().wall_ms;
+    const auto since = read_time(options.since, at);
+    const auto until = read_time(options.until, at);
+    if (!since || !until) {
+        return fail(no_time(since ? options.until : options.since));
+    }
+    if (*since >= *until) {
+        return fail("the time from " + options.since + " to " + options.until + " is empty");
+    }
+    HistoryReader history(options.history);
+    if (history.problem().empty() && !options.uplink.empty() && !history.knows(options.uplink)) {
+        return fail("the history knows no uplink called '" + options.uplink + "'");
+    }
+    const Report made = report_of(
+        history, {.since_ms = *since, .until_ms = *until, .uplink = options.uplink}, true, at);
+    if (!history.problem().empty()) {
+        return fail(history.problem());
+    }
+    if (!options.html.empty()) {
+        std::ofstream file(options.html, std::ios::binary | std::ios::trunc);
+        file << html_of(made) << std::flush;
+        return file ? 0 : fail(options.html + " cannot be written");
+    }
+    std::cout << (options.as_json  ? json_of(made) + "\n"
+                  : options.as_csv ? csv_of(made)
+                                   : text_of(made))
+              << std::flush;
     return std::cout ? 0 : 1;
 }
 

@@ -20,4 +20,16 @@ struct EventsOptions {
 
 int tell_events(const EventsOptions& options);
 
+struct ReportOptions {
+    std::string history = WatchOptions().history;
+    std::string since = "30d";
+    std::string until = "now";
+    std::string uplink;
+    bool as_json = false;
+    bool as_csv = false;
+    std::string html;  ///< the file to write; empty: none
+};
+
+int report(const ReportOptions& options);
+
 }  // namespace lbwatch

@@ -9,10 +9,16 @@ constexpr const char* description =
     "Follows the balancing daemon from outside: tells what changes, remembers it, and reports how "
     "often each uplink was down.";
 
-void add_history(CLI::App& app, std::string& history) {
+void add_selection(CLI::App& app, std::string& history, std::string& since, std::string& until,
+                   std::string& uplink) {
     app.add_option("--history", history, "the history file")
         ->type_name("FILE")
         ->capture_default_str();
+    app.add_option("--since", since, "from then on: an age (90s, 15m, 12h, 1d) or a date")
+        ->type_name("TIME")
+        ->capture_default_str();
+    app.add_option("--until", until, "and before then")->type_name("TIME")->capture_default_str();
+    app.add_option("--uplink", uplink, "of this uplink only")->type_name("NAME");
 }
 
 void add_run_options(CLI::App& app, lbwatch::WatchOptions& options) {
@@ -22,6 +28,13 @@ void add_run_options(CLI::App& app, lbwatch::WatchOptions& options) {
     app.add_option("--history", options.history, "the history file, or none to keep nothing")
         ->type_name("FILE")
         ->capture_default_str();
+    app.add_option("--hooks", options.hooks,
+                   "run this folder's executables for each event, or none")
+        ->type_name("DIR")
+        ->capture_default_str();
+    app.add_option("--listen", options.listen,
+                   "serve the page, metrics and answers to programs there")
+        ->type_name("ADDRESS:PORT");
     app.add_flag("--json", options.as_json, "events as JSON, one object a line");
 }
 
@@ -30,6 +43,7 @@ void add_run_options(CLI::App& app, lbwatch::WatchOptions& options) {
 int main(int argc, char* argv[]) {
     lbwatch::WatchOptions watch;
     lbwatch::EventsOptions events;
+    lbwatch::ReportOptions report;
     CLI::App app(description, "lbwatch");
     app.set_version_flag("--version", "lbwatch " LBWATCH_VERSION);
     app.require_subcommand(0, 1);
@@ -54,6 +68,9 @@ int main(int argc, char* argv[]) {
     }
     if (listed->parsed()) {
         return lbwatch::tell_events(events);
+    }
+    if (reported->parsed()) {
+        return lbwatch::report(report);
     }
     return lbwatch::watch(watch);
 }

@@ -20,6 +20,7 @@ namespace {
 constexpr std::int64_t settle_ms = 100;
 constexpr std::int64_t second_ms = 1000;
 constexpr std::int64_t hour_ms = 3'600'000;
+constexpr std::int64_t hooks_end_ms = 5000;
 /// Where the process could not be found, it is looked for again only so often.
 constexpr std::int64_t search_every_ms = 5000;
 
@@ -46,6 +47,9 @@ Watcher::Watcher(WatchOptions options)
             session_.daemon().remember(*daemon);
         }
     }
+    if (options_.hooks != "none") {
+        hooks_ = std::make_unique<Hooks>(options_.hooks, notice);
+    }
 }
 
 int Watcher::run() {
@@ -57,14 +61,24 @@ int Watcher::run() {
     std::signal(SIGPIPE, SIG_IGN);
     signals_ = Fd(signalfd(-1, &ending, SFD_NONBLOCK | SFD_CLOEXEC));
     loop_ = Fd(epoll_create1(EPOLL_CLOEXEC));
-    for (const int descriptor : {signals_.get(), folder_.fd()}) {
+    for (const int descriptor :
+         {signals_.get(), folder_.fd(), hooks_ == nullptr ? -1 : hooks_->fd()}) {
         epoll_event event{.events = EPOLLIN, .data = {.fd = descriptor}};
         epoll_ctl(loop_.get(), EPOLL_CTL_ADD, descriptor, &event);
+    }
+    if (!options_.listen.empty()) {
+        publish();
+        listener_ = std::make_unique<Listener>(options_.listen, board_, LBWATCH_VERSION);
+        if (!listener_->problem().empty()) {
+            notice(listener_->problem());
+            return 1;
+        }
     }
     while (!is_ending_ && !is_output_gone_) {
         wait();
     }
     keep(now(), true);
+    end_hooks();
     return is_output_gone_ ? 1 : 0;
 }
 
@@ -90,8 +104,9 @@ void Watcher::wait() {
         read_at_boot_ms_ = at.boot_ms + settle_ms;
     }
     if (!dirty_.empty() && (has_ended || at.boot_ms >= read_at_boot_ms_)) {
-        hand_out(session_.rewritten(std::exchange(dirty_, {}), at));
+        hand_out(session_.rewritten(std::exchange(dirty_, {}), at), at);
         dirty_ = session_.again();
+        publish();
         read_at_boot_ms_ = at.boot_ms + settle_ms;
         find_process(at);
     }
@@ -99,8 +114,12 @@ void Watcher::wait() {
         dirty_.clear();
         const std::string who = "its process " + std::to_string(process_.pid) + " has ended";
         process_ = DaemonProcess();
-        hand_out(session_.ended(who, at));
+        hand_out(session_.ended(who, at), at);
+        publish();
         keep(at, false);
+    }
+    if (hooks_ != nullptr) {
+        hooks_->tend(at);
     }
     if (at.boot_ms >= next_second_boot_ms_) {
         next_second_boot_ms_ = at.boot_ms + second_ms;
@@ -122,7 +141,11 @@ void Watcher::second_hand(const Moment& now) {
         }
         return can_see_processes() ? DaemonWatch::Evidence::none : DaemonWatch::Evidence::unknown;
     };
-    hand_out(session_.tick(evidence, now));
+    const auto events = session_.tick(evidence, now);
+    hand_out(events, now);
+    if (!events.empty()) {
+        publish();
+    }
     const std::int64_t minute = now.wall_ms / 60'000;
     if (minute != last_minute_) {
         keep(now, false);
@@ -153,7 +176,7 @@ void Watcher::find_process(const Moment& now) {
     }
 }
 
-void Watcher::hand_out(const std::vector<Event>& events) {
+void Watcher::hand_out(const std::vector<Event>& events, const Moment& now) {
     if (events.empty()) {
         return;
     }
@@ -162,6 +185,12 @@ void Watcher::hand_out(const std::vector<Event>& events) {
         if (history_ != nullptr) {
             history_->add(event);
         }
+        if (!options_.listen.empty()) {
+            board_.add(event);
+        }
+        if (hooks_ != nullptr) {
+            hooks_->add(event, now);
+        }
     }
     std::cout << std::flush;
     is_output_gone_ = !std::cout;
@@ -169,6 +198,32 @@ void Watcher::hand_out(const std::vector<Event>& events) {
         history_->add(session_.take_spans());
         history_->commit();
     }
+}
+
+/// Shows what is known now; without a listener nobody looks.
+void Watcher::publish() {
+    if (options_.listen.empty()) {
+        return;
+    }
+    board_.publish({.uplinks = session_.world().uplinks(),
+                    .rules = session_.world().rules(),
+                    .daemon = session_.daemon().state(),
+                    .last_written_boot_ms = session_.daemon().last_written_boot_ms(),
+                    .history = options_.history == "none" ? "" : options_.history});
+}
+
+/// What the hooks have been told of they may end, within a few seconds.
+void Watcher::end_hooks() {
+    if (hooks_ == nullptr) {
+        return;
+    }
+    const std::int64_t deadline_boot_ms = now().boot_ms + hooks_end_ms;
+    for (Moment at = now(); !hooks_->is_idle() && at.boot_ms < deadline_boot_ms; at = now()) {
+        epoll_event ready{};
+        epoll_wait(loop_.get(), &ready, 1, 100);
+        hooks_->tend(now());
+    }
+    hooks_->stop();
 }
 
 void Watcher::keep(const Moment& now, bool with_current) {

@@ -6,9 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "lbwatch/board.h"
 #include "lbwatch/daemon_process.h"
 #include "lbwatch/folder_watch.h"
 #include "lbwatch/history.h"
+#include "lbwatch/hooks.h"
+#include "lbwatch/listener.h"
 #include "lbwatch/session.h"
 #include "net/fd.h"
 
@@ -17,6 +20,8 @@ namespace lbwatch {
 struct WatchOptions {
     std::string out_dir = "/var/run/load-balance";
     std::string history = "/var/lib/lb/history.db";  ///< "none": in memory only
+    std::string hooks = "/etc/lb/hooks.d";           ///< "none": none is run
+    std::string listen;                              ///< ADDRESS:PORT; empty: nowhere
     bool as_json = false;
 };
 
@@ -27,19 +32,24 @@ class Watcher {
   public:
     explicit Watcher(WatchOptions options);
 
-    /// The exit status: 0 after SIGTERM or SIGINT, 1 where the output is gone.
+    /// The exit status: 0 after SIGTERM or SIGINT, 1 where it cannot listen or the output is gone.
     int run();
 
   private:
     void wait();
     void second_hand(const Moment& now);
     void find_process(const Moment& now);
-    void hand_out(const std::vector<Event>& events);
+    void hand_out(const std::vector<Event>& events, const Moment& now);
+    void end_hooks();
+    void publish();
     void keep(const Moment& now, bool with_current);
     static void notice(const std::string& line);
 
     WatchOptions options_;
     std::unique_ptr<History> history_;
+    std::unique_ptr<Hooks> hooks_;
+    Board board_;
+    std::unique_ptr<Listener> listener_;
     Session session_;
     FolderWatch folder_;
     DaemonProcess process_;

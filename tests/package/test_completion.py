@@ -56,6 +56,13 @@ class Completion(unittest.TestCase):
     def test_lbcheck_offers_its_options(self):
         self.check_options("lbcheck")
 
+    def test_lbwatch_offers_its_options(self):
+        self.check_options("lbwatch")
+
+    def test_lbwatch_offers_the_options_of_its_words(self):
+        self.assertIn("--html", completions("lbwatch", "report", "-"))
+        self.assertNotIn("--listen", completions("lbwatch", "events", "-"))
+
     def test_lbshow_offers_its_options(self):
         self.check_options("lbshow")
 

@@ -20,11 +20,16 @@ FILES = {
     "/usr/sbin/lb": 0o755,
     "/usr/bin/lbcheck": 0o755,
     "/usr/bin/lbshow": 0o755,
+    "/usr/bin/lbwatch": 0o755,
     "/usr/lib/systemd/system/lb.service": 0o644,
+    "/usr/lib/systemd/system/lbwatch-hooks.service": 0o644,
+    "/usr/lib/systemd/system/lbwatch.service": 0o644,
+    "/usr/lib/sysusers.d/lbwatch.conf": 0o644,
     "/usr/lib/tmpfiles.d/lb.conf": 0o644,
     "/usr/share/bash-completion/completions/lb": 0o644,
     "/usr/share/bash-completion/completions/lbcheck": 0o644,
     "/usr/share/bash-completion/completions/lbshow": 0o644,
+    "/usr/share/bash-completion/completions/lbwatch": 0o644,
     "/usr/share/doc/wan-load-balancer/CHANGELOG.md": 0o644,
     "/usr/share/doc/wan-load-balancer/README.md": 0o644,
     "/usr/share/doc/wan-load-balancer/operating.md": 0o644,
@@ -32,6 +37,10 @@ FILES = {
     "/usr/share/man/man1/lbshow.1.gz": 0o644,
     "/usr/share/man/man5/lb.conf.5.gz": 0o644,
     "/usr/share/man/man8/lb.8.gz": 0o644,
+    "/usr/share/man/man8/lbwatch.8.gz": 0o644,
+    "/usr/share/wan-load-balancer/hooks/mail": 0o755,
+    "/usr/share/wan-load-balancer/hooks/webhook": 0o755,
+    "/usr/share/wan-load-balancer/prometheus/lb.rules.yml": 0o644,
 }
 EXAMPLES = "/usr/share/doc/wan-load-balancer/examples/"
 
@@ -54,7 +63,7 @@ class Contents(unittest.TestCase):
 
     def test_every_file_is_in_its_place(self):
         files = {f"/{path.relative_to(self.root)}" for path in self.root.rglob("*") if path.is_file()}
-        examples = {EXAMPLES + path.name for path in (PROJECT / "examples").glob("*.conf")}
+        examples = {EXAMPLES + path.name for kind in ("*.conf", "*.json") for path in (PROJECT / "examples").glob(kind)}
 
         installed = {path for path in files if not path.startswith("/DEBIAN/")}
 
@@ -82,6 +91,11 @@ class Contents(unittest.TestCase):
 
         for package in ("libc6", "libmnl0", "libnetfilter-conntrack3", "libstdc\\+\\+6"):
             self.assertRegex(dependencies, rf"(^|, ){package} \(>= ")
+
+    def test_the_hooks_folder_is_there_and_empty(self):
+        folder = self.inside("/etc/lb/hooks.d")
+
+        self.assertEqual((list(folder.iterdir()), folder.stat().st_mode & 0o7777), ([], 0o755))
 
     def test_the_ip_command_is_depended_on(self):
         self.assertIn("iproute2", self.field("Depends").split(", "))

@@ -5,6 +5,7 @@
 """
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -87,15 +88,26 @@ class Life(unittest.TestCase):
 
     @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd is not installed")
     def test_the_service_has_no_fault_that_systemd_sees(self):
-        verified = subprocess.run(["systemd-analyze", "verify", "--recursive-errors=no", "lb.service"],
+        verified = subprocess.run(["systemd-analyze", "verify", "--recursive-errors=no", "lb.service",
+                                   "lbwatch.service", "lbwatch-hooks.service"],
                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
 
         self.assertEqual((verified.stdout, verified.returncode), ("", 0))
 
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd is not installed")
+    def test_the_watcher_is_exposed_to_little(self):
+        judged = output_of("systemd-analyze", "security", "--offline=true", "--no-pager",
+                           "/usr/lib/systemd/system/lbwatch.service")
+
+        self.assertLess(float(re.search(r"exposure level for lbwatch.service: ([0-9.]+)", judged).group(1)), 2)
+
+    def test_the_watcher_has_a_user_of_its_own(self):
+        self.assertTrue(output_of("getent", "passwd", "lbwatch").startswith("lbwatch:"))
+
     @unittest.skipUnless(shutil.which("man"), "man-db is not installed")
     @unittest.skipIf(leaves_manuals_out(), "dpkg is told to leave manual pages out here")
     def test_manual_pages_are_found(self):
-        for section, page in (("8", "lb"), ("5", "lb.conf"), ("1", "lbshow"), ("1", "lbcheck")):
+        for section, page in (("8", "lb"), ("8", "lbwatch"), ("5", "lb.conf"), ("1", "lbshow"), ("1", "lbcheck")):
             self.assertTrue(output_of("man", "--where", section, page).strip(), page)
 
     def test_removing_keeps_configuration_and_routes(self):

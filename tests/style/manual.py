@@ -49,11 +49,11 @@ def missing(page, wanted):
 def wrong(project, programs):
     manual = project / "man"
     pages = sorted(manual.glob("*.[1-8]"))
-    if len(pages) != 4:
-        yield f"{manual}: {len(pages)} pages instead of 4"
+    if len(pages) != 5:
+        yield f"{manual}: {len(pages)} pages instead of 5"
     for page in pages:
         yield from warnings_of(page)
-    for name in ("lb.8", "lbcheck.1", "lbshow.1"):
+    for name in ("lb.8", "lbcheck.1", "lbshow.1", "lbwatch.8"):
         options = options_of(programs / name.partition(".")[0])
         if not options:
             yield f"{name}: the program tells no option"

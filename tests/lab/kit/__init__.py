@@ -10,6 +10,7 @@
     keep_alives     the captured notification socket of the service manager
     cycles          waiting in cycles of the daemon
     disk            a small file system that a test fills or makes read-only
+    browser         a real browser, driven over HTTP
     lbshow          what the companion program shows of the daemon
     lbwatch         the companion program that follows the daemon, and dumps written by script
     routing_daemon  the captured routing daemon and the real one

@@ -44,9 +44,9 @@ UplinkReport only(const Report& report) {
 }
 
 TEST(Availability, counts_what_was_seen_and_nothing_else) {
-    const auto uplink = only(report_of(1000, {span(0, 300, active), span(300, 400, failed, "why"),
-                                              span(400, 500, UplinkState::unknown),
-                                              span(600, 1000, active)}));
+    const auto uplink =
+        only(report_of(1000, {span(0, 300, active), span(300, 400, failed, "why"),
+                              span(400, 500, UplinkState::unknown), span(600, 1000, active)}));
     EXPECT_EQ(uplink.active_ms, 700'000);
     EXPECT_EQ(uplink.failed_ms, 100'000);
     EXPECT_EQ(uplink.unknown_ms, 100'000);
@@ -65,10 +65,10 @@ TEST(Availability, is_never_rounded_up) {
 }
 
 TEST(Outages, tell_begin_end_and_what_was_not_seen) {
-    const auto uplink =
-        only(report_of(1000, {span(0, 10, failed), span(10, 100, active), span(100, 160, failed, "why"),
-                              span(160, 300, active), span(300, 320, failed),
-                              span(400, 900, active), span(900, 1000, failed)}));
+    const auto uplink = only(
+        report_of(1000, {span(0, 10, failed), span(10, 100, active), span(100, 160, failed, "why"),
+                         span(160, 300, active), span(300, 320, failed), span(400, 900, active),
+                         span(900, 1000, failed)}));
     ASSERT_EQ(uplink.outages.size(), 4U);
     EXPECT_EQ(length_of(uplink.outages[0]), "10s, begin not seen");
     EXPECT_EQ(length_of(uplink.outages[1]), "1m 0s");
@@ -82,8 +82,8 @@ TEST(Outages, tell_begin_end_and_what_was_not_seen) {
 }
 
 TEST(Outages, rows_that_follow_each_other_are_one) {
-    const auto uplink = only(report_of(100, {span(0, 20, failed), span(20, 50, failed),
-                                             span(50, 100, active)}));
+    const auto uplink =
+        only(report_of(100, {span(0, 20, failed), span(20, 50, failed), span(50, 100, active)}));
     EXPECT_EQ(uplink.outages.size(), 1U);
 }
 
@@ -98,15 +98,18 @@ TEST(Periods, time_that_is_told_twice_counts_as_told_last) {
     EXPECT_EQ(uplink.active_ms, 80'000);
     EXPECT_EQ(uplink.failed_ms, 20'000);
     EXPECT_EQ(uplink.unwatched_ms, 0);
-    const auto covered = only(report_of(100, {span(40, 60, failed), span(50, 80, active),
-                                              span(30, 90, active)}));
+    const auto covered =
+        only(report_of(100, {span(40, 60, failed), span(50, 80, active), span(30, 90, active)}));
     EXPECT_EQ(covered.active_ms, 60'000);
     EXPECT_EQ(covered.failed_ms, 0);
 }
 
 Minute minute(int number, int answered, int missed, int rtt_ms = 0) {
-    Minute row{.minute = at(0).wall_ms / 60'000 + number, .uplink = key("eth0"),
-               .target = "198.51.100.1", .answered = answered, .missed = missed};
+    Minute row{.minute = at(0).wall_ms / 60'000 + number,
+               .uplink = key("eth0"),
+               .target = "198.51.100.1",
+               .answered = answered,
+               .missed = missed};
     if (rtt_ms > 0) {
         row.measured = answered;
         row.rtt_ms_sum = static_cast<std::int64_t>(rtt_ms) * answered;
@@ -115,9 +118,9 @@ Minute minute(int number, int answered, int missed, int rtt_ms = 0) {
 }
 
 TEST(Loss, is_told_by_the_hour_and_in_points) {
-    const auto uplink = only(report_of(600, {span(0, 600, active)},
-                                       {minute(0, 60, 0, 20), minute(1, 30, 30), minute(-1, 5, 5),
-                                        minute(10, 5, 5)}));
+    const auto uplink = only(
+        report_of(600, {span(0, 600, active)},
+                  {minute(0, 60, 0, 20), minute(1, 30, 30), minute(-1, 5, 5), minute(10, 5, 5)}));
     const auto first = static_cast<std::size_t>((at(0).wall_ms / 60'000) % 10);
     EXPECT_DOUBLE_EQ(*uplink.by_hour[first].loss(), 0);
     EXPECT_DOUBLE_EQ(*uplink.by_hour[(first + 1) % 10].loss(), 50);
@@ -141,12 +144,13 @@ TEST(Points, of_a_long_time_are_few) {
 
 TEST(TextReport, tells_figures_and_outages) {
     const std::string text = text_of(report_of(
-        1000, {span(0, 300, active), span(300, 400, failed, "198.51.100.1 no answer (3 in a row)"),
-               span(400, 800, active)},
+        1000,
+        {span(0, 300, active), span(300, 400, failed, "198.51.100.1 no answer (3 in a row)"),
+         span(400, 800, active)},
         {minute(0, 30, 30)}));
-    for (const char* part :
-         {"eth0 ipv4\n", "availability 87.500 %", "80.000 % of the period", "not watched 3m 20s",
-          "1 outages, 2 flaps, longest 1m 40s", "198.51.100.1 no answer (3 in a row)", " h 50.0 %"}) {
+    for (const char* part : {"eth0 ipv4\n", "availability 87.500 %", "80.000 % of the period",
+                             "not watched 3m 20s", "1 outages, 2 flaps, longest 1m 40s",
+                             "198.51.100.1 no answer (3 in a row)", " h 50.0 %"}) {
         EXPECT_NE(text.find(part), std::string::npos) << part << "\n" << text;
     }
     EXPECT_NE(text_of(report_of(10, {})).find("Nothing was watched"), std::string::npos);

@@ -290,6 +290,7 @@ class Keeping(Scripted):
 
     def test_report_agrees_with_the_script(self):
         watch = self.settled("--hooks", "none")
+        seen_from = self.daemon.cycles
         for _ in range(3):
             with self.daemon.lock:
                 self.daemon.fail(self.one)
@@ -299,6 +300,7 @@ class Keeping(Scripted):
                 self.daemon.answer(self.one)
             watch.expect_state("eth0", "active")
         watch.kill(15)
+        cycles = self.daemon.cycles
 
         report = json.loads(lbwatch("report", "--json", "--since", "1h", "--history", HISTORY).stdout)
 
@@ -312,7 +314,9 @@ class Keeping(Scripted):
         self.assertGreater(two["unwatched_s"], 3000)
         with sqlite3.connect(f"file:{HISTORY}?mode=ro", uri=True) as database:
             answered, missed = database.execute("SELECT sum(answered), sum(missed) FROM minute").fetchone()
-        self.assertAlmostEqual(answered + missed, 2 * self.daemon.cycles, delta=8)
+        # Each cycle that was seen counts once for each target.
+        self.assertLessEqual(answered + missed, 2 * cycles)
+        self.assertGreaterEqual(answered + missed, 2 * (cycles - seen_from) * 0.8)
 
 
 if __name__ == "__main__":

@@ -135,8 +135,12 @@ bool Listener::receive(Connection& connection, std::int64_t now_ms) {
             answer(connection, now_ms);
         }
     }
-    // Who has said all may still listen.
-    return got == 0 ? !connection.out.empty() : errno == EAGAIN || errno == EINTR;
+    if (got == 0) {
+        // Who has said all may still listen.
+        connection.has_said_all = true;
+        return connection.is_answered && !connection.out.empty();
+    }
+    return errno == EAGAIN || errno == EINTR;
 }
 
 void Listener::answer(Connection& connection, std::int64_t now_ms) {
@@ -215,7 +219,8 @@ void Listener::run() {
         wanted.push_back({.fd = board_.fd(), .events = POLLIN, .revents = 0});
         wanted.push_back({.fd = listening_.get(), .events = POLLIN, .revents = 0});
         for (const Connection& one : connections_) {
-            const auto events = static_cast<short>(POLLIN | (one.out.empty() ? 0 : POLLOUT));
+            const auto events = static_cast<short>((one.has_said_all ? 0 : POLLIN) |
+                                                   (one.out.empty() ? 0 : POLLOUT));
             wanted.push_back({.fd = one.socket.get(), .events = events, .revents = 0});
         }
         // With nobody connected there is no deadline to keep.
@@ -229,7 +234,7 @@ void Listener::run() {
         for (auto one = connections_.begin(); one != connections_.end(); ++at) {
             const short ready = wanted[at].revents;
             bool is_over = (ready & (POLLERR | POLLNVAL)) != 0 || now_ms >= one->deadline_boot_ms;
-            if (!is_over && (ready & (POLLIN | POLLHUP)) != 0) {
+            if (!is_over && !one->has_said_all && (ready & (POLLIN | POLLHUP)) != 0) {
                 is_over = !receive(*one, now_ms);
             }
             if (!is_over && one->is_stream) {

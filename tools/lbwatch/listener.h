@@ -36,7 +36,8 @@ class Listener {
         std::int64_t deadline_boot_ms = 0;
         std::int64_t begun_boot_ms = 0;
         bool is_stream = false;
-        bool is_answered = false;  ///< it is closed when all is sent
+        bool is_answered = false;   ///< it is closed when all is sent
+        bool has_said_all = false;  ///< the other end sends no more
         std::uint64_t last_event = 0;
         std::int64_t heard_boot_ms = 0;  ///< when the stream was last written to
     };

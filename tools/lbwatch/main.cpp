@@ -51,16 +51,17 @@ int main(int argc, char* argv[]) {
     auto* const run = app.add_subcommand("run", "follow the daemon until ended (the default)");
     add_run_options(*run, watch);
     auto* const listed = app.add_subcommand("events", "tell past events from the history");
-    add_history(*listed, events.history);
-    listed
-        ->add_option("--since", events.since, "from then on: an age (90s, 15m, 12h, 1d) or a date")
-        ->type_name("TIME")
-        ->capture_default_str();
-    listed->add_option("--until", events.until, "and before then")
-        ->type_name("TIME")
-        ->capture_default_str();
-    listed->add_option("--uplink", events.uplink, "of this uplink only")->type_name("NAME");
+    add_selection(*listed, events.history, events.since, events.until, events.uplink);
     listed->add_flag("--json", events.as_json, "one JSON object a line");
+    auto* const reported = app.add_subcommand("report", "tell how often each uplink was down");
+    add_selection(*reported, report.history, report.since, report.until, report.uplink);
+    auto* const as_json = reported->add_flag("--json", report.as_json, "a JSON object");
+    auto* const as_csv =
+        reported->add_flag("--csv", report.as_csv, "comma-separated values")->excludes(as_json);
+    reported->add_option("--html", report.html, "write a page that needs nothing else to be read")
+        ->type_name("FILE")
+        ->excludes(as_json)
+        ->excludes(as_csv);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

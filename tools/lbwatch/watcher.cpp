@@ -1,5 +1,6 @@
 #include "lbwatch/watcher.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -219,8 +220,9 @@ void Watcher::end_hooks() {
     }
     const std::int64_t deadline_boot_ms = now().boot_ms + hooks_end_ms;
     for (Moment at = now(); !hooks_->is_idle() && at.boot_ms < deadline_boot_ms; at = now()) {
-        epoll_event ready{};
-        epoll_wait(loop_.get(), &ready, 1, 100);
+        // The loop's own descriptors are still readable: by them it was ended.
+        pollfd wanted{.fd = hooks_->fd(), .events = POLLIN, .revents = 0};
+        poll(&wanted, 1, 100);
         hooks_->tend(now());
     }
     hooks_->stop();

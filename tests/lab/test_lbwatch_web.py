@@ -299,6 +299,8 @@ class Keeping(Scripted):
             with self.daemon.lock:
                 self.daemon.answer(self.one)
             watch.expect_state("eth0", "active")
+        # The last state is seen for a while, too.
+        expect(lambda last=self.daemon.cycles: self.daemon.cycles > last + 4)
         watch.kill(15)
         cycles = self.daemon.cycles
 

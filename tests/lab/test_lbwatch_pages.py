@@ -78,6 +78,9 @@ class Pages(Scripted):
         self.assertEqual(self.browser.texts("[data-uplink=eth1] .state"), ["failed"])
         self.assertIn("198.51.100.1 no answer (3 in a row)", self.browser.texts("[data-uplink=eth1] .details")[0])
         expect(lambda: "eth1 ipv4 active -> failed" in self.browser.texts("ol.events")[0])
+        # The outage is in the picture before the history's next minute.
+        expect(lambda: "going on" in " ".join(self.browser.texts("[data-uplink=eth1] table")), within=45)
+        self.assertEqual(self.browser.texts("[data-uplink=eth0] table"), [])
         for width, scheme in VIEWS:
             with self.subTest(width=width, scheme=scheme):
                 self.check_view("live", url, width, scheme)

@@ -12,6 +12,7 @@ import urllib.parse
 
 from kit import LabTest, expect, main
 from kit import echo_policies as policy
+from kit import sandbox
 from kit.daemon import ROOT
 from kit.lbwatch import Lbwatch
 from scenes import attach_two, two_uplinks
@@ -65,6 +66,13 @@ class Neighbours(LabTest):
         for name in ("gi1_1", "gi1_2"):
             self.watch.expect_state(name, "active")
 
+    def find_templates(self):
+        """The alert manager wants its templates where its package would have put them."""
+        unpacked = os.path.join(ROOT, "build/tools/prometheus/usr/share")
+        if os.path.isdir(unpacked):
+            sandbox.mount("lab", "/usr/share", "overlay", options=f"lowerdir={unpacked}:/usr/share")
+            self.addCleanup(sandbox.unmount, "/usr/share")
+
     def run_beside(self, name, *arguments):
         path = os.path.join(self.folder, name + ".log")
         with open(path, "wb") as log:
@@ -98,6 +106,7 @@ class Neighbours(LabTest):
         return posted
 
     def start_prometheus(self):
+        self.find_templates()
         # The alerts wait for a minute; here for seconds.
         with open(RULES, encoding="utf-8") as file:
             self.write("quick.rules.yml", re.sub(r"for: \S+", "for: 1s", file.read()))

@@ -149,7 +149,7 @@ TEST(TextReport, tells_figures_and_outages) {
          span(400, 800, active)},
         {minute(0, 30, 30)}));
     for (const char* part : {"eth0 ipv4\n", "availability 87.500 %", "80.000 % of the period",
-                             "not watched 3m 20s", "1 outages, 2 flaps, longest 1m 40s",
+                             "not watched 3m 20s", "outages 1, flaps 2, longest 1m 40s",
                              "198.51.100.1 no answer (3 in a row)", " h 50.0 %"}) {
         EXPECT_NE(text.find(part), std::string::npos) << part << "\n" << text;
     }

@@ -16,6 +16,12 @@ namespace {
 
 constexpr double width = 1000;
 
+/// The pattern that fills what nobody watched, once a page.
+constexpr const char* hatch =
+    "<svg width=\"0\" height=\"0\" aria-hidden=\"true\" style=\"position:absolute\"><defs>"
+    "<pattern id=\"hatch\" width=\"5\" height=\"32\" patternUnits=\"userSpaceOnUse\">"
+    "<rect class=\"stripe\" width=\"2\" height=\"32\"/></pattern></defs></svg>";
+
 std::string number(double value) {
     std::array<char, 32> text{};
     snprintf(text.data(), text.size(), "%.2f", value);
@@ -119,7 +125,7 @@ std::string time_axis(std::int64_t since_ms, std::int64_t until_ms) {
 }
 
 std::string legend() {
-    std::string text = "<ul class=\"legend\">";
+    std::string text = std::string(hatch) + "<ul class=\"legend\">";
     for (const Known known : {Known::active, Known::failed, Known::unknown, Known::unwatched}) {
         const char* const word = known == Known::unknown     ? "not judged"
                                  : known == Known::unwatched ? "not watched"

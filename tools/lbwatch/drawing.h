@@ -19,7 +19,7 @@ std::string band(const UplinkReport& uplink, std::int64_t since_ms, std::int64_t
 /// Dates below a band or a chart.
 std::string time_axis(std::int64_t since_ms, std::int64_t until_ms);
 
-/// What the colours of a band mean.
+/// What the colours of a band mean; a page has it once, for the bands use its pattern.
 std::string legend();
 
 /// Round-trip time as a line, loss as bars; empty where nothing was measured.

@@ -5,6 +5,7 @@
 
 #include "lbwatch/drawing.h"
 #include "lbwatch/report_page.h"
+#include "lbwatch/target_results.h"
 
 namespace lbwatch {
 
@@ -55,14 +56,15 @@ std::string details_of(const Uplink& uplink) {
             (uplink.nexthop.empty() ? ", no next hop known"
                                     : " over <b>" + escaped(uplink.nexthop) + "</b>") +
             "</li>";
-    if (uplink.state == UplinkState::failed && !uplink.reason.empty()) {
+    if (uplink.state == UplinkState::unknown && !uplink.reason.empty()) {
         text += "<li>" + escaped(uplink.reason) + "</li>";
     }
     for (const auto& [address, target] : uplink.targets) {
         text += "<li><b>" + escaped(address) + "</b> " +
-                (target.verdict == Verdict::success   ? "answers"
-                 : target.verdict == Verdict::failure ? escaped(target.fault)
-                                                      : "not judged");
+                (target.verdict == Verdict::success ? "answers"
+                 : target.verdict == Verdict::failure
+                     ? escaped(told(address, target).substr(address.size() + 1))
+                     : "not judged");
         if (target.quality) {
             const lbshow::Quality& quality = *target.quality;
             text += ": loss " + std::to_string(quality.loss_percent) + " of " +

@@ -6,13 +6,13 @@ namespace lbwatch {
 /// higher, not watched is hatched.
 inline constexpr const char* page_style = R"(:root {
   --page: #f6f7f9; --card: #ffffff; --ink: #1d2430; --soft: #5d6878; --line: #e2e6ec;
-  --good: #3d9a6c; --bad: #c8423f; --unknown: #a9b1bd; --hatch: #d3d9e1; --accent: #3566b0;
+  --good: #3d9a6c; --bad: #c8423f; --unknown: #a9b1bd; --hatch: #bcc5d0; --accent: #3566b0;
   --good-soft: #e4f3ea; --bad-soft: #fbe7e6;
 }
 @media (prefers-color-scheme: dark) {
   :root {
     --page: #12161c; --card: #1b2129; --ink: #e6eaf0; --soft: #98a3b3; --line: #2b333e;
-    --good: #46a878; --bad: #e0605b; --unknown: #667080; --hatch: #343d49; --accent: #7aa7e8;
+    --good: #46a878; --bad: #e0605b; --unknown: #667080; --hatch: #465160; --accent: #7aa7e8;
     --good-soft: #1b3529; --bad-soft: #442322;
   }
 }
@@ -38,8 +38,8 @@ p { margin: 0; }
 rect.active, i.active { fill: var(--good); background: var(--good); }
 rect.failed, i.failed { fill: var(--bad); background: var(--bad); }
 rect.unknown, i.unknown { fill: var(--unknown); background: var(--unknown); }
-rect.unwatched { fill: var(--hatch); }
-i.unwatched { background: repeating-linear-gradient(45deg, var(--hatch) 0 2px, transparent 2px 4px); }
+rect.unwatched { fill: url(#hatch); } rect.stripe { fill: var(--hatch); }
+i.unwatched { background: repeating-linear-gradient(90deg, var(--hatch) 0 2px, transparent 2px 5px); }
 .axis { display: flex; justify-content: space-between; color: var(--soft); font-size: 12px;
   margin-top: 4px; font-variant-numeric: tabular-nums; }
 .legend { list-style: none; display: flex; flex-wrap: wrap; gap: 4px 18px; padding: 0;
@@ -94,7 +94,6 @@ footer p + p { margin-top: 8px; }
   table.outages td { display: block; border: 0; padding: 0; }
   table.outages td::before { content: attr(data-name); display: block; color: var(--soft);
     font-size: 12px; }
-  table.outages td[data-name=Reason], table.outages td[data-name=Length] { grid-column: 1 / -1; }
   ol.events li { display: block; }
   ol.events time { display: block; }
 }

@@ -28,8 +28,8 @@ std::string figures(const UplinkReport& uplink, const Report& report) {
            figure("Outages", std::to_string(uplink.outages.size())) +
            figure("Longest", uplink.outages.empty() ? "-" : length(uplink.longest_ms)) +
            figure("Flaps", std::to_string(uplink.flaps)) +
-           figure("Mean time between", length(uplink.mean_between_ms)) +
-           figure("Mean time to repair", length(uplink.mean_repair_ms)) +
+           figure("Mean between", length(uplink.mean_between_ms)) +
+           figure("Mean to repair", length(uplink.mean_repair_ms)) +
            figure("Watched", percent_text(100.0 * static_cast<double>(watched_ms) /
                                           static_cast<double>(period_ms))) +
            "</dl>";

@@ -67,11 +67,10 @@ std::string uplink_text(const UplinkReport& uplink, std::int64_t period_ms) {
             length_text(uplink.failed_ms / 1000) + ", not judged " +
             length_text(uplink.unknown_ms / 1000) + ", not watched " +
             length_text(uplink.unwatched_ms / 1000) + "\n";
-    text += "  " + std::to_string(uplink.outages.size()) + " outages, " +
-            std::to_string(uplink.flaps) + " flaps, longest " +
-            length_text(uplink.longest_ms / 1000) + ", mean time between outages " +
-            or_dash(uplink.mean_between_ms) + ", to repair " + or_dash(uplink.mean_repair_ms) +
-            "\n";
+    text += "  outages " + std::to_string(uplink.outages.size()) + ", flaps " +
+            std::to_string(uplink.flaps) + ", longest " + length_text(uplink.longest_ms / 1000) +
+            ", mean time between outages " + or_dash(uplink.mean_between_ms) + ", to repair " +
+            or_dash(uplink.mean_repair_ms) + "\n";
     text += "  loss by hour of the day: " + hours(uplink) + "\n";
     return uplink.outages.empty() ? text : text + outage_table(uplink);
 }

@@ -162,7 +162,7 @@ class Web::Routes : public httplib::Server {
             HistoryReader history(view->history);
             Report read = report_of(
                 history, {.since_ms = day.since_ms, .until_ms = day.until_ms, .uplink = ""}, false,
-                at.wall_ms);
+                at.wall_ms, &view->uplinks);
             std::vector<Event> kept = history.latest(listed_events);
             if (history.problem().empty()) {
                 day = std::move(read);

@@ -8,7 +8,7 @@ class Cost(Scripted):
         for i in range(98):
             self.daemon.uplink(f"gi{i}", targets=[{"address": f"198.51.100.{i + 1}", "result": 1,
                                                    "success": 3, "failure": 0}])
-        self.daemon._period_s = 1  # pylint: disable=protected-access
+        self.daemon.period_s = 1
         watch = self.settled()
         before = watch.cpu_s()
         self.daemon.pass_by(10)

@@ -1,7 +1,6 @@
 """The hooks of lbwatch over scripted dumps: what they get, in which order, and what becomes of bad ones."""
 import json
 import os
-import time
 
 from kit import expect, main
 from lbwatch_scene import Scripted
@@ -98,19 +97,6 @@ class Hooks(Scripted):
 
         self.assertFalse(os.path.exists("/run/never"))
 
-    def test_hook_that_hangs_is_killed_with_its_group_and_holds_up_nobody(self):
-        self.hook("hangs", '[ "$LB_UPLINK" = eth0 ] || { echo "$LB_UPLINK" >> /run/others; exit; }\n'
-                           "sleep 1234 &\necho $! >> /run/children\nwait\n")
-        watch = self.settled("--hooks", HOOKS)
-        begin = time.monotonic()
-        expect(lambda: "eth1" in self.lines("/run/others"))
-        self.assertLess(time.monotonic() - begin, 15)
-
-        expect(lambda: "hook hangs was killed with its group after 30 s" in watch.notices, within=60)
-
-        child = self.lines("/run/children")[0]
-        expect(lambda: not os.path.exists(f"/proc/{child}") or "Z" in self.lines(f"/proc/{child}/stat")[0])
-
     def test_what_a_hook_leaves_behind_ends_with_it(self):
         self.hook("forks", "sleep 1234 > /dev/null 2>&1 &\necho $! >> /run/children\n")
         self.settled("--hooks", HOOKS)
@@ -121,27 +107,16 @@ class Hooks(Scripted):
                            or "Z" in self.lines(f"/proc/{child}/stat")[0].rpartition(")")[2].split()[0]
                            for child in self.lines("/run/children")))
 
-    def test_hook_that_floods_its_output_costs_memory_to_nobody(self):
-        self.hook("floods", '[ "$LB_UPLINK" = eth0 ] || { echo "$LB_UPLINK" >> /run/others; exit; }\n'
-                            "exec yes flood\n")
-        watch = self.settled("--hooks", HOOKS)
-        before = watch.cpu_s()
-
-        expect(lambda: "hook floods said more than that, which is dropped" in watch.notices, within=60)
-
-        self.assertLess(watch.rss_kb(), 30_000)
-        self.assertLess(watch.cpu_s() - before, 3)
-        self.assertLess(len(watch.notices), 50_000)
-
     def test_storm_is_held_and_the_latest_state_wins(self):
-        self.hook("slow", 'sleep 3; echo "$LB_TIME $LB_EVENT $LB_TO" >> /run/slow.$LB_UPLINK\n')
+        self.hook("slow", 'sleep 0.5; echo "$LB_TIME $LB_EVENT $LB_TO" >> /run/slow.$LB_UPLINK\n')
+        self.daemon.period_s = 0.15
         watch = self.settled("--hooks", HOOKS)
 
-        self.flap(self.one, 40)
+        self.flap(self.one, 24)
 
         expect(lambda: "hooks are slower than events come" in watch.notices)
         last = [one["time"] for one in watch.events("uplink", uplink="eth0")][-1]
-        expect(lambda: any(line.startswith(last) for line in self.lines("/run/slow.eth0")), within=90)
+        expect(lambda: any(line.startswith(last) for line in self.lines("/run/slow.eth0")), within=60)
 
 
 if __name__ == "__main__":

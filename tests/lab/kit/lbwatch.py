@@ -184,7 +184,7 @@ class ScriptedDaemon(Dumps):
 
     def __init__(self, out_dir, period_s=0.25):
         super().__init__(out_dir)
-        self._period_s = period_s
+        self.period_s = period_s
         self.lock = threading.Lock()  # held by whoever changes more than one thing at a time
         self._ending = threading.Event()
         self._thread = None
@@ -205,7 +205,7 @@ class ScriptedDaemon(Dumps):
         return self
 
     def _run(self):
-        while not self._ending.wait(self._period_s):
+        while not self._ending.wait(self.period_s):
             with self.lock:
                 self.write()
                 self.cycles += 1
@@ -213,7 +213,7 @@ class ScriptedDaemon(Dumps):
     def pass_by(self, number):
         """Waits until so many more cycles have been written."""
         last = self.cycles + number
-        expect(lambda: self.cycles >= last, 10 + 5 * number * self._period_s, f"{number} cycles pass by")
+        expect(lambda: self.cycles >= last, 10 + 5 * number * self.period_s, f"{number} cycles pass by")
 
     def pause(self):
         """Writes nothing more; the process stays."""

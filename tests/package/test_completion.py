@@ -66,6 +66,13 @@ class Completion(unittest.TestCase):
     def test_lbshow_offers_its_options(self):
         self.check_options("lbshow")
 
+    def test_lbwatch_offers_its_options(self):
+        self.check_options("lbwatch")
+
+    def test_lbwatch_offers_the_options_of_its_words(self):
+        for word in commands_of(PROGRAMS / "lbwatch"):
+            self.assertEqual(completions("lbwatch", word, "-"), options_of(PROGRAMS / "lbwatch", word), word)
+
     def test_lbroute_offers_its_options_and_those_of_each_command(self):
         self.check_options("lbroute")
         for command in commands_of(PROGRAMS / "lbroute"):

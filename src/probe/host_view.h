@@ -10,6 +10,7 @@
 
 #include "host/addresses.h"
 #include "host/connection_tracking.h"
+#include "probe/reply_room.h"
 
 struct context;
 
@@ -40,6 +41,7 @@ class HostView {
     int find_neighbor(const std::string& address, unsigned char* mac);
 
     host::ConnectionTracking tracking;
+    ReplyRoom reply_room;
 
   private:
     struct Addresses {

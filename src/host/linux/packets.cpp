@@ -2,6 +2,7 @@
 
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -12,8 +13,10 @@
 #include <array>
 #include <bit>
 #include <cerrno>
+#include <utility>
 
 #include "base/fd.h"
+#include "host/clock.h"
 #include "host/linux/filters.h"
 #include "host/linux/frame_receiver.h"
 
@@ -155,6 +158,59 @@ Transfer receive(int receiver, std::span<std::uint8_t> buffer) {
     return {.count = static_cast<int>(length), .error = length < 0 ? errno : 0};
 }
 
+Transfer receive_many(int receiver, std::span<PacketFront> places) {
+    constexpr std::size_t most_at_once = 64;
+    std::array<mmsghdr, most_at_once> messages{};
+    std::array<iovec, most_at_once> fronts;
+    const std::size_t count = std::min(places.size(), most_at_once);
+    for (std::size_t i = 0; i < count; ++i) {
+        fronts[i] = {places[i].bytes.data(), places[i].bytes.size()};
+        messages[i].msg_hdr.msg_iov = &fronts[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    const int taken =
+        recvmmsg(receiver, messages.data(), static_cast<unsigned>(count), MSG_DONTWAIT, nullptr);
+    for (std::size_t i = 0; std::cmp_less(i, taken); ++i) {
+        places[i].size = messages[i].msg_len;
+    }
+    return {.count = taken, .error = taken < 0 ? errno : 0};
+}
+
+// The kernel counts the buffer that a packet lies in (socket(7), SO_RCVBUF): a page for those of
+// some network drivers, and never less than the two structures that describe one.
+namespace {
+
+constexpr int largest_packet = 4096;
+constexpr int smallest_packet = 512;
+constexpr int least_room = 4 << 20;  // what comes unasked must not take the place of replies
+constexpr int most_room = 256 << 20;
+
+}  // namespace
+
+ReceiverRoom make_room(int receiver, int packets) {
+    const std::int64_t asked = std::int64_t{packets} * largest_packet;
+    const auto wanted = static_cast<int>(std::clamp<std::int64_t>(asked, least_room, most_room));
+    const int half = wanted / 2;  // the kernel doubles what it is given
+    if (setsockopt(receiver, SOL_SOCKET, SO_RCVBUFFORCE, &half, sizeof half) != 0) {
+        setsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &half, sizeof half);
+    }
+    ReceiverRoom room{.wanted = wanted, .granted = 0};
+    socklen_t size = sizeof room.granted;
+    getsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &room.granted, &size);
+    return room;
+}
+
+int most_packets_in(const ReceiverRoom& room) {
+    return room.granted / smallest_packet;
+}
+
+std::uint32_t dropped_packets(int receiver) {
+    std::array<std::uint32_t, SK_MEMINFO_VARS> counts{};
+    socklen_t size = sizeof counts;
+    getsockopt(receiver, SOL_SOCKET, SO_MEMINFO, counts.data(), &size);
+    return counts[SK_MEMINFO_DROPS];
+}
+
 Bell::Bell() : number_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 Bell::~Bell() {
@@ -199,6 +255,9 @@ void watch_receiver(int receiver, const ReceiverWatch& watch) {
         if (poll(&readable, 1, -1) <= 0 || (readable.revents & POLLNVAL) != 0) {
             watch.on_wait_failed();
             return;
+        }
+        if (watch.rest_ms > 0) {
+            sleep_ms(watch.rest_ms);
         }
         if (!watch.on_readable()) {
             return;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <set>
 
 #include "base/address_text.h"
@@ -105,6 +106,32 @@ Transfer receive(int receiver, std::span<std::uint8_t> buffer) {
     const std::size_t taken = std::min(packet.size(), buffer.size());
     std::copy_n(packet.begin(), taken, buffer.begin());
     return {.count = static_cast<int>(taken), .error = 0};
+}
+
+Transfer receive_many(int receiver, std::span<PacketFront> places) {
+    int count = 0;
+    for (PacketFront& place : places) {
+        const Transfer taken = receive(receiver, place.bytes);
+        if (taken.count < 0) {
+            return count == 0 ? taken : Transfer{.count = count, .error = 0};
+        }
+        place.size = static_cast<std::size_t>(taken.count);
+        ++count;
+    }
+    return {.count = count, .error = 0};
+}
+
+// A simulated receiver holds whatever comes.
+ReceiverRoom make_room(int /*receiver*/, int packets) {
+    return {.wanted = packets, .granted = packets};
+}
+
+int most_packets_in(const ReceiverRoom& /*room*/) {
+    return std::numeric_limits<int>::max();
+}
+
+std::uint32_t dropped_packets(int /*receiver*/) {
+    return 0;
 }
 
 Bell::Bell() {

@@ -44,6 +44,17 @@ struct Transfer {
 /// Sends a frame through the interface of that index, whose own MAC address is `own_mac`.
 Transfer send_frame(int frame_sender, int interface_index, const MacAddress& own_mac,
                     std::span<const std::uint8_t> frame);
+
+/// One of several frames that leave in their order.
+struct OutgoingFrame {
+    int interface_index = 0;
+    MacAddress own_mac{};
+    std::span<const std::uint8_t> frame;
+};
+/// Sends frames until one fails. How many went, from the first on; where these are not all, the
+/// error of the one behind them.
+Transfer send_frames(int frame_sender, std::span<const OutgoingFrame> frames);
+
 Transfer send_echo(int echo_sender, const Ipv4Bytes& to, std::span<const std::uint8_t> message);
 Transfer send_echo6(int echo_sender, const Ipv6Bytes& to, std::uint32_t scope,
                     std::span<const std::uint8_t> message);

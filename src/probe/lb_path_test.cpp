@@ -59,8 +59,11 @@ void LBPathTest::start(LBData& data, context* ctx) {
     const ProbeFamily& family = ctx->ipv6 ? ipv6_probes : ipv4_probes;
     ReplyRoom& reply_room = ctx->view->reply_room;
     reply_room.make(family, *ctx->ns_name, count_probes(records));
-    for (LBHealth* health : records) {
-        health->send_test(ctx);
+    {
+        const Outbox::Collecting collecting(ctx->view->outbox);
+        for (LBHealth* health : records) {
+            health->send_test(ctx);
+        }
     }
     // After the process stood still, workers and receivers wake in any order: no probe is judged as
     // late whose answer has come.

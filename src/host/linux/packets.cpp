@@ -14,6 +14,7 @@
 #include <bit>
 #include <cerrno>
 #include <utility>
+#include <vector>
 
 #include "base/fd.h"
 #include "host/clock.h"
@@ -118,14 +119,51 @@ void close_socket(int number) {
     close(number);
 }
 
-Transfer send_frame(int frame_sender, int interface_index, const MacAddress& own_mac,
-                    std::span<const std::uint8_t> frame) {
+namespace {
+
+sockaddr_ll link_address(int interface_index, const MacAddress& own_mac) {
     sockaddr_ll address{};
     address.sll_family = AF_PACKET;
     address.sll_ifindex = interface_index;
     address.sll_halen = static_cast<unsigned char>(own_mac.size());
     std::copy(own_mac.begin(), own_mac.end(), address.sll_addr);
-    return send_to(frame_sender, address, frame);
+    return address;
+}
+
+}  // namespace
+
+Transfer send_frame(int frame_sender, int interface_index, const MacAddress& own_mac,
+                    std::span<const std::uint8_t> frame) {
+    return send_to(frame_sender, link_address(interface_index, own_mac), frame);
+}
+
+Transfer send_frames(int frame_sender, std::span<const OutgoingFrame> frames) {
+    std::vector<sockaddr_ll> addresses;
+    std::vector<iovec> contents;
+    std::vector<mmsghdr> messages(frames.size());
+    addresses.reserve(frames.size());
+    contents.reserve(frames.size());
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        addresses.push_back(link_address(frames[i].interface_index, frames[i].own_mac));
+        contents.push_back(
+            {const_cast<std::uint8_t*>(frames[i].frame.data()), frames[i].frame.size()});
+        msghdr& message = messages[i].msg_hdr;
+        message.msg_name = &addresses[i];
+        message.msg_namelen = sizeof addresses[i];
+        message.msg_iov = &contents[i];
+        message.msg_iovlen = 1;
+    }
+    // The kernel tells an error only of the first message that it is given.
+    std::size_t sent = 0;
+    while (sent < messages.size()) {
+        const int more = sendmmsg(frame_sender, &messages[sent],
+                                  static_cast<unsigned>(messages.size() - sent), 0);
+        if (more <= 0) {
+            return {.count = static_cast<int>(sent), .error = errno};
+        }
+        sent += static_cast<std::size_t>(more);
+    }
+    return {.count = static_cast<int>(sent), .error = 0};
 }
 
 Transfer send_echo(int echo_sender, const Ipv4Bytes& to, std::span<const std::uint8_t> message) {

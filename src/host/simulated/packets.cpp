@@ -64,6 +64,19 @@ Transfer send_frame(int frame_sender, int interface_index, const MacAddress& /*o
     });
 }
 
+Transfer send_frames(int frame_sender, std::span<const OutgoingFrame> frames) {
+    int sent = 0;
+    for (const OutgoingFrame& one : frames) {
+        const Transfer transfer =
+            send_frame(frame_sender, one.interface_index, one.own_mac, one.frame);
+        if (transfer.count < 0) {
+            return {.count = sent, .error = transfer.error};
+        }
+        ++sent;
+    }
+    return {.count = sent, .error = 0};
+}
+
 Transfer send_echo(int echo_sender, const Ipv4Bytes& to, std::span<const std::uint8_t> message) {
     return send(echo_sender, message, [&](const Simulation::Socket& socket) {
         return Simulation::current().take_echo(socket, to_text(to), message);

@@ -122,6 +122,16 @@ int LBArp::get_mac(unsigned char* mac) {
     return found.error == EHOSTUNREACH ? 0 : -1;
 }
 
+std::optional<MacAddress> LBArp::known_mac() const {
+    const auto binary = parse_ipv4_in_any_form(address);
+    if (!binary) {
+        return std::nullopt;
+    }
+    const host::ArpEntry entry = host::ask_arp_entry(*binary, ifname);
+    return entry.state == host::ArpEntry::State::complete ? std::make_optional(entry.mac)
+                                                          : std::nullopt;
+}
+
 LBArp::Mac LBArp::find_mac() {
     const Presence presence = ask_presence();
     if (presence.known < 0) {

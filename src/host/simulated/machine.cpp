@@ -178,4 +178,16 @@ bool ConnectionTracking::enter_echo(const std::string& source, const std::string
     return true;
 }
 
+void ConnectionTracking::enter_echoes(std::span<TrackedEcho> echoes, std::uint16_t identifier) {
+    const auto text = [](const TrackedEcho& echo, const Ipv6Bytes& address) {
+        Ipv4Bytes ipv4{};
+        std::copy_n(address.begin(), ipv4.size(), ipv4.begin());
+        return echo.is_ipv6 ? to_text(address).text : to_text(ipv4);
+    };
+    for (TrackedEcho& echo : echoes) {
+        echo.is_entered = enter_echo(text(echo, echo.source), text(echo, echo.destination),
+                                     echo.is_ipv6, identifier);
+    }
+}
+
 }  // namespace host

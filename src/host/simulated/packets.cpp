@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <set>
 
 #include "base/address_text.h"
@@ -63,6 +64,19 @@ Transfer send_frame(int frame_sender, int interface_index, const MacAddress& /*o
     });
 }
 
+Transfer send_frames(int frame_sender, std::span<const OutgoingFrame> frames) {
+    int sent = 0;
+    for (const OutgoingFrame& one : frames) {
+        const Transfer transfer =
+            send_frame(frame_sender, one.interface_index, one.own_mac, one.frame);
+        if (transfer.count < 0) {
+            return {.count = sent, .error = transfer.error};
+        }
+        ++sent;
+    }
+    return {.count = sent, .error = 0};
+}
+
 Transfer send_echo(int echo_sender, const Ipv4Bytes& to, std::span<const std::uint8_t> message) {
     return send(echo_sender, message, [&](const Simulation::Socket& socket) {
         return Simulation::current().take_echo(socket, to_text(to), message);
@@ -105,6 +119,32 @@ Transfer receive(int receiver, std::span<std::uint8_t> buffer) {
     const std::size_t taken = std::min(packet.size(), buffer.size());
     std::copy_n(packet.begin(), taken, buffer.begin());
     return {.count = static_cast<int>(taken), .error = 0};
+}
+
+Transfer receive_many(int receiver, std::span<PacketFront> places) {
+    int count = 0;
+    for (PacketFront& place : places) {
+        const Transfer taken = receive(receiver, place.bytes);
+        if (taken.count < 0) {
+            return count == 0 ? taken : Transfer{.count = count, .error = 0};
+        }
+        place.size = static_cast<std::size_t>(taken.count);
+        ++count;
+    }
+    return {.count = count, .error = 0};
+}
+
+// A simulated receiver holds whatever comes.
+ReceiverRoom make_room(int /*receiver*/, int packets) {
+    return {.wanted = packets, .granted = packets};
+}
+
+int most_packets_in(const ReceiverRoom& /*room*/) {
+    return std::numeric_limits<int>::max();
+}
+
+std::uint32_t dropped_packets(int /*receiver*/) {
+    return 0;
 }
 
 Bell::Bell() {

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "lbsim/run.h"
+#include "lbsim/scenario.h"
+#include "lbsim/summary.h"
+#include "lbsim/uplink.h"
+
+/// What is printed. Pure: the same values give the same bytes.
+namespace lbsim {
+
+/// All that a report tells of.
+struct Story {
+    std::string configuration;  ///< its path
+    std::vector<Uplink> uplinks;
+    Scenario scenario;
+    std::uint64_t seed = 1;
+    Run run;
+    Summary summary;
+};
+
+/// One line on what was simulated, and one on what was made up for it.
+std::string head_text(const Story& story);
+/// What happened and what the daemon did, line by line.
+std::string timeline_text(const Story& story);
+/// A row for each event and uplink; where there are more than `most_rows`, a row for each kind of
+/// event. Then a line for each uplink, and what the columns mean.
+inline constexpr std::size_t most_rows = 60;
+std::string table_text(const Story& story);
+/// The same of two configurations in one world.
+std::string comparison_text(const Story& one, const Story& other);
+
+/// `{"events": [...], "summary": {...}}`, with a line feed behind; with `other`, its summary as
+/// "compared" in it.
+std::string json_text(const Story& story, const Story* other = nullptr);
+
+}  // namespace lbsim

@@ -43,8 +43,9 @@ std::int64_t longest_cycle_us(const LBData& data, const LBHealth& of) {
     return whole_seconds(cycle_us);
 }
 
-/// A verdict takes as many probes as its count asks. A failure is known when its probe is too old
-/// and collected, and the probe after it leaves in the next cycle.
+/// A verdict takes as many results as its count asks, and one more that was under way. A failure is
+/// collected in the first cycle in which its probe is older than its time; the next probe leaves in
+/// the cycle behind that.
 void find_times(const LBData& data, const LBHealth& health, Uplink& uplink) {
     const std::int64_t cycle_us = longest_cycle_us(data, health);
     std::int64_t probe_us = cycle_us;
@@ -56,10 +57,10 @@ void find_times(const LBData& data, const LBHealth& health, Uplink& uplink) {
             probe_us = std::max(probe_us, probe.timeout * std::int64_t{1000});
         }
     });
-    const std::int64_t judged_us = (probe_us + cycle_us - 1) / cycle_us * cycle_us + cycle_us;
+    const std::int64_t judged_us = (probe_us / cycle_us + 2) * cycle_us;
     const std::int64_t results = std::max({health.success_ct, health.failure_ct, 1}) + 1;
     uplink.settle_us = results * judged_us;
-    uplink.start_us = uplink.settle_us + period_us;
+    uplink.start_us = uplink.settle_us + judged_us + period_us;  // the first one finds no next hop
 }
 
 Uplink uplink_of(const LBData& data, const LBHealth& health) {

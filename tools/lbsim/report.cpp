@@ -136,8 +136,9 @@ std::string told_text(const Told& told) {
 /// "7.0 s > 12.0 s (+5.0 s)": of the one, of the other.
 std::string both(std::int64_t one_us, std::int64_t other_us) {
     const std::int64_t more_us = other_us - one_us;
-    return shown_seconds(one_us) + " > " + shown_seconds(other_us) +
-           (more_us == 0 ? "" : (more_us > 0 ? " (+" : " (") + shown_seconds(more_us) + ")");
+    return more_us == 0 ? shown_seconds(one_us)
+                        : shown_seconds(one_us) + " > " + shown_seconds(other_us) +
+                              (more_us > 0 ? " (+" : " (") + shown_seconds(more_us) + ")";
 }
 
 std::string both(const std::string& one, const std::string& other) {
@@ -222,6 +223,10 @@ std::string head_text(const Story& story) {
 }
 
 std::string timeline_text(const Story& story) {
+    if (story.summary.rows.size() > most_rows) {
+        return std::to_string(story.scenario.size()) + " events, " +
+               std::to_string(story.run.told.size()) + " answers: --json has them all\n";
+    }
     std::string text;
     auto event = story.scenario.begin();
     const auto tell_events_until = [&](std::int64_t until_us) {

@@ -23,11 +23,12 @@ struct Story {
 
 /// One line on what was simulated, and one on what was made up for it.
 std::string head_text(const Story& story);
+/// Beyond so many rows of the table neither they nor the timeline are printed one by one.
+inline constexpr std::size_t most_rows = 60;
 /// What happened and what the daemon did, line by line.
 std::string timeline_text(const Story& story);
-/// A row for each event and uplink; where there are more than `most_rows`, a row for each kind of
-/// event. Then a line for each uplink, and what the columns mean.
-inline constexpr std::size_t most_rows = 60;
+/// A row for each event and uplink, or one for each kind of event. Then a line for each uplink, and
+/// what the columns mean.
 std::string table_text(const Story& story);
 /// The same of two configurations in one world.
 std::string comparison_text(const Story& one, const Story& other);

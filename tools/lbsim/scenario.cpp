@@ -360,6 +360,27 @@ Scenario single_failures(const std::vector<Uplink>& uplinks) {
     return events;
 }
 
+std::vector<Uplink> slowest_of(std::vector<Uplink> uplinks, const std::vector<Uplink>& others) {
+    for (const Uplink& other : others) {
+        const auto found =
+            std::find_if(uplinks.begin(), uplinks.end(),
+                         [&other](const Uplink& one) { return shown(one) == shown(other); });
+        if (found == uplinks.end()) {
+            uplinks.push_back(other);
+            continue;
+        }
+        found->settle_us = std::max(found->settle_us, other.settle_us);
+        found->start_us = std::max(found->start_us, other.start_us);
+        for (const std::string& target : other.targets) {
+            if (std::find(found->targets.begin(), found->targets.end(), target) ==
+                found->targets.end()) {
+                found->targets.push_back(target);
+            }
+        }
+    }
+    return uplinks;
+}
+
 std::int64_t duration_of(const Scenario& events, const std::vector<Uplink>& uplinks) {
     std::int64_t settle_us = second_us;
     std::int64_t start_us = second_us;

@@ -75,6 +75,10 @@ bool concerns(const Event& event, const Uplink& uplink);
 /// slowest verdict takes, and the same to recover.
 Scenario single_failures(const std::vector<Uplink>& uplinks);
 
+/// The uplinks of both, each with the longer of its times: what is made for one configuration so
+/// fits the other.
+std::vector<Uplink> slowest_of(std::vector<Uplink> uplinks, const std::vector<Uplink>& others);
+
 /// How long a scenario is followed where nobody says: until every verdict about its last event is
 /// in.
 std::int64_t duration_of(const Scenario& events, const std::vector<Uplink>& uplinks);

@@ -1,10 +1,11 @@
 #include "lbsim/session.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <functional>
-#include <iterator>
+#include <memory>
 #include <utility>
 
 #include "lbsim/apart.h"
@@ -13,6 +14,10 @@
 namespace lbsim {
 
 namespace {
+
+void complain(const std::string& path) {
+    throw Unusable{"lbsim: " + path + ": " + strerror(errno) + '\n'};
+}
 
 std::string errors_text(const std::string& path, const std::vector<ScenarioError>& errors) {
     std::string text;
@@ -33,14 +38,25 @@ void require(const std::string& error) {
 }  // namespace
 
 std::string read_file(const std::string& path) {
-    errno = 0;
-    std::ifstream file(path, std::ios::binary);
-    std::string text{std::istreambuf_iterator<char>(file), {}};
-    if (!file.is_open() || file.bad()) {
-        throw Unusable{"lbsim: " + path + ": " + (errno == 0 ? "unreadable" : strerror(errno)) +
-                       '\n'};
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "re"), fclose);
+    std::string text;
+    char buffer[65536];
+    std::size_t count = 0;
+    while (file != nullptr && (count = fread(buffer, 1, sizeof buffer, file.get())) > 0) {
+        text.append(buffer, count);
+    }
+    if (file == nullptr || ferror(file.get()) != 0) {
+        complain(path);
     }
     return text;
+}
+
+void write_file(const std::string& path, const std::string& text) {
+    std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "we"), fclose);
+    if (file == nullptr || fwrite(text.data(), 1, text.size(), file.get()) != text.size() ||
+        fclose(file.release()) != 0) {
+        complain(path);
+    }
 }
 
 Scenario read_scenario(const std::string& path, const std::vector<Uplink>& uplinks) {

@@ -14,6 +14,7 @@ struct Unusable {
 };
 
 std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& text);
 /// The scenario of a file, held against the configuration's uplinks.
 Scenario read_scenario(const std::string& path, const std::vector<Uplink>& uplinks);
 

@@ -110,7 +110,9 @@ Transfer receive(int receiver, std::span<std::uint8_t> buffer) {
     if (socket->waiting.empty()) {
         return {.count = -1, .error = EAGAIN};
     }
-    if (Simulation::current().fails(Simulation::Call::receive)) {
+    const bool is_reply = socket->kind == Kind::reply_receiver;
+    if (Simulation::current().fails(is_reply ? Simulation::Call::receive_reply
+                                             : Simulation::Call::receive_answer)) {
         return {.count = -1, .error = ENOMEM};
     }
     const auto packet = std::move(socket->waiting.front());

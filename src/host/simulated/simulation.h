@@ -104,7 +104,8 @@ class Simulation {
         send_frame,
         send_echo,
         bind,
-        receive,
+        receive_reply,   ///< to an echo
+        receive_answer,  ///< of a next hop
         link,
         primary_address,
         peer,

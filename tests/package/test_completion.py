@@ -56,6 +56,13 @@ class Completion(unittest.TestCase):
     def test_lbcheck_offers_its_options(self):
         self.check_options("lbcheck")
 
+    def test_lbsim_offers_its_options(self):
+        self.check_options("lbsim")
+
+    def test_lbsim_completes_files(self):
+        self.assertEqual(completions("lbsim", "--compare", "demo/lb"), {"demo/lb.conf"})
+        self.assertEqual(completions("lbsim", "demo/lb"), {"demo/lb.conf"})
+
     def test_lb_lease_offers_its_options(self):
         self.check_options("lb-lease")
 

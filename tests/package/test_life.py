@@ -138,7 +138,8 @@ class Life(unittest.TestCase):
     @unittest.skipUnless(shutil.which("man"), "man-db is not installed")
     @unittest.skipIf(leaves_manuals_out(), "dpkg is told to leave manual pages out here")
     def test_manual_pages_are_found(self):
-        for section, page in (("8", "lb"), ("8", "lb-lease"), ("8", "lbroute"), ("8", "lbwatch"), ("5", "lb.conf"), ("1", "lbshow"), ("1", "lbcheck")):
+        for section, page in (("8", "lb"), ("8", "lb-lease"), ("8", "lbroute"), ("8", "lbwatch"), ("5", "lb.conf"),
+                              ("1", "lbshow"), ("1", "lbcheck"), ("1", "lbsim")):
             self.assertTrue(output_of("man", "--where", section, page).strip(), page)
 
     def test_removing_keeps_configuration_and_routes(self):

@@ -8,13 +8,14 @@ import os
 import shutil
 import unittest
 
-from kit import LabTest, expect, main
+from kit import Conf, LabTest, expect, main, ping
 from kit.lab import OUTPUT_DIRECTORY
 from kit.lbcheck import Look
 from kit.lbroute import path_of, start
 from kit.newer_bird import NewerBird, newer_bird_binary, why_absent
-from kit.routing_daemon import bird_binary, fragment_path, next_hops, pid_path, why_no_bird
+from kit.routing_daemon import bird_binary, next_hops, pid_path, why_no_bird
 from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, attach_two, two_uplinks
+from scenes6 import GATEWAY6, PREFIX6, ROUTER6, TARGET6
 
 DUMPS = os.path.join(OUTPUT_DIRECTORY, "wlb_dump")
 IPV4_DUMP, IPV6_DUMP = (os.path.join(DUMPS, f"wlb_ipv{family}_outbounds.bin") for family in (4, 6))
@@ -25,6 +26,16 @@ def make_older(by_s, names=None):
         path = os.path.join(DUMPS, name)
         written_s = os.stat(path).st_mtime
         os.utime(path, (written_s - by_s, written_s - by_s))
+
+
+def with_metric(lab, metric):
+    """two_uplinks() whose route has a metric; the path of the file."""
+    conf = two_uplinks()
+    text = conf.text().replace(f"address {PREFIX}", f"address {PREFIX}\n        metric {metric}")
+    path = lab.write_conf(conf)
+    with open(path, "w", encoding="ascii") as file:
+        file.write(text)
+    return path
 
 
 class RoutedTour(LabTest):
@@ -40,6 +51,20 @@ class RoutedTour(LabTest):
         found = [line for line in look.with_words(*words) if line.startswith(state + " ")]
         self.assertEqual(len(found), 1, "\n".join(look.lines))
         return look
+
+
+class Shadowed(RoutedTour):
+    def test_route_of_others_with_a_lower_metric(self):
+        path = with_metric(self.lab, 100)
+        start(self.lab)
+        self.lab.run_daemon("-f", path)
+        expect(lambda: len(path_of(self.router, PREFIX) or ()) == 2, within=20)
+        self.router.ip(f"route add {PREFIX} via {GATEWAY} metric 50")
+        look = self.assert_finds("error", f"route {PREFIX} (IPv4): a route of others with a lower metric is used instead",
+                                 "ip route del")
+        # The command is one that helps.
+        self.router.run(*look.with_words("lower metric")[0].partition("; mend: ")[2].split())
+        self.assert_finds("ok", f"route {PREFIX} (IPv4): the kernel routes as the fragment asks")
 
 
 class OfLbroute(RoutedTour):
@@ -70,15 +95,7 @@ class OfLbroute(RoutedTour):
         make_older(-4000)
         self.assert_finds("error", "dumps of IPv4: they are from the future", "systemctl restart lb")
 
-    def test_route_of_others_that_shadows_ours(self):
-        self.program.end()
-        self.router.ip(f"route del {PREFIX} proto 76")
-        self.router.ip(f"route add {PREFIX} via {GATEWAY} metric 50")
-        self.program = start(self.lab)
-        self.assert_finds("ok", f"route {PREFIX}")
-        self.router.ip(f"route del {PREFIX} metric 50")
-
-    def test_route_that_is_shadowed_missing_or_left_by_a_dead_lbroute(self):
+    def test_route_that_is_missing_or_in_whose_place_another_stands(self):
         self.program.end()
         self.assert_finds("error", "routing daemon of IPv4", "names no process")
         self.router.ip(f"route del {PREFIX} proto 76")
@@ -101,12 +118,7 @@ class OfBird(RoutedTour):
 
     def test_bird_that_refuses_the_fragment(self):
         self.lab.bird(ROUTER)
-        conf = two_uplinks()
-        text = conf.text().replace(f"address {PREFIX}", f"address {PREFIX}\n        metric 10")
-        path = self.lab.write_conf(conf)
-        with open(path, "w", encoding="ascii") as file:
-            file.write(text)
-        self.lab.run_daemon("-f", path)
+        self.lab.run_daemon("-f", with_metric(self.lab, 10))
         expect(lambda: "metric" in (self.lab.fragment() or ""), within=20)
         look = self.assert_finds("error", "routing daemon of IPv4", "refuses its configuration with the fragment in it",
                                  "syntax error")
@@ -114,10 +126,10 @@ class OfBird(RoutedTour):
 
     def test_bird_of_the_other_family(self):
         self.lab.bird(ROUTER)
-        self.lab.write_conf(two_uplinks())
-        process = os.path.basename(pid_path())
-        self.assertEqual(process, "routing.pid")
-        self.assert_finds("ok", "routing daemon of IPv4", "(bird)")
+        shutil.copy(pid_path(), pid_path(ipv6=True))
+        self.lab.write_conf(Conf().interface("gi1_1", nexthop=GATEWAY6, source=ROUTER6, ipv6=True, probes=[ping(TARGET6)])
+                            .rule("1_ipv6", interfaces6={"gi1_1": 1}, targets={PREFIX6: None}))
+        self.assert_finds("error", "routing daemon of IPv6", "(bird), which is of the other family", "number of bird6")
 
 
 @unittest.skipUnless(newer_bird_binary(2), why_absent(2))

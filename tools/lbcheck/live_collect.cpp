@@ -210,6 +210,14 @@ NamespaceFacts look_at(const std::string& name, LBData& data, const WorkByNamesp
     return facts;
 }
 
+/// Its service is looked at then: whoever lets another daemon route does not need it.
+bool is_lbroute_at_work(const LiveFacts& facts) {
+    return std::ranges::any_of(facts.namespaces, [](const NamespaceFacts& space) {
+        return std::ranges::any_of(
+            space.routers, [](const RouterFacts& router) { return router.process == "lbroute"; });
+    });
+}
+
 lbshow::Time now() {
     return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
 }
@@ -248,7 +256,11 @@ LiveFacts collect_facts(const std::string& configuration, const LBData& understo
         facts.neighbour_least[at] = setting_of(folder + "1");
         facts.neighbour_most[at] = setting_of(folder + "3");
     }
-    facts.units = units_of({"lb"}, facts.units_problem);
+    std::vector<std::string> units{"lb"};
+    if (is_lbroute_at_work(facts)) {
+        units.emplace_back("lbroute");
+    }
+    facts.units = units_of(units, facts.units_problem);
     return facts;
 }
 

@@ -18,6 +18,7 @@
 #include "base/address_text.h"
 #include "base/fd.h"
 #include "config/context.h"
+#include "config/probe_maker.h"
 #include "host/clock.h"
 #include "host/log.h"
 #include "probe/host_view.h"
@@ -323,9 +324,9 @@ class Echoes {
     LBArp arp_;
     HostView view_;
     LBNeighbor neighbor_;
-    // Never freed: the receivers of next hops' answers go on to the end of the process.
-    LBTestICMP* probe4_ = new LBTestICMP;
-    LBTestICMP6* probe6_ = new LBTestICMP6;
+    // Kept by their maker to the end of the process, as the daemon's are.
+    LBTestICMP* probe4_ = dynamic_cast<LBTestICMP*>(make_probe("ping"));
+    LBTestICMP6* probe6_ = dynamic_cast<LBTestICMP6*>(make_probe6("ping"));
     Fd witness_;
     Fd receiver_;
 };

@@ -1,4 +1,4 @@
-"""The tour goes on with daemons that run: dead ones, old dumps, routes of others, routing daemons that refuse.
+"""The tour of test_lbcheck_live.py goes on with daemons that run: dead ones, old dumps, routes of others, routing daemons that refuse.
 
     router                                    far
       gi1_1 192.0.2.10/24 ------------------- scripted peer 192.0.2.1
@@ -123,6 +123,18 @@ class OfBird(RoutedTour):
         look = self.assert_finds("error", "routing daemon of IPv4", "refuses its configuration with the fragment in it",
                                  "syntax error")
         self.assert_finds("error", f"route {PREFIX} (IPv4): the kernel has none", look=look)
+
+    def test_mistakes_for_which_bird_refuses_everything_are_named_in_the_file(self):
+        self.lab.bird(ROUTER)
+        conf = two_uplinks()
+        path = self.lab.write_conf(conf)
+        with open(path, "w", encoding="ascii") as file:
+            file.write(conf.text().replace(PREFIX, "10.1.2.3/8"))
+        self.lab.run_daemon("-f", path)
+        expect(lambda: "10.1.2.3/8" in (self.lab.fragment() or ""), within=20)
+        look = self.assert_finds("error", "routing daemon of IPv4", "refuses its configuration with the fragment in it")
+        self.assertEqual([one["text"] for one in look.findings if "write 10.0.0.0/8" in one["message"]],
+                         ["address 10.1.2.3/8"])
 
     def test_bird_of_the_other_family(self):
         self.lab.bird(ROUTER)

@@ -19,8 +19,10 @@ class Look:
         if any(mark in done.stderr for mark in _REPORT_MARKS) or not done.stdout:
             raise AssertionError(done.stderr or "lbcheck said nothing")
         self.status = done.returncode
+        told = json.loads(done.stdout)
+        self.findings = told["findings"]  # of the file
         self.lines = [f"{one['state']} {one['place']}: {one['text']}" + (f"; mend: {one['mend']}" if one["mend"] else "")
-                      for one in json.loads(done.stdout)["live"]]
+                      for one in told["live"]]
 
     def of(self, state):
         return [line for line in self.lines if line.startswith(state + " ")]

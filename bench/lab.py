@@ -108,14 +108,16 @@ def keep_alives():
     return manager, path
 
 
-def cycle_work_ms(manager, seconds):
-    """The work of each cycle: what lies between two keep-alives beyond the second's sleep."""
+def cycle_work_ms(manager, seconds, at_each=lambda: None):
+    """The work of each cycle: what lies between two keep-alives beyond the second's sleep. `at_each` is called at
+    every keep-alive."""
     end, moments = time.monotonic() + seconds, []
     while (left := end - time.monotonic()) > 0:
         manager.settimeout(left)
         try:
             if b"WATCHDOG=1" in manager.recv(512):
                 moments.append(time.monotonic())
+                at_each()
         except TimeoutError:
             break
     return [(later - earlier - 1) * 1000 for earlier, later in zip(moments, moments[1:])]
@@ -141,13 +143,31 @@ class Daemon:
         self.keep_alives.close()
 
 
+def dropped_replies(namespace="router"):
+    """What the raw sockets of a namespace lost since they were opened, by the kernel's count."""
+    tables = subprocess.check_output(["ip", "netns", "exec", namespace, "cat", "/proc/net/raw", "/proc/net/raw6"],
+                                     text=True)
+    return sum(int(row.split()[-1]) for row in tables.splitlines() if row.split()[-1].isdigit())
+
+
+FRAGMENT = pathlib.Path("/usr/etc/routing-wlb.conf")
+
+
+def fragment_age():
+    """What a rewritten fragment has another of."""
+    return FRAGMENT.stat().st_mtime_ns if FRAGMENT.exists() else 0
+
+
 def measure_daemon(seconds):
     with Daemon() as daemon:
         before, sent, began = cpu_s(daemon.pid), probes_received(), time.monotonic()
-        work_ms = cycle_work_ms(daemon.keep_alives, seconds)
+        fragments = []
+        work_ms = cycle_work_ms(daemon.keep_alives, seconds, lambda: fragments.append(fragment_age()))
         used, probes = cpu_s(daemon.pid) - before, probes_received() - sent
         return {"cpu_us_per_probe": used / probes * 1e6, "probes_per_s": probes / (time.monotonic() - began),
-                "cycle_ms": statistics.median(work_ms), "rss_mb": rss_mb(daemon.pid)}
+                "cycle_ms": statistics.median(work_ms), "rss_mb": rss_mb(daemon.pid),
+                "dropped_replies": dropped_replies(),
+                "changed_routes": sum(later != earlier for earlier, later in zip(fragments, fragments[1:]))}
 
 
 def measure_fping(uplinks, seconds):
@@ -161,6 +181,24 @@ def measure_fping(uplinks, seconds):
     finally:
         fping.kill()
         fping.wait()
+
+
+def measure_floor(uplinks, seconds):
+    """The program of bench/floor.cpp on the same targets."""
+    listed = subprocess.check_output(["ip", "-n", "far", "-j", "link", "show", "router"])
+    mac = json.loads(listed)[0]["address"]
+    lines = "\n".join(f"up{i} {mac} {address(i)}.2 {target(i)}" for i in range(uplinks)) + "\n"
+    floor = inside("router", str(BUILD / "bench_floor"), stdin=subprocess.PIPE, text=True)
+    try:
+        floor.stdin.write(lines)
+        floor.stdin.close()
+        time.sleep(WARM_UP_S)
+        before, sent = cpu_s(floor.pid), probes_received()
+        time.sleep(seconds)
+        return {"cpu_us_per_probe": (cpu_s(floor.pid) - before) / (probes_received() - sent) * 1e6}
+    finally:
+        floor.kill()
+        floor.wait()
 
 
 def unrelated_frames(mac):
@@ -198,6 +236,46 @@ def measure_unrelated(seconds):
                *(frame.hex() for frame in frames)).wait()
         time.sleep(max(0.0, seconds - (time.monotonic() - began)))
         return (cpu_s(daemon.pid) - before - idle) * 1000
+
+
+def build_namespaces(count):
+    """So many namespaces of the router with one uplink each, both families; the far end's kernel answers."""
+    for name in ["far", "router", *(f"vrf{i}" for i in range(count))]:
+        subprocess.run(["ip", "netns", "del", name], stderr=subprocess.DEVNULL, check=False)
+        ip("netns", "add", name)
+    far = ["link set lo up"]
+    for i in range(count):
+        ip("-n", f"vrf{i}", batch=[
+            f"link add up{i} type veth peer name far{i} netns far", f"addr add {address(i)}.2/24 dev up{i}",
+            f"addr add fd00:{i:x}::2/64 dev up{i} nodad", f"link set up{i} up", "link set lo up"])
+        far += [f"addr add {address(i)}.1/24 dev far{i}", f"addr add fd00:{i:x}::1/64 dev far{i} nodad",
+                f"link set far{i} up"]
+    ip("-n", "far", batch=far)
+
+
+def write_namespaces_conf(count, path="/run/lb.conf"):
+    health, rules = [], []
+    for i in range(count):
+        for family, nexthop in (("", f"{address(i)}.1"), ("6", f"fd00:{i:x}::1")):
+            source = [f"source_address fd00:{i:x}::2"] if family else []
+            health += [f"interface{family} up{i} {{", f"nexthop {nexthop}", *source, "success-ct 1", "failure-ct 2",
+                       f"namespace vrf{i}", "rule 1 {", "type ping {", "resp-time 3000", "}", "}", "}"]
+            rules += [f"rule {i + 1}_ipv{family or 4} {{", f"namespace vrf{i}", "target {",
+                      f"address {'2001:db8::/32' if family else '203.0.113.0/24'}", "}",
+                      f"interface{family} up{i} {{", "weight 1", "}", "}"]
+    pathlib.Path(path).write_text("\n".join(["health {", *health, "}", *rules]) + "\n", encoding="ascii")
+
+
+def measure_namespaces(count, seconds):
+    """The share of a processor that so many namespaces take, both families, in percent."""
+    build_namespaces(count)
+    write_namespaces_conf(count)
+    with Daemon() as daemon:
+        before, began = cpu_s(daemon.pid), time.monotonic()
+        time.sleep(seconds)
+        share = (cpu_s(daemon.pid) - before) / (time.monotonic() - began) * 100
+        report = pathlib.Path("/run/load-balance/wlb_ipv6.out").read_text(encoding="ascii")
+        return {"percent": share, "active_ipv6": report.count("Status:  active")}
 
 
 def measure_outage():

@@ -2,10 +2,21 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
+
+#include "wire/bytes.h"
 
 /// The host's connection tracking.
 namespace host {
+
+/// An echo request whose record is to be entered; an IPv4 address fills the first four bytes.
+struct TrackedEcho {
+    bool is_ipv6 = false;
+    Ipv6Bytes source{};
+    Ipv6Bytes destination{};
+    bool is_entered = false;  ///< the answer: the host acknowledged the record
+};
 
 /// One worker's way to enter records, in the worker's network namespace.
 class ConnectionTracking {
@@ -21,6 +32,9 @@ class ConnectionTracking {
     /// acknowledge it, with its own message in the log.
     bool enter_echo(const std::string& source, const std::string& destination, bool is_ipv6,
                     std::uint16_t identifier);
+    /// The same for several, in their order and in one exchange with the host. Logs nothing: what
+    /// was not entered may be tried by `enter_echo`, which tells why.
+    void enter_echoes(std::span<TrackedEcho> echoes, std::uint16_t identifier);
 
   private:
     struct Handle;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <span>
@@ -42,6 +44,17 @@ struct Transfer {
 /// Sends a frame through the interface of that index, whose own MAC address is `own_mac`.
 Transfer send_frame(int frame_sender, int interface_index, const MacAddress& own_mac,
                     std::span<const std::uint8_t> frame);
+
+/// One of several frames that leave in their order.
+struct OutgoingFrame {
+    int interface_index = 0;
+    MacAddress own_mac{};
+    std::span<const std::uint8_t> frame;
+};
+/// Sends frames until one fails. How many went, from the first on; where these are not all, the
+/// error of the one behind them.
+Transfer send_frames(int frame_sender, std::span<const OutgoingFrame> frames);
+
 Transfer send_echo(int echo_sender, const Ipv4Bytes& to, std::span<const std::uint8_t> message);
 Transfer send_echo6(int echo_sender, const Ipv6Bytes& to, std::uint32_t scope,
                     std::span<const std::uint8_t> message);
@@ -53,6 +66,30 @@ std::uint16_t echo_identifier();
 /// Takes one packet off a receiver; what the buffer does not hold is cut. Never waits: EAGAIN where
 /// nothing is in.
 Transfer receive(int receiver, std::span<std::uint8_t> buffer);
+
+/// The front of a packet: all that tells whose it is.
+struct PacketFront {
+    std::array<std::uint8_t, 64> bytes;
+    std::size_t size = 0;  ///< of the packet, as far as the bytes hold it
+
+    std::span<const std::uint8_t> content() const { return std::span(bytes).first(size); }
+};
+/// Takes as many packets as are in, up to the number of places, and fills these from the first on.
+/// The count is that of packets. Never waits: EAGAIN where nothing is in.
+Transfer receive_many(int receiver, std::span<PacketFront> places);
+
+/// How much a receiver holds unread, in the host's own count of bytes: far more than the packets'.
+struct ReceiverRoom {
+    int wanted = 0;
+    int granted = 0;  ///< less than wanted where the host's limit stands before it
+};
+/// Makes room for so many packets at least, whatever driver they come from.
+ReceiverRoom make_room(int receiver, int packets);
+/// The most packets that fit in so much room: those that are all header.
+int most_packets_in(const ReceiverRoom& room);
+/// How many packets the host dropped since the receiver was opened because it was full, or damaged
+/// ones of ICMPv6; wraps round. 0 where the host cannot tell.
+std::uint32_t dropped_packets(int receiver);
 
 /// Wakes a thread that waits in `wait_for_packet`. One thread waits, any may ring.
 class Bell {
@@ -86,6 +123,9 @@ struct ReceiverWatch {
     std::function<bool()> on_readable;
     /// The wait itself failed, which ends the watch too.
     std::function<void()> on_wait_failed;
+    /// How long a host with threads lets a receiver rest between the first packet and the call, so
+    /// that it wakes once for all that come together. For receivers whose packets can wait.
+    std::int64_t rest_ms = 0;
 };
 /// The work of a receiver's body: calls `on_readable` each time that packets are in. A host without
 /// threads notes the watch, returns at once and calls it as packets come.

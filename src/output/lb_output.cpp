@@ -1,8 +1,11 @@
 #include "output/lb_output.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <utility>
+#include <vector>
 
 #include "config/live_state.h"
 #include "host/clock.h"
@@ -41,6 +44,41 @@ std::string routes_path(const std::string& out_dir) {
 template <class Record>
 bool write_record(FILE* file, const Record& record) {
     return fwrite(&record, sizeof record, 1, file) == 1;
+}
+
+/// Writes records many at a call, some hundred kilobytes.
+template <class Record>
+class RecordWriter {
+  public:
+    explicit RecordWriter(FILE* file) : file_(file) { waiting_.reserve(at_once); }
+
+    /// False where records could not be written.
+    bool add(const Record& record) {
+        waiting_.push_back(record);
+        return waiting_.size() < at_once || flush();
+    }
+    bool flush() {
+        const std::size_t count = waiting_.size();
+        const bool is_written = fwrite(waiting_.data(), sizeof(Record), count, file_) == count;
+        waiting_.clear();
+        return is_written;
+    }
+
+  private:
+    /// Below what the C library takes from the kernel, and gives back to it, each time.
+    static constexpr std::size_t at_once = 120'000 / sizeof(Record);
+
+    FILE* file_;
+    std::vector<Record> waiting_;
+};
+
+/// Whether an interface of the worker has become active or inactive in this cycle.
+bool has_changed_state(const LBData& data, const context& ctx) {
+    const auto& interfaces = data.family(ctx.ipv6);
+    return std::any_of(interfaces.begin(), interfaces.end(), [&ctx](const auto& entry) {
+        // The namespace first: only the worker's own may be read without a lock.
+        return entry.second.namespace_name == *ctx.ns_name && entry.second.state_changed;
+    });
 }
 
 /// A full disk shows only when the buffer goes out.
@@ -152,10 +190,34 @@ void LBOutput::write(const LBData& data, context* ctx) {
         return;
     }
     note_files(ctx->ipv6);
-    dump_outbounds(data, seconds_and_micros(wall_now()), ctx, ctx->ipv6 ? 1 : 0);
-    if (dump_shared_files(data, ctx)) {
-        write_report(data, ctx);
+    const bool has_changed = has_changed_state(data, *ctx);
+    const Shared outbounds = ctx->ipv6 ? Shared::outbounds6 : Shared::outbounds4;
+    if (is_due(outbounds, ctx, has_changed) &&
+        write_outbounds(data, seconds_and_micros(wall_now()), ctx->ipv6)) {
+        note_rewritten(outbounds, ctx);
     }
+    if (is_due(Shared::rules, ctx, has_changed) && !dump_shared_files(data, ctx)) {
+        return;
+    }
+    const Shared report = ctx->ipv6 ? Shared::report6 : Shared::report4;
+    if (is_due(report, ctx, has_changed) && write_report(data, ctx)) {
+        note_rewritten(report, ctx);
+    }
+}
+
+bool LBOutput::is_due(Shared file, const context* ctx, bool has_changed) {
+    const std::lock_guard guard(rewrites_lock_);
+    Rewrites& rewrites = rewrites_[static_cast<std::size_t>(file)];
+    Rewrites::Known& known = rewrites.by_worker[ctx];
+    known.has_news = known.has_news || has_changed;
+    const bool is_left_to_siblings = std::exchange(known.count, rewrites.count) != rewrites.count;
+    return known.has_news || !is_left_to_siblings;
+}
+
+void LBOutput::note_rewritten(Shared file, const context* ctx) {
+    const std::lock_guard guard(rewrites_lock_);
+    Rewrites& rewrites = rewrites_[static_cast<std::size_t>(file)];
+    rewrites.by_worker[ctx] = {.count = ++rewrites.count, .has_news = false};
 }
 
 /// False only where the mutex cannot be given back.
@@ -163,7 +225,9 @@ bool LBOutput::dump_shared_files(const LBData& data, context* ctx) {
     if (pthread_mutex_trylock(&mutex) != 0) {
         return true;  // another worker is writing them
     }
-    dump_rules_and_routes(data, ctx);
+    if (write_rules_and_routes(data)) {
+        note_rewritten(Shared::rules, ctx);
+    }
     const int rc = pthread_mutex_unlock(&mutex);
     if (rc != 0) {
         LOG_ERROR("wan_lb: <%s> mutex unlock error. PThread return code: %d", "write", rc);
@@ -171,22 +235,23 @@ bool LBOutput::dump_shared_files(const LBData& data, context* ctx) {
     return rc == 0;
 }
 
-void LBOutput::write_report(const LBData& data, context* ctx) {
+bool LBOutput::write_report(const LBData& data, context* ctx) {
     const std::unique_lock writer(report_writers_[ctx->ipv6 ? 1 : 0], std::try_to_lock);
     if (!writer.owns_lock()) {
-        return;
+        return false;
     }
     const std::string path = report_path(out_dir, ctx->ipv6);
     const File file = host::open_file(path, "w");
     if (file == nullptr) {
         LOG_ERROR("wan_lb: error ordering output file %s", path.c_str());
-        return;
+        return false;
     }
     const timeval now = seconds_and_micros(wall_now());
     const auto& interfaces = data.family(ctx->ipv6);
     for (auto entry = interfaces.begin(); entry != interfaces.end(); ++entry) {
         single_write(entry, file.get(), now, ctx);
     }
+    return is_on_disk(file.get()) && ferror(file.get()) == 0;
 }
 
 void LBOutput::single_write(std::map<std::string, LBHealth>::const_iterator entry, FILE* file,
@@ -200,58 +265,71 @@ void LBOutput::single_write(std::map<std::string, LBHealth>::const_iterator entr
 }
 
 void LBOutput::dump_outbounds(const LBData& data, timeval now, context* ctx, int ipv6) {
-    if (ctx == nullptr) {
-        return;
+    if (ctx != nullptr) {
+        write_outbounds(data, now, ipv6 == 1);
     }
-    const bool is_ipv6 = ipv6 == 1;
+}
+
+bool LBOutput::write_outbounds(const LBData& data, timeval now, bool is_ipv6) {
     const std::unique_lock writer(outbounds_writers_[is_ipv6 ? 1 : 0], std::try_to_lock);
     if (!writer.owns_lock()) {
-        return;
+        return false;
     }
     const std::string path = outbounds_path(out_dir, is_ipv6);
     const File file = host::open_file(path, "wb");
     if (file == nullptr) {
         LOG_ERROR("wan_lb: error open file for writing '%s'", path.c_str());
-        return;
+        return false;
     }
+    RecordWriter<record::Outbound> records(file.get());
     for (const auto& [name, health] : data.family(is_ipv6)) {
         const auto record = read_outbound(health, static_cast<int>(now.tv_sec));
         if (!record) {
+            records.flush();
             log_text_failure("dump_outbounds");
-            return;
+            return false;
         }
-        if (!write_record(file.get(), *record)) {
+        if (!records.add(*record)) {
             log_block_failure("dump_outbounds");
-            return;
+            return false;
         }
     }
-    if (!is_on_disk(file.get())) {
+    if (!records.flush() || !is_on_disk(file.get())) {
         log_block_failure("dump_outbounds");
+        return false;
     }
+    return true;
 }
 
 void LBOutput::dump_rules_and_routes(const LBData& data, context* ctx) {
-    if (ctx == nullptr) {
-        return;
+    if (ctx != nullptr) {
+        write_rules_and_routes(data);
     }
+}
+
+bool LBOutput::write_rules_and_routes(const LBData& data) {
     const File rules_file = open_shared_file(rules_path(out_dir));
     if (rules_file == nullptr) {
-        return;
+        return false;
     }
     const File routes_file = open_shared_file(routes_path(out_dir));
     if (routes_file == nullptr) {
-        return;
+        return false;
     }
     for (const auto& [name, rule] : data.rules) {
         if (!dump_rule(name, rule, rules_file.get(), routes_file.get())) {
-            return;
+            return false;
         }
     }
     if (!is_on_disk(rules_file.get())) {
         log_block_failure(dump_rules_name);
-    } else if (!is_on_disk(routes_file.get())) {
-        LOG_ERROR("wan_lb: error dumping routes");
+        return false;
     }
+    if (!is_on_disk(routes_file.get())) {
+        LOG_ERROR("wan_lb: error dumping routes");
+        return false;
+    }
+    return true;
 }
 
 void LBOutput::shutdown() {

@@ -24,7 +24,37 @@ void HostView::begin_pass() {
     neighbors_.reset();
     if (monitor_.has_changed()) {
         addresses_.reset();
+        links_.clear();
+        primary_addresses_.clear();
     }
+}
+
+namespace {
+
+/// The answer to a question about an interface, asked only where none is known yet.
+template <class Answer, class Ask, class IsGood>
+Answer ask_once(std::unordered_map<std::string, Answer>& known, const std::string& ifname, Ask ask,
+                IsGood is_good) {
+    if (const auto found = known.find(ifname); found != known.end()) {
+        return found->second;
+    }
+    const Answer answer = ask(ifname);
+    if (is_good(answer)) {
+        known.emplace(ifname, answer);
+    }
+    return answer;
+}
+
+}  // namespace
+
+host::Link HostView::link(const std::string& ifname) {
+    return ask_once(links_, ifname, host::ask_link,
+                    [](const host::Link& link) { return link.failed == host::Link::Step::none; });
+}
+
+host::PrimaryAddress HostView::primary_address(const std::string& ifname) {
+    return ask_once(primary_addresses_, ifname, host::primary_address,
+                    [](const host::PrimaryAddress& address) { return address.error == 0; });
 }
 
 const HostView::Addresses* HostView::known_addresses() {
@@ -52,6 +82,7 @@ const HostView::Addresses* HostView::known_addresses() {
 bool HostView::has_source(const std::string& ifname, const std::string& address) {
     const Addresses* known = known_addresses();
     if (known == nullptr) {
+        outbox.send_waiting();
         LOG_ERROR("getifaddrs failed");
         return false;
     }
@@ -81,7 +112,7 @@ HostView::LinkLocal HostView::find_link_local(const std::string& ifname) {
             .address = first == nullptr ? std::nullopt : std::make_optional(first->address)};
 }
 
-const MacAddress* HostView::look_up(const std::string& address) const {
+const MacAddress* HostView::known_neighbor(const std::string& address) const {
     if (!neighbors_) {
         return nullptr;
     }
@@ -90,7 +121,7 @@ const MacAddress* HostView::look_up(const std::string& address) const {
 }
 
 int HostView::find_neighbor(const std::string& address, unsigned char* mac) {
-    const MacAddress* found = look_up(address);
+    const MacAddress* found = known_neighbor(address);
     const std::uint64_t written = entries_written.load();
     if (found == nullptr && (!neighbors_ || neighbors_->written_before != written)) {
         neighbors_.reset();
@@ -100,7 +131,7 @@ int HostView::find_neighbor(const std::string& address, unsigned char* mac) {
                 neighbors_->macs.try_emplace(neighbor.address, neighbor.mac);
             }
         }
-        found = look_up(address);
+        found = known_neighbor(address);
     }
     if (found == nullptr) {
         return neighbors_ ? 0 : -1;

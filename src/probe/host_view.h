@@ -10,6 +10,9 @@
 
 #include "host/addresses.h"
 #include "host/connection_tracking.h"
+#include "host/links.h"
+#include "probe/outbox.h"
+#include "probe/reply_room.h"
 
 struct context;
 
@@ -17,12 +20,17 @@ struct context;
 /// uplink. One thread's own, in one network namespace.
 class HostView {
   public:
+    HostView() = default;
+    HostView(const HostView&) = delete;
+    HostView& operator=(const HostView&) = delete;
+
     /// Starts a pass: neighbours may have changed since the last one, addresses where the host
     /// announced it.
     void begin_pass();
 
     /// Whether `address` is, as text in dotted decimal, an IPv4 address of an interface whose name
-    /// begins with `ifname` or with "vrrp" (B59). False, logged, where the list cannot be read.
+    /// begins with `ifname` or with "vrrp" (B59). False, logged, where the list cannot be read;
+    /// the echoes that wait leave before that line.
     bool has_source(const std::string& ifname, const std::string& address);
 
     /// The first IPv6 address, in the host's order, of an interface whose name begins with
@@ -38,8 +46,17 @@ class HostView {
     /// and an entry was written meanwhile: a dump per uplink would make a pass quadratic, and one
     /// per advertisement would let a neighbour that floods them stall it.
     int find_neighbor(const std::string& address, unsigned char* mac);
+    /// The entry, as far as this pass has dumped the table already; else null.
+    const MacAddress* known_neighbor(const std::string& address) const;
+
+    /// MAC and index of an interface, and its primary IPv4 address: asked once, as long as the host
+    /// announces no change. What cannot be had is asked again each time.
+    host::Link link(const std::string& ifname);
+    host::PrimaryAddress primary_address(const std::string& ifname);
 
     host::ConnectionTracking tracking;
+    Outbox outbox{tracking};
+    ReplyRoom reply_room;
 
   private:
     struct Addresses {
@@ -59,10 +76,11 @@ class HostView {
     };
 
     const Addresses* known_addresses();
-    const MacAddress* look_up(const std::string& address) const;
 
     host::AddressMonitor monitor_;
     std::optional<Addresses> addresses_;
+    std::unordered_map<std::string, host::Link> links_;
+    std::unordered_map<std::string, host::PrimaryAddress> primary_addresses_;
     std::optional<Neighbors> neighbors_;
 };
 

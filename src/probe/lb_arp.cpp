@@ -19,17 +19,19 @@ NamespaceTable<bool> LBArp::is_start_recv;
 
 namespace {
 
+void log_receiver_without_socket() {
+    LOG_ERROR("<%s> socket() for _recv_sock failed ", "recv_arp");
+}
+
 const NextHopFamily arp_family{
     .send_sock = LBArp::_send_sock,
     .is_start_recv = LBArp::is_start_recv,
     .open_receiver = host::open_arp_receiver,
     .receiver = recv_arp,
     .handle = handle_arp_frame,
+    .log_name = "arp",
+    .log_no_receiver_socket = log_receiver_without_socket,
 };
-
-void log_receiver_without_socket() {
-    LOG_ERROR("<%s> socket() for _recv_sock failed ", "recv_arp");
-}
 
 bool log_link_failure(const host::Link& link) {
     switch (link.failed) {
@@ -120,6 +122,16 @@ int LBArp::get_mac(unsigned char* mac) {
     return found.error == EHOSTUNREACH ? 0 : -1;
 }
 
+std::optional<MacAddress> LBArp::known_mac() const {
+    const auto binary = parse_ipv4_in_any_form(address);
+    if (!binary) {
+        return std::nullopt;
+    }
+    const host::ArpEntry entry = host::ask_arp_entry(*binary, ifname);
+    return entry.state == host::ArpEntry::State::complete ? std::make_optional(entry.mac)
+                                                          : std::nullopt;
+}
+
 LBArp::Mac LBArp::find_mac() {
     const Presence presence = ask_presence();
     if (presence.known < 0) {
@@ -161,20 +173,7 @@ int LBArp::send_arp() {
 }
 
 void LBArp::received_arp() {
-    switch (start_receiver()) {
-        case ReceiverStart::running:
-        case ReceiverStart::started:
-            break;
-        case ReceiverStart::no_socket:
-            log_receiver_without_socket();
-            break;
-        case ReceiverStart::not_created:
-            LOG_ERROR("Can't create new thread for arp recv");
-            break;
-        case ReceiverStart::not_detached:
-            LOG_ERROR("Can't detach thread for arp recv");
-            break;
-    }
+    start_receiver();
 }
 
 bool handle_arp_frame(std::span<const std::uint8_t> frame, AskedAddresses& targets) {

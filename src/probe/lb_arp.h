@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <span>
 #include <string>
 
@@ -32,6 +33,8 @@ class LBArp : public NextHopProber {
     /// The calls of one probe in their order: where the kernel knows no MAC (B75), a request goes
     /// out, and a later probe finds the answer.
     Mac find_mac();
+    /// The MAC where the kernel has a complete entry. Logs nothing, asks nobody.
+    std::optional<MacAddress> known_mac() const;
 
     static NamespaceTable<int> _send_sock;
     static NamespaceTable<bool> is_start_recv;

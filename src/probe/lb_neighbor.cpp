@@ -19,20 +19,22 @@ NamespaceTable<bool> LBNeighbor::is_start_recv;
 
 namespace {
 
+void log_receiver_without_socket() {
+    LOG_ERROR("<%s> socket() for _recv_sock failed ", "recv_neighbor");
+}
+
 const NextHopFamily neighbor_family{
     .send_sock = LBNeighbor::_send_sock,
     .is_start_recv = LBNeighbor::is_start_recv,
     .open_receiver = host::open_advertisement_receiver,
     .receiver = recv_neighbor,
     .handle = handle_advertisement,
+    .log_name = "neigh",
+    .log_no_receiver_socket = log_receiver_without_socket,
 };
 
 /// A number that no socket of this process ever has.
 constexpr int no_socket = 0;
-
-void log_receiver_without_socket() {
-    LOG_ERROR("<%s> socket() for _recv_sock failed ", "recv_neighbor");
-}
 
 std::optional<host::Link> find_link(const std::string& ifname) {
     const host::Link link = host::ask_link(ifname);
@@ -129,20 +131,7 @@ void LBNeighbor::send_request() {
 }
 
 void LBNeighbor::receive_reply() {
-    switch (start_receiver()) {
-        case ReceiverStart::running:
-        case ReceiverStart::started:
-            break;
-        case ReceiverStart::no_socket:
-            log_receiver_without_socket();
-            break;
-        case ReceiverStart::not_created:
-            LOG_ERROR("Can't create new thread for neigh recv");
-            break;
-        case ReceiverStart::not_detached:
-            LOG_ERROR("Can't detach thread for neigh recv");
-            break;
-    }
+    start_receiver();
 }
 
 bool handle_advertisement(std::span<const std::uint8_t> frame, AskedAddresses& targets) {

@@ -28,6 +28,14 @@ void walk_probes(LBHealth& health, Act act) {
     }
 }
 
+int count_probes(const std::vector<LBHealth*>& records) {
+    std::size_t count = 0;
+    for (const LBHealth* health : records) {
+        count += health->ipv6 ? health->tests6.size() : health->tests.size();
+    }
+    return static_cast<int>(count);
+}
+
 }  // namespace
 
 void LBHealth::send_test(context* ctx) {
@@ -48,12 +56,19 @@ void LBPathTest::start(LBData& data, context* ctx) {
         }
     }
     std::sort(records.begin(), records.end(), std::less<>());  // B90: by their place in memory
-    for (LBHealth* health : records) {
-        health->send_test(ctx);
+    const ProbeFamily& family = ctx->ipv6 ? ipv6_probes : ipv4_probes;
+    ReplyRoom& reply_room = ctx->view->reply_room;
+    reply_room.make(family, *ctx->ns_name, count_probes(records));
+    {
+        const Outbox::Collecting collecting(ctx->view->outbox);
+        for (LBHealth* health : records) {
+            health->send_test(ctx);
+        }
     }
     // After the process stood still, workers and receivers wake in any order: no probe is judged as
     // late whose answer has come.
-    drain(ctx->ipv6 ? ipv6_probes : ipv4_probes, *ctx->ns_name, datagrams_at_once);
+    drain(family, *ctx->ns_name, reply_room.most_replies());
+    reply_room.report_drops(family, *ctx->ns_name);
     for (LBHealth* health : records) {
         health->recv_test(ctx);
         health->status_check(data, ctx);

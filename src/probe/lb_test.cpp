@@ -1,9 +1,6 @@
 #include "probe/lb_test.h"
 
-#include <cerrno>
-
 #include "config/live_state.h"
-#include "host/log.h"
 #include "probe/reply_socket.h"
 #include "wire/frames.h"
 
@@ -133,11 +130,4 @@ std::optional<int> Probe::begin_echo(LBHealth& health, timespec& last_sent) {
     resolve_target(health);
     publish_status();
     return target.empty() ? std::nullopt : register_probe(family_, health.name, target, last_sent);
-}
-
-void Probe::report_failed_send(const host::Transfer& sent) const {
-    if (sent.count < 0 && sent.error != ENETUNREACH) {
-        plain_syslog(7, "wan_lb: error on sending %s packet: %d", family_.protocol_word,
-                     sent.error);
-    }
 }

@@ -57,9 +57,6 @@ class Probe {
     /// Target, status line and place in flight of one echo: its identifier, or nothing where none
     /// is to be sent in this cycle.
     std::optional<int> begin_echo(LBHealth& health, timespec& last_sent);
-    /// Tells that an echo did not go out. A network that is unreachable is an everyday state of an
-    /// uplink and stays silent (B56).
-    void report_failed_send(const host::Transfer& sent) const;
 
     const ProbeFamily& family_;
 };

@@ -40,10 +40,10 @@ void LBTestICMP::send(const std::string& ifname, const std::string& to,
                       const std::string& source_address, const std::string& nexthop, int packet_id,
                       context* ctx) {
     report_failed_send(
-        echoes_through_tunnel(ifname)
-            ? send_into_tunnel(_send_icmp_sock.get(ns_name), ifname, to, packet_id, ctx)
-            : send_frame(_send_ip_sock.get(ns_name), ifname, to, source_address, nexthop, packet_id,
-                         ctx));
+        family_, echoes_through_tunnel(ifname)
+                     ? send_into_tunnel(_send_icmp_sock.get(ns_name), ifname, to, packet_id, ctx)
+                     : send_frame(_send_ip_sock.get(ns_name), ifname, to, source_address, nexthop,
+                                  packet_id, ctx));
 }
 
 host::Transfer LBTestICMP::send_frame(int sock, const std::string& ifname, const std::string& to,
@@ -65,8 +65,8 @@ host::Transfer LBTestICMP::send_frame(int sock, const std::string& ifname, const
     const EchoFrame4 frame =
         echo_frame4(path.next_hop_mac, path.link.mac, path.source, path.target,
                     host::echo_identifier(), static_cast<std::uint32_t>(packet_id));
-    create_conntrack_record(path.source_text, to, ctx);
-    return host::send_frame(sock, path.link.index, path.link.mac, bytes_of(frame));
+    return ctx->view->outbox.take(
+        outgoing_echo(family_, sock, path.link, path.source, path.target, bytes_of(frame)));
 }
 
 host::Transfer LBTestICMP::send_into_tunnel(int sock, const std::string& ifname,
@@ -74,6 +74,7 @@ host::Transfer LBTestICMP::send_into_tunnel(int sock, const std::string& ifname,
     if (ctx->ipv6) {
         return {.count = -1, .error = EAFNOSUPPORT};
     }
+    ctx->view->outbox.send_waiting();
     const TunnelPath path = open_tunnel_path(sock, ifname, to, false);
     switch (path.reached) {
         case TunnelPath::Step::ready:

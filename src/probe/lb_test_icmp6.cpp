@@ -45,6 +45,7 @@ bool LBTestICMP6::choose_source(LBHealth& health, context* ctx) {
     if (!health.source_address.empty() && health.source_address != "::") {
         return true;
     }
+    ctx->view->outbox.send_waiting();
     sockaddr_in6 address{};
     get_link_local_addr(health.name, &address, ctx);
     const Ipv6Text source = to_text(std::bit_cast<Ipv6Bytes>(address.sin6_addr));
@@ -62,8 +63,8 @@ bool LBTestICMP6::choose_source(LBHealth& health, context* ctx) {
 void LBTestICMP6::send(const std::string& ifname, const std::string& to,
                        const std::string& source_address, const std::string& nexthop, int packet_id,
                        context* ctx) {
-    report_failed_send(send_frame(_send_ipv6_sock.get(ns_name), ifname, to, source_address, nexthop,
-                                  packet_id, ctx));
+    report_failed_send(family_, send_frame(_send_ipv6_sock.get(ns_name), ifname, to, source_address,
+                                           nexthop, packet_id, ctx));
 }
 
 host::Transfer LBTestICMP6::send_frame(int sock, const std::string& ifname, const std::string& to,
@@ -79,8 +80,8 @@ host::Transfer LBTestICMP6::send_frame(int sock, const std::string& ifname, cons
     const EchoFrame6 frame =
         echo_frame6(path.next_hop_mac, path.link.mac, path.source, path.target,
                     host::echo_identifier(), static_cast<std::uint32_t>(packet_id));
-    create_conntrack_record(source_address, to, ctx);
-    return host::send_frame(sock, path.link.index, path.link.mac, bytes_of(frame));
+    return ctx->view->outbox.take(
+        outgoing_echo(family_, sock, path.link, path.source, path.target, bytes_of(frame)));
 }
 
 int LBTestICMP6::send_for_interfaces(int sock, const std::string& ifname, const std::string& to,

@@ -64,10 +64,11 @@ void LBTestPING::send(LBHealth& health, context* ctx) {
 
 void LBTestPING::send(LBHealth& health, const std::string& to, const std::string& nexthop, int id,
                       context* ctx) {
+    ctx->view->outbox.send_waiting();
     report_failed_send(
-        pings_through_tunnel(health.name)
-            ? ping_into_tunnel(_send_icmp_sock.get(ns_name), health, to, id, ctx)
-            : ping_by_frames(_send_ip_sock.get(ns_name), health, to, nexthop, id, ctx));
+        family_, pings_through_tunnel(health.name)
+                     ? ping_into_tunnel(_send_icmp_sock.get(ns_name), health, to, id, ctx)
+                     : ping_by_frames(_send_ip_sock.get(ns_name), health, to, nexthop, id, ctx));
 }
 
 /// What a run of echoes needs besides the probe itself.

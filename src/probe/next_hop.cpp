@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "host/log.h"
+
 namespace {
 
 /// A number that no socket of this process ever has.
@@ -64,23 +66,27 @@ void NextHopProber::prepare_receiver() {
     }
 }
 
-NextHopProber::ReceiverStart NextHopProber::start_receiver() {
+void NextHopProber::start_receiver() {
     if (!targets || family_.is_start_recv.get(nsname)) {
-        return ReceiverStart::running;
+        return;
     }
     if (receiver_ < 0) {
-        return ReceiverStart::no_socket;
+        family_.log_no_receiver_socket();
+        return;
     }
     family_.is_start_recv.set(nsname, true);
     auto argument =
         std::make_unique<NextHopReceiver>(NextHopReceiver{.targets = targets, .socket = receiver_});
     const DetachedStart start = host::start_receiver_thread(family_.receiver, argument.get());
     if (start == DetachedStart::not_created) {
-        return ReceiverStart::not_created;
+        LOG_ERROR("Can't create new thread for %s recv", family_.log_name);
+        return;
     }
     argument.release();  // the thread's own from its start on, with the socket in it
     receiver_ = -1;
-    return start == DetachedStart::started ? ReceiverStart::started : ReceiverStart::not_detached;
+    if (start == DetachedStart::not_detached) {
+        LOG_ERROR("Can't detach thread for %s recv", family_.log_name);
+    }
 }
 
 void receive_answers(const NextHopFamily& family, const NextHopReceiver& receiver,

@@ -39,6 +39,8 @@ struct NextHopFamily {
     ThreadBody receiver;  ///< its argument is a `NextHopReceiver*`
     /// Handles one received frame; false ends the receiver.
     bool (*handle)(std::span<const std::uint8_t> frame, AskedAddresses& targets);
+    const char* log_name;
+    void (*log_no_receiver_socket)();
 };
 
 /// What `LBArp` and `LBNeighbor` share: the namespace's send socket, the next hop in hand and the
@@ -71,11 +73,9 @@ class NextHopProber {
     /// Opens the receiver's socket before the first request leaves, so that the first answer cannot
     /// be lost.
     void prepare_receiver();
-    /// How the start of the namespace's receiver thread went. It is started once in the life of the
-    /// process: one that ended is not started again (B84). Where it has no socket, the next call
-    /// tries again.
-    enum class ReceiverStart { running, started, no_socket, not_created, not_detached };
-    ReceiverStart start_receiver();
+    /// Starts the namespace's receiver thread, once in the life of the process: one that ended is
+    /// not started again (B84). Where it has no socket, the next call tries again. Logs what fails.
+    void start_receiver();
 
     const NextHopFamily& family_;
 

@@ -78,31 +78,57 @@ void mark_answered_probe(const ProbeFamily& family, std::span<const std::uint8_t
     family.results.mark_answered(static_cast<int>(packet_id));
 }
 
+namespace {
+
+/// How many are taken in one hold of the table, so that a registering worker waits microseconds.
+constexpr std::size_t replies_in_a_hold = 64;
+
+/// What one look at the socket gave.
+struct Crowd {
+    std::span<const host::PacketFront> replies;
+    bool is_last = false;    ///< the socket is empty
+    bool has_ended = false;  ///< it gives no more
+};
+
+/// Taken and marked in one hold: whoever finds the socket empty finds all marked.
+Crowd take_and_mark(const ProbeFamily& family, int reply_socket,
+                    std::span<host::PacketFront> places) {
+    const ResultsLock lock(family, family.receiver_name);
+    const host::Transfer taken = host::receive_many(reply_socket, places);
+    if (taken.count < 0) {
+        return {.replies = {},
+                .is_last = taken.error == EAGAIN,
+                .has_ended = taken.error != EAGAIN && taken.error != EINTR};
+    }
+    Crowd crowd{.replies = places.first(static_cast<std::size_t>(taken.count)),
+                .is_last = static_cast<std::size_t>(taken.count) < places.size()};
+    for (std::size_t i = 0; i < crowd.replies.size() && !crowd.has_ended; ++i) {
+        // Without content is what a closed socket gives.
+        crowd.has_ended = crowd.replies[i].size == 0;
+        mark_answered_probe(family, crowd.replies[i].content());
+    }
+    return crowd;
+}
+
+}  // namespace
+
 Drained drain(const ProbeFamily& family, const std::string& ns_name, int at_most) {
-    // What identifies a probe lies at the front of a datagram; the rest need not be copied.
-    std::array<std::uint8_t, 64> buffer;
+    std::array<host::PacketFront, replies_in_a_hold> replies;
     const int reply_socket = family.recv_sock.get(ns_name);
-    for (int i = 0; i < at_most; ++i) {
-        host::Transfer taken;
-        std::span<const std::uint8_t> datagram;
-        {
-            // Taken and marked in one hold: whoever finds the socket empty finds all marked.
-            const ResultsLock lock(family, family.receiver_name);
-            taken = host::receive(reply_socket, buffer);
-            if (taken.count > 0) {
-                datagram = std::span(buffer).first(static_cast<std::size_t>(taken.count));
-                mark_answered_probe(family, datagram);
+    for (int count = 0; count < at_most;) {
+        const Crowd crowd = take_and_mark(family, reply_socket, replies);
+        if (!family.is_ipv6) {
+            for (const host::PacketFront& reply : crowd.replies) {
+                offer_to_waiting_ping(ns_name, reply.content());
             }
         }
-        if (taken.count > 0) {
-            if (!family.is_ipv6) {
-                offer_to_waiting_ping(ns_name, datagram);
-            }
-        } else if (taken.count < 0 && taken.error == EAGAIN) {
-            return Drained::all;
-        } else if (taken.count == 0 || taken.error != EINTR) {
+        if (crowd.has_ended) {
             return Drained::failed;
         }
+        if (crowd.is_last) {
+            return Drained::all;
+        }
+        count += std::max(static_cast<int>(crowd.replies.size()), 1);
     }
     return Drained::enough;
 }
@@ -111,15 +137,22 @@ Drained drain(const ProbeFamily& family, const std::string& ns_name, int at_most
 
 namespace {
 
+/// Nobody waits for the thread: the worker reads the socket before it judges, an extended ping
+/// while it waits. The thread only keeps the socket from filling up between these; what comes
+/// in its rest is a small part of the socket's room.
+constexpr std::int64_t reply_rest_ms = 50;
+
 void* receive_for(const ProbeFamily& family, void* argument) {
     const std::unique_ptr<std::string> taken_over(static_cast<std::string*>(argument));
     const std::string& ns_name = *taken_over;
     host::watch_receiver(family.recv_sock.get(ns_name),
                          {.on_readable =
                               [&family, ns_name] {
-                                  // One a wake: they rarely come in crowds, and the wait tells of
-                                  // the next one.
-                                  if (drain(family, ns_name, 1) != Drained::failed) {
+                                  Drained drained = Drained::enough;
+                                  while (drained == Drained::enough) {
+                                      drained = drain(family, ns_name, datagrams_at_once);
+                                  }
+                                  if (drained != Drained::failed) {
                                       return true;
                                   }
                                   LOG_ERROR("recv for %s failed!!!!!", family.word);
@@ -130,7 +163,8 @@ void* receive_for(const ProbeFamily& family, void* argument) {
                               [&family, ns_name] {
                                   LOG_ERROR("select for %s failed!!!!!", family.word);
                                   family.received.set(ns_name, false);
-                              }});
+                              },
+                          .rest_ms = reply_rest_ms});
     return nullptr;
 }
 

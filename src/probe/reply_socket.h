@@ -27,14 +27,15 @@ void start_receiver(const ProbeFamily& family, const std::string& ns_name);
 void* recv_icmp(void* ns_name);
 void* recv_icmp6(void* ns_name);
 
-/// More than a reply socket's queue holds; a flood must not keep a reader past its deadline.
+/// A flood must not keep a waiting extended ping past its deadline.
 inline constexpr int datagrams_at_once = 1024;
 
 enum class Drained { all, enough, failed };
 
-/// Takes what is in the namespace's reply socket, `at_most` so many datagrams: each marks the probe
-/// in flight that it answers and is offered to a waiting extended ping. Whoever finds the socket
-/// empty finds every probe marked whose answer has come, whichever thread drained it. Never waits.
+/// Takes what is in the namespace's reply socket, about `at_most` so many datagrams: each marks the
+/// probe in flight that it answers and is offered to a waiting extended ping. Whoever finds the
+/// socket empty finds every probe marked whose answer has come, whichever thread drained it. Never
+/// waits.
 Drained drain(const ProbeFamily& family, const std::string& ns_name, int at_most);
 
 /// What a datagram means for the probes in flight: an echo reply marks the one whose identifier it

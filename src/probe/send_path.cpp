@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
 #include "base/address_text.h"
 #include "host/log.h"
@@ -36,39 +37,50 @@ void log_unreadable_address(int error) {
 
 }  // namespace
 
+// What comes before a line of the log, or before a question on the wire, leaves before it.
 FramePath4 find_frame_path4(const std::string& ifname, const std::string& source_address,
                             const std::string& nexthop, const std::string& target, context* ctx) {
+    Outbox& before = ctx->view->outbox;
     FramePath4 path;
-    path.link = host::ask_link(ifname);
+    path.link = ctx->view->link(ifname);
     if (path.link.failed != host::Link::Step::none) {
+        before.send_waiting();
         log_link_failure(path.link, "address");
         path.error = path.link.error;
         return path;
     }
     path.source_text = source_address;
     if (source_address.empty()) {
-        const host::PrimaryAddress own = host::primary_address(ifname);
+        const host::PrimaryAddress own = ctx->view->primary_address(ifname);
         if (own.error != 0) {
+            before.send_waiting();
             path.error = own.error;
             return path;
         }
         path.source_text = to_text(own.address);
     }
     if (!ctx->view->has_source(ifname, path.source_text)) {
+        before.send_waiting();
         path.reached = FramePath4::Step::source_absent;
         path.error = EADDRNOTAVAIL;
         return path;
     }
     ctx->arp->set_data(nexthop, path.source_text, ifname);
-    const LBArp::Mac mac = ctx->arp->find_mac();
-    if (mac.error != 0) {
-        path.error = mac.error;
-        return path;
+    if (const auto known = ctx->arp->known_mac()) {
+        path.next_hop_mac = *known;
+    } else {
+        before.send_waiting();
+        const LBArp::Mac mac = ctx->arp->find_mac();
+        if (mac.error != 0) {
+            path.error = mac.error;
+            return path;
+        }
+        path.next_hop_mac = mac.mac;
     }
-    path.next_hop_mac = mac.mac;
     const auto source = parse_ipv4(path.source_text);
     const auto destination = source ? parse_ipv4(target) : std::nullopt;
     if (!destination) {
+        before.send_waiting();
         log_unreadable_address(EINVAL);
         path.error = EINVAL;
         return path;
@@ -81,23 +93,31 @@ FramePath4 find_frame_path4(const std::string& ifname, const std::string& source
 
 FramePath6 find_frame_path6(const std::string& ifname, const std::string& source_address,
                             const std::string& nexthop, const std::string& target, context* ctx) {
+    Outbox& before = ctx->view->outbox;
     FramePath6 path;
-    path.link = host::ask_link(ifname);
+    path.link = ctx->view->link(ifname);
     if (path.link.failed != host::Link::Step::none) {
+        before.send_waiting();
         log_link_failure(path.link, "adds");
         path.error = path.link.error;
         return path;
     }
     ctx->neighbor->set_data(nexthop, source_address, ifname);
-    const auto mac = ctx->neighbor->find_mac();
-    if (!mac) {
-        path.error = EHOSTUNREACH;
-        return path;
+    if (const MacAddress* known = ctx->neighbor->view.known_neighbor(nexthop)) {
+        path.next_hop_mac = *known;
+    } else {
+        before.send_waiting();
+        const auto mac = ctx->neighbor->find_mac();
+        if (!mac) {
+            path.error = EHOSTUNREACH;
+            return path;
+        }
+        path.next_hop_mac = *mac;
     }
-    path.next_hop_mac = *mac;
     const auto source = parse_ipv6(source_address);
     const auto destination = source ? parse_ipv6(target) : std::nullopt;
     if (!destination) {
+        before.send_waiting();
         log_unreadable_address(0);  // B128: the text of the conversion's result, 0
         path.error = EINVAL;
         return path;

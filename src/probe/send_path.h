@@ -25,7 +25,8 @@ struct FramePath4 {
 };
 /// Finds the path for one probe: link, source (the interface's own where `source_address` is
 /// empty), the source's presence, the next hop's MAC, the binary addresses. A next hop whose MAC is
-/// unknown is asked for and fails this probe; a later one finds the answer.
+/// unknown is asked for and fails this probe; a later one finds the answer. Before anything is
+/// logged or asked for, the echoes that wait in the worker's outbox leave.
 FramePath4 find_frame_path4(const std::string& ifname, const std::string& source_address,
                             const std::string& nexthop, const std::string& target, context* ctx);
 

@@ -92,6 +92,7 @@ class RouteCacheFlush(RunningTest):
 
     def test_command_that_is_back_is_run_again(self):
         self.lose_second_uplink()
+        self.cycles.pass_by(1)  # past the flush that follows the line in the log
         flushes = self.flushes()
         self.put_ip()
         self.return_second_uplink()

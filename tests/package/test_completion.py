@@ -56,6 +56,13 @@ class Completion(unittest.TestCase):
     def test_lbcheck_offers_its_options(self):
         self.check_options("lbcheck")
 
+    def test_lbsim_offers_its_options(self):
+        self.check_options("lbsim")
+
+    def test_lbsim_completes_files(self):
+        self.assertEqual(completions("lbsim", "--compare", "demo/lb"), {"demo/lb.conf"})
+        self.assertEqual(completions("lbsim", "demo/lb"), {"demo/lb.conf"})
+
     def test_lb_lease_offers_its_options(self):
         self.check_options("lb-lease")
 
@@ -65,6 +72,13 @@ class Completion(unittest.TestCase):
 
     def test_lbshow_offers_its_options(self):
         self.check_options("lbshow")
+
+    def test_lbwatch_offers_its_options(self):
+        self.check_options("lbwatch")
+
+    def test_lbwatch_offers_the_options_of_its_words(self):
+        for word in commands_of(PROGRAMS / "lbwatch"):
+            self.assertEqual(completions("lbwatch", word, "-"), options_of(PROGRAMS / "lbwatch", word), word)
 
     def test_lbroute_offers_its_options_and_those_of_each_command(self):
         self.check_options("lbroute")

@@ -30,25 +30,37 @@ FILES = {
     "/usr/sbin/lb-lease": 0o755,
     "/usr/sbin/lbroute": 0o755,
     "/usr/bin/lbcheck": 0o755,
+    "/usr/bin/lbsim": 0o755,
     "/usr/bin/lbshow": 0o755,
+    "/usr/bin/lbwatch": 0o755,
     "/usr/lib/systemd/system/lb.service": 0o644,
     "/usr/lib/systemd/system/lbroute.service": 0o644,
+    "/usr/lib/systemd/system/lbwatch-hooks.service": 0o644,
+    "/usr/lib/systemd/system/lbwatch.service": 0o644,
+    "/usr/lib/sysusers.d/lbwatch.conf": 0o644,
     "/usr/lib/tmpfiles.d/lb.conf": 0o644,
     "/usr/share/bash-completion/completions/lb": 0o644,
     "/usr/share/bash-completion/completions/lb-lease": 0o644,
     "/usr/share/bash-completion/completions/lbcheck": 0o644,
+    "/usr/share/bash-completion/completions/lbsim": 0o644,
     "/usr/share/bash-completion/completions/lbroute": 0o644,
     "/usr/share/bash-completion/completions/lbshow": 0o644,
+    "/usr/share/bash-completion/completions/lbwatch": 0o644,
     "/usr/share/man/man1/lbcheck.1.gz": 0o644,
+    "/usr/share/man/man1/lbsim.1.gz": 0o644,
     "/usr/share/man/man1/lbshow.1.gz": 0o644,
     "/usr/share/man/man5/lb.conf.5.gz": 0o644,
     "/usr/share/man/man8/lb-lease.8.gz": 0o644,
     "/usr/share/man/man8/lb.8.gz": 0o644,
     "/usr/share/man/man8/lbroute.8.gz": 0o644,
+    "/usr/share/man/man8/lbwatch.8.gz": 0o644,
+    "/usr/share/wan-load-balancer/hooks/mail": 0o755,
+    "/usr/share/wan-load-balancer/hooks/webhook": 0o755,
+    "/usr/share/wan-load-balancer/prometheus/lb.rules.yml": 0o644,
 }
 DOCUMENTS = "/usr/share/doc/wan-load-balancer"
 # Of the project, in the same folders there.
-DOCUMENTED = ("*.md", "docs/*", "examples/**/*", "demo/*.conf")
+DOCUMENTED = ("*.md", "docs/**/*", "examples/**/*", "demo/*.conf")
 LINK = re.compile(r"\]\(([^)#:]+)(?:#[^)]*)?\)")
 
 
@@ -119,6 +131,11 @@ class Contents(unittest.TestCase):
 
         for package in ("libc6", "libmnl0", "libnetfilter-conntrack3", "libstdc\\+\\+6"):
             self.assertRegex(dependencies, rf"(^|, ){package} \(>= ")
+
+    def test_the_hooks_folder_is_there_and_empty(self):
+        folder = self.inside("/etc/lb/hooks.d")
+
+        self.assertEqual((list(folder.iterdir()), folder.stat().st_mode & 0o7777), ([], 0o755))
 
     def test_the_ip_command_is_depended_on(self):
         self.assertIn("iproute2", self.field("Depends").split(", "))

@@ -5,6 +5,7 @@
 """
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -15,7 +16,7 @@ from package import enter_private_root, mount, output_of, the_package
 NAME = "wan-load-balancer"
 FRAGMENTS = ("/usr/etc/routing-wlb.conf", "/usr/etc/routing6-wlb.conf")
 CONF = "/etc/lb.conf"
-UNITS = ("lb.service", "lbroute.service")
+UNITS = ("lb.service", "lbroute.service", "lbwatch.service", "lbwatch-hooks.service")
 ENABLED = [f"/etc/systemd/system/multi-user.target.wants/{unit}" for unit in UNITS]
 
 
@@ -114,6 +115,16 @@ class Life(unittest.TestCase):
         self.assertEqual((verified.stdout, verified.returncode), ("", 0))
 
     @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd is not installed")
+    def test_the_watcher_is_exposed_to_little(self):
+        judged = output_of("systemd-analyze", "security", "--offline=true", "--no-pager",
+                           "/usr/lib/systemd/system/lbwatch.service")
+
+        self.assertLess(float(re.search(r"exposure level for lbwatch.service: ([0-9.]+)", judged).group(1)), 2)
+
+    def test_the_watcher_has_a_user_of_its_own(self):
+        self.assertTrue(output_of("getent", "passwd", "lbwatch").startswith("lbwatch:"))
+
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd is not installed")
     def test_units_among_the_examples_have_no_fault_that_systemd_sees(self):
         units = sorted(pathlib.Path("/usr/share/doc/wan-load-balancer/examples").glob("*.timer"))
         units += [path.with_suffix(".service") for path in units]
@@ -127,7 +138,8 @@ class Life(unittest.TestCase):
     @unittest.skipUnless(shutil.which("man"), "man-db is not installed")
     @unittest.skipIf(leaves_manuals_out(), "dpkg is told to leave manual pages out here")
     def test_manual_pages_are_found(self):
-        for section, page in (("8", "lb"), ("8", "lb-lease"), ("8", "lbroute"), ("5", "lb.conf"), ("1", "lbshow"), ("1", "lbcheck")):
+        for section, page in (("8", "lb"), ("8", "lb-lease"), ("8", "lbroute"), ("8", "lbwatch"), ("5", "lb.conf"),
+                              ("1", "lbshow"), ("1", "lbcheck"), ("1", "lbsim")):
             self.assertTrue(output_of("man", "--where", section, page).strip(), page)
 
     def test_removing_keeps_configuration_and_routes(self):

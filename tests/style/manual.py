@@ -87,9 +87,9 @@ def wrong(project, programs, configuration_words, clang):
         if not options:
             yield f"{page.name}: the program tells no option"
         yield from missing(page, options)
-    program = programs / "lbroute"
-    for command in commands_of(program):
-        yield from missing(manual / "lbroute.8", {command} | options_of(program, command))
+    for name in ("lbroute", "lbwatch"):
+        for command in commands_of(programs / name):
+            yield from missing(manual / f"{name}.8", {command} | options_of(programs / name, command))
     columns, keys, metrics = names_of_lbshow(project / "tools/lbshow", clang)
     if len(columns) < 20 or len(keys) < 40 or len(metrics) < 15:
         yield f"only {len(columns)} columns, {len(keys)} keys and {len(metrics)} metrics found in tools/lbshow"

@@ -9,24 +9,9 @@
 #include <vector>
 
 #include "base/fd.h"
+#include "unit/support/echo_replies.h"
 
 namespace {
-
-using Bytes = std::vector<std::uint8_t>;
-
-/// A neighbour advertisement of 2001:db8::1 with its MAC 02:..:09 as first option.
-Bytes advertisement() {
-    Bytes frame(86);
-    frame[12] = 0x86;
-    frame[13] = 0xdd;
-    frame[20] = 58;
-    frame[54] = 136;
-    const Bytes target{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-    std::copy(target.begin(), target.end(), frame.begin() + 62);
-    frame[80] = 2;
-    frame[85] = 9;
-    return frame;
-}
 
 /// The sizes of what is left of frames after a filter; those that it drops have none.
 std::vector<std::size_t> filtered(std::span<const sock_filter> filter,

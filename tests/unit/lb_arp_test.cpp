@@ -16,16 +16,6 @@ using Lines = std::vector<LogLine>;
 using faults::Call;
 using faults::FailCall;
 
-const std::string err = "%WAN-W-ERR: ";
-
-Lines errors(std::initializer_list<const char*> texts) {
-    Lines lines;
-    for (const char* text : texts) {
-        lines.push_back({4, err + text});
-    }
-    return lines;
-}
-
 TEST(AskedAddresses, unknown_sender_leaves_an_empty_entry) {
     AskedAddresses targets;
     targets.set("192.0.2.1", "eth0");

@@ -9,24 +9,14 @@
 #include <span>
 
 #include "unit/support/captured_log.h"
+#include "unit/support/echo_replies.h"
 #include "unit/support/faults.h"
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
 using Lines = std::vector<LogLine>;
 using faults::Call;
 using faults::FailCall;
-
-const std::string err = "%WAN-W-ERR: ";
-
-Lines errors(std::initializer_list<const char*> texts) {
-    Lines lines;
-    for (const char* text : texts) {
-        lines.push_back({4, err + text});
-    }
-    return lines;
-}
 
 struct Neighbours : testing::Test {
     void ask(const std::string& address, const std::string& source = "2001:db8::2",
@@ -162,20 +152,6 @@ TEST_F(Neighbours, receiver_that_cannot_start_is_reported_once) {
 TEST_F(Neighbours, receiver_without_a_socket_ends_with_a_message) {
     recv_neighbor(new NextHopReceiver{.targets = std::make_shared<AskedAddresses>()});
     EXPECT_EQ(log.lines(), errors({"<recv_neighbor> socket() for _recv_sock failed "}));
-}
-
-/// A neighbour advertisement of 2001:db8::1 with its MAC 02:..:09 as first option.
-Bytes advertisement() {
-    Bytes frame(86);
-    frame[12] = 0x86;
-    frame[13] = 0xdd;
-    frame[20] = 58;
-    frame[54] = 136;
-    const Bytes target{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-    std::copy(target.begin(), target.end(), frame.begin() + 62);
-    frame[80] = 2;
-    frame[85] = 9;
-    return frame;
 }
 
 TEST_F(Neighbours, advertisement_never_asked_for_is_entered_but_not_written) {

@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "lbroute/folder_watch.h"
 #include "lbroute/fragment_file.h"
+#include "shared/folder_watch.h"
 
 namespace lbroute {
 
@@ -101,11 +101,11 @@ TEST_F(FragmentOnDisk, folder_or_pipe_in_its_place_is_a_problem_and_does_not_blo
 class Watch : public OnDisk {
   protected:
     bool has_told(const std::string& name) {
-        const FolderWatch::Changes changes = watch.drain();
+        const shared::FolderWatch::Changes changes = watch.drain();
         return changes.is_all || changes.paths.contains((folder / name).string());
     }
 
-    FolderWatch watch;
+    shared::FolderWatch watch;
 };
 
 TEST_F(Watch, file_that_is_written_in_place_or_renamed_over_is_told) {

@@ -16,16 +16,6 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 using Lines = std::vector<LogLine>;
 
-const std::string err = "%WAN-W-ERR: ";
-
-Lines errors(std::initializer_list<const char*> texts) {
-    Lines lines;
-    for (const char* text : texts) {
-        lines.push_back({4, err + text});
-    }
-    return lines;
-}
-
 TEST(Attributes, beyond_the_bound_are_refused_on_standard_error) {
     nlmsghdr message{};
     message.nlmsg_len = 1'048'600;

@@ -400,6 +400,68 @@ TEST_F(Files, busy_mutex_skips_the_shared_dumps_and_still_reports) {
     EXPECT_TRUE(fs::exists(folder + "/wlb_ipv4.out"));
 }
 
+/// Two workers of one family, in namespaces of their own, whose uplinks have not changed lately.
+struct TwoWorkers : Files {
+    TwoWorkers() {
+        LBHealth& health = data.health.try_emplace("eth1", "eth1", false).first->second;
+        health.namespace_name = "vrf";
+        for (auto& [name, record] : data.health) {
+            record.state_changed = false;
+        }
+        output->write(data, ctx);
+        output->write(data, sibling);
+    }
+    /// The files that a write brings back after all were lost.
+    std::set<std::string> rewritten(context* by) {
+        output->shutdown();
+        output->write(data, by);
+        std::set<std::string> names;
+        for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+            if (entry.is_regular_file()) {
+                names.insert(entry.path().filename());
+            }
+        }
+        return names;
+    }
+
+    const std::set<std::string> all{"wlb_ipv4.out", "wlb_ipv4_outbounds.bin", "wlb_routes.bin",
+                                    "wlb_rules.bin"};
+    TestContext sibling{false, "vrf"};
+};
+
+TEST_F(TwoWorkers, one_rewrites_the_files_for_both) {
+    for (int cycle = 0; cycle < 3; ++cycle) {
+        EXPECT_EQ(rewritten(ctx), std::set<std::string>{}) << cycle;
+        EXPECT_EQ(rewritten(sibling), all) << cycle;
+    }
+}
+
+TEST_F(TwoWorkers, other_one_takes_over_after_a_cycle_without_a_rewriting) {
+    EXPECT_EQ(rewritten(ctx), std::set<std::string>{});
+    EXPECT_EQ(rewritten(ctx), all);
+}
+
+TEST_F(TwoWorkers, change_of_an_own_interface_is_written_at_once) {
+    data.health.at("eth1").state_changed = true;
+    EXPECT_EQ(rewritten(ctx), std::set<std::string>{});
+    data.health.at("eth0").state_changed = true;
+    output->write(data, sibling);
+    EXPECT_EQ(rewritten(ctx), all);
+}
+
+TEST_F(TwoWorkers, rewriting_that_failed_spares_nobody) {
+    {
+        const FailCall no_file(Call::fopen, EACCES);
+        output->write(data, sibling);
+    }
+    EXPECT_EQ(rewritten(ctx), std::set<std::string>{});  // the sibling's of the cycle before
+    const FailCall no_file(Call::fopen, EACCES);
+    output->write(data, sibling);
+    const auto before = log.lines().size();
+    output->write(data, ctx);
+    EXPECT_GT(log.lines().size(), before);
+}
+
 TEST_F(Files, without_a_context_nothing_is_dumped) {
     fs::create_directory(folder + "/wlb_dump");
     output->dump_outbounds(data, {}, nullptr, 0);
@@ -410,9 +472,9 @@ TEST_F(Files, without_a_context_nothing_is_dumped) {
 TEST_F(Files, unlock_that_fails_ends_the_write_without_a_report) {
     std::vector<LogLine> lines;
     {
-        // The fourth one: the folder's name, the paths and the outbounds dump were unlocked by
-        // then.
-        const FailCall no_unlock(Call::pthread_mutex_unlock, EPERM, 4);
+        // The eighth one: the folder's name, the paths and the outbounds dump were unlocked by
+        // then, and what is known of rewritten files around each.
+        const FailCall no_unlock(Call::pthread_mutex_unlock, EPERM, 8);
         output->write(data, ctx);
         lines = log.lines();
     }

@@ -178,7 +178,7 @@ TEST(Receiver, that_ended_is_started_anew_by_the_next_collection) {
             static_cast<std::uint32_t>(*register_probe(*family, "eth9", "anew", last_sent));
         deliver(replies.far, family == &ipv4_probes ? reply4(id) : reply6(id));
         {
-            const faults::FailCall broken(faults::Call::recv, EIO, 1);
+            const faults::FailCall broken(faults::Call::recvmmsg, EIO, 1);
             start_receiver(*family, name);
             EXPECT_TRUE(within_seconds(10, [&] { return !family->received.get(name); }));
         }
@@ -296,7 +296,7 @@ TEST_F(Waiting, wait_of_no_length_looks_once) {
 
 TEST_F(Waiting, socket_that_fails_ends_the_wait_early) {
     deliver(replies.far, answer);
-    const faults::FailCall broken(faults::Call::recv, ENOTSOCK);
+    const faults::FailCall broken(faults::Call::recvmmsg, ENOTSOCK);
     const timespec begin = monotonic_now();
     EXPECT_FALSE(await(long_wait).is_in_time);
     EXPECT_LT(elapsed_ms(begin, monotonic_now()), 20'000);
@@ -305,7 +305,7 @@ TEST_F(Waiting, socket_that_fails_ends_the_wait_early) {
 TEST_F(Waiting, interrupted_and_empty_reads_are_tried_again) {
     deliver(replies.far, answer);
     for (const int error : {EINTR, EAGAIN}) {
-        const faults::FailCall once(faults::Call::recv, error, 1);
+        const faults::FailCall once(faults::Call::recvmmsg, error, 1);
         EXPECT_TRUE(await(long_wait).is_in_time) << error;
         deliver(replies.far, answer);
     }

@@ -20,13 +20,13 @@
 #include "lbroute/daemon_record.h"
 #include "lbroute/event_loop.h"
 #include "lbroute/findings.h"
-#include "lbroute/folder_watch.h"
 #include "lbroute/holds.h"
 #include "lbroute/journal.h"
 #include "lbroute/ownership.h"
 #include "lbroute/processes.h"
 #include "lbroute/served_namespace.h"
 #include "lbroute/site.h"
+#include "shared/folder_watch.h"
 
 namespace lbroute {
 
@@ -206,7 +206,7 @@ class Daemon {
     }
 
     void take_file_changes() {
-        const FolderWatch::Changes changes = files_.drain();
+        const shared::FolderWatch::Changes changes = files_.drain();
         const auto has_changed = [&](const std::string& path) {
             return changes.is_all || changes.paths.contains(path);
         };
@@ -592,7 +592,7 @@ class Daemon {
     Fd signals_;
     Fd mounts_;
     EventLoop loop_;
-    FolderWatch files_;
+    shared::FolderWatch files_;
     Site site_;
     Bird2File bird_;
     StateFolder folder_;

@@ -136,7 +136,11 @@ Route route_of(const record::Route& entry, bool is_swapped) {
 
 /// Numbers that no dump of the right byte order holds.
 bool is_plausible(const Interface& item) {
-    return item.success_ct >= 0 && item.failure_ct >= 0;
+    // A small number of the other byte order is a large one that ends in zeros, or a negative one.
+    const auto is_count = [](int number) {
+        return number >= 0 && (number < 0x10000 || (number & 0xffff) != 0);
+    };
+    return is_count(item.success_ct) && is_count(item.failure_ct);
 }
 bool is_plausible(const Rule& /*item*/) {
     return true;

@@ -5,6 +5,7 @@
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <utility>
 
 #include "base/address_text.h"
 #include "host/linux/netlink.h"
@@ -52,6 +54,16 @@ bool open_handle(Netlink& handle) {
         return false;
     }
     return true;
+}
+
+void put_headers(nlmsghdr* message, bool ipv6, std::uint32_t sequence) {
+    message->nlmsg_type = new_record_type;
+    message->nlmsg_flags = new_record_flags;
+    message->nlmsg_seq = sequence;
+    auto* extra = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg)));
+    extra->nfgen_family = static_cast<std::uint8_t>(ipv6 ? AF_INET6 : AF_INET);
+    extra->version = NFNETLINK_V0;
+    extra->res_id = 0;
 }
 
 bool set_ipv6_address(nf_conntrack* record, nf_conntrack_attr attribute,
@@ -108,13 +120,7 @@ bool exchange(mnl_socket* handle, const std::string& source, const std::string& 
     alignas(nlmsghdr) std::array<char, largest_buffer> buffer{};
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     nlmsghdr* message = mnl_nlmsg_put_header(buffer.data());
-    message->nlmsg_type = new_record_type;
-    message->nlmsg_flags = new_record_flags;
-    message->nlmsg_seq = static_cast<std::uint32_t>(time(nullptr));
-    auto* extra = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg)));
-    extra->nfgen_family = static_cast<std::uint8_t>(ipv6 ? AF_INET6 : AF_INET);
-    extra->version = NFNETLINK_V0;
-    extra->res_id = 0;
+    put_headers(message, ipv6, static_cast<std::uint32_t>(time(nullptr)));
 
     const Record record(nfct_new());
     if (!record) {
@@ -138,6 +144,80 @@ bool exchange(mnl_socket* handle, const std::string& source, const std::string& 
         return false;
     }
     return true;
+}
+
+/// Appends the request for one record; its end, or null without memory for the record.
+char* put_request(char* at, const host::TrackedEcho& echo, std::uint16_t identifier,
+                  std::uint32_t sequence) {
+    const Record record(nfct_new());
+    if (!record) {
+        return nullptr;
+    }
+    nlmsghdr* message = mnl_nlmsg_put_header(at);
+    put_headers(message, echo.is_ipv6, sequence);
+    nfct_set_attr_u8(record.get(), ATTR_ORIG_L3PROTO, echo.is_ipv6 ? AF_INET6 : AF_INET);
+    const auto source = echo.is_ipv6 ? ATTR_ORIG_IPV6_SRC : ATTR_ORIG_IPV4_SRC;
+    const auto destination = echo.is_ipv6 ? ATTR_ORIG_IPV6_DST : ATTR_ORIG_IPV4_DST;
+    nfct_set_attr(record.get(), source, echo.source.data());
+    nfct_set_attr(record.get(), destination, echo.destination.data());
+    set_echo(record.get(), echo.is_ipv6, identifier);
+    nfct_nlmsg_build(message, record.get());
+    return at + MNL_ALIGN(message->nlmsg_len);
+}
+
+/// An acknowledgement, or the head of a refusal: its request need not be read again.
+struct Answer {
+    nlmsghdr header;
+    int error;
+};
+
+/// The largest request: two tuples of IPv6 addresses and what stands around them.
+constexpr std::size_t request_size = 512;
+constexpr std::size_t requests_at_once = 64;
+
+/// Reads the answers that the kernel gave while it was asked, and notes which records are entered.
+/// False where they are not all there, or not all good.
+bool read_answers(int netlink, std::span<host::TrackedEcho> echoes, std::uint32_t first_sequence) {
+    std::array<Answer, requests_at_once> answers{};
+    std::array<iovec, requests_at_once> places;
+    std::array<mmsghdr, requests_at_once> messages{};
+    for (std::size_t i = 0; i < echoes.size(); ++i) {
+        places[i] = {&answers[i], sizeof answers[i]};
+        messages[i].msg_hdr.msg_iov = &places[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    const int count = recvmmsg(netlink, messages.data(), static_cast<unsigned>(echoes.size()),
+                               MSG_DONTWAIT, nullptr);
+    std::size_t entered = 0;
+    for (std::size_t i = 0; std::cmp_less(i, count); ++i) {
+        const std::uint32_t number = answers[i].header.nlmsg_seq - first_sequence;
+        const bool is_acknowledged = messages[i].msg_len >= sizeof(Answer) &&
+                                     answers[i].header.nlmsg_type == NLMSG_ERROR &&
+                                     answers[i].error == 0;
+        if (is_acknowledged && number < echoes.size()) {
+            echoes[number].is_entered = true;
+            ++entered;
+        }
+    }
+    return entered == echoes.size();
+}
+
+/// False where not every record was acknowledged.
+bool exchange_many(mnl_socket* handle, std::span<host::TrackedEcho> echoes,
+                   std::uint16_t identifier) {
+    alignas(nlmsghdr) std::array<char, requests_at_once * request_size> buffer;
+    const auto first_sequence = static_cast<std::uint32_t>(time(nullptr));
+    char* end = buffer.data();
+    std::uint32_t sequence = first_sequence;
+    for (const host::TrackedEcho& echo : echoes) {
+        end = put_request(end, echo, identifier, sequence++);
+        if (end == nullptr) {
+            return true;  // nothing was asked
+        }
+    }
+    const auto size = static_cast<std::size_t>(end - buffer.data());
+    return mnl_socket_sendto(handle, buffer.data(), size) >= 0 &&
+           read_answers(mnl_socket_get_fd(handle), echoes, first_sequence);
 }
 
 }  // namespace
@@ -164,6 +244,17 @@ bool ConnectionTracking::enter_echo(const std::string& source, const std::string
         return false;
     }
     return true;
+}
+
+void ConnectionTracking::enter_echoes(std::span<TrackedEcho> echoes, std::uint16_t identifier) {
+    Netlink& netlink = handle_->netlink;
+    while (!echoes.empty() && netlink) {
+        const auto some = echoes.first(std::min(echoes.size(), requests_at_once));
+        if (!exchange_many(netlink.get(), some, identifier)) {
+            netlink.reset();  // answers may still wait in it
+        }
+        echoes = echoes.subspan(some.size());
+    }
 }
 
 }  // namespace host

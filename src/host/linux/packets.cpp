@@ -2,6 +2,7 @@
 
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -12,8 +13,11 @@
 #include <array>
 #include <bit>
 #include <cerrno>
+#include <utility>
+#include <vector>
 
 #include "base/fd.h"
+#include "host/clock.h"
 #include "host/linux/filters.h"
 #include "host/linux/frame_receiver.h"
 
@@ -115,14 +119,51 @@ void close_socket(int number) {
     close(number);
 }
 
-Transfer send_frame(int frame_sender, int interface_index, const MacAddress& own_mac,
-                    std::span<const std::uint8_t> frame) {
+namespace {
+
+sockaddr_ll link_address(int interface_index, const MacAddress& own_mac) {
     sockaddr_ll address{};
     address.sll_family = AF_PACKET;
     address.sll_ifindex = interface_index;
     address.sll_halen = static_cast<unsigned char>(own_mac.size());
     std::copy(own_mac.begin(), own_mac.end(), address.sll_addr);
-    return send_to(frame_sender, address, frame);
+    return address;
+}
+
+}  // namespace
+
+Transfer send_frame(int frame_sender, int interface_index, const MacAddress& own_mac,
+                    std::span<const std::uint8_t> frame) {
+    return send_to(frame_sender, link_address(interface_index, own_mac), frame);
+}
+
+Transfer send_frames(int frame_sender, std::span<const OutgoingFrame> frames) {
+    std::vector<sockaddr_ll> addresses;
+    std::vector<iovec> contents;
+    std::vector<mmsghdr> messages(frames.size());
+    addresses.reserve(frames.size());
+    contents.reserve(frames.size());
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        addresses.push_back(link_address(frames[i].interface_index, frames[i].own_mac));
+        contents.push_back(
+            {const_cast<std::uint8_t*>(frames[i].frame.data()), frames[i].frame.size()});
+        msghdr& message = messages[i].msg_hdr;
+        message.msg_name = &addresses[i];
+        message.msg_namelen = sizeof addresses[i];
+        message.msg_iov = &contents[i];
+        message.msg_iovlen = 1;
+    }
+    // The kernel tells an error only of the first message that it is given.
+    std::size_t sent = 0;
+    while (sent < messages.size()) {
+        const int more = sendmmsg(frame_sender, &messages[sent],
+                                  static_cast<unsigned>(messages.size() - sent), 0);
+        if (more <= 0) {
+            return {.count = static_cast<int>(sent), .error = errno};
+        }
+        sent += static_cast<std::size_t>(more);
+    }
+    return {.count = static_cast<int>(sent), .error = 0};
 }
 
 Transfer send_echo(int echo_sender, const Ipv4Bytes& to, std::span<const std::uint8_t> message) {
@@ -153,6 +194,59 @@ std::uint16_t echo_identifier() {
 Transfer receive(int receiver, std::span<std::uint8_t> buffer) {
     const auto length = recv(receiver, buffer.data(), buffer.size(), MSG_DONTWAIT);
     return {.count = static_cast<int>(length), .error = length < 0 ? errno : 0};
+}
+
+Transfer receive_many(int receiver, std::span<PacketFront> places) {
+    constexpr std::size_t most_at_once = 64;
+    std::array<mmsghdr, most_at_once> messages{};
+    std::array<iovec, most_at_once> fronts;
+    const std::size_t count = std::min(places.size(), most_at_once);
+    for (std::size_t i = 0; i < count; ++i) {
+        fronts[i] = {places[i].bytes.data(), places[i].bytes.size()};
+        messages[i].msg_hdr.msg_iov = &fronts[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    const int taken =
+        recvmmsg(receiver, messages.data(), static_cast<unsigned>(count), MSG_DONTWAIT, nullptr);
+    for (std::size_t i = 0; std::cmp_less(i, taken); ++i) {
+        places[i].size = messages[i].msg_len;
+    }
+    return {.count = taken, .error = taken < 0 ? errno : 0};
+}
+
+// The kernel counts the buffer that a packet lies in (socket(7), SO_RCVBUF): a page for those of
+// some network drivers, and never less than the two structures that describe one.
+namespace {
+
+constexpr int largest_packet = 4096;
+constexpr int smallest_packet = 512;
+constexpr int least_room = 4 << 20;  // what comes unasked must not take the place of replies
+constexpr int most_room = 256 << 20;
+
+}  // namespace
+
+ReceiverRoom make_room(int receiver, int packets) {
+    const std::int64_t asked = std::int64_t{packets} * largest_packet;
+    const auto wanted = static_cast<int>(std::clamp<std::int64_t>(asked, least_room, most_room));
+    const int half = wanted / 2;  // the kernel doubles what it is given
+    if (setsockopt(receiver, SOL_SOCKET, SO_RCVBUFFORCE, &half, sizeof half) != 0) {
+        setsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &half, sizeof half);
+    }
+    ReceiverRoom room{.wanted = wanted, .granted = 0};
+    socklen_t size = sizeof room.granted;
+    getsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &room.granted, &size);
+    return room;
+}
+
+int most_packets_in(const ReceiverRoom& room) {
+    return room.granted / smallest_packet;
+}
+
+std::uint32_t dropped_packets(int receiver) {
+    std::array<std::uint32_t, SK_MEMINFO_VARS> counts{};
+    socklen_t size = sizeof counts;
+    getsockopt(receiver, SOL_SOCKET, SO_MEMINFO, counts.data(), &size);
+    return counts[SK_MEMINFO_DROPS];
 }
 
 Bell::Bell() : number_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
@@ -199,6 +293,9 @@ void watch_receiver(int receiver, const ReceiverWatch& watch) {
         if (poll(&readable, 1, -1) <= 0 || (readable.revents & POLLNVAL) != 0) {
             watch.on_wait_failed();
             return;
+        }
+        if (watch.rest_ms > 0) {
+            sleep_ms(watch.rest_ms);
         }
         if (!watch.on_readable()) {
             return;

@@ -4,6 +4,7 @@
 #include "host/files.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "host/simulated/simulation.h"
@@ -55,8 +56,15 @@ FILE* stream_of(std::string text) {
 }  // namespace
 
 File open_file(const std::string& path, const char* mode) {
-    auto& files = Simulation::current().files;
+    Simulation& simulation = Simulation::current();
+    auto& files = simulation.files;
+    if (simulation.fails(*mode == 'w' ? Simulation::Call::write_file
+                                      : Simulation::Call::read_file)) {
+        errno = EMFILE;
+        return nullptr;
+    }
     if (*mode == 'w') {
+        ++simulation.writings[path];
         files[path].clear();
         return File(
             fopencookie(new Written{path}, "w",
@@ -72,7 +80,7 @@ std::chrono::nanoseconds modification_time(FILE* /*file*/) {
 }
 
 int make_directory(const std::string& /*path*/) {
-    return 0;
+    return Simulation::current().fails(Simulation::Call::make_directory) ? EROFS : 0;
 }
 
 void remove_file(const std::string& path) {
@@ -82,6 +90,9 @@ void remove_file(const std::string& path) {
 // The daemon runs "cat FILE 2>/dev/null" to read; whatever else it runs has no output.
 FILE* open_command(const std::string& command, const char* mode) {
     Simulation& simulation = Simulation::current();
+    if (simulation.fails(Simulation::Call::command)) {
+        return nullptr;
+    }
     simulation.commands.push_back(command);
     if (*mode == 'w') {
         return fopencookie(new Read, "w",

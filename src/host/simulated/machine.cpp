@@ -24,9 +24,14 @@ Simulation& machine() {
 constexpr std::uint16_t ipv4_family = 4;
 constexpr std::uint16_t ipv6_family = 6;
 
+using Call = Simulation::Call;
+
 }  // namespace
 
 Link ask_link(const std::string& ifname) {
+    if (machine().fails(Call::link)) {
+        return {.failed = Link::Step::mac, .error = ENODEV};
+    }
     const Simulation::Link* link = machine().find_link(ifname);
     if (link == nullptr) {
         return {.failed = Link::Step::mac, .error = ENODEV};
@@ -35,6 +40,9 @@ Link ask_link(const std::string& ifname) {
 }
 
 PrimaryAddress primary_address(const std::string& ifname) {
+    if (machine().fails(Call::primary_address)) {
+        return {.error = EADDRNOTAVAIL};
+    }
     const Simulation::Link* link = machine().find_link(ifname);
     if (link == nullptr) {
         return {.error = ENODEV};
@@ -50,6 +58,9 @@ PrimaryAddress primary_address(const std::string& ifname) {
 PeerRequest::PeerRequest(bool is_ipv6) : family(is_ipv6 ? ipv6_family : ipv4_family) {}
 
 int ask_peer(const std::string& ifname, PeerRequest& request) {
+    if (machine().fails(Call::peer)) {
+        return EADDRNOTAVAIL;
+    }
     const Simulation::Link* link = machine().find_link(ifname);
     const auto peer = link == nullptr ? std::nullopt : parse_ipv4(link->peer);
     if (!peer) {
@@ -61,6 +72,9 @@ int ask_peer(const std::string& ifname, PeerRequest& request) {
 }
 
 std::optional<std::vector<InterfaceAddress>> interface_addresses() {
+    if (machine().fails(Call::addresses)) {
+        return std::nullopt;
+    }
     std::vector<InterfaceAddress> addresses;
     for (const auto& [name, link] : machine().in_force().links) {
         for (const std::string& text : link.addresses) {
@@ -101,6 +115,9 @@ bool AddressMonitor::has_changed() {
 
 Resolved resolve(const std::string& name, bool is_ipv6) {
     constexpr int unknown_name = 1;
+    if (machine().fails(Call::resolve)) {
+        return {.status = unknown_name};
+    }
     const auto ipv4 = parse_ipv4(name);
     const auto ipv6 = parse_ipv6(name);
     Resolved resolved;
@@ -115,6 +132,9 @@ std::string resolver_text(int /*status*/) {
 }
 
 ArpEntry ask_arp_entry(const Ipv4Bytes& address, const std::string& ifname) {
+    if (machine().fails(Call::arp_entry)) {
+        return {.state = ArpEntry::State::no_socket, .error = ENFILE};
+    }
     if (machine().find_link(ifname) == nullptr) {
         return {.state = ArpEntry::State::refused, .error = ENODEV};
     }
@@ -128,6 +148,9 @@ ArpEntry ask_arp_entry(const Ipv4Bytes& address, const std::string& ifname) {
 
 ArpWritten write_arp_entry(const Ipv4Bytes& address, std::span<const std::uint8_t> hardware,
                            const std::string& ifname) {
+    if (machine().fails(Call::write_arp_entry)) {
+        return ArpWritten::refused;
+    }
     if (machine().find_link(ifname) == nullptr) {
         return ArpWritten::refused;
     }
@@ -138,6 +161,9 @@ ArpWritten write_arp_entry(const Ipv4Bytes& address, std::span<const std::uint8_
 }
 
 std::optional<std::vector<Neighbor>> dump_neighbors() {
+    if (machine().fails(Call::neighbours)) {
+        return std::nullopt;
+    }
     std::vector<Neighbor> neighbors;
     for (const auto& [place, mac] : machine().neighbours) {
         const auto& [ns_name, ifname, address] = place;
@@ -149,7 +175,8 @@ std::optional<std::vector<Neighbor>> dump_neighbors() {
 }
 
 bool write_neighbor(const std::string& address, const std::string& ifname, const MacAddress& mac) {
-    if (machine().find_link(ifname) == nullptr || !parse_ipv6(address)) {
+    if (machine().fails(Call::write_neighbour) || machine().find_link(ifname) == nullptr ||
+        !parse_ipv6(address)) {
         return false;
     }
     machine().neighbours[{machine().namespace_in_force, ifname, address}] = mac;
@@ -174,8 +201,23 @@ ConnectionTracking& ConnectionTracking::operator=(ConnectionTracking&&) noexcept
 
 bool ConnectionTracking::enter_echo(const std::string& source, const std::string& destination,
                                     bool /*is_ipv6*/, std::uint16_t /*identifier*/) {
+    if (machine().fails(Call::track)) {
+        return false;
+    }
     machine().tracked_echoes.emplace(source, destination);
     return true;
+}
+
+void ConnectionTracking::enter_echoes(std::span<TrackedEcho> echoes, std::uint16_t identifier) {
+    const auto text = [](const TrackedEcho& echo, const Ipv6Bytes& address) {
+        Ipv4Bytes ipv4{};
+        std::copy_n(address.begin(), ipv4.size(), ipv4.begin());
+        return echo.is_ipv6 ? to_text(address).text : to_text(ipv4);
+    };
+    for (TrackedEcho& echo : echoes) {
+        echo.is_entered = enter_echo(text(echo, echo.source), text(echo, echo.destination),
+                                     echo.is_ipv6, identifier);
+    }
 }
 
 }  // namespace host

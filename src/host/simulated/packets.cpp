@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <set>
 
 #include "base/address_text.h"
@@ -17,13 +18,19 @@ namespace {
 using Kind = Simulation::Socket::Kind;
 
 OpenedSocket open(Kind kind, bool is_ipv6) {
+    if (Simulation::current().fails(Simulation::Call::open_socket)) {
+        return {.number = -1, .error = ENFILE};
+    }
     const int number = Simulation::current().open({.kind = kind, .is_ipv6 = is_ipv6});
     return {.number = number, .error = 0};
 }
 
 /// Hands a packet to the network by `take`, which gives its error.
 template <class Take>
-Transfer send(int number, std::span<const std::uint8_t> packet, Take take) {
+Transfer send(Simulation::Call call, int number, std::span<const std::uint8_t> packet, Take take) {
+    if (Simulation::current().fails(call)) {
+        return {.count = -1, .error = ENOBUFS};
+    }
     const Simulation::Socket* socket = Simulation::current().find(number);
     const int error = socket == nullptr ? EBADF : take(*socket);
     return {.count = error == 0 ? static_cast<int>(packet.size()) : -1, .error = error};
@@ -58,22 +65,38 @@ void close_socket(int number) {
 
 Transfer send_frame(int frame_sender, int interface_index, const MacAddress& /*own_mac*/,
                     std::span<const std::uint8_t> frame) {
-    return send(frame_sender, frame, [&](const Simulation::Socket& socket) {
-        return Simulation::current().take_frame(socket, interface_index, frame);
-    });
+    return send(Simulation::Call::send_frame, frame_sender, frame,
+                [&](const Simulation::Socket& socket) {
+                    return Simulation::current().take_frame(socket, interface_index, frame);
+                });
+}
+
+Transfer send_frames(int frame_sender, std::span<const OutgoingFrame> frames) {
+    int sent = 0;
+    for (const OutgoingFrame& one : frames) {
+        const Transfer transfer =
+            send_frame(frame_sender, one.interface_index, one.own_mac, one.frame);
+        if (transfer.count < 0) {
+            return {.count = sent, .error = transfer.error};
+        }
+        ++sent;
+    }
+    return {.count = sent, .error = 0};
 }
 
 Transfer send_echo(int echo_sender, const Ipv4Bytes& to, std::span<const std::uint8_t> message) {
-    return send(echo_sender, message, [&](const Simulation::Socket& socket) {
-        return Simulation::current().take_echo(socket, to_text(to), message);
-    });
+    return send(Simulation::Call::send_echo, echo_sender, message,
+                [&](const Simulation::Socket& socket) {
+                    return Simulation::current().take_echo(socket, to_text(to), message);
+                });
 }
 
 Transfer send_echo6(int echo_sender, const Ipv6Bytes& to, std::uint32_t /*scope*/,
                     std::span<const std::uint8_t> message) {
-    return send(echo_sender, message, [&](const Simulation::Socket& socket) {
-        return Simulation::current().take_echo(socket, to_text(to).text, message);
-    });
+    return send(Simulation::Call::send_echo, echo_sender, message,
+                [&](const Simulation::Socket& socket) {
+                    return Simulation::current().take_echo(socket, to_text(to).text, message);
+                });
 }
 
 int bind_to_interface(int number, const std::string& ifname) {
@@ -81,7 +104,8 @@ int bind_to_interface(int number, const std::string& ifname) {
     if (socket == nullptr) {
         return EBADF;
     }
-    if (Simulation::current().find_link(ifname) == nullptr) {
+    if (Simulation::current().fails(Simulation::Call::bind) ||
+        Simulation::current().find_link(ifname) == nullptr) {
         return ENODEV;
     }
     socket->bound_to = ifname;
@@ -100,11 +124,42 @@ Transfer receive(int receiver, std::span<std::uint8_t> buffer) {
     if (socket->waiting.empty()) {
         return {.count = -1, .error = EAGAIN};
     }
+    const bool is_reply = socket->kind == Kind::reply_receiver;
+    if (Simulation::current().fails(is_reply ? Simulation::Call::receive_reply
+                                             : Simulation::Call::receive_answer)) {
+        return {.count = -1, .error = ENOMEM};
+    }
     const auto packet = std::move(socket->waiting.front());
     socket->waiting.pop_front();
     const std::size_t taken = std::min(packet.size(), buffer.size());
     std::copy_n(packet.begin(), taken, buffer.begin());
     return {.count = static_cast<int>(taken), .error = 0};
+}
+
+Transfer receive_many(int receiver, std::span<PacketFront> places) {
+    int count = 0;
+    for (PacketFront& place : places) {
+        const Transfer taken = receive(receiver, place.bytes);
+        if (taken.count < 0) {
+            return count == 0 ? taken : Transfer{.count = count, .error = 0};
+        }
+        place.size = static_cast<std::size_t>(taken.count);
+        ++count;
+    }
+    return {.count = count, .error = 0};
+}
+
+// A simulated receiver holds whatever comes.
+ReceiverRoom make_room(int /*receiver*/, int packets) {
+    return {.wanted = packets, .granted = packets};
+}
+
+int most_packets_in(const ReceiverRoom& /*room*/) {
+    return std::numeric_limits<int>::max();
+}
+
+std::uint32_t dropped_packets(int /*receiver*/) {
+    return 0;
 }
 
 Bell::Bell() {

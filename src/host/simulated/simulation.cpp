@@ -71,7 +71,12 @@ Simulation::Link& Simulation::add_link(const std::string& name, const std::strin
     }
     Link& link = namespaces[ns_name].links[name];
     link.index = highest + 1;
-    link.mac = {2, 0, 0, 0, 1, static_cast<std::uint8_t>(link.index)};
+    link.mac = {2,
+                0,
+                0,
+                1,
+                static_cast<std::uint8_t>(link.index >> 8),
+                static_cast<std::uint8_t>(link.index)};
     return link;
 }
 
@@ -166,29 +171,94 @@ void Simulation::deliver(const std::string& ns_name, Socket::Kind kind, bool is_
 
 // Packets that leave
 
-bool Simulation::is_lost(const Target& target) {
-    // A linear congruential generator (Knuth's constants): the same in every build.
-    random_ = random_ * 6364136223846793005ULL + 1442695040888963407ULL;
-    return static_cast<int>((random_ >> 33U) % 100) < target.lost_of_hundred;
+namespace {
+
+/// Scatters the bits of a number (the finalizer of SplitMix64): the same in every build.
+std::uint64_t scattered(std::uint64_t bits) {
+    bits = (bits ^ (bits >> 30U)) * 0xbf58476d1ce4e5b9ULL;
+    bits = (bits ^ (bits >> 27U)) * 0x94d049bb133111ebULL;
+    return bits ^ (bits >> 31U);
 }
 
+/// The draws of one echo: a number from its seed, its way and its moment, scattered anew for each.
+class Draws {
+  public:
+    Draws(std::uint64_t seed, const std::string& link, const std::string& target,
+          std::int64_t moment_us)
+        : state_(scattered(seed + 0x9e3779b97f4a7c15ULL)) {
+        for (const std::string* text : {&link, &target}) {
+            for (const char character : *text) {
+                state_ = (state_ ^ static_cast<std::uint8_t>(character)) * 0x100000001b3ULL;
+            }
+            state_ = scattered(state_);
+        }
+        state_ = scattered(state_ ^ static_cast<std::uint64_t>(moment_us));
+    }
+    /// True for that share of the draws. Each call is a draw of its own, also where none is needed,
+    /// so that a share that changes moves no other draw.
+    bool is_within(double of_hundred) {
+        return static_cast<double>(next() % 1'000'000) < of_hundred * 10'000;
+    }
+    /// From -`most` to `most`.
+    std::int64_t spread(std::int64_t most) {
+        const auto width = static_cast<std::uint64_t>(2 * most + 1);
+        return static_cast<std::int64_t>(next() % width) - most;
+    }
+
+  private:
+    std::uint64_t next() { return scattered(state_ += 0x9e3779b97f4a7c15ULL); }
+
+    std::uint64_t state_;
+};
+
+}  // namespace
+
+bool Simulation::fails(Call call) {
+    if (faults.of_hundred <= 0 || !faults.calls.contains(call)) {
+        return false;
+    }
+    const std::uint64_t drawn = scattered(seed_ ^ scattered(++fault_draws_));
+    return static_cast<double>(drawn % 1'000'000) < faults.of_hundred * 10'000;
+}
+
+template <class Reply>
 void Simulation::answer_echo(const std::string& ns_name, const std::string& link,
-                             const std::string& target, std::function<Packet()> reply,
-                             bool is_ipv6) {
+                             const std::string& target, Reply reply, bool is_ipv6) {
     ++echoes_sent;
-    const auto& targets = namespaces[ns_name].targets;
-    const auto found = targets.find(target);
-    if (found == targets.end() || !found->second.answers ||
-        found->second.cut_links.contains(link) || is_lost(found->second)) {
+    const Namespace& space = namespaces[ns_name];
+    const auto found = space.targets.find(target);
+    const Weather& weather = space.links.at(link).weather[is_ipv6 ? 1 : 0];
+    if (found == space.targets.end() || !found->second.answers || !weather.passes ||
+        found->second.cut_links.contains(link)) {
         return;
     }
-    after_us(found->second.delay_ms * 1000, [this, ns_name, link, is_ipv6, packet = reply()] {
+    Draws draws(seed_, link, target, now_us_);
+    if (draws.is_within(found->second.lost_of_hundred) ||
+        draws.is_within(weather.lost_of_hundred)) {
+        return;
+    }
+    const std::int64_t jitter_us =
+        draws.spread(found->second.jitter_ms * 1000) + draws.spread(weather.jitter_ms * 1000);
+    const bool is_doubled = draws.is_within(weather.doubled_of_hundred);
+    constexpr std::int64_t held_back_us = 1'100'000;  // the next cycle's answer passes it
+    const std::int64_t held_us = draws.is_within(weather.held_back_of_hundred) ? held_back_us : 0;
+    const std::int64_t delay_us =
+        std::max<std::int64_t>(0, (found->second.delay_ms + weather.delay_ms) * 1000 + jitter_us) +
+        held_us;
+    if (on_answer) {
+        on_answer({ns_name, link, target, is_ipv6, delay_us});
+    }
+    const auto arrive = [this, ns_name, link, is_ipv6, packet = reply()] {
         const auto& links = namespaces[ns_name].links;
         const auto way_back = links.find(link);
         if (way_back != links.end() && way_back->second.is_up) {
             deliver(ns_name, Socket::Kind::reply_receiver, is_ipv6, packet);
         }
-    });
+    };
+    after_us(delay_us, arrive);
+    if (is_doubled) {
+        after_us(delay_us + 1000, arrive);
+    }
 }
 
 int Simulation::take_frame(const Socket& socket, int index, std::span<const std::uint8_t> frame) {
@@ -208,9 +278,10 @@ int Simulation::take_frame(const Socket& socket, int index, std::span<const std:
     const std::string ns_name = socket.ns_name;
     const auto ethernet = read_at<EthernetHeader>(frame, 0);
     const auto is_reachable = [&link, &ethernet] {
-        return std::any_of(
-            link.next_hops.begin(), link.next_hops.end(),
-            [&ethernet](const auto& hop) { return hop.second.mac == ethernet.destination; });
+        return std::any_of(link.next_hops.begin(), link.next_hops.end(),
+                           [&ethernet](const auto& hop) {
+                               return hop.second.mac == ethernet.destination && hop.second.forwards;
+                           });
     };
     if (ethernet.ethertype == ethertype_arp && frame.size() == sizeof(ArpFrame)) {
         ++solicitations_sent;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -37,7 +38,19 @@ class Simulation {
     /// A next hop on a link: it answers for its address, and forwards echoes to targets behind it.
     struct NextHop {
         MacAddress mac{};
-        bool answers = true;  ///< ARP requests or neighbour solicitations
+        bool answers = true;   ///< ARP requests or neighbour solicitations
+        bool forwards = true;  ///< what is sent to its MAC
+    };
+    /// What happens to the echoes of one family behind a link. Shares are drawn from the seed, the
+    /// link, the target and the moment alone: whoever asks at one moment meets the same, in
+    /// whatever order uplinks are served and whatever was asked before.
+    struct Weather {
+        bool passes = true;
+        double lost_of_hundred = 0;       ///< requests without an answer
+        std::int64_t delay_ms = 0;        ///< on top of the target's
+        std::int64_t jitter_ms = 0;       ///< the delay is that much longer or shorter at most
+        double doubled_of_hundred = 0;    ///< answers that come a second time
+        double held_back_of_hundred = 0;  ///< answers that those of the next cycle overtake
     };
     /// A link with what lies behind it. Names of next hops and addresses are texts as the host
     /// prints them.
@@ -48,11 +61,13 @@ class Simulation {
         std::string peer;                    ///< of a point-to-point link; empty for none
         bool is_up = true;                   ///< else nothing passes, and sends fail
         std::map<std::string, NextHop> next_hops;
+        std::array<Weather, 2> weather{};  ///< of IPv4, of IPv6
     };
     /// Who answers echo requests, and how. A next hop is a target too where it is entered here.
     struct Target {
         std::int64_t delay_ms = 10;  ///< of the round trip
-        int lost_of_hundred = 0;     ///< requests without an answer, by the seed
+        std::int64_t jitter_ms = 0;  ///< as of the weather, added to it
+        double lost_of_hundred = 0;  ///< requests without an answer, by the seed
         bool answers = true;
         std::set<std::string> cut_links;  ///< links through which no answer comes
     };
@@ -80,8 +95,39 @@ class Simulation {
     /// expects them.
     RoutingDaemon& add_routing_daemon(int process, bool is_ipv6, const std::string& ns_name = "");
 
-    /// For the losses. Set it before the first step.
-    void set_seed(std::uint64_t seed) { random_ = seed; }
+    /// For all that is drawn. Set it before the first step.
+    void set_seed(std::uint64_t seed) { seed_ = seed; }
+
+    /// The calls of the host that can be made to fail.
+    enum class Call {
+        open_socket,
+        send_frame,
+        send_echo,
+        bind,
+        receive_reply,   ///< to an echo
+        receive_answer,  ///< of a next hop
+        link,
+        primary_address,
+        peer,
+        addresses,
+        resolve,
+        arp_entry,
+        write_arp_entry,
+        neighbours,
+        write_neighbour,
+        track,
+        read_file,
+        write_file,
+        make_directory,
+        command,
+    };
+    struct Faults {
+        std::set<Call> calls;
+        double of_hundred = 0;  ///< of these calls fail, by the seed
+    };
+    Faults faults;  ///< none at first; a driver changes it at any moment
+    /// Draws whether this call fails.
+    bool fails(Call call);
 
     // ---- what the driver reads
 
@@ -95,6 +141,17 @@ class Simulation {
     int keep_alives = 0;                ///< that went on to the watchdog
     int echoes_sent = 0;
     int solicitations_sent = 0;  ///< ARP requests and neighbour solicitations
+    /// Called for each answer that the network will deliver, with its delay; none at first.
+    struct Answer {
+        const std::string& ns_name;
+        const std::string& link;
+        const std::string& target;
+        bool is_ipv6 = false;
+        std::int64_t delay_us = 0;
+    };
+    std::function<void(const Answer&)> on_answer;
+    /// How often files were opened for writing, by path.
+    std::map<std::string, int> writings;
 
     // ---- time
 
@@ -102,6 +159,9 @@ class Simulation {
     /// Lets time pass; what is due meanwhile happens.
     void pass_us(std::int64_t duration_us);
     void pass_s(std::int64_t duration_s) { pass_us(duration_s * 1'000'000); }
+    /// Enters what is to happen after that time. What is entered first happens first within one
+    /// moment. It may happen while the daemon waits within one of its steps.
+    void after_us(std::int64_t delay_us, std::function<void()> happens);
     static constexpr std::int64_t epoch_s = 1'800'000'000;  ///< wall clock when the machine began
 
     /// The namespace that the daemon's calls belong to; `host::enter_namespace` moves it. A driver
@@ -141,15 +201,15 @@ class Simulation {
     std::set<std::pair<std::string, std::string>> tracked_echoes;  ///< (source, destination)
 
   private:
-    void after_us(std::int64_t delay_us, std::function<void()> happens);
     void deliver(const std::string& ns_name, Socket::Kind kind, bool is_ipv6,
                  const std::vector<std::uint8_t>& packet);
+    template <class Reply>
     void answer_echo(const std::string& ns_name, const std::string& link, const std::string& target,
-                     std::function<std::vector<std::uint8_t>()> reply, bool is_ipv6);
-    bool is_lost(const Target& target);
+                     Reply reply, bool is_ipv6);
 
     std::int64_t now_us_ = 1'000'000'000;
-    std::uint64_t random_ = 1;
+    std::uint64_t seed_ = 1;
+    std::uint64_t fault_draws_ = 0;
     std::map<int, Socket> sockets_;
     int last_socket_ = 100;
     /// What will happen, by moment and, within one, in the order of its entering.

@@ -13,6 +13,8 @@
     lb_lease        the program that writes lease files, and its adapters where the package has them
     dhcp            a real DHCP server, and the real clients
     lbroute         the program that puts fragments into force, and the kernel's routes
+    lbwatch         the program that follows the daemon, and dumps written by script
+    browser         a real browser, driven over HTTP
     lbshow          what the companion program shows of the daemon
     routing_daemon  the captured routing daemon and the real one
     newer_bird      the routing daemons bird 2 and 3

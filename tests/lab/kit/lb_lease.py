@@ -6,6 +6,7 @@ import subprocess
 
 from . import sandbox
 from .daemon import ROOT, binary
+from .routing_daemon import text_of
 
 LB_LEASE = os.path.join(os.path.dirname(binary()), "lb-lease")
 LEASE, LEASE6 = "/var/db/dhclient_gi1_1.leases", "/var/db/dhcp6_clientgi1_1.leases"
@@ -49,15 +50,6 @@ def run(*arguments, environment=None):
     done = subprocess.run([LB_LEASE, *arguments], env={**os.environ, **(environment or {})}, text=True, check=False,
                           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
     return done.returncode, done.stdout
-
-
-def text_of(path):
-    """A lease file's text, None where there is none."""
-    try:
-        with open(path, encoding="utf-8") as file:
-            return file.read()
-    except FileNotFoundError:
-        return None
 
 
 def put(path, text):

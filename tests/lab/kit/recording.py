@@ -8,6 +8,8 @@ import time
 from . import packets
 
 ALL_FRAMES = 0x0003
+SO_RCVBUFFORCE = 33
+ROOM = 8 << 20
 LONGEST_FRAME = 65535
 
 
@@ -58,6 +60,8 @@ class Recording:
 def packet_socket(namespace, interface):
     """A socket that sees every frame of an interface, closed by the caller."""
     link = namespace.socket(socket.AF_PACKET, socket.SOCK_RAW, 0)
+    # The probes of a whole pass may wait here until a thread comes to read them.
+    link.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, ROOM)
     with namespace.inside():
         link.bind((interface, ALL_FRAMES))
     return link

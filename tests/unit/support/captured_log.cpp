@@ -34,6 +34,14 @@ void capture(int severity, const char* line) {
 
 }  // namespace
 
+std::vector<LogLine> errors(std::initializer_list<const char*> texts) {
+    std::vector<LogLine> lines;
+    for (const char* text : texts) {
+        lines.push_back({4, err + text});
+    }
+    return lines;
+}
+
 CapturedLog::CapturedLog() {
     set_log_sink(capture);
 }

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <stdexcept>
 #include <utility>
 
@@ -112,6 +113,7 @@ class Watch {
 ChildEnd run_after(const std::function<bool()>& prepare, const std::function<void()>& body,
                    Fd log) {
     Pipe standard_error = make_pipe();
+    fflush(nullptr);  // or the child ends by writing what this process has still to write
     const pid_t child = fork();
     if (child < 0) {
         throw std::runtime_error("no child process");

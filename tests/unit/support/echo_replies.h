@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <stdexcept>
@@ -58,4 +59,19 @@ inline Bytes reply4(std::uint32_t word, std::uint8_t type = 0) {
 inline Bytes reply6(std::uint32_t word, std::uint8_t type = 129) {
     const Bytes whole = reply4(word, type);
     return {whole.begin() + 20, whole.end()};
+}
+
+/// A neighbour advertisement of 2001:db8::1 with its MAC 02:..:09 as first option, from the
+/// Ethernet header on.
+inline Bytes advertisement() {
+    Bytes frame(86);
+    frame[12] = 0x86;
+    frame[13] = 0xdd;
+    frame[20] = 58;
+    frame[54] = 136;
+    const Bytes target{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    std::copy(target.begin(), target.end(), frame.begin() + 62);
+    frame[80] = 2;
+    frame[85] = 9;
+    return frame;
 }

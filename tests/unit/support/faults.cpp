@@ -302,6 +302,16 @@ ssize_t __wrap_recvmsg(int fd, msghdr* message, int flags) {
     return through<Call::recvmsg>(__real_recvmsg, fd, message, flags);
 }
 
+decltype(sendmmsg) __real_sendmmsg;
+int __wrap_sendmmsg(int fd, mmsghdr* messages, unsigned count, int flags) {
+    return through<Call::sendmmsg>(__real_sendmmsg, fd, messages, count, flags);
+}
+
+decltype(recvmmsg) __real_recvmmsg;
+int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned count, int flags, timespec* patience) {
+    return through<Call::recvmmsg>(__real_recvmmsg, fd, messages, count, flags, patience);
+}
+
 decltype(setns) __real_setns;
 int __wrap_setns(int fd, int type) {
     return through<Call::setns>(__real_setns, fd, type);

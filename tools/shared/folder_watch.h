@@ -9,7 +9,7 @@
 /// Tells which files of some folders may have changed, by inotify(7). A folder that is not there is
 /// noticed when it is made, also with the folders above it; one that is removed and made again is
 /// followed. One thread's own.
-namespace lbroute {
+namespace shared {
 
 class FolderWatch {
   public:
@@ -19,6 +19,9 @@ class FolderWatch {
 
     /// From now on exactly these folders.
     void watch(const std::set<std::string>& folders);
+
+    /// Whether changes in this folder are noticed: it is there, and the kernel gave a watch.
+    bool sees(const std::string& folder) const;
 
     struct Changes {
         std::set<std::string> paths;  ///< files that were written, renamed or removed
@@ -41,4 +44,4 @@ class FolderWatch {
     std::map<int, Watched> watched_;
 };
 
-}  // namespace lbroute
+}  // namespace shared

@@ -1,15 +1,16 @@
-#include "lbroute/folder_watch.h"
+#include "shared/folder_watch.h"
 
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <set>
 
-namespace lbroute {
+namespace shared {
 
 namespace {
 
@@ -25,6 +26,12 @@ void FolderWatch::watch(const std::set<std::string>& folders) {
         folders_ = folders;
         refresh();
     }
+}
+
+bool FolderWatch::sees(const std::string& folder) const {
+    return std::any_of(watched_.begin(), watched_.end(), [&folder](const auto& entry) {
+        return entry.second.is_own && entry.second.folder == folder;
+    });
 }
 
 void FolderWatch::refresh() {
@@ -122,4 +129,4 @@ FolderWatch::Changes FolderWatch::drain() {
     return changes;
 }
 
-}  // namespace lbroute
+}  // namespace shared

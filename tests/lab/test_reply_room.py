@@ -1,0 +1,79 @@
+"""More answers at once than a socket holds by default, while the daemon cannot read: none is lost.
+
+    router                                          far
+      gi1_1 192.0.2.10/24, 2001:db8::10/64 -------- scripted peer, answers for 400 targets
+"""
+import os
+import signal
+
+from kit import Conf, LabTest, expect, main, ping
+from scenes import ACTIVE, GATEWAY, INACTIVE, PREFIX, ROUTER
+from scenes6 import ACTIVE6, FAR_MAC, GATEWAY6, INACTIVE6, PREFIX6, ROUTER6
+
+TARGETS = 400
+RESP_TIME_MS = 60_000  # a lost answer leaves its target unasked for the length of the test
+
+
+class Burst:
+    """Holds answers back until every target was asked, stops the daemon, and gives them all."""
+
+    def __init__(self, pid):
+        self._pid = pid
+        self._held = []
+        self.is_given = False
+
+    def __call__(self, request, _number):
+        if self.is_given:
+            return [(0.0, request.reply())]
+        self._held.append((0.0, request.reply()))
+        if len(self._held) < TARGETS:
+            return []
+        os.kill(self._pid, signal.SIGSTOP)
+        self.is_given = True
+        return self._held
+
+
+class ReplyRoom(LabTest):
+    def drops(self, table):
+        """What the reply sockets of the namespace lost, by the kernel's own count."""
+        rows = self.lab.router.run("cat", f"/proc/net/{table}").splitlines()[1:]
+        return sum(int(row.split()[-1]) for row in rows)
+
+    def assert_burst_is_read(self, conf, peer, active, inactive, table):
+        daemon = self.lab.start(conf)
+        expect(lambda: self.lab.log.count(active) == 1)
+        told = self.lab.log.count(inactive)
+
+        peer.echo = burst = Burst(daemon.pid)
+        expect(lambda: burst.is_given, what="every target asked in vain")
+        answered = len(peer.recording.frames(sent=True)) + TARGETS
+        try:
+            expect(lambda: len(peer.recording.frames(sent=True)) >= answered)
+        finally:
+            os.kill(daemon.pid, signal.SIGCONT)
+        self.assertEqual(self.drops(table), 0)
+        before = len(peer.echo_requests())
+        expect(lambda: len({one.destination for one in peer.echo_requests()[before:]}) == TARGETS,
+               what="every target is asked again")
+        self.assertEqual(self.lab.log.count(inactive), told)
+        self.assertFalse([text for text in self.lab.log.texts() if "dropped unread" in text])
+
+    def test_answers_to_all_probes_at_once_are_read(self):
+        peer = self.lab.uplink("gi1_1", f"{ROUTER}/24", GATEWAY, known=True)
+        targets = [ping(f"198.51.{100 + i // 200}.{i % 200 + 1}", RESP_TIME_MS) for i in range(TARGETS)]
+        conf = (Conf().interface("gi1_1", nexthop=GATEWAY, probes=targets, check_all=True)
+                .rule("1_ipv4", {"gi1_1": 1}, {PREFIX: None}))
+        self.assert_burst_is_read(conf, peer, ACTIVE, INACTIVE, "raw")
+
+    def test_answers_to_all_ipv6_probes_at_once_are_read(self):
+        peer = self.lab.uplink("gi1_1", address6=f"{ROUTER6}/64", gateway6=GATEWAY6)
+        self.lab.router.ip(f"neigh replace {GATEWAY6} lladdr {FAR_MAC} dev gi1_1 nud permanent")
+        targets = [ping(f"2001:db8:1::{i + 1:x}", RESP_TIME_MS) for i in range(TARGETS)]
+        conf = (Conf().interface("gi1_1", nexthop=GATEWAY6, source=ROUTER6, probes=targets,
+                                 check_all=True, ipv6=True)
+                .rule("1_ipv6", interfaces6={"gi1_1": 1}, targets={PREFIX6: None}))
+        self.assert_burst_is_read(conf, peer, ACTIVE6, INACTIVE6, "raw6")
+
+
+if __name__ == "__main__":
+    main()

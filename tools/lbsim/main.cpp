@@ -1,0 +1,178 @@
+#include <cstdint>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "lbsim/draws.h"
+#include "lbsim/report.h"
+#include "lbsim/session.h"
+#include "lbsim/svg.h"
+#include <CLI/CLI.hpp>
+
+namespace {
+
+using namespace lbsim;
+
+struct Options {
+    std::string configuration;
+    std::string scenario;
+    std::string compared;
+    std::string duration;
+    std::string svg;
+    std::string kinds;
+    std::string mean_outage;
+    std::uint64_t seed = 1;
+    double days = 30;
+    Habits habits;
+    bool is_random = false;
+    bool as_json = false;
+};
+
+std::string valid_duration(const std::string& text) {
+    const auto duration_us = parse_duration(text);
+    return duration_us && *duration_us > 0
+               ? std::string()
+               : "'" + text + "' is no length of time, such as 90s, 10m, 1.5h or 30d";
+}
+
+/// What the operator should know before believing the answer.
+void warn(const Configuration& configuration) {
+    for (const std::string& message : configuration.loaded.messages) {
+        std::cerr << "lbsim: " << configuration.path << ": the loader says: " << message << '\n';
+    }
+    if (!configuration.loaded.without_worker.empty()) {
+        std::cerr << "lbsim: " << configuration.path
+                  << ": without a rule of their family, so not simulated: "
+                  << configuration.loaded.without_worker << '\n';
+    }
+}
+
+void print(const std::vector<Story>& stories, const Options& options) {
+    const Story& story = stories.front();
+    const Story* const other = stories.size() > 1 ? &stories[1] : nullptr;
+    if (options.as_json) {
+        std::cout << json_text(story, other);
+        return;
+    }
+    std::cout << head_text(story);
+    if (other != nullptr) {
+        std::cout << head_text(*other) << '\n' << comparison_text(story, *other);
+        return;
+    }
+    std::cout << '\n' << timeline_text(story) << '\n' << table_text(story);
+}
+
+/// What happens, and for how long where nobody says.
+struct Course {
+    Scenario scenario;
+    std::optional<std::int64_t> duration_us;
+};
+
+Course course_of(const Options& options, const std::vector<Uplink>& uplinks) {
+    const auto wanted_us = parse_duration(options.duration);
+    if (options.is_random) {
+        Habits habits = options.habits;
+        habits.mean_length_us = parse_duration(options.mean_outage).value_or(habits.mean_length_us);
+        if (!options.kinds.empty()) {
+            parse_kinds(options.kinds, habits);
+        }
+        const std::int64_t duration_us =
+            wanted_us.value_or(static_cast<std::int64_t>(options.days * 8.64e10));
+        return {draw_outages(uplinks, duration_us, habits, options.seed), duration_us};
+    }
+    if (options.scenario.empty()) {
+        return {single_failures(uplinks), wanted_us};
+    }
+    return {read_scenario(options.scenario, uplinks), wanted_us};
+}
+
+int run(const Options& options) {
+    std::vector<Configuration> configurations{load_configuration(options.configuration)};
+    std::vector<Uplink> uplinks = configurations.front().loaded.uplinks;
+    if (!options.compared.empty()) {
+        configurations.push_back(load_configuration(options.compared));
+        uplinks = slowest_of(uplinks, configurations.back().loaded.uplinks);
+    }
+    for (const Configuration& one : configurations) {
+        warn(one);
+    }
+    const Course course = course_of(options, uplinks);
+    const auto stories = run_all(configurations, course.scenario,
+                                 {.duration_us = course.duration_us, .seed = options.seed});
+    if (!options.svg.empty()) {
+        write_file(options.svg, svg_text(stories.front()));
+    }
+    print(stories, options);
+    std::cout.flush();
+    if (!std::cout) {
+        throw Unusable{"lbsim: standard output cannot be written\n"};
+    }
+    return 0;
+}
+
+void add_options(CLI::App& app, Options& options) {
+    app.add_option("CONF", options.configuration, "the configuration")->required();
+    auto* const scenario =
+        app.add_option("SCENARIO", options.scenario, "what happens, one event a line");
+    app.add_option("--for", options.duration,
+                   "how long: 90s, 10m, 30d; by default until the last event has been judged")
+        ->check(valid_duration);
+    app.add_option("--seed", options.seed, "of all that is drawn; 1 by default");
+    app.add_option("--compare", options.compared,
+                   "another configuration in the same world, and what differs");
+    app.add_flag("--json", options.as_json, "events and summary as a JSON object, for programs");
+    app.add_option("--svg", options.svg, "draw what was true and what the daemon held for true");
+    auto* const random =
+        app.add_flag("--random", options.is_random, "outages drawn from the seed, over days")
+            ->excludes(scenario);
+    app.add_option("--days", options.days, "of --random; 30 by default")
+        ->check(CLI::Range(0.01, 36500.0))
+        ->needs(random);
+    app.add_option("--outages-per-day", options.habits.outages_per_day,
+                   "of each uplink with --random; 4 by default")
+        ->check(CLI::Range(0.0, 10000.0))
+        ->needs(random);
+    app.add_option("--mean-outage", options.mean_outage,
+                   "mean length of an outage with --random; 2m by default")
+        ->check(valid_duration)
+        ->needs(random);
+    app.add_option("--kinds", options.kinds,
+                   "shares of the kinds of outages with --random; "
+                   "dead=5,link=1,loss=2,delay=1,target=1 by default")
+        ->check([](const std::string& text) {
+            Habits habits;
+            return parse_kinds(text, habits)
+                       ? std::string()
+                       : "'" + text + "' is not as dead=5,link=1,loss=2,delay=1,target=1";
+        })
+        ->needs(random);
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    Options options;
+    CLI::App app(
+        "Runs the balancing daemon on a simulated network under a virtual clock, and tells what "
+        "it would have done. Without a scenario: each single failure of an uplink or a target in "
+        "turn. Nothing of this machine is asked or changed. Exit status: 0, or 2 for errors.",
+        "lbsim");
+    app.set_version_flag("--version", "lbsim " LB_VERSION);
+    add_options(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    try {
+        return run(options);
+    } catch (const Unusable& unusable) {
+        std::cerr << unusable.text;
+        return 2;
+    } catch (const std::exception& failure) {
+        std::cerr << "lbsim: " << failure.what() << '\n';
+        return 2;
+    }
+}

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "lbsim/uplink.h"
+
+/// What happens to the simulated network, and when: the scenario file. Pure.
+namespace lbsim {
+
+enum class Family { any, ipv4, ipv6 };
+
+enum class Change {
+    dead,
+    alive,
+    loss,
+    delay,
+    duplicates,
+    reorder,
+    link_down,
+    link_up,
+    nexthop_dead,
+    nexthop_alive,
+    lease,
+    clean,
+};
+
+struct Event {
+    std::int64_t at_us = 0;
+    int line = 0;          ///< of the file; 0: it was drawn or made
+    std::string uplink{};  ///< empty: the target, through whatever uplink
+    Family family = Family::any;
+    std::string target{};  ///< empty: the uplink as a whole
+    Change change{};
+    double of_hundred = 0;  ///< of `loss`, `duplicates` and `reorder`
+    std::int64_t delay_ms = 0;
+    std::int64_t jitter_ms = 0;
+    std::string router{};  ///< of `lease`; empty: the lease file goes
+    std::string text{};    ///< where and what, as written
+};
+/// In the order of their moments, and within one as they were written.
+using Scenario = std::vector<Event>;
+
+struct ScenarioError {
+    int line = 0;
+    std::string word{};
+    std::string reason{};
+};
+
+struct ParsedScenario {
+    Scenario events{};
+    std::vector<ScenarioError> errors{};
+};
+ParsedScenario parse_scenario(std::string_view text);
+
+/// What the events name and the configuration does not have, or cannot have happen to it.
+std::vector<ScenarioError> check_scenario(const Scenario& events,
+                                          const std::vector<Uplink>& uplinks);
+
+/// "10s", "2m", "1.5h", "900ms", "30d": microseconds; nothing where it is none.
+std::optional<std::int64_t> parse_duration(std::string_view text);
+/// "1m 10s", "2.5s".
+std::string shown_duration(std::int64_t duration_us);
+
+/// An address as hosts print it; what is none stays as it is.
+std::string canonical(const std::string& address);
+
+/// Targets of both are canonical.
+bool concerns(const Event& event, const Uplink& uplink);
+
+/// Each single failure in turn: every uplink, then every target, each given the time that its
+/// slowest verdict takes, and the same to recover.
+Scenario single_failures(const std::vector<Uplink>& uplinks);
+
+/// The uplinks of both, each with the longer of its times: what is made for one configuration so
+/// fits the other.
+std::vector<Uplink> slowest_of(std::vector<Uplink> uplinks, const std::vector<Uplink>& others);
+
+/// How long a scenario is followed where nobody says: until every verdict about its last event is
+/// in.
+std::int64_t duration_of(const Scenario& events, const std::vector<Uplink>& uplinks);
+
+}  // namespace lbsim

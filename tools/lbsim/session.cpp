@@ -1,0 +1,119 @@
+#include "lbsim/session.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include "lbsim/apart.h"
+#include "lbsim/packed.h"
+
+namespace lbsim {
+
+namespace {
+
+void complain(const std::string& path) {
+    throw Unusable{"lbsim: " + path + ": " + strerror(errno) + '\n'};
+}
+
+std::string errors_text(const std::string& path, const std::vector<ScenarioError>& errors) {
+    std::string text;
+    for (const ScenarioError& error : errors) {
+        text += "lbsim: " + path + ":" + std::to_string(error.line) + ": " +
+                (error.word.empty() ? "at the end of the line" : "'" + error.word + "'") + ": " +
+                error.reason + '\n';
+    }
+    return text;
+}
+
+void require(const std::string& error) {
+    if (!error.empty()) {
+        throw Unusable{"lbsim: " + error + '\n'};
+    }
+}
+
+}  // namespace
+
+std::string read_file(const std::string& path) {
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "re"), fclose);
+    std::string text;
+    char buffer[65536];
+    std::size_t count = 0;
+    while (file != nullptr && (count = fread(buffer, 1, sizeof buffer, file.get())) > 0) {
+        text.append(buffer, count);
+    }
+    if (file == nullptr || ferror(file.get()) != 0) {
+        complain(path);
+    }
+    return text;
+}
+
+void write_file(const std::string& path, const std::string& text) {
+    std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "we"), fclose);
+    if (file == nullptr || fwrite(text.data(), 1, text.size(), file.get()) != text.size() ||
+        fclose(file.release()) != 0) {
+        complain(path);
+    }
+}
+
+Scenario read_scenario(const std::string& path, const std::vector<Uplink>& uplinks) {
+    ParsedScenario parsed = parse_scenario(read_file(path));
+    if (parsed.errors.empty()) {
+        parsed.errors = check_scenario(parsed.events, uplinks);
+    }
+    if (!parsed.errors.empty()) {
+        throw Unusable{errors_text(path, parsed.errors)};
+    }
+    return std::move(parsed.events);
+}
+
+Configuration load_configuration(const std::string& path) {
+    Configuration configuration{.path = path, .text = read_file(path), .loaded = {}};
+    const Apart apart = run_apart([&configuration] { return packed(load(configuration.text)); });
+    require(apart.error);
+    configuration.loaded = unpacked_loaded(apart.result);
+    if (configuration.loaded.uplinks.empty()) {
+        throw Unusable{"lbsim: " + path +
+                       ": nothing to simulate: no namespace has both an uplink and a rule of one "
+                       "family; lbcheck tells why\n"};
+    }
+    return configuration;
+}
+
+std::vector<Story> run_all(const std::vector<Configuration>& configurations,
+                           const Scenario& scenario, const Wanted& wanted) {
+    std::int64_t duration_us = 0;
+    for (const Configuration& one : configurations) {
+        duration_us = std::max(duration_us, duration_of(scenario, one.loaded.uplinks));
+    }
+    std::vector<std::function<std::string()>> tasks;
+    for (const Configuration& one : configurations) {
+        const Plan plan{.configuration = one.text,
+                        .scenario = scenario,
+                        .duration_us = wanted.duration_us.value_or(duration_us),
+                        .seed = wanted.seed,
+                        .success_ct = {},
+                        .failure_ct = {}};
+        tasks.emplace_back(
+            [plan, &uplinks = one.loaded.uplinks] { return packed(simulate(plan, uplinks)); });
+    }
+    const auto answers = run_apart(tasks);
+    std::vector<Story> stories;
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+        require(answers[i].error);
+        Story story{.configuration = configurations[i].path,
+                    .uplinks = configurations[i].loaded.uplinks,
+                    .scenario = scenario,
+                    .seed = wanted.seed,
+                    .run = unpacked_run(answers[i].result),
+                    .summary = {}};
+        story.summary = summarize(story.uplinks, story.scenario, story.run);
+        stories.push_back(std::move(story));
+    }
+    return stories;
+}
+
+}  // namespace lbsim

@@ -1,0 +1,118 @@
+#include "lbsim/truth.h"
+
+#include <set>
+#include <string>
+
+namespace lbsim {
+
+namespace {
+
+/// All that events can change of one uplink.
+struct State {
+    bool passes = true;
+    bool is_link_up = true;
+    bool is_nexthop_alive = true;
+    double lost_of_hundred = 0;
+    bool is_slow = false;
+    double doubled_of_hundred = 0;
+    double held_back_of_hundred = 0;
+    std::set<std::string> cut_targets;
+
+    void take(const Event& event);
+    Condition condition(const Uplink& uplink) const;
+};
+
+void State::take(const Event& event) {
+    if (!event.target.empty()) {
+        if (event.uplink.empty()) {
+            return;  // of the target, not of the uplink
+        }
+        if (event.change == Change::dead) {
+            cut_targets.insert(event.target);
+        } else {
+            cut_targets.erase(event.target);
+        }
+        return;
+    }
+    switch (event.change) {
+        case Change::dead:
+            passes = false;
+            break;
+        case Change::alive:
+            passes = true;
+            break;
+        case Change::loss:
+            lost_of_hundred = event.of_hundred;
+            break;
+        case Change::delay:
+            is_slow = event.delay_ms != 0 || event.jitter_ms != 0;
+            break;
+        case Change::duplicates:
+            doubled_of_hundred = event.of_hundred;
+            break;
+        case Change::reorder:
+            held_back_of_hundred = event.of_hundred;
+            break;
+        case Change::link_down:
+            is_link_up = false;
+            break;
+        case Change::link_up:
+            is_link_up = true;
+            break;
+        case Change::nexthop_dead:
+            is_nexthop_alive = false;
+            break;
+        case Change::nexthop_alive:
+            is_nexthop_alive = true;
+            break;
+        case Change::lease:
+            break;
+        case Change::clean:
+            *this = {};
+            break;
+    }
+}
+
+Condition State::condition(const Uplink& uplink) const {
+    const bool is_cut_off = !uplink.has_nexthop_as_target &&
+                            cut_targets.size() == uplink.targets.size() && !cut_targets.empty();
+    if (!passes || !is_link_up || !is_nexthop_alive || lost_of_hundred >= 100 || is_cut_off) {
+        return Condition::dead;
+    }
+    const bool is_impaired = lost_of_hundred > 0 || is_slow || doubled_of_hundred > 0 ||
+                             held_back_of_hundred > 0 || !cut_targets.empty();
+    return is_impaired ? Condition::impaired : Condition::good;
+}
+
+}  // namespace
+
+Truth truth_of(const Uplink& uplink, const Scenario& events) {
+    Truth truth{{}};
+    State state;
+    for (const Event& event : events) {
+        if (!concerns(event, uplink)) {
+            continue;
+        }
+        state.take(event);
+        const Condition condition = state.condition(uplink);
+        if (truth.back().from_us == event.at_us) {
+            truth.back().condition = condition;
+        } else if (truth.back().condition != condition) {
+            truth.push_back({event.at_us, condition});
+        }
+    }
+    return truth;
+}
+
+Condition condition_at(const Truth& truth, std::int64_t at_us) {
+    Condition condition = Condition::good;
+    for (const Stretch& stretch : truth) {
+        if (stretch.from_us > at_us) {
+            break;
+        }
+        condition = stretch.condition;
+    }
+    return condition;
+}
+
+}  // namespace lbsim

@@ -1,0 +1,257 @@
+#include "lbsim/world.h"
+
+#include <algorithm>
+
+#include "base/address_text.h"
+
+namespace lbsim {
+
+namespace {
+
+std::string in_range(const char* range, int number) {
+    return range + std::to_string(number / 250) + "." + std::to_string(number % 250 + 1);
+}
+
+std::string lease_path(const Uplink& uplink) {
+    return (uplink.is_ipv6 ? "/var/db/dhcp6_client" : "/var/db/dhclient_") + uplink.name +
+           ".leases";
+}
+
+/// As the DHCP clients write it.
+std::string lease_text(const std::string& router, bool is_ipv6) {
+    return is_ipv6 ? "new_routers='" + router + "'\n"
+                   : "lease {\n  option routers " + router + ";\n}\n";
+}
+
+/// The router of an event at the start; nothing where none says.
+const Event* first_lease(const Uplink& uplink, const Scenario& scenario) {
+    const auto found = std::find_if(scenario.begin(), scenario.end(), [&](const Event& event) {
+        return event.at_us == 0 && event.change == Change::lease && concerns(event, uplink) &&
+               (event.router.empty() || parse_ipv6(event.router).has_value() == uplink.is_ipv6);
+    });
+    return found == scenario.end() ? nullptr : &*found;
+}
+
+}  // namespace
+
+World::World(Simulation& machine, const std::vector<Uplink>& uplinks, const Scenario& scenario)
+    : machine_(machine) {
+    int number = 0;
+    for (const Uplink& uplink : uplinks) {
+        places_.push_back({.uplink = uplink, .first_router = {}, .router = {}});
+        build(places_.back(), scenario, number++);
+    }
+    int process = 1000;
+    for (const auto& [ns_name, space] : machine_.namespaces) {
+        for (const bool is_ipv6 : {false, true}) {
+            machine_.add_routing_daemon(++process, is_ipv6, ns_name);
+        }
+    }
+    for (const Event& event : scenario) {
+        machine_.after_us(event.at_us, [this, event] { happen(event); });
+    }
+}
+
+Simulation::Link& World::link_of(const Place& place) {
+    return machine_.namespaces[place.uplink.ns_name].links.at(place.uplink.name);
+}
+
+Simulation::Target& World::target_of(const Place& place, const std::string& address) {
+    return machine_.namespaces[place.uplink.ns_name].targets[address];
+}
+
+void World::build(Place& place, const Scenario& scenario, int number) {
+    const Uplink& uplink = place.uplink;
+    auto& links = machine_.namespaces[uplink.ns_name].links;
+    if (!links.contains(uplink.name)) {
+        machine_.add_link(uplink.name, uplink.ns_name);
+    }
+    Simulation::Link& link = links.at(uplink.name);
+    if (!uplink.source.empty()) {
+        link.addresses.push_back(canonical(uplink.source));
+    } else if (uplink.is_ipv6) {
+        link.addresses.push_back("fe80::1:" + std::to_string(number + 1));
+    } else {
+        link.addresses.push_back(in_range("198.18.", number));
+    }
+    for (const std::string& target : uplink.targets) {
+        target_of(place, target);
+    }
+    if (uplink.nexthop == "tunnel") {
+        link.peer = in_range("198.19.", number);
+        set_router(place, link.peer);
+    } else if (uplink.nexthop != "dhcp") {
+        set_router(place, canonical(uplink.nexthop));
+    } else if (const Event* given = first_lease(uplink, scenario)) {
+        set_router(place, given->router);
+    } else {
+        const std::string router =
+            uplink.is_ipv6 ? "fe80::2:" + std::to_string(number + 1) : in_range("198.19.", number);
+        made_up_routers[shown(uplink)] = router;
+        set_router(place, router);
+    }
+    place.first_router = place.router;
+}
+
+/// The next hop before falls silent with its lease; without a router the lease file goes, and the
+/// next hop stays.
+void World::set_router(Place& place, const std::string& router) {
+    const bool is_leased = place.uplink.nexthop == "dhcp";
+    const std::string path = lease_path(place.uplink);
+    if (router.empty()) {
+        machine_.files.erase(path);
+        return;
+    }
+    set_next_hop(place, false);
+    place.router = router;
+    auto& next_hops = link_of(place).next_hops;
+    if (!next_hops.contains(router)) {
+        ++last_mac_;
+        next_hops[router].mac = {2,
+                                 0,
+                                 0,
+                                 2,
+                                 static_cast<std::uint8_t>(last_mac_ >> 8),
+                                 static_cast<std::uint8_t>(last_mac_)};
+    }
+    set_next_hop(place, true);
+    target_of(place, router);
+    if (is_leased) {
+        machine_.files[path] = lease_text(router, place.uplink.is_ipv6);
+    }
+}
+
+void World::set_link(const Place& place, bool is_up) {
+    link_of(place).is_up = is_up;
+    if (!is_up) {  // a kernel forgets the neighbours of a link that goes
+        std::erase_if(machine_.neighbours, [&place](const auto& entry) {
+            const auto& [ns_name, ifname, address] = entry.first;
+            return ns_name == place.uplink.ns_name && ifname == place.uplink.name;
+        });
+    }
+}
+
+void World::set_next_hop(const Place& place, bool is_alive) {
+    const auto hop = link_of(place).next_hops.find(place.router);
+    if (hop != link_of(place).next_hops.end()) {
+        hop->second.answers = is_alive;
+        hop->second.forwards = is_alive;
+    }
+}
+
+void World::clean(Place& place) {
+    link_of(place).weather[place.uplink.is_ipv6 ? 1 : 0] = {};
+    set_link(place, true);
+    for (auto& [address, target] : machine_.namespaces[place.uplink.ns_name].targets) {
+        target.cut_links.erase(place.uplink.name);
+    }
+    if (place.uplink.nexthop == "dhcp" && place.router != place.first_router) {
+        set_router(place, place.first_router);
+    }
+    set_next_hop(place, true);
+}
+
+void World::change_uplink(Place& place, const Event& event) {
+    Simulation::Weather& weather = link_of(place).weather[place.uplink.is_ipv6 ? 1 : 0];
+    switch (event.change) {
+        case Change::dead:
+            weather.passes = false;
+            break;
+        case Change::alive:
+            weather.passes = true;
+            break;
+        case Change::loss:
+            weather.lost_of_hundred = event.of_hundred;
+            break;
+        case Change::delay:
+            weather.delay_ms = event.delay_ms;
+            weather.jitter_ms = event.jitter_ms;
+            break;
+        case Change::duplicates:
+            weather.doubled_of_hundred = event.of_hundred;
+            break;
+        case Change::reorder:
+            weather.held_back_of_hundred = event.of_hundred;
+            break;
+        case Change::link_down:
+            set_link(place, false);
+            break;
+        case Change::link_up:
+            set_link(place, true);
+            break;
+        case Change::nexthop_dead:
+            set_next_hop(place, false);
+            break;
+        case Change::nexthop_alive:
+            set_next_hop(place, true);
+            break;
+        case Change::lease:
+            if (place.uplink.nexthop == "dhcp" &&
+                (event.router.empty() ||
+                 parse_ipv6(event.router).has_value() == place.uplink.is_ipv6)) {
+                set_router(place, event.router);
+            }
+            break;
+        case Change::clean:
+            clean(place);
+            break;
+    }
+}
+
+void World::change_target(const Place& place, const Event& event) {
+    Simulation::Target& target = target_of(place, event.target);
+    const bool is_through_one = !event.uplink.empty();
+    switch (event.change) {
+        case Change::dead:
+            if (is_through_one) {
+                target.cut_links.insert(place.uplink.name);
+            } else {
+                target.answers = false;
+            }
+            break;
+        case Change::alive:
+            if (is_through_one) {
+                target.cut_links.erase(place.uplink.name);
+            } else {
+                target.answers = true;
+            }
+            break;
+        case Change::loss:
+            target.lost_of_hundred = event.of_hundred;
+            break;
+        case Change::delay:
+            target.delay_ms = Simulation::Target{}.delay_ms + event.delay_ms;
+            target.jitter_ms = event.jitter_ms;
+            break;
+        case Change::clean:
+            if (is_through_one) {
+                target.cut_links.erase(place.uplink.name);
+            } else {
+                target = {.cut_links = target.cut_links};
+            }
+            break;
+        case Change::duplicates:
+        case Change::reorder:
+        case Change::link_down:
+        case Change::link_up:
+        case Change::nexthop_dead:
+        case Change::nexthop_alive:
+        case Change::lease:
+            break;  // no scenario has them of a target
+    }
+}
+
+void World::happen(const Event& event) {
+    for (Place& place : places_) {
+        if (!concerns(event, place.uplink)) {
+            continue;
+        }
+        if (event.target.empty()) {
+            change_uplink(place, event);
+        } else {
+            change_target(place, event);
+        }
+    }
+}
+
+}  // namespace lbsim

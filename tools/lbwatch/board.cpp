@@ -1,0 +1,62 @@
+#include "lbwatch/board.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <utility>
+
+namespace lbwatch {
+
+namespace {
+
+constexpr std::size_t most_events = 500;
+
+}  // namespace
+
+Board::Board()
+    : view_(std::make_shared<const View>()), added_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+
+void Board::publish(View view) {
+    auto made = std::make_shared<const View>(std::move(view));
+    const std::lock_guard guard(lock_);
+    view_ = std::move(made);
+}
+
+void Board::add(const Event& event) {
+    {
+        const std::lock_guard guard(lock_);
+        events_.push_back({.number = ++last_number_, .event = event});
+        if (events_.size() > most_events) {
+            events_.pop_front();
+        }
+    }
+    eventfd_write(added_.get(), 1);
+}
+
+std::shared_ptr<const View> Board::view() const {
+    const std::lock_guard guard(lock_);
+    return view_;
+}
+
+std::vector<Board::Numbered> Board::events_after(std::uint64_t number) const {
+    const std::lock_guard guard(lock_);
+    std::vector<Numbered> found;
+    for (const Numbered& one : events_) {
+        if (one.number > number) {
+            found.push_back(one);
+        }
+    }
+    return found;
+}
+
+std::uint64_t Board::last_number() const {
+    const std::lock_guard guard(lock_);
+    return last_number_;
+}
+
+void Board::settle() const {
+    eventfd_t count = 0;
+    eventfd_read(added_.get(), &count);
+}
+
+}  // namespace lbwatch

@@ -1,0 +1,393 @@
+#include "lbwatch/history.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <system_error>
+
+#include "lbwatch/moment.h"
+
+namespace lbwatch {
+
+namespace {
+
+/// Rows that wait in memory while the file cannot be written: about an hour of minutes of a hundred
+/// targets, and more events than a day of flapping makes.
+constexpr std::size_t most_events = 5000;
+constexpr std::size_t most_minutes = 20'000;
+constexpr std::size_t most_spans = 5000;
+
+constexpr const char* layout = R"(
+CREATE TABLE uplink (
+  id INTEGER PRIMARY KEY, namespace TEXT NOT NULL, family INTEGER NOT NULL, name TEXT NOT NULL,
+  UNIQUE (namespace, family, name));
+CREATE TABLE target (
+  id INTEGER PRIMARY KEY, uplink INTEGER NOT NULL REFERENCES uplink (id), address TEXT NOT NULL,
+  UNIQUE (uplink, address));
+CREATE TABLE event (
+  id INTEGER PRIMARY KEY AUTOINCREMENT, time_ms INTEGER NOT NULL, kind TEXT NOT NULL,
+  namespace TEXT NOT NULL, family INTEGER NOT NULL, name TEXT NOT NULL, target TEXT NOT NULL,
+  rule TEXT NOT NULL, destinations TEXT NOT NULL, before TEXT NOT NULL, after TEXT NOT NULL,
+  after_s INTEGER, reason TEXT NOT NULL);
+CREATE INDEX event_time ON event (time_ms);
+CREATE INDEX event_uplink ON event (name, family, namespace, time_ms);
+CREATE TABLE span (
+  id INTEGER PRIMARY KEY, uplink INTEGER NOT NULL REFERENCES uplink (id), state TEXT NOT NULL,
+  begin_ms INTEGER NOT NULL, end_ms INTEGER NOT NULL, reason TEXT NOT NULL,
+  UNIQUE (uplink, begin_ms));
+CREATE INDEX span_end ON span (end_ms);
+CREATE TABLE minute (
+  minute INTEGER NOT NULL, target INTEGER NOT NULL REFERENCES target (id),
+  answered INTEGER NOT NULL, missed INTEGER NOT NULL, measured INTEGER NOT NULL,
+  loss INTEGER NOT NULL, rtt INTEGER NOT NULL, jitter INTEGER NOT NULL,
+  PRIMARY KEY (minute, target)) WITHOUT ROWID;
+)";
+
+/// Prefixes hold no blank.
+std::string joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) {
+        text += (text.empty() ? "" : " ") + word;
+    }
+    return text;
+}
+
+bool is_error(int code) {
+    return code != SQLITE_OK && code != SQLITE_DONE && code != SQLITE_ROW;
+}
+
+}  // namespace
+
+History::History(std::string path, Notice notice)
+    : path_(std::move(path)), notice_(std::move(notice)) {
+    if (open()) {
+        remember();
+    }
+}
+
+History::~History() = default;
+
+bool History::open() {
+    if (is_refused_) {
+        return false;
+    }
+    database_.reset();
+    uplink_rows_.clear();
+    target_rows_.clear();
+    std::error_code error;
+    std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), error);
+    if (!lock_.is_open()) {
+        // Held as long as this program runs; the lock ends with it, the file may stay.
+        Fd lock(::open((path_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640));
+        if (lock.is_open() && flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+            is_refused_ = true;
+            notice_(path_ + " is written by another lbwatch; this one keeps its history in memory");
+            return false;
+        }
+        lock_ = std::move(lock);
+    }
+    constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+    database_ = std::make_unique<Database>(path_, flags);
+    if (database_->is_open() && prepare()) {
+        return true;
+    }
+    if (is_refused_) {
+        database_.reset();
+        return false;
+    }
+    const int code = database_->code();
+    if (is_damage(code)) {
+        move_aside(database_->error());
+        database_ = std::make_unique<Database>(path_, flags);
+        if (database_->is_open() && prepare()) {
+            return true;
+        }
+    }
+    fail(database_->code(), database_->error());
+    database_.reset();
+    return false;
+}
+
+/// Brings the file to this version's layout; false where it cannot be used.
+bool History::prepare() {
+    const auto version = database_->number("PRAGMA user_version");
+    if (!version) {
+        return false;
+    }
+    if (*version > history_version) {
+        is_refused_ = true;
+        notice_(path_ +
+                " was written by a newer version of lbwatch; it stays as it is, and this "
+                "one keeps its history in memory: install that version again, or give "
+                "another file with --history");
+        return false;
+    }
+    // Readers must not wait for the writer, nor it for them.
+    const bool is_set =
+        !is_error(database_->run("PRAGMA busy_timeout = 2000;"
+                                 "PRAGMA journal_mode = WAL;"
+                                 "PRAGMA synchronous = FULL;"
+                                 "PRAGMA journal_size_limit = 4194304;"
+                                 "PRAGMA cache_size = -1024;"));
+    if (!is_set || *version == history_version) {
+        return is_set;
+    }
+    const std::string create = std::string("BEGIN IMMEDIATE;") + layout +
+                               "PRAGMA user_version = " + std::to_string(history_version) +
+                               ";COMMIT;";
+    if (is_error(database_->run(create.c_str()))) {
+        database_->run("ROLLBACK");
+        return false;
+    }
+    return true;
+}
+
+void History::move_aside(const std::string& why) {
+    database_.reset();
+    std::string aside = path_ + ".damaged-" + rfc3339(now().wall_ms);
+    std::error_code error;
+    std::filesystem::rename(path_, aside, error);
+    for (const char* part : {"-wal", "-shm"}) {
+        std::error_code ignored;
+        std::filesystem::rename(path_ + part, aside + part, ignored);
+    }
+    notice_(path_ + " is damaged (" + why + "); " +
+            (error ? "it cannot be moved aside: " + error.message()
+                   : "it is kept as " + aside + " and a new one begun"));
+}
+
+void History::remember() {
+    Statement uplinks = database_->statement(
+        "SELECT namespace, family, name, after FROM event WHERE id IN "
+        "(SELECT max(id) FROM event WHERE kind = 'uplink' GROUP BY namespace, family, name)");
+    while (uplinks.has_row()) {
+        // One that is absent is forgotten.
+        if (const auto state = read_uplink_state(uplinks.text(3))) {
+            remembered_.uplinks[{.namespace_name = uplinks.text(0),
+                                 .family = static_cast<int>(uplinks.number(1)),
+                                 .name = uplinks.text(2)}] = *state;
+        }
+    }
+    Statement daemon = database_->statement(
+        "SELECT after FROM event WHERE kind = 'daemon' ORDER BY id DESC LIMIT 1");
+    if (daemon.has_row()) {
+        remembered_.daemon = read_daemon_state(daemon.text(0));
+    }
+}
+
+void History::add(const Event& event) {
+    events_.push_back(event);
+}
+
+void History::add(std::vector<Minute> minutes) {
+    for (Minute& minute : minutes) {
+        minutes_.push_back(std::move(minute));
+    }
+}
+
+void History::add(std::vector<Span> spans) {
+    for (Span& span : spans) {
+        auto key = std::make_pair(span.uplink, span.begin_ms);
+        spans_[std::move(key)] = std::move(span);
+    }
+}
+
+bool History::commit() {
+    if (waiting() == 0) {
+        return true;
+    }
+    // A file that was deleted or put in place of ours would be written by nobody's reader.
+    if (database_ != nullptr && access(path_.c_str(), F_OK) != 0) {
+        notice_(path_ + " is gone; a new one is begun");
+        database_.reset();
+    }
+    int code = SQLITE_CANTOPEN;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (database_ == nullptr && !open()) {
+            keep_within_bounds();
+            return false;
+        }
+        code = write_all();
+        if (!is_error(code)) {
+            events_.clear();
+            minutes_.clear();
+            spans_.clear();
+            if (is_failing_) {
+                notice_(path_ + " is written again" +
+                        (lost_ == 0 ? "; nothing was lost"
+                                    : "; " + std::to_string(lost_) + " rows were lost"));
+                is_failing_ = false;
+                lost_ = 0;
+            }
+            return true;
+        }
+        const std::string error = database_->error();
+        database_->run("ROLLBACK");
+        uplink_rows_.clear();
+        target_rows_.clear();
+        if (!is_damage(code)) {
+            fail(code, error);
+            break;
+        }
+        move_aside(error);
+    }
+    keep_within_bounds();
+    return false;
+}
+
+int History::write_all() {
+    int code = database_->run("BEGIN IMMEDIATE");
+    for (const auto write :
+         {&History::write_events, &History::write_minutes, &History::write_spans}) {
+        if (is_error(code)) {
+            return code;
+        }
+        code = (this->*write)();
+    }
+    return is_error(code) ? code : database_->run("COMMIT");
+}
+
+int History::write_events() {
+    Statement insert = database_->statement(
+        "INSERT INTO event (time_ms, kind, namespace, family, name, target, rule, destinations, "
+        "before, after, after_s, reason) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    for (const Event& event : events_) {
+        const int code = insert.bind(event.time_ms)
+                             .bind(std::string(word_of(event.kind)))
+                             .bind(event.uplink.namespace_name)
+                             .bind(std::int64_t{event.uplink.family})
+                             .bind(event.uplink.name)
+                             .bind(event.target)
+                             .bind(event.rule)
+                             .bind(joined(event.destinations))
+                             .bind(event.from)
+                             .bind(event.to)
+                             .bind(event.after_s)
+                             .bind(event.reason)
+                             .step();
+        if (is_error(code)) {
+            return code;
+        }
+    }
+    return SQLITE_OK;
+}
+
+int History::write_minutes() {
+    Statement insert = database_->statement(
+        "INSERT INTO minute VALUES (?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT DO UPDATE SET "
+        "answered = answered + excluded.answered, missed = missed + excluded.missed, "
+        "measured = measured + excluded.measured, loss = loss + excluded.loss, "
+        "rtt = rtt + excluded.rtt, jitter = jitter + excluded.jitter");
+    for (const Minute& row : minutes_) {
+        const std::int64_t target = target_row(row.uplink, row.target);
+        const int code = target == 0 ? database_->code()
+                                     : insert.bind(row.minute)
+                                           .bind(target)
+                                           .bind(std::int64_t{row.answered})
+                                           .bind(std::int64_t{row.missed})
+                                           .bind(std::int64_t{row.measured})
+                                           .bind(row.loss_percent_sum)
+                                           .bind(row.rtt_ms_sum)
+                                           .bind(row.jitter_ms_sum)
+                                           .step();
+        if (is_error(code) || target == 0) {
+            return is_error(code) ? code : SQLITE_ERROR;
+        }
+    }
+    return SQLITE_OK;
+}
+
+int History::write_spans() {
+    Statement insert = database_->statement(
+        "INSERT INTO span (uplink, state, begin_ms, end_ms, reason) VALUES (?, ?, ?, ?, ?) "
+        "ON CONFLICT DO UPDATE SET end_ms = excluded.end_ms");
+    for (const auto& [key, span] : spans_) {
+        const std::int64_t uplink = uplink_row(span.uplink);
+        const int code = uplink == 0 ? database_->code()
+                                     : insert.bind(uplink)
+                                           .bind(std::string(word_of(span.state)))
+                                           .bind(span.begin_ms)
+                                           .bind(span.end_ms)
+                                           .bind(span.reason)
+                                           .step();
+        if (is_error(code) || uplink == 0) {
+            return is_error(code) ? code : SQLITE_ERROR;
+        }
+    }
+    return SQLITE_OK;
+}
+
+/// The row of an uplink, made where there is none; 0 after an error.
+std::int64_t History::uplink_row(const UplinkKey& key) {
+    std::int64_t& row = uplink_rows_[key];
+    if (row == 0) {
+        const auto bind = [&key](Statement& statement) -> Statement& {
+            return statement.bind(key.namespace_name).bind(std::int64_t{key.family}).bind(key.name);
+        };
+        Statement insert = database_->statement(
+            "INSERT OR IGNORE INTO uplink (namespace, family, name) VALUES (?, ?, ?)");
+        bind(insert).step();
+        Statement find = database_->statement(
+            "SELECT id FROM uplink WHERE namespace = ? AND family = ? AND name = ?");
+        row = bind(find).has_row() ? find.number(0) : 0;
+    }
+    return row;
+}
+
+std::int64_t History::target_row(const UplinkKey& key, const std::string& target) {
+    std::int64_t& row = target_rows_[{key, target}];
+    const std::int64_t uplink = row == 0 ? uplink_row(key) : 0;
+    if (row == 0 && uplink != 0) {
+        Statement insert =
+            database_->statement("INSERT OR IGNORE INTO target (uplink, address) VALUES (?, ?)");
+        insert.bind(uplink).bind(target).step();
+        Statement find =
+            database_->statement("SELECT id FROM target WHERE uplink = ? AND address = ?");
+        row = find.bind(uplink).bind(target).has_row() ? find.number(0) : 0;
+    }
+    return row;
+}
+
+void History::fail(int code, const std::string& error) {
+    if (is_failing_) {
+        return;
+    }
+    is_failing_ = true;
+    const bool is_full = (code & 0xff) == SQLITE_FULL;
+    notice_(path_ + " cannot be written (" + error + "); the history goes on in memory" +
+            (is_full ? " until there is room on the disk" : ""));
+}
+
+void History::keep_within_bounds() {
+    while (events_.size() > most_events) {
+        events_.pop_front();
+        ++lost_;
+    }
+    while (minutes_.size() > most_minutes) {
+        minutes_.pop_front();
+        ++lost_;
+    }
+    while (spans_.size() > most_spans) {
+        spans_.erase(spans_.begin());
+        ++lost_;
+    }
+}
+
+void History::forget_old(std::int64_t now_ms) {
+    if (database_ == nullptr) {
+        return;
+    }
+    Statement minutes = database_->statement("DELETE FROM minute WHERE minute < ?");
+    minutes.bind((now_ms - minutes_kept_ms) / 60'000).step();
+    for (const char* sql :
+         {"DELETE FROM event WHERE time_ms < ?", "DELETE FROM span WHERE end_ms < ?"}) {
+        Statement transitions = database_->statement(sql);
+        transitions.bind(now_ms - transitions_kept_ms).step();
+    }
+}
+
+}  // namespace lbwatch

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/fd.h"
+#include "lbwatch/daemon_watch.h"
+#include "lbwatch/event.h"
+#include "lbwatch/records.h"
+#include "lbwatch/sqlite.h"
+
+namespace lbwatch {
+
+/// How long rows are kept.
+inline constexpr std::int64_t minutes_kept_ms = std::int64_t{90} * 86'400'000;
+inline constexpr std::int64_t transitions_kept_ms = std::int64_t{5 * 365 + 1} * 86'400'000;
+
+/// What earlier runs of this program told last.
+struct Remembered {
+    std::map<UplinkKey, UplinkState> uplinks;
+    std::optional<DaemonState> daemon;
+};
+
+/// The writing side of the history file, a SQLite database in WAL mode; readers never hold it up.
+/// What is committed survives a kill at any moment. While the file cannot be written (a full disk,
+/// a folder without rights, a newer version's file) rows wait in memory, up to a bound, and go into
+/// the file when it can be written again. A damaged file is moved aside and a new one begun.
+/// One thread. Notices, one line each, go to `notice`.
+class History {
+  public:
+    using Notice = std::function<void(const std::string& line)>;
+
+    History(std::string path, Notice notice);
+    ~History();
+    History(const History&) = delete;
+    History& operator=(const History&) = delete;
+
+    const Remembered& remembered() const { return remembered_; }
+
+    void add(const Event& event);
+    void add(std::vector<Minute> minutes);
+    void add(std::vector<Span> spans);
+
+    /// Writes what waits, in one transaction; true where nothing is left waiting.
+    bool commit();
+
+    /// Deletes what is older than it is kept.
+    void forget_old(std::int64_t now_ms);
+
+    std::size_t waiting() const { return events_.size() + minutes_.size() + spans_.size(); }
+
+  private:
+    bool open();
+    bool prepare();
+    void move_aside(const std::string& why);
+    void remember();
+    int write_all();
+    int write_events();
+    int write_minutes();
+    int write_spans();
+    std::int64_t uplink_row(const UplinkKey& key);
+    std::int64_t target_row(const UplinkKey& key, const std::string& target);
+    void fail(int code, const std::string& error);
+    void keep_within_bounds();
+
+    std::string path_;
+    Notice notice_;
+    Fd lock_;
+    std::unique_ptr<Database> database_;
+    bool is_refused_ = false;  ///< a newer version's, or another run's: never touched
+    bool is_failing_ = false;
+    std::size_t lost_ = 0;
+    Remembered remembered_;
+    std::map<UplinkKey, std::int64_t> uplink_rows_;
+    std::map<std::pair<UplinkKey, std::string>, std::int64_t> target_rows_;
+    std::deque<Event> events_;
+    std::deque<Minute> minutes_;
+    std::map<std::pair<UplinkKey, std::int64_t>, Span> spans_;
+};
+
+/// The version of the file's layout, in PRAGMA user_version.
+inline constexpr int history_version = 1;
+
+}  // namespace lbwatch

@@ -1,0 +1,203 @@
+#include "lbwatch/history_reader.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <sstream>
+#include <system_error>
+
+#include "lbwatch/history.h"
+
+namespace lbwatch {
+
+namespace {
+
+constexpr const char* event_columns =
+    "time_ms, kind, namespace, family, name, target, rule, destinations, before, after, after_s, "
+    "reason";
+
+Event event_of(const Statement& row) {
+    Event event;
+    event.time_ms = row.number(0);
+    event.kind = read_kind(row.text(1)).value_or(EventKind::uplink);
+    event.uplink = {.namespace_name = row.text(2),
+                    .family = static_cast<int>(row.number(3)),
+                    .name = row.text(4)};
+    event.target = row.text(5);
+    event.rule = row.text(6);
+    std::istringstream words(row.text(7));
+    for (std::string word; words >> word;) {
+        event.destinations.push_back(word);
+    }
+    event.from = row.text(8);
+    event.to = row.text(9);
+    event.after_s = row.optional_number(10);
+    event.reason = row.text(11);
+    return event;
+}
+
+/// A reader that may not write needs the writer's files beside it, or a file that nobody writes.
+std::string address_of(const std::string& path) {
+    std::error_code error;
+    const bool is_at_rest = !std::filesystem::exists(path + "-wal", error) &&
+                            access(std::filesystem::path(path).parent_path().c_str(), W_OK) != 0;
+    std::string address = "file:";
+    for (const char character : path) {
+        if (character == '?' || character == '#' || character == '%') {
+            address += character == '?' ? "%3f" : character == '#' ? "%23" : "%25";
+        } else {
+            address += character;
+        }
+    }
+    return address + (is_at_rest ? "?immutable=1" : "?mode=ro");
+}
+
+}  // namespace
+
+HistoryReader::HistoryReader(const std::string& path) : path_(path) {
+    std::error_code error;
+    if (!std::filesystem::exists(path, error)) {
+        problem_ =
+            error ? path + ": " + error.message()
+                  : "there is no history at " + path + ": is lbwatch running, and with this file?";
+        return;
+    }
+    database_ = std::make_unique<Database>(
+        address_of(path), SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_URI);
+    const auto version =
+        database_->is_open() ? database_->number("PRAGMA user_version") : std::nullopt;
+    if (!version) {
+        check(database_->code());
+        if (problem_.empty()) {
+            problem_ = path + " is no history of lbwatch";
+        }
+    } else if (*version > history_version) {
+        problem_ = path + " was written by a newer version of lbwatch; read it with that one";
+    } else if (*version != history_version) {
+        problem_ = path + " is no history of lbwatch";
+    }
+    if (problem_.empty()) {
+        database_->run("PRAGMA busy_timeout = 2000; PRAGMA cache_size = -1024;");
+    }
+}
+
+void HistoryReader::check(int code) {
+    if (code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE) {
+        return;
+    }
+    problem_ = path_ + " cannot be read (" + database_->error() + ")" +
+               (is_damage(code) ? "; a running lbwatch moves it aside and begins a new one" : "");
+}
+
+void HistoryReader::events(const Selection& selection,
+                           const std::function<void(const Event&)>& take) {
+    if (!problem_.empty()) {
+        return;
+    }
+    const std::string sql = std::string("SELECT ") + event_columns +
+                            " FROM event WHERE time_ms >= ? AND time_ms < ?" +
+                            (selection.uplink.empty() ? "" : " AND name = ?") + " ORDER BY id";
+    Statement rows = database_->statement(sql.c_str());
+    rows.bind(selection.since_ms).bind(selection.until_ms);
+    if (!selection.uplink.empty()) {
+        rows.bind(selection.uplink);
+    }
+    int code = SQLITE_OK;
+    while ((code = rows.step()) == SQLITE_ROW) {
+        take(event_of(rows));
+    }
+    check(code);
+}
+
+std::vector<Event> HistoryReader::latest(int count) {
+    std::vector<Event> events;
+    if (!problem_.empty()) {
+        return events;
+    }
+    const std::string sql =
+        std::string("SELECT ") + event_columns + " FROM event ORDER BY id DESC LIMIT ?";
+    Statement rows = database_->statement(sql.c_str());
+    rows.bind(std::int64_t{count});
+    int code = SQLITE_OK;
+    while ((code = rows.step()) == SQLITE_ROW) {
+        events.push_back(event_of(rows));
+    }
+    check(code);
+    std::reverse(events.begin(), events.end());
+    return events;
+}
+
+std::vector<Span> HistoryReader::spans(const Selection& selection) {
+    std::vector<Span> spans;
+    if (!problem_.empty()) {
+        return spans;
+    }
+    const std::string sql =
+        std::string(
+            "SELECT namespace, family, name, state, begin_ms, end_ms, reason FROM span "
+            "JOIN uplink ON uplink.id = span.uplink WHERE end_ms >= ? AND begin_ms < ?") +
+        (selection.uplink.empty() ? "" : " AND name = ?") + " ORDER BY span.id";
+    Statement rows = database_->statement(sql.c_str());
+    rows.bind(selection.since_ms).bind(selection.until_ms);
+    if (!selection.uplink.empty()) {
+        rows.bind(selection.uplink);
+    }
+    int code = SQLITE_OK;
+    while ((code = rows.step()) == SQLITE_ROW) {
+        spans.push_back({.uplink = {.namespace_name = rows.text(0),
+                                    .family = static_cast<int>(rows.number(1)),
+                                    .name = rows.text(2)},
+                         .state = read_uplink_state(rows.text(3)).value_or(UplinkState::unknown),
+                         .begin_ms = rows.number(4),
+                         .end_ms = rows.number(5),
+                         .reason = rows.text(6)});
+    }
+    check(code);
+    return spans;
+}
+
+void HistoryReader::minutes(const Selection& selection,
+                            const std::function<void(const Minute&)>& take) {
+    if (!problem_.empty()) {
+        return;
+    }
+    const std::string sql =
+        std::string(
+            "SELECT minute, namespace, family, name, address, answered, missed, measured, loss, "
+            "rtt, jitter FROM minute JOIN target ON target.id = minute.target "
+            "JOIN uplink ON uplink.id = target.uplink WHERE minute >= ? AND minute < ?") +
+        (selection.uplink.empty() ? "" : " AND name = ?") + " ORDER BY minute";
+    Statement rows = database_->statement(sql.c_str());
+    rows.bind(selection.since_ms / 60'000).bind((selection.until_ms + 59'999) / 60'000);
+    if (!selection.uplink.empty()) {
+        rows.bind(selection.uplink);
+    }
+    int code = SQLITE_OK;
+    Minute minute;
+    while ((code = rows.step()) == SQLITE_ROW) {
+        minute.minute = rows.number(0);
+        minute.uplink = {.namespace_name = rows.text(1),
+                         .family = static_cast<int>(rows.number(2)),
+                         .name = rows.text(3)};
+        minute.target = rows.text(4);
+        minute.answered = static_cast<int>(rows.number(5));
+        minute.missed = static_cast<int>(rows.number(6));
+        minute.measured = static_cast<int>(rows.number(7));
+        minute.loss_percent_sum = rows.number(8);
+        minute.rtt_ms_sum = rows.number(9);
+        minute.jitter_ms_sum = rows.number(10);
+        take(minute);
+    }
+    check(code);
+}
+
+bool HistoryReader::knows(const std::string& uplink) {
+    if (!problem_.empty()) {
+        return false;
+    }
+    Statement rows = database_->statement("SELECT 1 FROM uplink WHERE name = ?");
+    return rows.bind(uplink).has_row();
+}
+
+}  // namespace lbwatch

@@ -1,0 +1,77 @@
+#include "lbwatch/history_report.h"
+
+#include <algorithm>
+#include <ctime>
+#include <map>
+
+#include "lbwatch/report_text.h"
+
+namespace lbwatch {
+
+namespace {
+
+/// A running watcher writes what it sees once a minute: what is younger is not there yet, and is no
+/// time when nothing was watched.
+constexpr std::int64_t written_every_ms = 90'000;
+
+int local_hour(std::int64_t minute) {
+    const auto seconds = static_cast<time_t>(minute * 60);
+    std::tm date{};
+    localtime_r(&seconds, &date);
+    return date.tm_hour;
+}
+
+/// The states as they are, from where the file ends up to now.
+void append_current(std::vector<Span>& spans, const World::Uplinks& current,
+                    const std::map<UplinkKey, std::int64_t>& latest, std::int64_t now_ms) {
+    for (const auto& [key, uplink] : current) {
+        const auto end = latest.find(key);
+        if (end == latest.end() || !uplink.has_been_read || uplink.is_unwatched ||
+            now_ms - end->second >= written_every_ms || now_ms <= end->second) {
+            continue;
+        }
+        spans.push_back({.uplink = key,
+                         .state = uplink.state,
+                         .begin_ms = end->second,
+                         .end_ms = now_ms,
+                         .reason = uplink.reason});
+    }
+}
+
+}  // namespace
+
+Report report_of(HistoryReader& history, HistoryReader::Selection selection, bool with_minutes,
+                 std::int64_t now_ms, const World::Uplinks* current) {
+    std::vector<Span> spans = history.spans(selection);
+    std::map<UplinkKey, std::int64_t> latest;
+    std::int64_t latest_ms = 0;
+    for (const Span& span : spans) {
+        latest[span.uplink] = std::max(latest[span.uplink], span.end_ms);
+        latest_ms = std::max(latest_ms, span.end_ms);
+    }
+    if (current != nullptr) {
+        append_current(spans, *current, latest, now_ms);
+    } else if (selection.until_ms >= now_ms && now_ms - latest_ms < written_every_ms) {
+        selection.until_ms = std::min(selection.until_ms, latest_ms);
+    }
+    // Minutes come in the order of time, so one look at the calendar serves all of an hour's.
+    std::int64_t asked = -1;
+    int hour = 0;
+    ReportMaker maker(selection.since_ms, selection.until_ms, [&asked, &hour](std::int64_t minute) {
+        if (minute / 15 != asked) {
+            asked = minute / 15;
+            hour = local_hour(minute);
+        }
+        return hour;
+    });
+    maker.add(spans);
+    if (with_minutes) {
+        history.minutes(selection, [&maker](const Minute& minute) { maker.add(minute); });
+    }
+    Report made = maker.take();
+    made.made_ms = now_ms;
+    made.zone = zone_name();
+    return made;
+}
+
+}  // namespace lbwatch

@@ -1,0 +1,14 @@
+#pragma once
+
+#include "lbwatch/history_reader.h"
+#include "lbwatch/report.h"
+
+namespace lbwatch {
+
+/// The report of a time, in this process's zone. With minutes it reads a row for each target and
+/// minute, else only the times of each state. `current` is what is known just now, where somebody
+/// does: the file has it up to the last minute alone.
+Report report_of(HistoryReader& history, HistoryReader::Selection selection, bool with_minutes,
+                 std::int64_t now_ms, const World::Uplinks* current = nullptr);
+
+}  // namespace lbwatch

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+
+#include "lbwatch/moment.h"
+#include "lbwatch/view.h"
+
+namespace lbwatch {
+
+/// The Prometheus text format. Pure. Counters begin at 0 with this program.
+std::string metrics_of(const View& view, const std::string& version, const Moment& now);
+
+}  // namespace lbwatch

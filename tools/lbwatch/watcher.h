@@ -1,0 +1,68 @@
+#pragma once
+
+#include <csignal>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "base/fd.h"
+#include "lbwatch/board.h"
+#include "lbwatch/daemon_process.h"
+#include "lbwatch/dump_watch.h"
+#include "lbwatch/history.h"
+#include "lbwatch/hooks.h"
+#include "lbwatch/listener.h"
+#include "lbwatch/session.h"
+
+namespace lbwatch {
+
+struct WatchOptions {
+    std::string out_dir = "/var/run/load-balance";
+    std::string history = "/var/lib/lb/history.db";  ///< "none": in memory only
+    std::string hooks = "/etc/lb/hooks.d";           ///< "none": none is run
+    std::string listen;                              ///< ADDRESS:PORT; empty: nowhere
+    bool as_json = false;
+};
+
+/// Follows the daemon until a signal ends it: waits for rewritten dumps, the end of the daemon's
+/// process and its own second hand, and hands every event to the output and the history. One
+/// thread, which the caller gives.
+class Watcher {
+  public:
+    explicit Watcher(WatchOptions options);
+
+    /// The exit status: 0 after SIGTERM or SIGINT, 1 where it cannot listen or the output is gone.
+    int run();
+
+  private:
+    void wait();
+    void second_hand(const Moment& now);
+    void find_process(const Moment& now);
+    void hand_out(const std::vector<Event>& events, const Moment& now);
+    void end_hooks();
+    void publish();
+    void keep(const Moment& now, bool with_current);
+    static void notice(const std::string& line);
+
+    WatchOptions options_;
+    std::unique_ptr<History> history_;
+    std::unique_ptr<Hooks> hooks_;
+    Board board_;
+    std::unique_ptr<Listener> listener_;
+    Session session_;
+    DumpWatch folder_;
+    DaemonProcess process_;
+    Fd signals_;
+    Fd loop_;
+    std::set<DumpFile> dirty_;
+    std::int64_t read_at_boot_ms_ = 0;  ///< when the dirty files are read
+    std::int64_t next_second_boot_ms_ = 0;
+    std::int64_t last_minute_ = 0;
+    std::int64_t forgotten_boot_ms_ = 0;  ///< when old rows were last deleted
+    std::int64_t searched_boot_ms_ = 0;   ///< when the process was last looked for
+    bool is_ending_ = false;
+    bool is_output_gone_ = false;
+};
+
+}  // namespace lbwatch

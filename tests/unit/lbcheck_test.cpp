@@ -17,11 +17,12 @@ std::vector<Finding> findings_in(const std::string& text) {
 
 /// A file that is clean but for what is put into its blocks.
 std::string conf(const std::string& in_interface = "", const std::string& in_probe = "",
-                 const std::string& in_rule = "", const std::string& behind = "") {
+                 const std::string& in_rule = "", const std::string& behind = "",
+                 const std::string& nexthop = "nexthop 192.0.2.1\n") {
     return "health {\n"
            "interface eth0 {\n"
-           "success-ct 3\nfailure-ct 2\nnexthop 192.0.2.1\n" +
-           in_interface + "rule 1 {\ntype ping_ext {\ntarget 198.51.100.1\n" + in_probe +
+           "success-ct 3\nfailure-ct 2\n" +
+           nexthop + in_interface + "rule 1 {\ntype ping_ext {\ntarget 198.51.100.1\n" + in_probe +
            "}\n}\n"
            "}\n}\n"
            "rule 1_ipv4 {\ninterface eth0 {\nweight 1\n}\ntarget {\naddress 0.0.0.0/0\n}\n" +
@@ -47,13 +48,16 @@ TEST(Check, clean_file_has_no_findings) {
 TEST(Check, missing_file_is_an_error) {
     const auto findings = lbcheck::check("/nonexistent").findings;
     ASSERT_EQ(findings.size(), 1U);
-    EXPECT_EQ(findings[0].message, "wan_lb: configuration file not found: /nonexistent");
+    EXPECT_EQ(findings[0].message, "cannot be read: No such file or directory");
     EXPECT_EQ(lbcheck::exit_status(findings, false), 2);
 }
 
 TEST(Check, unknown_keyword_is_told_with_its_line) {
-    EXPECT_EQ(found_in(conf("nexthopp 192.0.2.2\n")),
-              "6 warning 'nexthopp 192.0.2.2' unknown or misplaced keyword: ignored");
+    EXPECT_EQ(found_in(conf("failover-ct 2\n")),
+              "6 warning 'failover-ct 2' unknown keyword: ignored");
+    EXPECT_EQ(
+        found_in(conf("weight 2\n")),
+        "6 warning 'weight 2' acts on nothing here: it stands in rule NAME { interface NAME {");
 }
 
 TEST(Check, rule_without_targets_or_members_is_told) {
@@ -94,21 +98,22 @@ TEST(Check, ipv6_target_behind_the_next_hop_wants_a_source) {
         "2 warning 'interface6 eth0' without source_address its probes leave from the link-local "
         "address, which a target behind the next hop cannot answer");
     EXPECT_EQ(found_in(conf6("source_address 2001:db8::2\n", "target 2001:db8::53\n")), "");
-    EXPECT_EQ(found_in(conf6("", "")), "");
-    EXPECT_EQ(found_in(conf6("", "target 2001:db8::1\n")), "");
+    EXPECT_EQ(found_in(conf6("", "")).find("source_address"), std::string::npos);
+    EXPECT_EQ(found_in(conf6("", "target 2001:db8::1\n")).find("source_address"),
+              std::string::npos);
 }
 
 TEST(Check, interface_in_no_rule_is_told) {
     EXPECT_EQ(
-        found_in(conf(
-            "", "", "",
-            "health {\ninterface eth1 {\nsuccess-ct 1\nfailure-ct 1\nnexthop 192.0.2.9\n}\n}\n")),
+        found_in(conf("", "", "",
+                      "health {\ninterface eth1 {\nsuccess-ct 1\nfailure-ct 1\nnexthop 192.0.2.9\n"
+                      "rule 1 {\ntype ping {\ntarget 198.51.100.2\n}\n}\n}\n}\n")),
         "22 warning 'interface eth1' is a member of no rule: probed, never routed");
 }
 
 TEST(Check, addresses_that_do_not_parse_are_errors) {
-    EXPECT_EQ(found_in(conf("nexthop 2001:db8::1\n")),
-              "6 error 'nexthop 2001:db8::1' not an address of the interface's family");
+    EXPECT_EQ(found_in(conf("", "", "", "", "nexthop 2001:db8::1\n")),
+              "5 error 'nexthop 2001:db8::1' not an address of the interface's family");
     EXPECT_EQ(found_in(conf("source_address eth0\n")),
               "6 error 'source_address eth0' not an address of the interface's family");
     EXPECT_EQ(found_in(conf("", "target example.org\n")),
@@ -140,7 +145,8 @@ TEST(Check, unknown_type_and_its_target_are_told) {
 
 /// A second interface under health, with what it needs.
 const char* const eth1 =
-    "health {\ninterface eth1 {\nsuccess-ct 1\nfailure-ct 1\nnexthop 192.0.2.9\n}\n}\n";
+    "health {\ninterface eth1 {\nsuccess-ct 1\nfailure-ct 1\nnexthop 192.0.2.9\n"
+    "rule 1 {\ntype ping {\ntarget 198.51.100.2\n}\n}\n}\n}\n";
 
 TEST(Check, nothing_of_it_reaches_the_system_log) {
     const CapturedLog log;
@@ -176,7 +182,7 @@ TEST(Check, words_behind_the_value_are_told) {
 
 TEST(Check, quoted_value_has_no_words_behind_it) {
     EXPECT_EQ(found_in(conf("", "", "", "remark \"a b c\"\n")),
-              "21 warning 'remark a b c' unknown or misplaced keyword: ignored");
+              "21 warning 'remark a b c' unknown keyword: ignored");
 }
 
 TEST(Check, value_of_a_word_that_has_none_is_told) {
@@ -199,31 +205,18 @@ TEST(Check, target_block_with_a_value_is_told) {
               "address line");
 }
 
-TEST(Check, carriage_returns_are_an_error) {
-    const std::string found = found_in("health {\r\n}\r\n");
-    EXPECT_NE(
-        found.find("1 error 'health {' lines end in carriage returns: no bracket is seen, and "
-                   "so no block"),
-        std::string::npos)
-        << found;
-}
-
-TEST(Check, carriage_returns_are_told_once) {
-    const std::string found = found_in("health {\r\n}\r\n");
-    EXPECT_EQ(found.find("carriage returns"), found.rfind("carriage returns"));
-}
-
 TEST(Check, bracket_too_many_is_an_error) {
     EXPECT_EQ(found_in(conf("", "", "", "}\n")),
-              "21 error '}' Malformed configuration file: brackets");
+              "21 error '}' closes no block: one bracket too many");
 }
 
 TEST(Check, block_that_does_not_end_is_an_error_at_its_line) {
-    EXPECT_EQ(found_in(conf("", "", "interface eth0 {\n")),
-              "13 error 'rule 1_ipv4' Configuration error due to mismatched brackets: this block "
-              "does not end\n"
-              "20 warning 'interface eth0' declared before: the lines of both blocks act on one "
-              "entry");
+    EXPECT_EQ(
+        found_in(conf("", "", "interface eth0 {\n")),
+        "13 error 'rule 1_ipv4 {' this block does not end: '}' is missing before the end of the "
+        "file\n"
+        "20 warning 'interface eth0' declared before: the lines of both blocks act on one "
+        "entry");
 }
 
 TEST(Check, line_longer_than_a_read_is_told) {
@@ -231,7 +224,8 @@ TEST(Check, line_longer_than_a_read_is_told) {
     EXPECT_EQ(found_in(conf("", "", "", "# " + std::string(1021, 'x') + "{ }\n")),
               "21 warning '' " + rest + "of its comment is read as a line of its own");
     EXPECT_EQ(found_in(conf("", "", "", "}" + std::string(1022, ' ') + "}\n")),
-              "21 error '}" + std::string(1022, ' ') + "' Malformed configuration file: brackets");
+              "21 error '}' closes no block: one bracket too many\n"
+              "21 error '}' closes no block: one bracket too many");
     EXPECT_EQ(found_in(conf("", "", "", std::string(1023, ' ') + "health\n")),
               "21 warning '' " + rest + "is read as a line of its own");
 }
@@ -286,7 +280,7 @@ TEST(Check, interface_whose_namespace_has_no_rule_is_told) {
         found_in(conf("", "", "", eth1) + "health {\ninterface eth1 {\nnamespace blue\n}\n}\n"),
         "22 warning 'interface eth1' no rule of its family lies in its namespace: no worker "
         "probes it\n"
-        "29 warning 'interface eth1' declared before: the lines of both blocks act on one "
+        "34 warning 'interface eth1' declared before: the lines of both blocks act on one "
         "entry");
 }
 
@@ -309,18 +303,21 @@ TEST(Check, member_of_the_other_family_is_told) {
 
 TEST(Check, missing_counts_are_told) {
     EXPECT_EQ(found_in(conf("", "", "interface eth1 {\nweight 1\n}\n",
-                            "health {\ninterface eth1 {\nfailure-ct 1\nnexthop 192.0.2.9\n}\n}\n")),
+                            "health {\ninterface eth1 {\nfailure-ct 1\nnexthop 192.0.2.9\n"
+                            "rule 1 {\ntype ping {\ntarget 198.51.100.2\n}\n}\n}\n}\n")),
               "25 warning 'interface eth1' without success-ct every single outcome counts at once, "
               "also with failure-ct");
     EXPECT_EQ(found_in(conf("", "", "interface eth1 {\nweight 1\n}\n",
-                            "health {\ninterface eth1 {\nsuccess-ct 1\nnexthop 192.0.2.9\n}\n}\n")),
+                            "health {\ninterface eth1 {\nsuccess-ct 1\nnexthop 192.0.2.9\n"
+                            "rule 1 {\ntype ping {\ntarget 198.51.100.2\n}\n}\n}\n}\n")),
               "25 warning 'interface eth1' without failure-ct every single outcome counts at once, "
               "also with success-ct");
 }
 
 TEST(Check, missing_next_hop_is_an_error) {
     EXPECT_EQ(found_in(conf("", "", "interface eth1 {\nweight 1\n}\n",
-                            "health {\ninterface eth1 {\nsuccess-ct 1\nfailure-ct 1\n}\n}\n")),
+                            "health {\ninterface eth1 {\nsuccess-ct 1\nfailure-ct 1\n"
+                            "rule 1 {\ntype ping {\ntarget 198.51.100.2\n}\n}\n}\n}\n")),
               "25 error 'interface eth1' has no nexthop to send frames and routes to");
 }
 
@@ -358,10 +355,12 @@ TEST(Check, times_that_leave_no_answer_are_told) {
 }
 
 TEST(Check, broken_seconds_on_a_tunnel_are_an_error) {
-    EXPECT_EQ(found_in(conf("", "", "interface gre_1 {\nweight 1\n}\n",
-                            "health {\ninterface gre_1 {\nsuccess-ct 1\nfailure-ct 1\nnexthop "
-                            "tunnel\nrule 1 {\ntype ping_ext {\ntimeout 1500\n}\n}\n}\n}\n")),
-              "31 error 'timeout 1500' on a tunnel only whole seconds work: every run fails");
+    EXPECT_EQ(
+        found_in(conf(
+            "", "", "interface gre_1 {\nweight 1\n}\n",
+            "health {\ninterface gre_1 {\nsuccess-ct 1\nfailure-ct 1\nnexthop "
+            "tunnel\nrule 1 {\ntype ping_ext {\ntimeout 1500\ntarget 198.51.100.2\n}\n}\n}\n}\n")),
+        "31 error 'timeout 1500' on a tunnel only whole seconds work: every run fails");
 }
 
 TEST(Check, extended_settings_of_an_echo_probe_are_told) {
@@ -395,11 +394,13 @@ TEST(ExitStatus, tells_errors_from_warnings) {
 TEST(Texts, name_file_line_and_text) {
     const std::vector<Finding> one{
         {.line = 3, .severity = Severity::error, .text = "a b", .message = "bad"}};
-    EXPECT_EQ(lbcheck::as_text("f.conf", one), "f.conf:3: error: 'a b': bad\n");
+    EXPECT_EQ(lbcheck::as_text("f.conf", one),
+              "f.conf:3: error: 'a b': bad\nf.conf: 1 error, 0 warnings\n");
     EXPECT_EQ(lbcheck::as_json("f.conf", one),
               "{\n  \"file\": \"f.conf\",\n  \"findings\": [\n    {\n      \"line\": 3,\n"
               "      \"severity\": \"error\",\n      \"text\": \"a b\",\n      \"message\": "
-              "\"bad\"\n    }\n  ]\n}\n");
+              "\"bad\",\n      \"more_lines\": []\n    }\n  ],\n  \"errors\": 1,\n"
+              "  \"warnings\": 0\n}\n");
 }
 
 TEST(Explanation, shows_workers_probes_and_routes) {
@@ -407,21 +408,25 @@ TEST(Explanation, shows_workers_probes_and_routes) {
     EXPECT_EQ(
         lbcheck::explain(lbcheck::check(file.path()).data),
         "Workers:\n  the default namespace, IPv4: 1 interfaces, 1 rules\n"
-        "Interfaces:\n  eth0 (IPv4), the default namespace, next hop 192.0.2.1, up after 3, "
-        "down after 2\n"
+        "Interfaces:\n  eth0 (IPv4), the default namespace, next hop 192.0.2.1\n"
+        "    down after about 12 s without answers (2 in a row), up after about 3 s of answers "
+        "(3 in a row)\n"
         "    probe 1: ping extended, target 198.51.100.1, 10 echoes of 1000 ms, period 240 s, "
         "limits loss 1%, rtt 200 ms, jitter 50 ms\n"
         "    probe 2: ping, target the next hop, answer within 5000 ms\n"
         "Rules:\n  1_ipv4, the default namespace, failover\n"
-        "    route 0.0.0.0/0 multipath via 192.0.2.1 weight 1;\n");
+        "    route 0.0.0.0/0 multipath via 192.0.2.1 weight 1;\n"
+        "When one uplink fails:\n  eth0 (IPv4)\n    1_ipv4\n      no route\n");
 }
 
 TEST(Explanation, one_count_alone_makes_every_outcome_count) {
     const TemporaryFile file(conf("", "", "interface eth1 {\nweight 1\n}\n",
                                   "health {\ninterface eth1 {\nfailure-ct 3\nnexthop 192.0.2.9\n"
-                                  "}\n}\n"));
-    EXPECT_THAT(lbcheck::explain(lbcheck::check(file.path()).data),
-                testing::HasSubstr("next hop 192.0.2.9, up after 1, down after 1\n"));
+                                  "rule 1 {\ntype ping {\ntarget 198.51.100.2\n}\n}\n}\n}\n"));
+    EXPECT_THAT(
+        lbcheck::explain(lbcheck::check(file.path()).data),
+        testing::HasSubstr("down after about 6 s without answers (1 in a row), up after about "
+                           "1 s of answers (1 in a row)\n"));
 }
 
 TEST(Explanation, shows_no_route_where_no_worker_makes_one) {

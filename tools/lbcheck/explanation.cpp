@@ -1,8 +1,11 @@
 // The configuration as understood.
 #include <map>
+#include <utility>
+#include <vector>
 
 #include "decision/lb_decision.h"
 #include "lbcheck/findings.h"
+#include "lbcheck/timing.h"
 #include "probe/lb_test.h"
 #include "probe/lb_test_ping.h"
 
@@ -35,11 +38,6 @@ std::string explain_probes(const LBHealth& health) {
     return text;
 }
 
-/// B39: of two counts, one alone is as good as neither.
-int outcomes_needed(const LBHealth& health, int count) {
-    return health.success_ct == 0 || health.failure_ct == 0 ? 1 : count;
-}
-
 std::string explain_workers(const LBData& data) {
     std::string text = "Workers:\n";
     for (const auto& [place, work] : work_by_namespace(data)) {
@@ -51,51 +49,117 @@ std::string explain_workers(const LBData& data) {
     return text;
 }
 
-/// The route lines of a rule when all uplinks work; a next hop that is learnt stands as a word.
-std::string explain_routes(LBData& data, std::map<std::string, LBRule>::iterator rule) {
+/// The route lines of a rule in the state that the data are in; a next hop that is learnt stands as
+/// a word.
+std::string routes_of(LBData& data, const WorkByNamespace& work,
+                      std::map<std::string, LBRule>::iterator rule) {
     std::string ns_name = rule->second.namespace_name;
-    WorkByNamespace work = work_by_namespace(data);
     std::string lines;
     for (const bool is_ipv6 : {false, true}) {
-        if (work[{ns_name, is_ipv6}].needs_worker()) {
+        const auto found = work.find({ns_name, is_ipv6});
+        if (found != work.end() && found->second.needs_worker()) {
             context ctx{.ipv6 = is_ipv6, .ns_name = &ns_name};
             lines += LBDecision().routes_of(data, rule, &ctx);
         }
     }
+    return lines;
+}
+
+std::string indented(const std::string& lines, const std::string& indentation) {
     std::string text;
     for (std::size_t begin = 0; begin < lines.size();) {
         const std::size_t end = lines.find('\n', begin) + 1;
-        text += "    " + lines.substr(begin, end - begin);
+        text += indentation + lines.substr(begin, end - begin);
         begin = end;
     }
-    return text.empty() ? "    no route\n" : text;
+    return text.empty() ? indentation + "no route\n" : text;
 }
+
+std::string explain_interface(const std::string& name, const LBHealth& health) {
+    const ExpectedChange change = expected_change(health);
+    return "  " + name + (health.ipv6 ? " (IPv6), " : " (IPv4), ") +
+           shown_namespace(health.namespace_name) + ", next hop " +
+           (health.nexthop.empty() ? "none" : health.nexthop) +
+           (health.check_all ? ", all targets must answer" : "") + "\n    down after about " +
+           std::to_string(change.down_s) + " s without answers (" +
+           std::to_string(change.failures) + " in a row), up after about " +
+           std::to_string(change.up_s) + " s of answers (" + std::to_string(change.successes) +
+           " in a row)\n" + explain_probes(health);
+}
+
+/// What becomes of the routes when one uplink alone fails: those that change.
+class Failures {
+  public:
+    Failures(LBData& data, const WorkByNamespace& work) : data_(data), work_(work) {
+        for (auto rule = data_.rules.begin(); rule != data_.rules.end(); ++rule) {
+            const std::string routes = routes_of(data_, work_, rule);
+            for (const auto& [member, weight] : rule->second.interfaces) {
+                rules_of_[member].push_back({rule, routes});
+            }
+        }
+    }
+
+    std::string explain_all() {
+        std::string text = "When one uplink fails:\n";
+        for (const bool is_ipv6 : {false, true}) {
+            for (auto& [name, health] : data_.family(is_ipv6)) {
+                health.active = false;
+                text += explain(name, is_ipv6);
+                health.active = true;
+            }
+        }
+        return text;
+    }
+
+  private:
+    struct AffectedRule {
+        std::map<std::string, LBRule>::iterator rule;
+        std::string routes;  ///< when all uplinks work
+    };
+
+    std::string explain(const std::string& name, bool is_ipv6) {
+        std::string text;
+        for (const AffectedRule& affected : rules_of_[{name, is_ipv6}]) {
+            const std::string routes = routes_of(data_, work_, affected.rule);
+            if (routes != affected.routes) {
+                text += "    " + affected.rule->first + "\n" + indented(routes, "      ");
+            }
+        }
+        return "  " + name + (is_ipv6 ? " (IPv6)\n" : " (IPv4)\n") +
+               (text.empty() ? "    no route changes\n" : text);
+    }
+
+    LBData& data_;
+    const WorkByNamespace& work_;
+    std::map<std::pair<std::string, bool>, std::vector<AffectedRule>> rules_of_;
+};
+
+/// Each failure is decided anew: beyond this many nobody reads them.
+constexpr std::size_t most_failures = 100;
 
 }  // namespace
 
 std::string explain(const LBData& understood) {
     LBData data(understood);
+    const WorkByNamespace work = work_by_namespace(data);
     std::string text = explain_workers(data) + "Interfaces:\n";
     for (const bool is_ipv6 : {false, true}) {
         for (auto& [name, health] : data.family(is_ipv6)) {
             health.active = true;
             health.nexthop_addr = "<" + health.nexthop + ">";
-            text += "  " + name + (is_ipv6 ? " (IPv6), " : " (IPv4), ") +
-                    shown_namespace(health.namespace_name) + ", next hop " +
-                    (health.nexthop.empty() ? "none" : health.nexthop) + ", up after " +
-                    std::to_string(outcomes_needed(health, health.success_ct)) + ", down after " +
-                    std::to_string(outcomes_needed(health, health.failure_ct)) +
-                    (health.check_all ? ", all targets must answer" : "") + "\n" +
-                    explain_probes(health);
+            text += explain_interface(name, health);
         }
     }
     text += "Rules:\n";
     for (auto rule = data.rules.begin(); rule != data.rules.end(); ++rule) {
         text += "  " + rule->first + ", " + shown_namespace(rule->second.namespace_name) +
                 (rule->second.failover != 0 ? ", failover" : ", shared by weight") + "\n" +
-                explain_routes(data, rule);
+                indented(routes_of(data, work, rule), "    ");
     }
-    return text;
+    const std::size_t uplinks = data.health.size() + data.health6.size();
+    return text + (uplinks > most_failures ? "Single failures are left out: there are more than " +
+                                                 std::to_string(most_failures) + " uplinks.\n"
+                                           : Failures(data, work).explain_all());
 }
 
 }  // namespace lbcheck

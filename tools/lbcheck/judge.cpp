@@ -5,6 +5,9 @@
 #include <set>
 #include <tuple>
 
+#include "lbcheck/timing.h"
+#include "lbcheck/values.h"
+#include "lbshow/freshness.h"
 #include "output/records.h"
 #include "probe/lb_test.h"
 
@@ -39,6 +42,7 @@ class Judge {
         for (const auto& [name, rule] : data_.rules) {
             judge_rule(name, rule);
         }
+        judge_cycles();
         if (!has_any_worker) {
             findings_.push_back({.line = 0,
                                  .severity = Severity::error,
@@ -86,6 +90,68 @@ class Judge {
         }
         judge_targets(place, health);
         judge_source(place, health);
+        judge_reach(place, health);
+        judge_time(place, health);
+        judge_shared_next_hop(place, health, is_ipv6);
+    }
+
+    /// An outage behind the provider's gateway is seen by what lies behind it only.
+    void judge_reach(const std::string& place, const LBHealth& health) {
+        bool has_target = false;
+        bool goes_behind = false;
+        for_each_probe(health, [&](int, const Probe& probe) {
+            has_target = has_target || !probe.target.empty();
+            goes_behind = goes_behind || (!probe.target.empty() && probe.target != health.nexthop);
+        });
+        if (!has_target) {
+            warn(place,
+                 "has no target: its next hop is asked, and an outage behind that goes unnoticed");
+        } else if (!goes_behind) {
+            warn(place, "its only target is its next hop: an outage behind that goes unnoticed");
+        }
+    }
+
+    void judge_time(const std::string& place, const LBHealth& health) {
+        constexpr int long_s = 30;
+        const int down_s = expected_change(health).down_s;
+        if (down_s > long_s) {
+            warn(place, "an outage is noticed after about " + std::to_string(down_s) +
+                            " s only: lower resp-time or failure-ct");
+        }
+    }
+
+    void judge_shared_next_hop(const std::string& place, const LBHealth& health, bool is_ipv6) {
+        const bool is_learnt = health.nexthop == "dhcp" || health.nexthop == "tunnel";
+        if (is_learnt || health.nexthop.empty() || is_link_local(health.nexthop)) {
+            return;
+        }
+        const auto [first, is_new] = uplink_by_next_hop_.try_emplace(
+            {health.namespace_name, is_ipv6, health.nexthop}, place);
+        if (!is_new) {
+            warn(place, "has the next hop of " + first->second +
+                            ": a route through it does not tell which of them is meant");
+        }
+    }
+
+    /// lbshow takes dumps for old that a worker at its echoes could not write.
+    void judge_cycles() {
+        for (const auto& [place, longest_s] : longest_cycles_s(data_)) {
+            if (work_in(place.first, place.second).needs_worker() &&
+                longest_s > lbshow::limit_with_extended_pings_s) {
+                findings_.push_back(
+                    {.line = 0,
+                     .severity = Severity::warning,
+                     .text = "",
+                     .message = "the extended pings of " +
+                                (place.first.empty() ? "the default namespace"
+                                                     : "namespace " + place.first) +
+                                " may hold a cycle for " + std::to_string(longest_s) +
+                                " s (count x timeout of all of them): lbshow calls dumps stale "
+                                "after " +
+                                std::to_string(lbshow::limit_with_extended_pings_s) +
+                                " s, and other uplinks are judged as late"});
+            }
+        }
     }
 
     void judge_source(const std::string& place, const LBHealth& health) {
@@ -174,6 +240,8 @@ class Judge {
     const WorkByNamespace work_;
     /// Namespace, family and prefix of each destination so far, with the first rule that has it.
     std::map<std::tuple<std::string, bool, std::string>, std::string> routed_by_;
+    /// Namespace, family and next hop of each uplink so far, with the first that has it.
+    std::map<std::tuple<std::string, bool, std::string>, std::string> uplink_by_next_hop_;
 };
 
 }  // namespace

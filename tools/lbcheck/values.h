@@ -11,6 +11,17 @@ namespace lbcheck {
 bool is_address(int family, const std::string& text);
 /// ADDRESS/LENGTH of the family.
 bool is_prefix(int family, const std::string& text);
+/// Why a routing daemon refuses the destination ADDRESS/LENGTH of that family, with what to write
+/// instead; empty for one that it takes.
+std::string problem_of_prefix(int family, const std::string& text);
+/// Why no frame or route ever goes to the next hop, an address of that family; empty for one that
+/// may work.
+std::string problem_of_next_hop(int family, const std::string& text);
+/// Why no interface has the name, or no network namespace; empty for one that some may have.
+std::string problem_of_interface_name(const std::string& name);
+std::string problem_of_namespace_name(const std::string& name);
+/// Of fe80::/10: it needs an interface beside it to be a next hop.
+bool is_link_local(const std::string& address);
 /// What the loader makes of a number that is not written as one, or that it does not hold; empty
 /// when the number is taken as it stands.
 std::string problem_of_number(const std::string& text);

@@ -4,6 +4,7 @@
 
 #include "config/keywords.h"
 #include "config/lb_data.h"
+#include "lbcheck/spelling.h"
 #include "lbcheck/values.h"
 #include "probe/send_path.h"
 
@@ -41,8 +42,8 @@ bool is_extended_only(const std::string& name) {
     });
 }
 
-constexpr std::size_t longest_ifname = 15;  // IFNAMSIZ without its zero
-constexpr int heaviest = 256;               // what the routing daemon takes for a weight
+constexpr const char* no_address = "not an address of the interface's family";
+constexpr int heaviest = 256;  // what the routing daemon takes for a weight
 constexpr int ms_per_s = 1000;
 
 /// A log line without the log's own "%WAN-W-ERR: ".
@@ -89,12 +90,6 @@ void Watcher::line(const std::string& read, bool is_cut) {
     had_end_ = read.ends_with('\n');
     was_cut_ = is_cut;
     text_ = read.substr(0, read.find_last_not_of("\r\n") + 1);
-    if (!read.ends_with("\r\n") || has_told_return_) {
-        return;
-    }
-    has_told_return_ = true;
-    add(Severity::error, read.substr(0, read.size() - 2),
-        "lines end in carriage returns: no bracket is seen, and so no block");
 }
 
 void Watcher::statement(const HandledStatement& statement) {
@@ -169,6 +164,7 @@ void Watcher::note_place(const HandledStatement& statement) {
     }
     if (is_health(statement) && is_interface_keyword(key)) {
         interface_ = value;
+        next_hop_line_ = 0;
         is_ipv6_ = key == "interface6";
         places_.try_emplace(key + " " + value, line_);
     } else if (!is_health(statement) && (key == "rule" || handled == Handled::strayed)) {
@@ -188,10 +184,16 @@ void Watcher::judge_ignored(const HandledStatement& statement, const std::string
         return;
     }
     constexpr int probe_depth = 4;
+    const std::string places = places_of(key);
+    if (places.empty()) {
+        add(Severity::warning, text, "unknown keyword: ignored");
+        return;
+    }
+    const std::string misplaced = "acts on nothing here: it stands in " + places;
     if (opens_target) {
         add(Severity::warning, text, "a target block has no value: the prefix is its address line");
     } else if (!is_health(statement) || depth != probe_depth || interface_.empty()) {
-        add(Severity::warning, text, "unknown or misplaced keyword: ignored");
+        add(Severity::warning, text, misplaced);
     } else if (key == "type" && is_ipv6_ && value == "ping_ext") {
         add(Severity::error, text, "there is no extended ping for IPv6: nothing is created");
     } else if (key == "type") {
@@ -203,7 +205,7 @@ void Watcher::judge_ignored(const HandledStatement& statement, const std::string
     } else if (key == "target" || key == "resp-time") {
         add(Severity::warning, text, "no probe is current: ignored");
     } else {
-        add(Severity::warning, text, "unknown or misplaced keyword: ignored");
+        add(Severity::warning, text, misplaced);
     }
 }
 
@@ -220,8 +222,15 @@ void Watcher::judge_acted(const HandledStatement& statement, const std::string& 
     if ((key == "failover" || key == "check_all") && !value.empty()) {
         add(Severity::warning, text, "has no value: it acts whatever stands behind it");
     }
-    if (is_interface_keyword(key) && value.size() > longest_ifname) {
-        add(Severity::error, text, "no interface has a name longer than 15 characters");
+    const std::string bad_name = is_interface_keyword(key) ? problem_of_interface_name(value)
+                                 : key == "namespace"      ? problem_of_namespace_name(value)
+                                                           : "";
+    if (!bad_name.empty()) {
+        add(Severity::error, text, bad_name);
+    }
+    if (!is_health(statement) && key == "metric") {
+        add(Severity::warning, text,
+            "bird 1.6 refuses the whole fragment for it; lbroute takes it, also with --bird2");
     }
     judge_address(statement, text);
 }
@@ -230,22 +239,56 @@ void Watcher::judge_address(const HandledStatement& statement, const std::string
     const std::string& key = statement.key;
     const std::string& value = statement.value;
     if (!is_health(statement)) {
-        if (key == "address" && !is_prefix(family_of(!is_ipv4_rule(rule_)), value)) {
-            add(Severity::error, text, "not a prefix of the rule's family");
+        const std::string problem =
+            key == "address" ? problem_of_prefix(family_of(!is_ipv4_rule(rule_)), value) : "";
+        if (!problem.empty()) {
+            add(Severity::error, text, problem);
         }
         return;
     }
+    if (key == "nexthop") {
+        judge_next_hop(value, text);
+        return;
+    }
+    const bool is_literal = key == "source_address" || key == "target";
+    if (is_literal && !is_address(family_of(is_ipv6_), value)) {
+        add(Severity::error, text,
+            std::string(no_address) + (key == "target" ? ": the probe is never sent" : ""));
+    }
+}
+
+void Watcher::judge_next_hop(const std::string& value, const std::string& text) {
+    if (next_hop_line_ != 0) {
+        add(Severity::warning, text,
+            "a second nexthop in one block: this one counts, not that of line " +
+                std::to_string(next_hop_line_));
+    }
+    next_hop_line_ = line_;
     const bool is_learnt = value == "dhcp" || value == "tunnel";
-    if (key == "nexthop" && is_learnt && is_ipv6_) {
+    if (is_learnt && is_ipv6_) {
         add(Severity::error, text, "an IPv6 probe needs a configured next hop: it is never sent");
         return;
     }
-    const bool is_literal =
-        key == "source_address" || key == "target" || (key == "nexthop" && !is_learnt);
-    if (is_literal && !is_address(family_of(is_ipv6_), value)) {
-        add(Severity::error, text,
-            std::string("not an address of the interface's family") +
-                (key == "target" ? ": the probe is never sent" : ""));
+    if (value == "tunnel" && !echoes_through_tunnel(interface_)) {
+        add(Severity::warning, text,
+            "probes of " + interface_ +
+                " leave as Ethernet frames, as it is no tunnel by name: only names with 'gre' or "
+                "'ip4ip4' in them are");
+    }
+    if (is_learnt) {
+        return;
+    }
+    const int family = family_of(is_ipv6_);
+    const std::string problem =
+        is_address(family, value) ? problem_of_next_hop(family, value) : no_address;
+    if (!problem.empty()) {
+        add(Severity::error, text, problem);
+    }
+    if (is_ipv6_ && is_link_local(value)) {
+        add(Severity::warning, text,
+            "a link-local next hop: only lbroute routes it (with --bird2 too), other routing "
+            "daemons "
+            "do not know its interface");
     }
 }
 

@@ -36,6 +36,7 @@ class Watcher : public LoadObserver {
     void judge_ignored(const HandledStatement& statement, const std::string& text);
     void judge_acted(const HandledStatement& statement, const std::string& text);
     void judge_address(const HandledStatement& statement, const std::string& text);
+    void judge_next_hop(const std::string& value, const std::string& text);
     void judge_limit(const std::string& key, const std::string& value, const std::string& text);
 
     std::vector<Finding>& findings_;
@@ -47,12 +48,12 @@ class Watcher : public LoadObserver {
     bool had_end_ = true;         // the read before ended its line
     bool is_in_comment_ = false;  // of the line being read
     bool has_told_cut_ = false;   // of the line being read
-    bool has_told_return_ = false;
-    int opened_line_ = 0;  // of the outermost block that is open
+    int opened_line_ = 0;         // of the outermost block that is open
     std::string opened_text_;
     std::string interface_;  // the latest below health
     bool is_ipv6_ = false;
-    std::string rule_;  // the latest rule
+    int next_hop_line_ = 0;  // of its block; 0 while it has none
+    std::string rule_;       // the latest rule
 };
 
 }  // namespace lbcheck

@@ -145,7 +145,7 @@ void compare_bird2_file(const Options& options, const Scene& scene, Report& repo
 
 }  // namespace
 
-int show_status(Options options, bool chooses_table, bool as_json) {
+Report report_of_now(Options options, bool chooses_table) {
     const Scene scene(options);
     Report report;
     report.daemon = scene.daemon;
@@ -164,6 +164,11 @@ int show_status(Options options, bool chooses_table, bool as_json) {
             report.namespaces.push_back(look_at(name, options, scene));
         }
     }
+    return report;
+}
+
+int show_status(const Options& options, bool chooses_table, bool as_json) {
+    const Report report = report_of_now(options, chooses_table);
     std::cout << (as_json ? report_json(report) : report_text(report)) << std::flush;
     return report.agrees() && std::cout ? 0 : 1;
 }

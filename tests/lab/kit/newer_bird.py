@@ -77,6 +77,10 @@ class NewerBird:
         expect(lambda: self.birdc("show", "status").find("Daemon is up") >= 0,
                what="bird is ready: " + (text_of(self._log_path) or ""))
 
+    @property
+    def pid(self):
+        return self._process.pid
+
     def birdc_command(self):
         """The command that makes it read its configuration again."""
         return f"{os.path.join(os.path.dirname(self._program), 'birdc')} -s {self._control} configure"

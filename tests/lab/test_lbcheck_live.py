@@ -1,0 +1,87 @@
+"""A tour of the failures that no log tells: each on a real kernel, found by one command with its mend. Here links, services
+and processes; test_lbcheck_live_answers.py and test_lbcheck_live_routes.py go on (topology: look_scene.py).
+"""
+import os
+import shutil
+
+from kit import Conf, main, ping
+from kit.routing_daemon import fragment_path, pid_path
+from look_scene import Tour
+from scenes import GATEWAY, GATEWAY_2, PREFIX, TARGET, TARGET_2, two_uplinks
+
+
+class Links(Tour):
+    def test_good_uplinks_are_ok_and_what_is_not_there_yet_is_not(self):
+        look = self.look()
+        for name, gateway, target in (("gi1_1", GATEWAY, TARGET), ("gi1_2", GATEWAY_2, TARGET_2)):
+            self.assertEqual(look.with_words(f" {name} "), [
+                f"ok {name} (IPv4): it is up, with carrier and address",
+                f"ok {name} (IPv4): no reverse-path check",
+                f"ok {name} (IPv4): next hop {gateway} is known, {target} answers through it"])
+        self.assert_finds("unknown", "dumps", look=look)
+        self.assert_finds("error", "routing daemon of IPv4: there is none", "systemctl enable --now lbroute", look=look)
+        self.assert_finds("unknown", "services", "no service manager", look=look)
+
+    def test_it_changes_nothing(self):
+        def everything():
+            return [self.router.ip(words) for words in ("-d link", "address", "route show table all", "rule",
+                                                        "-6 route show table all", "nexthop")] + [
+                self.router.run("sysctl", "-a", "--pattern", "rp_filter|forwarding"), sorted(os.listdir("/run")),
+                sorted(os.listdir("/usr/etc")), sorted(os.listdir("/var/db"))]
+        before = everything()
+        self.look()
+        self.assertEqual(everything(), before)
+
+    def test_interface_that_is_not_there(self):
+        self.router.ip("link set gi1_2 down")
+        self.router.ip("link set gi1_2 name eth7")
+        self.assert_finds("error", "gi1_2 (IPv4): there is no such interface, but: ", "eth7", ".link file")
+
+    def test_interface_that_is_down(self):
+        self.router.ip("link set gi1_2 down")
+        self.assert_finds("error", "gi1_2 (IPv4): it is down", "mend: ip link set gi1_2 up")
+
+    def test_interface_without_carrier(self):
+        self.lab.far.ip("link set far2 down")
+        self.assert_finds("error", "gi1_2 (IPv4): it has no carrier", "cable")
+
+    def test_interface_without_an_address(self):
+        self.router.ip("address flush dev gi1_2")
+        self.assert_finds("error", "gi1_2 (IPv4): it has no address", "mend: ip address add ADDRESS/LENGTH dev gi1_2")
+
+    def test_source_address_that_is_not_its_own(self):
+        self.lab.write_conf(two_uplinks(source="192.0.2.99"))
+        self.assert_finds("error", "gi1_1", "source_address 192.0.2.99 is not among its addresses", "ip address add")
+
+    def test_namespace_that_is_not_there(self):
+        self.lab.write_conf(two_uplinks(namespace="blue"))
+        self.assert_finds("error", "namespace blue: there is no such namespace; mend: ip netns add blue")
+
+    def test_uplink_in_a_namespace(self):
+        blue = self.lab.namespace("blue")
+        self.lab.uplink("gi1_3", "198.51.100.10/24", "198.51.100.254", namespace=blue, known=True)
+        blue.sysctl("ipv4/conf/gi1_3/rp_filter", "1")
+        shutil.rmtree(os.path.dirname(fragment_path("blue")))
+        self.lab.write_conf(Conf().interface("gi1_3", nexthop="198.51.100.254", namespace="blue", probes=[ping(TARGET)])
+                            .rule("1_ipv4", {"gi1_3": 1}, {PREFIX: None}, namespace="blue"))
+        look = self.assert_finds("error", "namespace blue: gi1_3 (IPv4)", "drops the answers while",
+                                 "mend: ip netns exec blue sysctl -w")
+        self.assert_finds("error", "no folder /var/vrfs/blue/usr/etc", "mend: mkdir -p /var/vrfs/blue/usr/etc", look=look)
+
+
+class ProcessNumbers(Tour):
+    def pid_file(self, text):
+        with open(pid_path(), "w", encoding="ascii") as file:
+            file.write(text)
+
+    def test_process_that_does_not_run(self):
+        self.pid_file("999999\n")
+        self.assert_finds("error", "names process 999999, which does not run", "systemctl restart lbroute")
+
+    def test_process_that_is_no_routing_daemon(self):
+        self.pid_file(f"{os.getpid()}\n")
+        self.assert_finds("warning", "which is no routing daemon that is known here", "SIGHUP")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,317 @@
+// What is said of a router, from plain facts: one row, one failure.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "lbcheck/live_findings.h"
+#include "lbcheck/live_judge.h"
+
+namespace {
+
+using lbcheck::Echo;
+using lbcheck::LiveFacts;
+using lbcheck::UplinkFacts;
+
+UplinkFacts good_uplink() {
+    UplinkFacts uplink;
+    uplink.interface = "gi1_1";
+    uplink.configured_next_hop = "192.0.2.1";
+    uplink.next_hop = "192.0.2.1";
+    uplink.exists = uplink.is_up = uplink.has_carrier = uplink.is_next_hop_on_link = true;
+    uplink.addresses = {"192.0.2.10"};
+    uplink.neighbour = "REACHABLE";
+    uplink.reverse_path_all = 0;
+    uplink.reverse_path_own = 0;
+    uplink.echo = Echo{.end = Echo::End::answered, .target = "203.0.113.53", .reason = ""};
+    return uplink;
+}
+
+/// A router on which all is well.
+LiveFacts good() {
+    LiveFacts facts;
+    facts.configuration = "/etc/lb.conf";
+    facts.output_directory = "/run/lb";
+    facts.is_root = true;
+    facts.configured[4] = 1;
+    lbcheck::NamespaceFacts space;
+    space.uplinks.push_back(good_uplink());
+    lbcheck::RouterFacts router;
+    router.fragment_path = "/usr/etc/routing-wlb.conf";
+    router.has_folder = router.has_fragment = router.is_running = true;
+    router.pid_path = "/var/run/routing.pid";
+    router.pid_text = "812";
+    router.process = "lbroute";
+    space.routers.push_back(router);
+    space.tracked = 10;
+    space.most_tracked = 1000;
+    facts.namespaces.push_back(space);
+    lbroute::ReportedNamespace routes;
+    lbroute::ReportedRoute route;
+    route.prefix = "0.0.0.0/0";
+    route.state = "ok";
+    lbroute::ReportedHop hop;
+    hop.gateway = "192.0.2.1";
+    hop.interface = "gi1_1";
+    hop.state = "routed";
+    route.hops.push_back(hop);
+    routes.routes.push_back(route);
+    facts.routes.namespaces.push_back(routes);
+    lbshow::Family dumped;
+    dumped.limit_s = 15;
+    facts.dumps.families.push_back(dumped);
+    facts.neighbour_least[0] = 128;
+    facts.neighbour_most[0] = 1024;
+    facts.units = {{.name = "lb", .active = "active", .enabled = "enabled"}};
+    return facts;
+}
+
+struct Row {
+    const char* name;
+    std::function<void(LiveFacts&)> breaks;
+    const char* line;  ///< as it is printed
+};
+
+UplinkFacts& uplink(LiveFacts& facts) {
+    return facts.namespaces[0].uplinks[0];
+}
+lbcheck::RouterFacts& router(LiveFacts& facts) {
+    return facts.namespaces[0].routers[0];
+}
+lbroute::ReportedRoute& route(LiveFacts& facts) {
+    return facts.routes.namespaces[0].routes[0];
+}
+/// Another routing daemon has made this of the route.
+void route_by_bird(LiveFacts& facts, const char* gateway, std::uint32_t priority = 0) {
+    router(facts).process = "bird";
+    router(facts).version = "BIRD version 1.6.8";
+    lbroute::KernelRoute made;
+    made.prefix = {.address = *lbroute::Address::parse("0.0.0.0", lbroute::Family::ipv4),
+                   .length = 0};
+    made.priority = priority;
+    made.hops = {{.gateway = lbroute::Address::parse(gateway, lbroute::Family::ipv4), .link = 2}};
+    facts.namespaces[0].routes.push_back(made);
+}
+
+const std::vector<Row> rows{
+    {"missing_interface",
+     [](LiveFacts& f) {
+         uplink(f).exists = false;
+         uplink(f).similar_interfaces = {"eth0", "eth1"};
+     },
+     "error   gi1_1 (IPv4): there is no such interface, but: eth0 eth1; mend: correct the name, or "
+     "give the card this name by a .link file and restart"},
+    {"down", [](LiveFacts& f) { uplink(f).is_up = false; },
+     "error   gi1_1 (IPv4): it is down; mend: ip link set gi1_1 up"},
+    {"down_in_a_namespace",
+     [](LiveFacts& f) {
+         f.namespaces[0].name = "blue";
+         uplink(f).is_up = false;
+     },
+     "error   namespace blue: gi1_1 (IPv4): it is down; mend: ip netns exec blue ip link set gi1_1 "
+     "up"},
+    {"no_carrier", [](LiveFacts& f) { uplink(f).has_carrier = false; },
+     "error   gi1_1 (IPv4): it has no carrier; mend: look at the cable and at the other end"},
+    {"no_address", [](LiveFacts& f) { uplink(f).addresses.clear(); },
+     "error   gi1_1 (IPv4): it has no address of the family; mend: ip address add ADDRESS/LENGTH "
+     "dev gi1_1"},
+    {"strict_reverse_path_check", [](LiveFacts& f) { uplink(f).reverse_path_all = 1; },
+     "error   gi1_1 (IPv4): the reverse-path check drops the answers while no route leads through "
+     "it (rp_filter 1); mend: sysctl -w net.ipv4.conf.all.rp_filter=0 "
+     "net.ipv4.conf.gi1_1.rp_filter=0"},
+    {"loose_reverse_path_check_is_the_larger_one",
+     [](LiveFacts& f) {
+         uplink(f).interface = "gi1_1.100";
+         uplink(f).reverse_path_all = 1;
+         uplink(f).reverse_path_own = 2;
+     },
+     "warning gi1_1.100 (IPv4): the reverse-path check drops the answers while no route leads to "
+     "the target at all (rp_filter 2); mend: sysctl -w net.ipv4.conf.all.rp_filter=0 "
+     "net.ipv4.conf.gi1_1/100.rp_filter=0"},
+    {"unreadable_reverse_path_check", [](LiveFacts& f) { uplink(f).reverse_path_own.reset(); },
+     "unknown gi1_1 (IPv4): its reverse-path check cannot be read"},
+    {"tunnel_without_a_peer",
+     [](LiveFacts& f) {
+         uplink(f).configured_next_hop = "tunnel";
+         uplink(f).next_hop.clear();
+     },
+     "error   gi1_1 (IPv4): no next hop is known (nexthop tunnel); mend: ip address add OWN peer "
+     "FAR "
+     "dev gi1_1"},
+    {"echo_that_was_not_asked_for",
+     [](LiveFacts& f) {
+         uplink(f).echo.reset();
+         f.namespaces[0].echo_problem = "no socket for it: Operation not permitted";
+     },
+     "unknown gi1_1 (IPv4): no probe could be sent: no socket for it: Operation not permitted; "
+     "mend: run it as root"},
+    {"silent_next_hop",
+     [](LiveFacts& f) {
+         uplink(f).echo->end = Echo::End::not_sent;
+         uplink(f).neighbour = "FAILED";
+     },
+     "error   gi1_1 (IPv4): next hop 192.0.2.1 does not answer ARP requests; mend: correct "
+     "nexthop, "
+     "or look at the provider's gateway: ip neigh show dev gi1_1"},
+    {"answer_dropped_by_the_reverse_path_check",
+     [](LiveFacts& f) {
+         uplink(f).echo->end = Echo::End::not_delivered;
+         uplink(f).echo->reverse_path_drops = 2;
+     },
+     "error   gi1_1 (IPv4): the answer of 203.0.113.53 comes in, and is lost within this machine: "
+     "the reverse-path check drops it; mend: sysctl -w net.ipv4.conf.all.rp_filter=0 "
+     "net.ipv4.conf.gi1_1.rp_filter=0"},
+    {"full_connection_tracking", [](LiveFacts& f) { f.namespaces[0].tracked = 1000; },
+     "error   connection tracking: 1000 of 1000 entries are in use: no room for the probes of 1 "
+     "uplinks; mend: sysctl -w net.netfilter.nf_conntrack_max=2002"},
+    {"nearly_full_connection_tracking", [](LiveFacts& f) { f.namespaces[0].tracked = 900; },
+     "warning connection tracking: 900 of 1000 entries are in use; mend: sysctl -w "
+     "net.netfilter.nf_conntrack_max=2000"},
+    {"no_connection_tracking", [](LiveFacts& f) { f.namespaces[0].tracked.reset(); },
+     "unknown connection tracking: its table cannot be read (nf_conntrack is not there); mend: "
+     "modprobe nf_conntrack_netlink"},
+    {"more_uplinks_than_neighbours_are_kept", [](LiveFacts& f) { f.configured[4] = 128; },
+     "warning neighbours of IPv4: the kernel forgets idle ones from 128 on, and there are 128 "
+     "uplinks: each costs a probe; mend: sysctl -w net.ipv4.neigh.default.gc_thresh1=4096 "
+     "net.ipv4.neigh.default.gc_thresh2=8192 net.ipv4.neigh.default.gc_thresh3=16384"},
+    {"more_uplinks_than_neighbours_are_possible", [](LiveFacts& f) { f.configured[4] = 1024; },
+     "error   neighbours of IPv4: the kernel keeps 1024 at most, and there are 1024 uplinks; mend: "
+     "sysctl -w net.ipv4.neigh.default.gc_thresh1=4096 net.ipv4.neigh.default.gc_thresh2=8192 "
+     "net.ipv4.neigh.default.gc_thresh3=16384"},
+    {"dead_daemon",
+     [](LiveFacts& f) {
+         f.dumps.families[0].is_stale = true;
+         f.dumps.families[0].age_s = 27;
+     },
+     "error   dumps of IPv4: they were written 27 s ago: the daemon does not run, or hangs; mend: "
+     "systemctl restart lb"},
+    {"clock_set_back",
+     [](LiveFacts& f) {
+         f.dumps.families[0].is_stale = true;
+         f.dumps.families[0].age_s = -3600;
+     },
+     "error   dumps of IPv4: they are from the future: the clock was set back, and the daemon has "
+     "not written since; mend: systemctl restart lb"},
+    {"ghosts",
+     [](LiveFacts& f) {
+         f.dumps.families.push_back({.family = 6, .age_s = 600, .limit_s = 15, .is_stale = true});
+     },
+     "warning dumps of IPv6: they are of an earlier configuration, which had the family; mend: rm "
+     "/run/lb/wlb_dump/wlb_ipv6_outbounds.bin"},
+    {"daemon_with_another_configuration",
+     [](LiveFacts& f) { f.dumps.families.push_back({.family = 6, .limit_s = 15}); },
+     "warning dumps of IPv6: the daemon runs with another configuration, which has the family; "
+     "mend: systemctl restart lb"},
+    {"no_dumps_yet",
+     [](LiveFacts& f) { f.dumps_problem = "/run/lb/wlb_dump: No such file or directory"; },
+     "unknown dumps: /run/lb/wlb_dump: No such file or directory; mend: systemctl enable --now lb, "
+     "where it does not run yet"},
+    {"unit_that_failed", [](LiveFacts& f) { f.units[0].active = "failed"; },
+     "error   service lb: it has failed; mend: journalctl -u lb, then systemctl restart lb"},
+    {"unit_that_is_not_enabled", [](LiveFacts& f) { f.units[0].enabled = "disabled"; },
+     "warning service lb: it is active, but not at the next start; mend: systemctl enable lb"},
+    {"no_routing_daemon", [](LiveFacts& f) { router(f).pid_text.clear(); },
+     "error   routing daemon of IPv4: there is none: /var/run/routing.pid names no process, and "
+     "nobody is told of new routes; mend: systemctl enable --now lbroute, or have another one "
+     "write its number there"},
+    {"bird_that_refuses",
+     [](LiveFacts& f) {
+         route_by_bird(f, "192.0.2.1");
+         router(f).refusal = "line 4, syntax error";
+     },
+     "error   routing daemon of IPv4: /var/run/routing.pid names process 812 (bird), which refuses "
+     "its configuration with the fragment in it: line 4, syntax error; mend: correct what it names "
+     "in the configuration of lb (lbcheck finds it), or let lbroute route"},
+    {"bird_of_the_other_family",
+     [](LiveFacts& f) {
+         route_by_bird(f, "192.0.2.1");
+         router(f).process = "bird6";
+     },
+     "error   routing daemon of IPv4: /var/run/routing.pid names process 812 (bird6), which is of "
+     "the other family; mend: write the number of bird there"},
+    {"bird_that_cannot_read_fragments",
+     [](LiveFacts& f) {
+         route_by_bird(f, "192.0.2.1");
+         router(f).version = "BIRD version 2.0.12";
+     },
+     "error   routing daemon of IPv4: /var/run/routing.pid names process 812 (bird), BIRD version "
+     "2.0.12, which cannot read fragments; mend: let lbroute translate: lbroute --bird2 FILE"},
+    {"route_that_bird_did_not_make",
+     [](LiveFacts& f) {
+         route_by_bird(f, "192.0.2.1");
+         f.namespaces[0].routes.clear();
+     },
+     "error   route 0.0.0.0/0 (IPv4): the kernel has none: the routing daemon did not take it "
+     "over; mend: look into the routing daemon's log, and have it read its configuration anew"},
+    {"route_that_bird_made_otherwise", [](LiveFacts& f) { route_by_bird(f, "192.0.2.99"); },
+     "error   route 0.0.0.0/0 (IPv4): the kernel routes it otherwise than the fragment asks; mend: "
+     "look into the routing daemon's log, and have it read its configuration anew"},
+    {"route_that_shadows_that_of_bird",
+     [](LiveFacts& f) {
+         route_by_bird(f, "192.0.2.1", 100);
+         route_by_bird(f, "192.0.2.99", 50);
+     },
+     "error   route 0.0.0.0/0 (IPv4): a route of others with a lower metric is used instead; mend: "
+     "ip route del 0.0.0.0/0 metric 50"},
+    {"route_that_shadows_that_of_lbroute",
+     [](LiveFacts& f) {
+         route(f).state = "shadowed";
+         route(f).shadowed_by = {"ip route del default via 192.0.2.99"};
+     },
+     "error   route 0.0.0.0/0 (IPv4): a route of others with a lower metric is used instead; mend: "
+     "ip route del default via 192.0.2.99"},
+    {"missing_namespace",
+     [](LiveFacts& f) {
+         f.namespaces.push_back(
+             {.name = "blue", .problem = lbcheck::no_such_namespace, .echo_problem = ""});
+     },
+     "error   namespace blue: there is no such namespace; mend: ip netns add blue"},
+};
+
+TEST(Live, router_on_which_all_is_well) {
+    const auto findings = lbcheck::judge_live(good());
+    EXPECT_EQ(lbcheck::live_exit_status(findings, true), 0) << lbcheck::live_text(findings);
+    EXPECT_NE(lbcheck::live_text(findings).find("0 errors, 0 warnings, 0 not looked at, 9 ok\n"),
+              std::string::npos)
+        << lbcheck::live_text(findings);
+}
+
+TEST(Live, each_failure_is_told_with_its_mend) {
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        LiveFacts facts = good();
+        row.breaks(facts);
+        const auto findings = lbcheck::judge_live(facts);
+        const std::string text = "\n" + lbcheck::live_text(findings);
+        EXPECT_NE(text.find(std::string("\n") + row.line + "\n"), std::string::npos) << text;
+        const bool is_error = std::string(row.line).starts_with("error");
+        EXPECT_EQ(lbcheck::live_exit_status(findings, true), is_error ? 2 : 1);
+    }
+}
+
+TEST(Live, what_was_not_looked_at_counts_only_when_strict) {
+    const std::vector<lbcheck::LiveFinding> unknown{
+        {lbcheck::State::unknown, "dumps", "not there", ""}};
+    EXPECT_EQ(lbcheck::live_exit_status(unknown, false), 0);
+    EXPECT_EQ(lbcheck::live_exit_status(unknown, true), 1);
+    EXPECT_EQ(lbcheck::live_text(unknown),
+              "unknown dumps: not there\n0 errors, 0 warnings, 1 not looked at, 0 ok\n");
+}
+
+TEST(Live, json_holds_the_file_and_the_router) {
+    const std::string text = lbcheck::live_json(
+        "F", {}, {{lbcheck::State::error, "gi1_1 (IPv4)", "it is down", "ip link set gi1_1 up"}});
+    EXPECT_NE(text.find("\"findings\": []"), std::string::npos);
+    EXPECT_NE(text.find("\"live\": [\n    {\n      \"state\": \"error\",\n      \"place\": \"gi1_1 "
+                        "(IPv4)\",\n      \"text\": \"it is down\",\n      \"mend\": \"ip link set "
+                        "gi1_1 up\"\n    }\n  ]"),
+              std::string::npos)
+        << text;
+}
+
+TEST(Live, texts_of_others_reach_no_terminal_as_they_are) {
+    LiveFacts facts = good();
+    router(facts).process = "bird\033[2J";
+    EXPECT_EQ(lbcheck::live_text(lbcheck::judge_live(facts)).find('\033'), std::string::npos);
+}
+
+}  // namespace

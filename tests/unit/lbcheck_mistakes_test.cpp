@@ -1,0 +1,204 @@
+// Values that the loader takes and nothing works with.
+#include <gtest/gtest.h>
+
+#include "lbcheck/findings.h"
+#include "lbcheck/spelling.h"
+#include "lbcheck/values.h"
+#include "unit/support/loaded.h"
+
+namespace {
+
+/// An uplink and a rule for it; each line of the uplink can be chosen.
+struct Uplink {
+    std::string family{};  ///< "" or "6"
+    std::string name = "gi1_1";
+    std::string nexthop = "192.0.2.1";
+    std::string in_interface{};
+    std::string probe = "type ping {\ntarget 198.51.100.1\n}\n";
+    std::string counts = "success-ct 2\nfailure-ct 2\n";
+    std::string prefix = "0.0.0.0/0";
+    std::string in_target{};
+
+    std::string health() const {
+        return "health {\ninterface" + family + " " + name + " {\n" + counts + "nexthop " +
+               nexthop + "\n" + in_interface + "rule 1 {\n" + probe + "}\n}\n}\n";
+    }
+    std::string rule(const std::string& number = "1") const {
+        return "rule " + number + (family.empty() ? "_ipv4" : "_ipv6") + " {\ninterface" + family +
+               " " + name + " {\nweight 1\n}\ntarget {\naddress " + prefix + "\n" + in_target +
+               "}\n}\n";
+    }
+};
+
+/// "severity: 'text': message" of each finding.
+std::string found_in(const std::string& text) {
+    const TemporaryFile file(text);
+    std::string all;
+    for (const lbcheck::Finding& one : lbcheck::check(file.path()).findings) {
+        all += std::string(one.severity == lbcheck::Severity::error ? "error: " : "warning: ") +
+               "'" + one.text + "': " + one.message + "\n";
+    }
+    return all;
+}
+
+std::string found_in(const Uplink& uplink) {
+    return found_in(uplink.health() + uplink.rule());
+}
+
+const std::string probe6 = "type ping {\ntarget 2001:db8:53::1\n}\n";
+const std::string source6 = "source_address 2001:db8::2\n";
+
+TEST(Mistakes, good_uplinks_have_none) {
+    EXPECT_EQ(found_in(Uplink{}), "");
+    EXPECT_EQ(found_in(Uplink{.family = "6",
+                              .nexthop = "2001:db8::1",
+                              .in_interface = source6,
+                              .probe = probe6,
+                              .prefix = "::/0"}),
+              "");
+}
+
+TEST(Mistakes, host_bits_in_a_prefix) {
+    EXPECT_EQ(found_in(Uplink{.prefix = "10.1.2.3/8"}),
+              "error: 'address 10.1.2.3/8': has bits set behind its length, for which a routing "
+              "daemon refuses the whole fragment; write 10.0.0.0/8\n");
+    EXPECT_EQ(lbcheck::problem_of_prefix(AF_INET6, "2001:db8::1/32"),
+              "has bits set behind its length, for which a routing daemon refuses the whole "
+              "fragment; write 2001:db8::/32");
+    EXPECT_EQ(lbcheck::problem_of_prefix(AF_INET, "192.0.2.128/25"), "");
+    EXPECT_NE(lbcheck::problem_of_prefix(AF_INET, "192.0.2.128/24"), "");
+    EXPECT_EQ(lbcheck::problem_of_prefix(AF_INET, "192.0.2.1/32"), "");
+    EXPECT_NE(lbcheck::problem_of_prefix(AF_INET, "0.0.0.1/0"), "");
+    EXPECT_EQ(lbcheck::problem_of_prefix(AF_INET6, "2001:db8::1/128"), "");
+}
+
+TEST(Mistakes, next_hop_that_the_kernel_prints_otherwise) {
+    EXPECT_EQ(found_in(Uplink{.family = "6",
+                              .nexthop = "2001:DB8:1:0::1",
+                              .in_interface = source6,
+                              .probe = probe6,
+                              .prefix = "::/0"}),
+              "error: 'nexthop 2001:DB8:1:0::1': the kernel prints it otherwise, so it is never "
+              "found among the neighbours; write 2001:db8:1::1\n");
+}
+
+TEST(Mistakes, next_hop_that_no_neighbour_has) {
+    for (const char* address : {"0.0.0.0", "127.0.0.1", "224.0.0.1", "255.255.255.255"}) {
+        EXPECT_EQ(found_in(Uplink{.nexthop = address}),
+                  std::string("error: 'nexthop ") + address +
+                      "': no neighbour has this address: nothing is ever sent there\n");
+    }
+    for (const char* address : {"::", "::1", "ff02::1"}) {
+        EXPECT_EQ(lbcheck::problem_of_next_hop(AF_INET6, address),
+                  "no neighbour has this address: nothing is ever sent there");
+    }
+    EXPECT_EQ(lbcheck::problem_of_next_hop(AF_INET, "223.255.255.1"), "");
+}
+
+TEST(Mistakes, names_that_no_interface_has) {
+    for (const char* name : {"a/b", "a:b", "..", "\"gi 1\"", "abcdefghijklmnop"}) {
+        EXPECT_NE(found_in(Uplink{.name = name}).find("error: 'interface"), std::string::npos)
+            << name;
+    }
+    EXPECT_NE(lbcheck::problem_of_interface_name("gi1{"), "");
+    EXPECT_EQ(lbcheck::problem_of_interface_name("gi1_1.100"), "");
+    EXPECT_EQ(lbcheck::problem_of_interface_name("abcdefghijklmno"), "");
+}
+
+TEST(Mistakes, namespace_that_is_no_plain_file_name) {
+    for (const char* name : {"../x", "a/b", "..", "-x", "a;reboot", "$(id)"}) {
+        EXPECT_NE(lbcheck::problem_of_namespace_name(name), "") << name;
+    }
+    EXPECT_EQ(lbcheck::problem_of_namespace_name("vrf-blue_1.2"), "");
+    EXPECT_NE(found_in(Uplink{.in_interface = "namespace a;reboot\n"})
+                  .find("error: 'namespace a;reboot': not a plain file name"),
+              std::string::npos);
+}
+
+TEST(Mistakes, two_next_hops_in_a_block) {
+    EXPECT_EQ(found_in(Uplink{.in_interface = "nexthop 192.0.2.2\n"}),
+              "warning: 'nexthop 192.0.2.2': a second nexthop in one block: this one counts, not "
+              "that of line 5\n");
+}
+
+TEST(Mistakes, two_uplinks_with_one_next_hop) {
+    const Uplink first;
+    const Uplink second{.name = "gi1_2", .prefix = "10.0.0.0/8"};
+    EXPECT_EQ(found_in(first.health() + second.health() + first.rule("1") + second.rule("2")),
+              "warning: 'interface gi1_2': has the next hop of interface gi1_1: a route through "
+              "it does not tell which of them is meant\n");
+    const Uplink learnt{.nexthop = "dhcp"};
+    const Uplink also_learnt{.name = "gi1_2", .nexthop = "dhcp", .prefix = "10.0.0.0/8"};
+    EXPECT_EQ(
+        found_in(learnt.health() + also_learnt.health() + learnt.rule("1") + also_learnt.rule("2")),
+        "");
+}
+
+TEST(Mistakes, tunnel_that_is_none_by_name) {
+    EXPECT_EQ(found_in(Uplink{.nexthop = "tunnel"}),
+              "warning: 'nexthop tunnel': probes of gi1_1 leave as Ethernet frames, as it is no "
+              "tunnel by name: only names with 'gre' or 'ip4ip4' in them are\n");
+    EXPECT_EQ(found_in(Uplink{.name = "gre_1", .nexthop = "tunnel"}), "");
+}
+
+TEST(Mistakes, link_local_next_hop) {
+    EXPECT_EQ(found_in(Uplink{.family = "6",
+                              .nexthop = "fe80::1",
+                              .in_interface = source6,
+                              .probe = probe6,
+                              .prefix = "::/0"}),
+              "warning: 'nexthop fe80::1': a link-local next hop: only lbroute routes it (with "
+              "--bird2 too), other routing daemons do not know its interface\n");
+}
+
+TEST(Mistakes, metric) {
+    EXPECT_EQ(found_in(Uplink{.in_target = "metric 10\n"}),
+              "warning: 'metric 10': bird 1.6 refuses the whole fragment for it; lbroute takes it, "
+              "also with --bird2\n");
+}
+
+TEST(Mistakes, uplink_that_asks_nobody_behind_its_gateway) {
+    EXPECT_EQ(found_in(Uplink{.probe = ""}),
+              "warning: 'interface gi1_1': has no target: its next hop is asked, and an outage "
+              "behind that goes unnoticed\n");
+    EXPECT_EQ(found_in(Uplink{.probe = "type ping {\ntarget 192.0.2.1\n}\n"}),
+              "warning: 'interface gi1_1': its only target is its next hop: an outage behind that "
+              "goes unnoticed\n");
+}
+
+TEST(Mistakes, outage_that_is_noticed_late) {
+    EXPECT_EQ(found_in(Uplink{.counts = "success-ct 2\nfailure-ct 6\n"}),
+              "warning: 'interface gi1_1': an outage is noticed after about 36 s only: lower "
+              "resp-time or failure-ct\n");
+    EXPECT_EQ(found_in(Uplink{.counts = "success-ct 2\nfailure-ct 5\n"}), "");
+}
+
+TEST(Mistakes, extended_pings_that_hold_a_cycle) {
+    const std::string ping = "type ping_ext {\ntarget 198.51.100.1\ntimeout 2000\ncount ";
+    EXPECT_EQ(found_in(Uplink{.probe = ping + "31\n}\n"}),
+              "warning: '': the extended pings of the default namespace may hold a cycle for 62 s "
+              "(count x timeout of all of them): lbshow calls dumps stale after 60 s, and other "
+              "uplinks are judged as late\n");
+    EXPECT_EQ(found_in(Uplink{.probe = ping + "30\n}\n"}), "");
+    EXPECT_NE(found_in(Uplink{.probe = ping + "2147483647\ntimeout 2147483647\n}\n"}), "");
+}
+
+TEST(Spelling, finds_what_was_meant_and_does_not_guess) {
+    EXPECT_EQ(lbcheck::nearest("Health", {"health", "rule"}), "health");
+    EXPECT_EQ(lbcheck::nearest("source-address", {"source_address"}), "source_address");
+    EXPECT_EQ(lbcheck::nearest("rlue", {"health", "rule"}), "rule");
+    EXPECT_EQ(lbcheck::nearest("options", {"health", "rule"}), "");
+    EXPECT_EQ(lbcheck::nearest("interface5", {"interface", "interface6"}), "");
+    EXPECT_EQ(lbcheck::nearest(std::string(10'000, 'x'), {"health"}), "");
+}
+
+TEST(Spelling, knows_what_stands_in_a_block) {
+    EXPECT_EQ(lbcheck::keywords_inside({"rule", "interface6"}),
+              std::vector<std::string_view>{"weight"});
+    EXPECT_EQ(lbcheck::keywords_inside({"health", "interface", "rule"}),
+              std::vector<std::string_view>{"type"});
+    EXPECT_TRUE(lbcheck::keywords_inside({"other"}).empty());
+    EXPECT_TRUE(lbcheck::keywords_inside({"health", "rule"}).empty());
+}
+
+}  // namespace

@@ -1,0 +1,267 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+#include "base/address_text.h"
+#include "host/addresses.h"
+#include "host/log.h"
+#include "lbcheck/live_echo.h"
+#include "lbcheck/live_judge.h"
+#include "lbcheck/live_machine.h"
+#include "lbroute/net_namespace.h"
+#include "lbroute/rtnetlink.h"
+#include "lbroute/status.h"
+#include "lbshow/dump_files.h"
+#include "lbshow/freshness.h"
+#include "probe/lb_test.h"
+#include "probe/send_path.h"
+
+namespace lbcheck {
+
+namespace {
+
+void forget_line(int /*severity*/, const char* /*line*/) {}
+
+/// The daemon's own way to learn next hops; what it would log about that is judged here.
+void learn_next_hops(LBData& data, const std::string& ns_name, bool is_ipv6) {
+    std::string name = ns_name;
+    context ctx{.ipv6 = is_ipv6, .ns_name = &name};
+    const LogSink before = set_log_sink(forget_line);
+    data.update_dhcp_nexthop(&ctx);
+    data.update_tunnel_nexthop(&ctx);
+    set_log_sink(before);
+}
+
+Lease lease_of(const LBHealth& health) {
+    Lease lease;
+    lease.path = std::string(health.ipv6 ? "/var/db/dhcp6_client" : "/var/db/dhclient_") +
+                 health.name + ".leases";
+    const Fd file(open(lease.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file.is_open()) {
+        lease.error = strerror(errno);
+    }
+    lease.router = health.nexthop_addr;
+    return lease;
+}
+
+/// A namespace while it is looked at, from within.
+class NamespaceLook {
+  public:
+    NamespaceLook(NamespaceFacts& facts, LBData& data, const lbroute::Report& routes)
+        : facts_(facts), data_(data), routes_(routes) {}
+
+    void look() {
+        std::string problem;
+        socket_ = lbroute::RouteSocket::open(problem);
+        if (!socket_.is_open()) {
+            facts_.problem = problem;
+            return;
+        }
+        kernel_ = lbroute::list_kernel_state(socket_);
+        for (const bool is_ipv6 : {false, true}) {
+            look_at_family(is_ipv6);
+        }
+        facts_.tracked = setting_of("net/netfilter/nf_conntrack_count");
+        facts_.most_tracked = setting_of("net/netfilter/nf_conntrack_max");
+        look_at_routes();
+    }
+
+  private:
+    void look_at_family(bool is_ipv6) {
+        learn_next_hops(data_, facts_.name, is_ipv6);
+        const std::size_t first = facts_.uplinks.size();
+        std::vector<const LBHealth*> healths;
+        for (const auto& [name, health] : data_.family(is_ipv6)) {
+            if (health.namespace_name == facts_.name) {
+                healths.push_back(&health);
+                facts_.uplinks.push_back(look_at_uplink(health));
+            }
+        }
+        ask_targets(is_ipv6, first, healths);
+        const auto neighbours = neighbours_of(is_ipv6);
+        for (std::size_t i = first; i < facts_.uplinks.size(); ++i) {
+            UplinkFacts& uplink = facts_.uplinks[i];
+            const auto found = neighbours.find({uplink.interface, uplink.next_hop});
+            uplink.neighbour = found == neighbours.end() ? "" : found->second;
+        }
+    }
+
+    UplinkFacts look_at_uplink(const LBHealth& health) {
+        UplinkFacts uplink;
+        uplink.interface = health.name;
+        uplink.is_ipv6 = health.ipv6;
+        uplink.configured_next_hop = health.nexthop;
+        uplink.next_hop = health.effective_nexthop();
+        uplink.source_address = health.source_address;
+        uplink.is_tunnel = !health.ipv6 && echoes_through_tunnel(health.name);
+        if (health.nexthop == "dhcp") {
+            uplink.lease = lease_of(health);
+        }
+        const lbroute::Link* link = kernel_.state.link(health.name);
+        uplink.exists = link != nullptr;
+        if (link == nullptr) {
+            for (const lbroute::Link& one : kernel_.state.links) {
+                if (one.name != "lo") {
+                    uplink.similar_interfaces.push_back(one.name);
+                }
+            }
+            constexpr std::size_t most_named = 12;
+            uplink.similar_interfaces.resize(
+                std::min(uplink.similar_interfaces.size(), most_named));
+            return uplink;
+        }
+        uplink.is_up = link->is_up;
+        uplink.has_carrier = link->has_carrier;
+        look_at_addresses(uplink, link->index);
+        uplink.reverse_path_all = setting_of("net/ipv4/conf/all/rp_filter");
+        uplink.reverse_path_own = setting_of("net/ipv4/conf/" + health.name + "/rp_filter");
+        return uplink;
+    }
+
+    void look_at_addresses(UplinkFacts& uplink, int index) {
+        const auto family = uplink.is_ipv6 ? lbroute::Family::ipv6 : lbroute::Family::ipv4;
+        const auto next_hop = lbroute::Address::parse(uplink.next_hop, family);
+        // Every link with IPv6 has fe80::/10, and a tunnel needs no neighbour.
+        uplink.is_next_hop_on_link = uplink.is_tunnel || (next_hop && next_hop->is_link_local());
+        for (const lbroute::LinkAddress& one : kernel_.state.addresses) {
+            if (one.link != index || one.address.family != family) {
+                continue;
+            }
+            uplink.addresses.push_back(one.address.text());
+            uplink.is_next_hop_on_link =
+                uplink.is_next_hop_on_link || (next_hop && one.network.contains(*next_hop));
+        }
+    }
+
+    /// One target each: the first that lies behind the next hop, else the next hop itself.
+    void ask_targets(bool is_ipv6, std::size_t first, const std::vector<const LBHealth*>& healths) {
+        std::vector<EchoRequest> requests;
+        std::vector<std::size_t> places;
+        for (std::size_t i = first; i < facts_.uplinks.size(); ++i) {
+            const UplinkFacts& uplink = facts_.uplinks[i];
+            if (!uplink.exists || !uplink.is_up || uplink.next_hop.empty()) {
+                continue;
+            }
+            std::string target = uplink.next_hop;
+            for_each_probe(*healths[i - first], [&](int, const Probe& probe) {
+                if (!probe.target.empty() && target == uplink.next_hop) {
+                    target = probe.target;
+                }
+            });
+            requests.push_back({uplink.interface, target, uplink.source_address, uplink.next_hop});
+            places.push_back(i);
+        }
+        if (requests.empty()) {
+            return;
+        }
+        const auto echoes = send_echoes(facts_.name, is_ipv6, requests, facts_.echo_problem);
+        for (std::size_t i = 0; i < echoes.size(); ++i) {
+            facts_.uplinks[places[i]].echo = echoes[i];
+        }
+    }
+
+    void look_at_routes() {
+        for (const lbroute::ReportedNamespace& reported : routes_.namespaces) {
+            if (reported.name != facts_.name) {
+                continue;
+            }
+            std::set<lbroute::Prefix> prefixes;
+            for (const lbroute::ReportedRoute& route : reported.routes) {
+                if (const auto prefix = lbroute::prefix_of(route.prefix)) {
+                    prefixes.insert(*prefix);
+                }
+            }
+            facts_.routes = lbroute::list_foreign_routes(socket_, lbroute::main_table, prefixes,
+                                                         facts_.routes_problem);
+        }
+    }
+
+    NamespaceFacts& facts_;
+    LBData& data_;
+    const lbroute::Report& routes_;
+    lbroute::RouteSocket socket_;
+    lbroute::Listing kernel_;
+};
+
+NamespaceFacts look_at(const std::string& name, LBData& data, const WorkByNamespace& work,
+                       const lbroute::Report& routes) {
+    NamespaceFacts facts;
+    facts.name = name;
+    if (!lbroute::namespace_identity(name)) {
+        facts.problem = no_such_namespace;
+        return facts;
+    }
+    for (const bool is_ipv6 : {false, true}) {
+        const auto found = work.find({name, is_ipv6});
+        if (found != work.end() && found->second.needs_worker()) {
+            facts.routers.push_back(router_of(name, is_ipv6));
+        }
+    }
+    const lbroute::NamespaceVisit visit(name);
+    if (!visit.problem().empty()) {
+        facts.problem = visit.problem();
+        return facts;
+    }
+    NamespaceLook(facts, data, routes).look();
+    return facts;
+}
+
+/// Its service is looked at then: whoever lets another daemon route does not need it.
+bool is_lbroute_at_work(const LiveFacts& facts) {
+    return std::ranges::any_of(facts.namespaces, [](const NamespaceFacts& space) {
+        return std::ranges::any_of(
+            space.routers, [](const RouterFacts& router) { return router.process == "lbroute"; });
+    });
+}
+
+lbshow::Time now() {
+    return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+}
+
+}  // namespace
+
+LiveFacts collect_facts(const std::string& configuration, const LBData& understood,
+                        const std::string& output_directory) {
+    LBData data(understood);
+    LiveFacts facts;
+    facts.configuration = configuration;
+    facts.output_directory = output_directory;
+    facts.is_root = geteuid() == 0;
+    lbroute::Options options;
+    options.configuration = configuration;
+    options.output_directory = output_directory;
+    facts.routes = lbroute::report_of_now(options, false);
+    const WorkByNamespace work = work_by_namespace(data);
+    std::set<std::string> names;
+    for (const auto& [place, one] : work) {
+        if (one.interfaces > 0) {
+            names.insert(place.first);
+        }
+        if (one.needs_worker()) {
+            facts.configured[place.second ? 6 : 4] += one.interfaces;
+        }
+    }
+    for (const std::string& name : names) {
+        facts.namespaces.push_back(look_at(name, data, work, facts.routes));
+    }
+    facts.dumps_problem = lbshow::read_state(output_directory, false, facts.dumps);
+    lbshow::judge_freshness(facts.dumps, now(), std::nullopt);
+    for (const std::size_t at : {0U, 1U}) {
+        const std::string folder =
+            std::string("net/ipv") + (at == 0 ? "4" : "6") + "/neigh/default/gc_thresh";
+        facts.neighbour_least[at] = setting_of(folder + "1");
+        facts.neighbour_most[at] = setting_of(folder + "3");
+    }
+    std::vector<std::string> units{"lb"};
+    if (is_lbroute_at_work(facts)) {
+        units.emplace_back("lbroute");
+    }
+    facts.units = units_of(units, facts.units_problem);
+    return facts;
+}
+
+}  // namespace lbcheck

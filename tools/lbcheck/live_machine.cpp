@@ -1,0 +1,244 @@
+#include "lbcheck/live_machine.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <libmnl/libmnl.h>
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <fstream>
+#include <iterator>
+
+#include "base/fd.h"
+#include "decision/route_text.h"
+#include "host/clock.h"
+#include "lbroute/processes.h"
+
+namespace lbcheck {
+
+namespace {
+
+const char* word_of_state(int state) {
+    switch (state) {
+        case NUD_INCOMPLETE:
+            return "INCOMPLETE";
+        case NUD_REACHABLE:
+            return "REACHABLE";
+        case NUD_STALE:
+            return "STALE";
+        case NUD_DELAY:
+            return "DELAY";
+        case NUD_PROBE:
+            return "PROBE";
+        case NUD_FAILED:
+            return "FAILED";
+        case NUD_PERMANENT:
+            return "PERMANENT";
+        case NUD_NOARP:
+            return "NOARP";
+        default:
+            return "";
+    }
+}
+
+using Neighbours = std::map<std::pair<std::string, std::string>, std::string>;
+
+int take_destination(const nlattr* attribute, void* data) {
+    if (mnl_attr_get_type(attribute) == NDA_DST) {
+        *static_cast<const nlattr**>(data) = attribute;
+    }
+    return MNL_CB_OK;
+}
+
+int take_neighbour(const nlmsghdr* message, void* data) {
+    const auto* header = static_cast<const ndmsg*>(mnl_nlmsg_get_payload(message));
+    const nlattr* destination = nullptr;
+    mnl_attr_parse(message, sizeof(ndmsg), take_destination, &destination);
+    const std::size_t wanted = header->ndm_family == AF_INET6 ? sizeof(in6_addr) : sizeof(in_addr);
+    std::array<char, IF_NAMESIZE> name{};
+    std::array<char, INET6_ADDRSTRLEN> address{};
+    if (destination != nullptr && mnl_attr_get_payload_len(destination) == wanted &&
+        if_indextoname(static_cast<unsigned>(header->ndm_ifindex), name.data()) != nullptr &&
+        inet_ntop(header->ndm_family, mnl_attr_get_payload(destination), address.data(),
+                  address.size()) != nullptr) {
+        (*static_cast<Neighbours*>(data))[{name.data(), address.data()}] =
+            word_of_state(header->ndm_state);
+    }
+    return MNL_CB_OK;
+}
+
+std::string text_of(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::string text(std::istreambuf_iterator<char>(file), {});
+    return text.substr(0, 4096);
+}
+
+bool is_folder(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+/// The words of a process's command line.
+std::vector<std::string> words_of(pid_t pid) {
+    const std::string line = text_of("/proc/" + std::to_string(pid) + "/cmdline");
+    std::vector<std::string> words;
+    for (std::size_t begin = 0; begin < line.size();) {
+        const std::size_t end = std::min(line.find('\0', begin), line.size());
+        words.push_back(line.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return words;
+}
+
+std::string first_line(const std::string& text) {
+    return text.substr(0, text.find('\n'));
+}
+
+/// bird's own word for its version, and for its configuration with the fragment in it; neither
+/// touches the one that runs.
+void ask_bird(pid_t pid, RouterFacts& router) {
+    const std::string program = "/proc/" + std::to_string(pid) + "/exe";
+    router.version = first_line(say({program, "--version"}).text);
+    const auto words = words_of(pid);
+    std::vector<std::string> check{program, "-p"};
+    const auto option = std::find(words.begin(), words.end(), "-c");
+    if (option != words.end() && option + 1 != words.end()) {
+        check.insert(check.end(), {"-c", *(option + 1)});
+    }
+    const Said said = say(check);
+    if (said.status > 0) {
+        router.refusal = said.text.empty() ? "without a reason" : first_line(said.text);
+    }
+}
+
+}  // namespace
+
+Setting setting_of(const std::string& path) {
+    std::ifstream file("/proc/sys/" + path);
+    long number = 0;
+    return file >> number ? Setting(number) : std::nullopt;
+}
+
+Neighbours neighbours_of(bool is_ipv6) {
+    Neighbours neighbours;
+    mnl_socket* socket = mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC);
+    if (socket == nullptr) {
+        return neighbours;
+    }
+    std::array<char, 32768> buffer{};
+    nlmsghdr* request = mnl_nlmsg_put_header(buffer.data());
+    request->nlmsg_type = RTM_GETNEIGH;
+    request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    auto* header = static_cast<ndmsg*>(mnl_nlmsg_put_extra_header(request, sizeof(ndmsg)));
+    header->ndm_family = is_ipv6 ? AF_INET6 : AF_INET;
+    if (mnl_socket_bind(socket, 0, MNL_SOCKET_AUTOPID) == 0 &&
+        mnl_socket_sendto(socket, request, request->nlmsg_len) >= 0) {
+        const unsigned port = mnl_socket_get_portid(socket);
+        for (;;) {
+            const ssize_t count = mnl_socket_recvfrom(socket, buffer.data(), buffer.size());
+            if (count <= 0 || mnl_cb_run(buffer.data(), static_cast<std::size_t>(count), 0, port,
+                                         take_neighbour, &neighbours) <= MNL_CB_STOP) {
+                break;
+            }
+        }
+    }
+    mnl_socket_close(socket);
+    return neighbours;
+}
+
+RouterFacts router_of(const std::string& ns_name, bool is_ipv6) {
+    RouterFacts router;
+    router.is_ipv6 = is_ipv6;
+    router.fragment_path = fragment_path(ns_name, is_ipv6);
+    router.has_folder = is_folder(router.fragment_path.substr(0, router.fragment_path.rfind('/')));
+    router.has_fragment = access(router.fragment_path.c_str(), F_OK) == 0;
+    router.pid_path = pid_path(ns_name, is_ipv6);
+    router.pid_text = first_line(text_of(router.pid_path));
+    const pid_t pid = atoi(router.pid_text.c_str());  // as the daemon reads it
+    router.is_running = pid > 0 && lbroute::is_running(pid);
+    if (!router.is_running) {
+        return router;
+    }
+    router.process = lbroute::name_of(pid);
+    if (router.process == "bird" || router.process == "bird6") {
+        ask_bird(pid, router);
+    }
+    return router;
+}
+
+std::vector<UnitFacts> units_of(const std::vector<std::string>& names, std::string& problem) {
+    std::vector<UnitFacts> units;
+    if (!is_folder("/run/systemd/system")) {
+        problem = "there is no service manager here";
+        return units;
+    }
+    for (const std::string& name : names) {
+        units.push_back({.name = name,
+                         .active = first_line(say({"systemctl", "is-active", name}).text),
+                         .enabled = first_line(say({"systemctl", "is-enabled", name}).text)});
+    }
+    return units;
+}
+
+Said say(const std::vector<std::string>& words) {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        return {};
+    }
+    Fd reading(ends[0]);
+    Fd writing(ends[1]);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, writing.get(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, writing.get(), STDERR_FILENO);
+    std::vector<char*> arguments;
+    std::vector<std::string> copies = words;
+    for (std::string& word : copies) {
+        arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    pid_t child = 0;
+    const int failed =
+        posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (failed != 0) {
+        return {};
+    }
+    writing = Fd();
+    constexpr int patience_ms = 5000;
+    constexpr std::size_t most_bytes = 8192;
+    const timespec begin = monotonic_now();
+    Said said;
+    bool has_ended = false;
+    while (!has_ended) {
+        const auto left = static_cast<int>(patience_ms - elapsed_ms(begin, monotonic_now()));
+        pollfd wait{reading.get(), POLLIN, 0};
+        if (left <= 0 || poll(&wait, 1, left) <= 0) {
+            break;
+        }
+        std::array<char, 1024> buffer{};
+        const ssize_t count = read(reading.get(), buffer.data(), buffer.size());
+        has_ended = count <= 0;
+        if (count > 0 && said.text.size() < most_bytes) {
+            said.text.append(buffer.data(), static_cast<std::size_t>(count));
+        }
+    }
+    if (!has_ended) {
+        kill(child, SIGKILL);
+    }
+    int status = 0;
+    const bool was_reaped = waitpid(child, &status, 0) == child;
+    said.status = has_ended && was_reaped ? status : -1;
+    return said;
+}
+
+}  // namespace lbcheck

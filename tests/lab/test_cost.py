@@ -9,6 +9,7 @@ import subprocess
 import unittest
 
 from kit import Conf, LabTest, expect, main, ping
+from kit.daemon import is_built_with
 from scenes import PREFIX
 
 UPLINKS = 40
@@ -60,7 +61,7 @@ class SystemCalls(LabTest):
         self.assertLessEqual(calls["ioctl"], 1.1 * probes + 2, calls)  # the next hop's MAC alone
         for name in ("sendto", "sendmsg", "sendmmsg", "recv", "recvmsg", "recvmmsg", "poll", "ppoll"):
             self.assertLess(calls.get(name, 0), probes / 2, (name, calls))
-        self.assertLess(sum(calls.values()) - calls.get("total", 0), 4 * probes, calls)
+        self.assertLess(sum(calls.values()) - calls.get("total", 0), 6 * probes, calls)
 
     @staticmethod
     def wake_ups(daemon):
@@ -71,6 +72,7 @@ class SystemCalls(LabTest):
                 count += sum(int(line.split()[1]) for line in file if line.startswith("voluntary_ctxt"))
         return count
 
+    @unittest.skipIf(is_built_with("__tsan"), "the thread sanitizer has a thread that wakes by itself")
     def test_threads_are_not_woken_for_each_reply(self):
         daemon = self.start_calm()
         self.lab.peers["default-trunk"].echo = lambda request, number: [

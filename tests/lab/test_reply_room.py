@@ -14,6 +14,11 @@ TARGETS = 400
 RESP_TIME_MS = 60_000  # a lost answer leaves its target unasked for the length of the test
 
 
+def damaged(frame):
+    """An ICMPv6 message whose checksum does not fit."""
+    return frame[:56] + bytes([frame[56] ^ 0xff]) + frame[57:]
+
+
 class Burst:
     """Holds answers back until every target was asked, stops the daemon, and gives them all."""
 
@@ -73,6 +78,19 @@ class ReplyRoom(LabTest):
                                  check_all=True, ipv6=True)
                 .rule("1_ipv6", interfaces6={"gi1_1": 1}, targets={PREFIX6: None}))
         self.assert_burst_is_read(conf, peer, ACTIVE6, INACTIVE6, "raw6")
+
+    def test_damaged_answers_are_no_lost_ones(self):
+        peer = self.lab.uplink("gi1_1", address6=f"{ROUTER6}/64", gateway6=GATEWAY6)
+        self.lab.router.ip(f"neigh replace {GATEWAY6} lladdr {FAR_MAC} dev gi1_1 nud permanent")
+        conf = (Conf().interface("gi1_1", nexthop=GATEWAY6, source=ROUTER6, ipv6=True,
+                                 probes=[ping("2001:db8:1::1", 1000)])
+                .rule("1_ipv6", interfaces6={"gi1_1": 1}, targets={PREFIX6: None}))
+        peer.echo = lambda request, _number: [(0.0, damaged(request.reply()))]
+        self.lab.start(conf)
+        expect(lambda: self.lab.log.count(INACTIVE6) == 1)
+        self.assertGreater(self.drops("raw6"), 0)
+        self.lab.cycles.pass_by(2)
+        self.assertFalse([text for text in self.lab.log.texts() if "dropped unread" in text])
 
 
 if __name__ == "__main__":

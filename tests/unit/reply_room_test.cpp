@@ -90,6 +90,9 @@ TEST_F(Room, nothing_is_told_while_nothing_is_lost) {
 }
 
 TEST_F(Room, losses_are_told_at_once_and_then_once_an_hour) {
+    if (const auto got = host::make_room(near.get(), 1); got.granted < got.wanted) {
+        GTEST_SKIP() << "needs the right to go beyond the machine's limit";
+    }
     room.make(ipv4_probes, ns_name, 1);
     make_small();
     const auto first = overflow();

@@ -114,12 +114,15 @@ std::string band(const UplinkReport& uplink, std::int64_t since_ms, std::int64_t
 }
 
 std::string time_axis(std::int64_t since_ms, std::int64_t until_ms) {
-    const bool is_short = until_ms - since_ms <= std::int64_t{2} * 86'400'000;
+    const std::int64_t length_ms = until_ms - since_ms;
+    const char* const form = length_ms <= std::int64_t{10} * 60'000      ? "%H:%M:%S"
+                             : length_ms <= std::int64_t{2} * 86'400'000 ? "%H:%M"
+                                                                         : "%d %b";
     std::string text = "<div class=\"axis\" aria-hidden=\"true\">";
     constexpr int marks = 5;
     for (int i = 0; i < marks; ++i) {
-        const std::int64_t at_ms = since_ms + (until_ms - since_ms) * i / (marks - 1);
-        text += "<span>" + local(at_ms, is_short ? "%H:%M" : "%d %b") + "</span>";
+        const std::int64_t at_ms = since_ms + length_ms * i / (marks - 1);
+        text += "<span>" + local(at_ms, form) + "</span>";
     }
     return text + "</div>";
 }

@@ -23,7 +23,9 @@ TOLERANCE_S = 1.2
 END_S = 26
 FIRST_S, SECOND_S = 8.5, 17.5  # between two cycles; a verdict either way takes less than the time between
 RESP_TIME_MS = 1500  # with one second it is a matter of less than a millisecond in which cycle a probe is too old
-ROUND_TRIP_S = 0.01  # the simulated one
+# Longer than a pass over all uplinks may take on a busy machine: what is answered within its own pass is judged a cycle early.
+EXTRA_MS = 190
+ROUND_TRIP_S = 0.01 + EXTRA_MS / 1000  # the simulated one, and that
 PREFIX = {False: "203.0.113.0/24", True: "2001:db8:ffff::/48"}
 
 
@@ -111,8 +113,8 @@ def scenes():  # pylint: disable=too-many-locals,too-many-statements
     one.at(SECOND_S, f"{first.name} nexthop alive", lambda up=first: silence(up, False))
 
     one, first, second = scene("s08", [{}, {}])  # answers come too late
-    one.at(FIRST_S, f"{first.name} delay 3500ms", lambda up=first: setattr(up, "delay_s", 3.5 + ROUND_TRIP_S))
-    one.at(SECOND_S, f"{first.name} clean", lambda up=first: setattr(up, "delay_s", ROUND_TRIP_S))
+    one.at(FIRST_S, f"{first.name} delay 3500ms", lambda up=first: setattr(up, "delay_s", 3.51))
+    one.at(SECOND_S, f"{first.name} delay {EXTRA_MS}ms", lambda up=first: setattr(up, "delay_s", ROUND_TRIP_S))
 
     def lease(uplink, router):
         uplink.peer.addresses = {router}
@@ -131,7 +133,9 @@ def scenes():  # pylint: disable=too-many-locals,too-many-statements
     one.dead(FIRST_S + 1, first, False)
     one.at(SECOND_S, f"{second.name} duplicates 100%", lambda up=second: setattr(up, "times", 2))
 
-    one, first, second = scene("s12", [{"burst": True}, {}])  # an extended ping, every cycle from its period on
+    # An extended ping, every cycle from its period on. Alone: what another uplink is answered while the burst lasts depends
+    # on which of them the daemon serves first, an accident of memory.
+    one, first = scene("s12", [{"burst": True}])
     one.dead(FIRST_S + 3, first)
     one.dead(SECOND_S, first, False)
     return made
@@ -143,7 +147,7 @@ def configuration(all_scenes):
         for uplink in scene.uplinks:
             probes = [ping(target, RESP_TIME_MS) for target in uplink.targets]
             if uplink.burst:
-                probes = [ping_ext(uplink.targets[0], period=5, count=2, timeout=500, loss=60)]
+                probes = [ping_ext(uplink.targets[0], period=5, count=2, timeout=700, loss=60, rtt=650, jitter=400)]
             conf.interface(uplink.name, nexthop=uplink.nexthop, success=2, failure=2, namespace=scene.name,
                            check_all=uplink.check_all, probes=probes, ipv6=scene.ipv6,
                            source=uplink.net + "10" if scene.ipv6 else None)
@@ -218,6 +222,7 @@ class Reality(LabTest):
         with open(conf_path, "w", encoding="utf-8") as file:
             file.write(conf.text())
         with open(scenario_path, "w", encoding="utf-8") as file:
+            file.writelines(f"0s {uplink.name} delay {EXTRA_MS}ms\n" for scene in all_scenes for uplink in scene.uplinks)
             file.writelines(f"{second}s {line}\n" for scene in all_scenes for second, line, _ in scene.events)
         answer = subprocess.run([LBSIM, "--json", "--for", f"{END_S}s", conf_path, scenario_path], check=True,
                                 stdout=subprocess.PIPE, timeout=30)

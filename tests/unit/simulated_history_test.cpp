@@ -141,7 +141,8 @@ TEST(Replay, says_what_the_history_does_not_tell) {
 }
 
 TEST(Replay, of_nothing_is_nothing) {
-    EXPECT_TRUE(replay_of({}, {}, one_uplink()).scenario.empty());
+    EXPECT_EQ(replay_of({}, {}, one_uplink()).duration_us, 0);
+    EXPECT_EQ(replay_of({seen(0, 1, 0, "203.0.113.9")}, {}, one_uplink()).duration_us, 0);
 }
 
 /// A file that goes with the test.

@@ -1,6 +1,10 @@
 #include "lbsim/daemon.h"
 
+#include <algorithm>
+#include <functional>
+#include <map>
 #include <utility>
+#include <vector>
 
 namespace lbsim {
 
@@ -11,12 +15,35 @@ constexpr std::int64_t pause_us = 1'000'000;  // B19
 /// older than that in the next cycle but one only because of it.
 constexpr std::int64_t work_us = 1000;
 
+/// A pass serves the records in the order of their places in memory (B90), which on a heap is an
+/// accident. Here it is that of their names, so that it is the same in every run: the places stay,
+/// and the records are laid into them anew.
+void lay_in_order_of_names(std::map<std::string, LBHealth>& records) {
+    using Record = std::pair<std::string, LBHealth>;
+    const std::vector<Record> by_name(records.begin(), records.end());
+    std::vector<std::map<std::string, LBHealth>::node_type> places;
+    while (!records.empty()) {
+        places.push_back(records.extract(records.begin()));
+    }
+    std::sort(places.begin(), places.end(), [](const auto& one, const auto& other) {
+        return std::less<>()(&one.mapped(), &other.mapped());
+    });
+    for (std::size_t i = 0; i < places.size(); ++i) {
+        places[i].key() = by_name[i].first;
+        places[i].mapped() = by_name[i].second;
+        records.insert(std::move(places[i]));
+    }
+}
+
 }  // namespace
 
 Daemon::Daemon(Simulation& machine, const std::string& configuration) : machine_(machine) {
     constexpr const char* path = "/etc/lb.conf";
     machine_.files[path] = configuration;
     engine_.set_conf(path);
+    for (const bool is_ipv6 : {false, true}) {
+        lay_in_order_of_names(engine_.data.family(is_ipv6));
+    }
 }
 
 void Daemon::start(std::function<void(const context&)> after_step) {

@@ -226,7 +226,10 @@ Replayed replay_of(const std::vector<Observation>& observations, const Period& p
     replayed.begin_ms = period.since_ms.value_or(first_ms.value_or(0));
     const std::int64_t end_ms =
         std::max(replayed.begin_ms, period.until_ms.value_or(last_ms + 60'000));
-    replayed.duration_us = (end_ms - replayed.begin_ms) * 1000;
+    const bool is_any_asked = std::any_of(paths.begin(), paths.end(), [&](const auto& entry) {
+        return is_asked(entry.first, uplinks);
+    });
+    replayed.duration_us = is_any_asked ? (end_ms - replayed.begin_ms) * 1000 : 0;
     for (auto& [path, seen] : paths) {
         if (!is_asked(path, uplinks)) {
             replayed.doubts.push_back(shown_path(path) +

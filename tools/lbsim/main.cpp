@@ -112,7 +112,8 @@ Course replayed_course(const Options& options, const std::vector<Uplink>& uplink
     const Period period{.since_ms = moment(options.since), .until_ms = moment(options.until)};
     Replayed replayed = replay_of(read_history(options.history, period), period, uplinks);
     if (replayed.duration_us <= 0) {
-        throw Unusable{"lbsim: " + options.history + ": nothing was recorded in that time\n"};
+        throw Unusable{"lbsim: " + options.history +
+                       ": nothing was recorded in that time of what the configuration asks\n"};
     }
     for (const std::string& doubt : replayed.doubts) {
         std::cerr << "lbsim: " << options.history << ": " << doubt << '\n';

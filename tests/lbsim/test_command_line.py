@@ -1,0 +1,109 @@
+#!/usr/bin/python3
+"""The command lbsim: what it accepts, how it ends, and that two runs of it print the same bytes.
+
+    test_command_line.py PROJECT LBSIM
+"""
+import json
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+import xml.etree.ElementTree
+
+PROJECT, LBSIM = (pathlib.Path(path).resolve() for path in sys.argv[1:3])
+CONF = str(PROJECT / "examples/two-providers-3-to-1.conf")
+
+
+def lbsim(*arguments):
+    """(exit status, standard output, standard error)"""
+    ended = subprocess.run([LBSIM, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False)
+    return ended.returncode, ended.stdout, ended.stderr
+
+
+class CommandLine(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+
+    def file(self, name, text):
+        path = self.folder / name
+        path.write_text(text, encoding="utf-8")
+        return str(path)
+
+    def assert_refused(self, text, *arguments):
+        status, output, errors = lbsim(*arguments)
+        self.assertEqual((status, output), (2, ""), errors)
+        self.assertIn(text, errors)
+
+    def test_every_example_is_simulated_and_says_what_it_says_again(self):
+        for conf in sorted((PROJECT / "examples").glob("*.conf")):
+            with self.subTest(conf=conf.name):
+                status, output, _ = lbsim("--json", str(conf))
+                self.assertEqual(status, 0)
+                self.assertTrue(json.loads(output)["summary"]["rows"])
+                self.assertEqual(lbsim("--json", str(conf))[1], output)
+
+    def test_one_seed_is_one_answer(self):
+        drawn = ("--random", "--days", "0.2", "--outages-per-day", "200", "--json", CONF)
+        first = lbsim("--seed", "3", *drawn)[1]
+        self.assertEqual(lbsim("--seed", "3", *drawn)[1], first)
+        self.assertNotEqual(lbsim("--seed", "4", *drawn)[1], first)
+
+    def test_compared_configuration_meets_the_same_world(self):
+        answer = json.loads(lbsim("--random", "--days", "0.1", "--json", "--compare", CONF, CONF)[1])
+        other = answer["summary"].pop("compared")
+        self.assertEqual(other, answer["summary"])
+
+    def test_errors_of_a_scenario_name_line_and_word(self):
+        self.assert_refused(":2: 'deda': what happens is wanted", CONF, self.file("s", "1s gi1_1 dead\n2s gi1_1 deda\n"))
+        self.assert_refused(":1: 'eth0': the configuration has no such uplink", CONF, self.file("s", "1s eth0 dead\n"))
+
+    def test_unusable_arguments_are_refused(self):
+        self.assert_refused("No such file", "/nonexistent")
+        self.assert_refused("Is a directory", str(self.folder))
+        self.assert_refused("nothing to simulate", self.file("empty", ""))
+        self.assert_refused("'soon' is no length of time", "--for", "soon", CONF)
+        self.assert_refused("'x=1' is not as", "--random", "--kinds", "x=1", CONF)
+        self.assert_refused("--days", "--days", "3", CONF)
+        self.assert_refused("--random", "--random", CONF, self.file("s", ""))
+        self.assert_refused("No such file", "--svg", "/nonexistent/a.svg", CONF)
+
+    def test_what_the_loader_refuses_is_said(self):
+        conf = self.file("bad", pathlib.Path(CONF).read_text(encoding="utf-8").replace("failure-ct 3", "failure-ct many", 1))
+        status, _, errors = lbsim(conf)
+        self.assertEqual(status, 0)
+        self.assertIn("the loader says: ", errors)
+
+    def test_night_is_replayed(self):
+        lines = "".join(f"{1763690000 + second},gi1_1,4,198.51.100.{host},{int(not 60 <= second < 120)}\n"
+                        for second in range(0, 200, 2) for host in (53, 54))
+        status, output, errors = lbsim("--json", "--replay", self.file("night.csv", lines), CONF)
+        self.assertEqual(status, 0)
+        self.assertIn("gi1_2 ipv4 target 198.51.100.53: never recorded; taken to answer always", errors)
+        self.assertIn("second 0 is 2025-11-21T01:53:20Z", errors)
+        states = [(event["uplink"], event["active"]) for event in json.loads(output)["events"] if event["event"] == "state"]
+        self.assertEqual(states, [("gi1_1", True), ("gi1_2", True), ("gi1_1", False), ("gi1_1", True)])
+        self.assert_refused("nothing was recorded in that time", "--replay", self.file("empty.csv", ""), CONF)
+
+    def test_other_counts_are_tried(self):
+        scenario = self.file("s", "60s gi1_1 dead\n200s gi1_1 alive\n")
+        status, output, _ = lbsim("--tune", "--json", "--scenario", scenario, CONF)
+        self.assertEqual(status, 0)
+        summary = json.loads(output)["summary"]
+        self.assertEqual(summary["runs"], len(summary["settings"]))
+        by_count = {one["failure_ct"]: one["left_after_s"] for one in summary["settings"] if one["failure_ct"]}
+        self.assertEqual(sorted(by_count.values()), list(by_count.values()))
+        present = next(one for one in summary["settings"] if one["present"])
+        self.assertEqual(present["left_after_s"], by_count[3])
+
+    def test_pictures_are_well_formed(self):
+        for arguments in ((), ("--tune", "--scenario", self.file("s", "60s gi1_1 dead\n"))):
+            picture = self.folder / "picture.svg"
+            self.assertEqual(lbsim("--svg", str(picture), *arguments, CONF)[0], 0)
+            self.assertEqual(xml.etree.ElementTree.parse(picture).getroot().tag, "{http://www.w3.org/2000/svg}svg")
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1], verbosity=2)

@@ -74,9 +74,13 @@ TEST(Causes, byte_order_mark) {
 
 TEST(Causes, wide_characters) {
     EXPECT_EQ(said_of("\xFF\xFEh"),
-              "F: error: nothing to do: no namespace has both an interface and a rule of one "
-              "family\nF:1: error: is written in UTF-16, of which nothing is understood; mend: "
-              "iconv -f UTF-16 -t UTF-8 'F' >NEW\nF: 2 errors, 0 warnings\n");
+              "F:1: error: is written in UTF-16, of which nothing is understood; mend: iconv -f "
+              "UTF-16 -t UTF-8 'F' >NEW\nF: 1 error, 0 warnings\n");
+}
+
+TEST(Causes, text_of_the_file_reaches_no_terminal_as_it_is) {
+    const std::string said = said_of(replaced_once(good, "nexthop 192", "\033[2J 192"));
+    EXPECT_NE(said.find("'?[2J 192.0.2.1': unknown keyword"), std::string::npos) << said;
 }
 
 TEST(Causes, carriage_returns) {
@@ -142,7 +146,7 @@ TEST(Causes, other_mistakes_are_told_beside_it) {
 TEST(Causes, folder) {
     const auto findings = lbcheck::check("/tmp").findings;
     ASSERT_EQ(findings.size(), 1U);
-    EXPECT_EQ(findings[0].message, "is a folder: name the configuration in it");
+    EXPECT_EQ(findings[0].message, "cannot be read: Is a directory: name a file in it");
 }
 
 /// The numbers of the lines that hold a closing bracket and nothing else.

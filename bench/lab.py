@@ -170,17 +170,22 @@ def measure_daemon(seconds):
                 "changed_routes": sum(later != earlier for earlier, later in zip(fragments, fragments[1:]))}
 
 
-def measure_fping(uplinks, seconds):
-    fping = inside("router", "fping", "-q", "-l", "-p", "1000", "-i", "1", *(target(i) for i in range(uplinks)),
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+def cost_of(process, seconds):
+    """Of a program that probes, warmed up first; it is ended then."""
     try:
         time.sleep(WARM_UP_S)
-        before, sent = cpu_s(fping.pid), probes_received()
+        before, sent = cpu_s(process.pid), probes_received()
         time.sleep(seconds)
-        return {"cpu_us_per_probe": (cpu_s(fping.pid) - before) / (probes_received() - sent) * 1e6}
+        return {"cpu_us_per_probe": (cpu_s(process.pid) - before) / (probes_received() - sent) * 1e6}
     finally:
-        fping.kill()
-        fping.wait()
+        process.kill()
+        process.wait()
+
+
+def measure_fping(uplinks, seconds):
+    return cost_of(inside("router", "fping", "-q", "-l", "-p", "1000", "-i", "1",
+                          *(target(i) for i in range(uplinks)), stdout=subprocess.DEVNULL,
+                          stderr=subprocess.DEVNULL), seconds)
 
 
 def measure_floor(uplinks, seconds):
@@ -189,16 +194,9 @@ def measure_floor(uplinks, seconds):
     mac = json.loads(listed)[0]["address"]
     lines = "\n".join(f"up{i} {mac} {address(i)}.2 {target(i)}" for i in range(uplinks)) + "\n"
     floor = inside("router", str(BUILD / "bench_floor"), stdin=subprocess.PIPE, text=True)
-    try:
-        floor.stdin.write(lines)
-        floor.stdin.close()
-        time.sleep(WARM_UP_S)
-        before, sent = cpu_s(floor.pid), probes_received()
-        time.sleep(seconds)
-        return {"cpu_us_per_probe": (cpu_s(floor.pid) - before) / (probes_received() - sent) * 1e6}
-    finally:
-        floor.kill()
-        floor.wait()
+    floor.stdin.write(lines)
+    floor.stdin.close()
+    return cost_of(floor, seconds)
 
 
 def unrelated_frames(mac):

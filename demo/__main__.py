@@ -31,11 +31,14 @@ def lab(keep, with_bird):
     try:
         the_router.start()
         story.Story(timeline, the_watch).tell()
+        the_router.report()
+        print(f"What the uplinks did in this run, as lbwatch reports it to a provider: {router.REPORT.relative_to(router.HERE.parent)}")
     except (RuntimeError, OSError) as error:
         print(f"\ndemo: {error}\nThe last messages in the lab's log:", file=sys.stderr)
         print("\n".join(f"  {line}" for line in the_watch.log.last_lines), file=sys.stderr)
         return 1
     if keep:
+        the_router.start_watcher()
         keep()
         while True:
             the_watch.for_a_while(60)

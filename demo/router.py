@@ -1,11 +1,12 @@
-"""What runs on the lab's router: the balancing daemon, what puts its routes into force, and a DHCP client, with their files at
-the fixed paths."""
+"""What runs on the lab's router: the balancing daemon, what puts its routes into force, what watches it, and a DHCP client,
+with their files at the fixed paths."""
 
 import dataclasses
 import os
 import pathlib
 import shutil
 import subprocess
+import time
 
 import network
 
@@ -15,6 +16,8 @@ BIRD_DIR = BUILD / "tools/bird/usr/sbin"
 LAB_DIR = pathlib.Path("/run/demo")
 OUTPUT_DIR = pathlib.Path("/run/load-balance")  # the daemon's default
 CONF = LAB_DIR / "lb.conf"
+HISTORY = LAB_DIR / "history.db"
+REPORT = BUILD / "demo.html"
 
 
 @dataclasses.dataclass(frozen=True)
@@ -52,7 +55,12 @@ class Router:
             self._start_birds()
         else:
             self._start("lbroute", (BUILD / "lbroute", "-f", CONF))
+        self._began = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime())
+        self.start_watcher()
         self._start("lb", (BUILD / "lb", "-f", CONF))
+
+    def start_watcher(self):
+        self._start("lbwatch", (BUILD / "lbwatch", "run", "--history", HISTORY, "--hooks", "none"))
 
     def _start_birds(self):
         for family in FAMILIES:
@@ -66,6 +74,18 @@ class Router:
         """What lbshow tells of the uplinks."""
         done = subprocess.run((BUILD / "lbshow", "interfaces"), text=True, capture_output=True, check=False)
         return (done.stdout or done.stderr).partition("\n\n")[0]
+
+    def report(self):
+        """Ends the watcher, which keeps what it saw, and writes its report of this run as a page."""
+        watcher = self._programs.pop("lbwatch")
+        watcher.terminate()
+        watcher.wait(10)
+        done = subprocess.run((BUILD / "lbwatch", "report", "--history", HISTORY, "--since", self._began, "--html", REPORT),
+                              text=True, capture_output=True, check=False)
+        if done.returncode != 0:
+            raise RuntimeError(f"no report: {done.stderr.strip()}")
+        owner = BUILD.stat()
+        os.chown(REPORT, owner.st_uid, owner.st_gid)
 
     def _start(self, name, command, **options):
         with open(LAB_DIR / f"{name}.out", "wb") as output:

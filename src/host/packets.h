@@ -90,6 +90,9 @@ int most_packets_in(const ReceiverRoom& room);
 /// How many packets the host dropped since the receiver was opened because it was full, or damaged
 /// ones of ICMPv6; wraps round. 0 where the host cannot tell.
 std::uint32_t dropped_packets(int receiver);
+/// How many ICMPv6 messages with a wrong checksum came to the calling thread's namespace, as every
+/// ICMPv6 receiver there counts them among its dropped packets; wraps round.
+std::uint32_t damaged_messages6();
 
 /// Wakes a thread that waits in `wait_for_packet`. One thread waits, any may ring.
 class Bell {

@@ -67,7 +67,7 @@ void LBPathTest::start(LBData& data, context* ctx) {
     }
     // After the process stood still, workers and receivers wake in any order: no probe is judged as
     // late whose answer has come.
-    drain(family, *ctx->ns_name, reply_room.most_replies());
+    drain(family, *ctx->ns_name, std::max(reply_room.most_replies(), datagrams_at_once));
     reply_room.report_drops(family, *ctx->ns_name);
     for (LBHealth* health : records) {
         health->recv_test(ctx);

@@ -237,7 +237,10 @@ WaitingPing::~WaitingPing() {
 
 void WaitingPing::expect(const ExpectedEcho& echo) {
     const std::lock_guard guard(waiting_lock);
-    bell_.silence();
+    if (is_rung_) {
+        bell_.silence();
+        is_rung_ = false;
+    }
     echo_ = echo;
     is_awaited_ = true;
     is_answered_ = false;
@@ -247,7 +250,11 @@ void WaitingPing::offer(std::span<const std::uint8_t> datagram) {
     if (is_awaited_ && echo_.matches(datagram)) {
         is_awaited_ = false;
         is_answered_ = true;
-        bell_.ring();
+        // Who reads the socket itself looks for the answer afterwards.
+        is_rung_ = !is_reading_;
+        if (is_rung_) {
+            bell_.ring();
+        }
     }
 }
 
@@ -267,6 +274,17 @@ bool WaitingPing::is_answered() const {
     return is_answered_;
 }
 
+bool WaitingPing::read_replies() {
+    const auto set_reading = [this](bool is_reading) {
+        const std::lock_guard guard(waiting_lock);
+        is_reading_ = is_reading;
+    };
+    set_reading(true);
+    const Drained drained = drain(ipv4_probes, ns_name_, datagrams_at_once);
+    set_reading(false);
+    return drained != Drained::failed;
+}
+
 EchoAnswer WaitingPing::await(const EchoWait& wait) {
     if (!wait.is_valid()) {
         return {};
@@ -283,9 +301,7 @@ EchoAnswer WaitingPing::await(const EchoWait& wait) {
         const host::Woken woken =
             host::wait_for_packet(reply_socket, bell_, std::min(left_us, progress_every_us));
         const bool has_failed =
-            woken == host::Woken::failed ||
-            (woken == host::Woken::by_packet &&
-             drain(ipv4_probes, ns_name_, datagrams_at_once) == Drained::failed);
+            woken == host::Woken::failed || (woken == host::Woken::by_packet && !read_replies());
         if (is_answered()) {
             return {.is_in_time = true, .remaining_us = remaining_us()};
         }

@@ -79,12 +79,16 @@ class WaitingPing {
 
   private:
     bool is_answered() const;
+    /// Reads the socket; false where that failed.
+    bool read_replies();
 
     const std::string ns_name_;
-    host::Bell bell_;    ///< rung by the answer
-    ExpectedEcho echo_;  ///< guarded by the lock of all waiting pings, as the next two
+    host::Bell bell_;    ///< rung by an answer that another reader took
+    ExpectedEcho echo_;  ///< guarded by the lock of all waiting pings, as the next four
     bool is_awaited_ = false;
     bool is_answered_ = false;
+    bool is_reading_ = false;
+    bool is_rung_ = false;
 };
 
 /// Offers a datagram to the extended ping that waits in the namespace, if one does.

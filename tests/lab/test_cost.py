@@ -1,13 +1,15 @@
-"""System calls of a cycle: what would make a cycle cost the square of its uplinks must not come back.
+"""System calls and wake-ups of a cycle: what makes a probe dear, or a cycle cost the square of its uplinks.
 
 Forty uplinks (macvlan) with a probe each, watched by strace.
 """
+import os
 import re
 import shutil
 import subprocess
 import unittest
 
 from kit import Conf, LabTest, expect, main, ping
+from kit.daemon import is_built_with
 from scenes import PREFIX
 
 UPLINKS = 40
@@ -39,13 +41,48 @@ class SystemCalls(LabTest):
             rows = [line.split() for line in file]
         return {row[-1]: int(row[3]) for row in rows if len(row) >= 5 and re.fullmatch(r"\d+", row[3])}
 
-    def test_sockets_and_address_lists_are_not_asked_for_by_every_probe(self):
+    def probes(self):
+        return len(self.lab.peers["default-trunk"].echo_requests())
+
+    def start_calm(self):
+        """All uplinks are active, and nothing is left to be logged or routed."""
         daemon = self.start()
-        calls = self.calls(daemon, 4)
-        self.assertGreater(calls.get("sendto", 0), 2 * UPLINKS)  # probes and their records went out
-        self.assertLess(calls.get("socket", 0), UPLINKS)
-        self.assertLess(calls.get("close", 0), UPLINKS)
-        self.assertLess(calls.get("bind", 0), UPLINKS)
+        expect(lambda: sum("changed state to active" in text for text in self.lab.log.texts()) == UPLINKS)
+        self.lab.cycles.pass_by(2)
+        return daemon
+
+    def test_call_serves_many_probes(self):
+        daemon = self.start_calm()
+        before = self.probes()
+        calls = self.calls(daemon, 6)
+        probes = self.probes() - before
+        self.assertGreaterEqual(probes, UPLINKS)
+        self.assertLess(calls.get("socket", 0) + calls.get("bind", 0), UPLINKS / 2, calls)
+        self.assertLessEqual(calls["ioctl"], 1.1 * probes + 2, calls)  # the next hop's MAC alone
+        for name in ("sendto", "sendmsg", "sendmmsg", "recv", "recvmsg", "recvmmsg", "poll", "ppoll"):
+            self.assertLess(calls.get(name, 0), probes / 2, (name, calls))
+        self.assertLess(sum(calls.values()) - calls.get("total", 0), 6 * probes, calls)
+
+    @staticmethod
+    def wake_ups(daemon):
+        """How often threads of the daemon have gone to sleep, which is as often as they were woken."""
+        count = 0
+        for task in os.listdir(f"/proc/{daemon.pid}/task"):
+            with open(f"/proc/{daemon.pid}/task/{task}/status", encoding="utf-8") as file:
+                count += sum(int(line.split()[1]) for line in file if line.startswith("voluntary_ctxt"))
+        return count
+
+    @unittest.skipIf(is_built_with("__tsan"), "the thread sanitizer has a thread that wakes by itself")
+    def test_threads_are_not_woken_for_each_reply(self):
+        daemon = self.start_calm()
+        self.lab.peers["default-trunk"].echo = lambda request, number: [
+            (0.02 + number % UPLINKS * 0.1 / UPLINKS, request.reply())]  # one after another
+        self.lab.cycles.pass_by(2)
+        before, probes_before = self.wake_ups(daemon), self.probes()
+        self.lab.cycles.pass_by(6)
+        woken, probes = self.wake_ups(daemon) - before, self.probes() - probes_before
+        self.assertGreaterEqual(probes, 2 * UPLINKS)
+        self.assertLess(woken, probes / 2, (woken, probes))
 
 
 if __name__ == "__main__":

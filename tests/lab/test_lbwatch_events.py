@@ -9,6 +9,7 @@ import signal
 from kit import Conf, LabTest, expect, main, ping, ping_ext
 from kit import echo_policies as policy
 from kit.lab import OUTPUT_DIRECTORY
+from kit.lbshow import lbshow, state
 from kit.lbwatch import HISTORY, Lbwatch, lbwatch
 from scenes import (GATEWAY, GATEWAY_2, PREFIX, ROUTER, TARGET, TARGET_2, attach_two, one_uplink,
                     two_uplinks)
@@ -67,6 +68,9 @@ class Events(Watched):
         self.assertAlmostEqual(active["after_s"], seconds(active["time"]) - seconds(failed["time"]), delta=1)
         watch.expect_change("routes", "none", "gi1_2")
         self.check_past(watch)
+        self.lab.cycles.pass_by(2)
+        self.assertEqual(watch.kill(signal.SIGTERM), 0)  # what was seen in the minute so far is kept, too
+        self.check_lbshow()
 
     def check_past(self, watch):
         """The history tells the same."""
@@ -114,6 +118,22 @@ class Events(Watched):
         self.assertEqual(again.changes("daemon"), [])
 
 
+    def check_lbshow(self):
+        """lbshow tells since when, by the same history."""
+        def uplinks():
+            return {one["name"]: one for one in state("--history", HISTORY)["interfaces"]}
+
+        two = uplinks()["gi1_2"]
+        self.assertLess(two["state_since_s"], 60)
+        self.assertEqual((two["active"], two["state_begin_seen"], two["flaps_today"]), (True, True, 2))
+        self.assertIn("SINCE  FLAPS TODAY\n", lbshow("--history", HISTORY, "interfaces").stdout)
+        self.assertNotIn("SINCE", lbshow("--history", "none", "interfaces").stdout)
+        missing = lbshow("--history", "/nonexistent", "interfaces")
+        self.assertEqual(missing.returncode, 1)
+        self.assertIn("there is no history at /nonexistent", missing.stderr)
+        self.assertIn("gi1_2", missing.stdout)
+
+
 class Configurations(Watched):
     def test_uplink_that_leaves_the_configuration_vanishes_and_one_that_joins_appears(self):
         attach_two(self.lab)
@@ -144,7 +164,6 @@ class Configurations(Watched):
 
 
 def lbwatch_states():
-    from kit.lbshow import state  # pylint: disable=import-outside-toplevel
     return {one["name"]: one["active"] for one in state()["interfaces"]}
 
 

@@ -62,7 +62,7 @@ class Web(Scripted):
 
     def settled(self, *arguments, **options):
         watch = super().settled(*LISTEN, "--hooks", "none", *arguments, **options)
-        expect(lambda: json.loads(get("/api/state")[2])["uplinks"][1]["state"] == "active")
+        expect(lambda: [one["state"] for one in json.loads(get("/api/state")[2])["uplinks"]] == ["active", "active"])
         return watch
 
     def test_metrics_tell_states_transitions_and_probes(self):

@@ -219,7 +219,9 @@ TEST_F(Probes, ipv6_echo_into_a_tunnel_carries_the_time_before_the_identifier) {
 
 /// A probe whose sends end as a test says.
 struct ReportingProbe : LBTestICMP {
-    void report(int count, int error) { report_failed_send(family_, {.count = count, .error = error}); }
+    void report(int count, int error) {
+        report_failed_send(family_, {.count = count, .error = error});
+    }
 };
 
 TEST_F(Probes, failed_send_is_a_debug_line_with_the_error_number) {

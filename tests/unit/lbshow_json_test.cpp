@@ -46,6 +46,9 @@ TEST(JsonText, has_its_documented_shape) {
       "since_failure_s": null,
       "success_ct": 3,
       "failure_ct": 2,
+      "state_since_s": null,
+      "state_begin_seen": null,
+      "flaps_today": null,
       "probes": [
         {
           "probe": 1,

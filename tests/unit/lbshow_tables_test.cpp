@@ -31,6 +31,21 @@ TEST(Tables, are_aligned) {
         "written: ipv4 1 s ago, rules 1 s ago, routes 1 s ago\n");
 }
 
+TEST(Tables, with_a_history_tell_since_when_and_how_many_flaps) {
+    lbshow::Selection interfaces_only{.interfaces = true, .rules = false, .routes = false};
+    lbshow::State state = judged();
+    state.has_history = true;
+    const auto has = [&](const std::string& end) {
+        return lbshow::tables(state, interfaces_only, false).find(end) != std::string::npos;
+    };
+    EXPECT_TRUE(has("  LAST DOWN  SINCE  FLAPS TODAY\n"));
+    EXPECT_TRUE(has("  never      -      -\n"));
+    state.interfaces[0].past = {.since_s = 93'600, .is_begin_seen = true, .flaps_today = 2};
+    EXPECT_TRUE(has("  never      1d2h   2\n"));
+    state.interfaces[0].past->is_begin_seen = false;
+    EXPECT_TRUE(has("  never      > 1d2h  2\n"));
+}
+
 TEST(Tables, are_coloured_without_losing_their_alignment) {
     lbshow::Selection interfaces_only{.interfaces = true, .rules = false, .routes = false};
     const std::string text = lbshow::tables(judged(), interfaces_only, true);

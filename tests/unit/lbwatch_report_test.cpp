@@ -6,6 +6,7 @@
 #include "lbwatch/report.h"
 #include "lbwatch/report_page.h"
 #include "lbwatch/report_text.h"
+#include "lbwatch/uplink_past.h"
 #include "unit/support/lbwatch_items.h"
 
 namespace {
@@ -192,6 +193,43 @@ TEST(LbwatchHtmlReport, needs_no_network_and_no_script_and_escapes_everything) {
     EXPECT_EQ(page.find("https:"), std::string::npos);
     EXPECT_NE(page.find("&lt;img src=x onerror=alert(1)&gt;"), std::string::npos);
     EXPECT_NE(page.find("class=\"unwatched\""), std::string::npos);
+}
+
+/// A report whose pieces follow each other, each an hour long, the last up to now.
+UplinkReport hours(std::initializer_list<Known> known) {
+    UplinkReport uplink;
+    std::int64_t begin_ms = 0;
+    for (const Known one : known) {
+        uplink.pieces.push_back(
+            {.begin_ms = begin_ms, .end_ms = begin_ms + 3'600'000, .known = one, .reason = ""});
+        begin_ms += 3'600'000;
+    }
+    return uplink;
+}
+
+TEST(LbwatchPast, tells_how_long_the_state_has_lasted_and_how_often_it_changed_today) {
+    const auto uplink =
+        hours({Known::active, Known::failed, Known::active, Known::failed, Known::active});
+    const auto past = past_of(uplink, true, 2 * 3'600'000);
+    ASSERT_TRUE(past);
+    EXPECT_EQ(past->since_s, 3600);
+    EXPECT_TRUE(past->is_begin_seen);
+    EXPECT_EQ(past->flaps_today, 3);
+}
+
+TEST(LbwatchPast, state_behind_a_gap_has_lasted_at_least_so_long) {
+    const auto past = past_of(hours({Known::active, Known::unwatched, Known::active}), true, 0);
+    ASSERT_TRUE(past);
+    EXPECT_EQ(past->since_s, 3600);
+    EXPECT_FALSE(past->is_begin_seen);
+    EXPECT_EQ(past->flaps_today, 0);
+}
+
+TEST(LbwatchPast, uplink_that_nobody_watches_now_has_none) {
+    EXPECT_FALSE(past_of(hours({Known::active, Known::unwatched}), true, 0));
+    EXPECT_FALSE(past_of(hours({Known::active, Known::unknown}), false, 0));
+    EXPECT_FALSE(past_of(hours({Known::failed}), true, 0));
+    EXPECT_FALSE(past_of({}, true, 0));
 }
 
 }  // namespace

@@ -90,6 +90,9 @@ TEST_F(Room, nothing_is_told_while_nothing_is_lost) {
 }
 
 TEST_F(Room, losses_are_told_at_once_and_then_once_an_hour) {
+    if (const auto got = host::make_room(near.get(), 1); got.granted < got.wanted) {
+        GTEST_SKIP() << "needs the right to go beyond the machine's limit";
+    }
     room.make(ipv4_probes, ns_name, 1);
     make_small();
     const auto first = overflow();
@@ -97,7 +100,7 @@ TEST_F(Room, losses_are_told_at_once_and_then_once_an_hour) {
     report();
     const auto line = [](std::uint32_t count, const char* bytes) {
         return LogLine{4, "%WAN-W-WARN: wan_lb: " + std::to_string(count) +
-                              " ipv4 replies dropped unread, damaged or more at once than " +
+                              " ipv4 replies dropped unread, more at once than " +
                               bytes + " bytes hold; who sends them shows: tcpdump -n icmp"};
     };
     EXPECT_EQ(log.lines(), (std::vector<LogLine>{line(first, "4194304")}));

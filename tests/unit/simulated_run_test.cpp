@@ -150,33 +150,34 @@ TEST(Loaded, has_the_loaders_messages_and_what_no_worker_serves) {
 
 // The whole answer of one outage, worked out by hand. A probe that is answered is collected a cycle
 // later, and the next one leaves in the cycle behind that: a success every 2 s. One that is not is
-// collected when it is older than 2 s: a failure every 4 s. The first one of each uplink only asks
-// for the next hop's address; that of gi1_2 must learn of its lease first.
+// collected when it is older than 2 s, which it is after two cycles: a failure every 3 s. The first
+// one of each uplink only asks for the next hop's address; that of gi1_2 must learn of its lease
+// first.
 TEST(SimulatedRun, of_one_outage_is_told_line_by_line) {
     const Story story = story_of("20s gi1_1 ipv4 dead\n40s gi1_1 ipv4 alive");
     EXPECT_EQ(timeline_text(story),
-              "      7.0 s    gi1_1 ipv4: target 203.0.113.1 success\n"
-              "      7.0 s    gi1_1 ipv4: active\n"
-              "      7.0 s    ipv4 routes:\n"
+              "      6.0 s    gi1_1 ipv4: target 203.0.113.1 success\n"
+              "      6.0 s    gi1_1 ipv4: active\n"
+              "      6.0 s    ipv4 routes:\n"
               "                 route 0.0.0.0/0 multipath via 192.0.2.1 weight 1;\n"
-              "      7.0 s    gi1_1 ipv6: target 2001:db8:1::53 success\n"
-              "      7.0 s    gi1_1 ipv6: active\n"
-              "      7.0 s    ipv6 routes:\n"
+              "      6.0 s    gi1_1 ipv6: target 2001:db8:1::53 success\n"
+              "      6.0 s    gi1_1 ipv6: active\n"
+              "      6.0 s    ipv6 routes:\n"
               "                 route ::/0 multipath via 2001:db8::1 weight 1;\n"
-              "     11.0 s    gi1_2 ipv4: target 203.0.113.2 success\n"
-              "     11.0 s    gi1_2 ipv4: active\n"
-              "     11.0 s    ipv4 routes:\n"
+              "      9.0 s    gi1_2 ipv4: target 203.0.113.2 success\n"
+              "      9.0 s    gi1_2 ipv4: active\n"
+              "      9.0 s    ipv4 routes:\n"
               "                 route 0.0.0.0/0 multipath via 192.0.2.1 weight 1 via 198.19.0.2 "
               "weight 3;\n"
               "     20.0 s  gi1_1 ipv4 dead\n"
-              "     27.0 s    gi1_1 ipv4: target 203.0.113.1 failure\n"
-              "     27.0 s    gi1_1 ipv4: inactive\n"
-              "     27.0 s    ipv4 routes:\n"
+              "     26.0 s    gi1_1 ipv4: target 203.0.113.1 failure\n"
+              "     26.0 s    gi1_1 ipv4: inactive\n"
+              "     26.0 s    ipv4 routes:\n"
               "                 route 0.0.0.0/0 multipath via 198.19.0.2 weight 3;\n"
               "     40.0 s  gi1_1 ipv4 alive\n"
-              "     43.0 s    gi1_1 ipv4: target 203.0.113.1 success\n"
-              "     43.0 s    gi1_1 ipv4: active\n"
-              "     43.0 s    ipv4 routes:\n"
+              "     45.0 s    gi1_1 ipv4: target 203.0.113.1 success\n"
+              "     45.0 s    gi1_1 ipv4: active\n"
+              "     45.0 s    ipv4 routes:\n"
               "                 route 0.0.0.0/0 multipath via 192.0.2.1 weight 1 via 198.19.0.2 "
               "weight 3;\n");
     EXPECT_EQ(head_text(story).substr(head_text(story).find('\n') + 1),
@@ -205,28 +206,28 @@ TEST(SimulatedRun, follows_a_lease_to_its_new_router) {
 
 TEST(SimulatedRun, keeps_its_next_hop_when_the_lease_goes) {
     const Story story = story_of("20s gi1_2 lease none\n60s gi1_1 ipv6 dead");
-    EXPECT_EQ(changes_of(story, "gi1_2"), "11 up, ");
+    EXPECT_EQ(changes_of(story, "gi1_2"), "9 up, ");
 }
 
 TEST(SimulatedRun, takes_out_an_uplink_whose_link_or_next_hop_goes) {
     const Story story =
         story_of("20s gi1_1 link down\n40s gi1_1 link up\n60s gi1_1 nexthop dead\n80s gi1_1 clean");
-    EXPECT_EQ(changes_of(story, "gi1_1"), "7 up, 27 down, 47 up, 67 down, 83 up, ");
+    EXPECT_EQ(changes_of(story, "gi1_1"), "6 up, 26 down, 48 up, 66 down, 85 up, ");
 }
 
 TEST(SimulatedRun, is_not_misled_by_duplicates) {
-    EXPECT_EQ(changes_of(story_of("2s gi1_1 duplicates 100%\n60s gi1_2 alive"), "gi1_1"), "7 up, ");
+    EXPECT_EQ(changes_of(story_of("2s gi1_1 duplicates 100%\n60s gi1_2 alive"), "gi1_1"), "6 up, ");
 }
 
 TEST(SimulatedRun, holds_no_uplink_for_dead_that_answers_late_but_in_time) {
     const Story story = story_of("20s gi1_1 delay 1900ms\n60s gi1_1 delay 3500ms");
-    EXPECT_EQ(changes_of(story, "gi1_1"), "7 up, 69 down, ");
+    EXPECT_EQ(changes_of(story, "gi1_1"), "6 up, 65 down, ");
 }
 
 TEST(SimulatedRun, knows_a_target_that_is_dead_through_one_uplink_only) {
     const Story story = story_of("20s gi1_1 target 203.0.113.1 dead");
-    EXPECT_EQ(changes_of(story, "gi1_1"), "7 up, 27 down, ");
-    EXPECT_EQ(changes_of(story, "gi1_2"), "11 up, ");
+    EXPECT_EQ(changes_of(story, "gi1_1"), "6 up, 26 down, ");
+    EXPECT_EQ(changes_of(story, "gi1_2"), "9 up, ");
 }
 
 /// With an extended ping in one namespace, whose runs last seconds, and a plain one in another.
@@ -280,7 +281,7 @@ rule 2_ipv4 {
 
 TEST(SimulatedRun, lets_an_extended_ping_burn_its_seconds_without_holding_other_workers) {
     const Story story = story_of("20s gi1_1 loss 45%\n100s gi1_2 dead", 3, burst_and_plain);
-    EXPECT_EQ(changes_of(story, "gi1_2"), "5 up, 103 down, ");
+    EXPECT_EQ(changes_of(story, "gi1_2"), "4 up, 103 down, ");
     // 100 s and a bit more for the one worker; the other loses whole seconds to lost echoes.
     EXPECT_LT(story.run.cycles, 2 * (story.run.duration_us / 1'000'000) - 10);
 }
@@ -288,11 +289,11 @@ TEST(SimulatedRun, lets_an_extended_ping_burn_its_seconds_without_holding_other_
 TEST(Json, is_an_object_of_events_and_a_summary) {
     const std::string text = json_text(story_of("20s gi1_1 ipv4 dead"));
     EXPECT_TRUE(
-        text.starts_with("{\n \"events\": [\n  {\n   \"t\": 7.0,\n   \"event\": \"target\",\n"
+        text.starts_with("{\n \"events\": [\n  {\n   \"t\": 6.006,\n   \"event\": \"target\",\n"
                          "   \"uplink\": \"gi1_1\",\n   \"family\": \"ipv4\",\n"
                          "   \"namespace\": \"\",\n   \"up\": true,\n"
                          "   \"text\": \"target 203.0.113.1 success\"\n  },\n"
-                         "  {\n   \"t\": 7.0,\n   \"event\": \"state\",\n"))
+                         "  {\n   \"t\": 6.006,\n   \"event\": \"state\",\n"))
         << text;
     EXPECT_NE(text.find("   \"active\": true,\n   \"text\": \"%WAN-I-INSTANCE: IP interface "
                         "gigabitethernet 1/0/1 changed state to active\"\n"),

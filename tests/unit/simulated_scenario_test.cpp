@@ -107,6 +107,7 @@ TEST(Scenario, knows_targets_of_all_uplinks_and_of_one) {
     EXPECT_EQ(of_one.uplink, "u");
     EXPECT_EQ(of_one.family, Family::ipv4);
     EXPECT_EQ(of_one.target, "203.0.113.53");
+    EXPECT_EQ(event_of("1s u target 203.0.113.53 loss 20%").of_hundred, 20);
 }
 
 TEST(Scenario, names_line_and_word_of_an_error) {

@@ -62,6 +62,15 @@ TEST(Truth, knows_an_uplink_that_none_of_its_targets_answers_through) {
               "0 good, 5 impaired, 6 dead, 7 impaired, 8 good, ");
 }
 
+TEST(Truth, takes_the_losses_of_a_target_for_an_impairment_up_to_the_last_echo) {
+    EXPECT_EQ(truth_text("5s gi1_1 target 203.0.113.1 loss 30%\n"
+                         "6s gi1_1 target 203.0.113.1 loss 100%\n"
+                         "7s gi1_1 target 203.0.113.2 loss 100%\n"
+                         "8s gi1_1 target 203.0.113.1 loss 0%\n"
+                         "9s gi1_1 target 203.0.113.2 alive"),
+              "0 good, 5 impaired, 7 dead, 8 impaired, 9 good, ");
+}
+
 TEST(Truth, does_not_blame_an_uplink_for_a_target_that_is_dead_for_all) {
     EXPECT_EQ(truth_text("5s target 203.0.113.1 dead\n5s target 203.0.113.2 dead"), "0 good, ");
 }

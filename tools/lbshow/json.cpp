@@ -57,6 +57,9 @@ Json json_of(const Interface& one) {
             {"since_failure_s", optional_number(one.since_failure_s)},
             {"success_ct", one.success_ct},
             {"failure_ct", one.failure_ct},
+            {"state_since_s", one.past ? Json(one.past->since_s) : Json(nullptr)},
+            {"state_begin_seen", one.past ? Json(one.past->is_begin_seen) : Json(nullptr)},
+            {"flaps_today", one.past ? Json(one.past->flaps_today) : Json(nullptr)},
             {"probes", json_list(one.probes)}};
 }
 

@@ -11,7 +11,11 @@
 #include "lbshow/dump_files.h"
 #include "lbshow/freshness.h"
 #include "lbshow/in_force.h"
+#include "lbshow/plain_text.h"
 #include "lbshow/views.h"
+#ifdef LB_HISTORY
+#include "lbwatch/uplink_past.h"
+#endif
 #include <CLI/CLI.hpp>
 
 namespace {
@@ -22,8 +26,12 @@ constexpr const char* description =
 
 enum Status { shown_well = 0, not_shown = 1, stale = 3 };
 
+constexpr const char* usual_directory = "/var/run/load-balance";
+constexpr const char* usual_history = "/var/lib/lb/history.db";
+
 struct Options {
-    std::string directory = "/var/run/load-balance";
+    std::string directory = usual_directory;
+    std::string history;  ///< empty: the usual one where it is there; "none": not asked
     std::string what;
     lbshow::Selection selection;
     bool as_json = false;
@@ -50,6 +58,26 @@ std::string shown(const lbshow::State& state, const Options& options) {
     return lbshow::tables(state, options.selection, isatty(STDOUT_FILENO) == 1);
 }
 
+/// The history's word on each interface. The usual one belongs to the usual dumps, and may be
+/// missing. False where one that was asked for cannot be read.
+bool add_past([[maybe_unused]] lbshow::State& state, [[maybe_unused]] const Options& options) {
+#ifdef LB_HISTORY
+    const bool is_usual = options.history.empty();
+    const std::string path = is_usual ? usual_history : options.history;
+    if (path == "none" ||
+        (is_usual && (options.directory != usual_directory || access(path.c_str(), R_OK) != 0))) {
+        return true;
+    }
+    const std::string problem = lbwatch::read_past(path, state);
+    if (!problem.empty()) {
+        std::cerr << "lbshow: " << lbshow::harmless(problem) << std::endl;
+    }
+    return problem.empty() || is_usual;
+#else
+    return true;
+#endif
+}
+
 lbshow::Time now() {
     return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
 }
@@ -65,6 +93,7 @@ Status show(const Options& options) {
     }
     lbshow::judge_freshness(state, now(), options.stale_after_s);
     lbshow::resolve_next_hops(state);
+    const bool has_past = options.as_metrics || add_past(state, options);
     const std::string unknown = lbshow::select(state, options.selection);
     if (!unknown.empty()) {
         std::cerr << "lbshow: nothing is called '" << unknown << "'" << std::endl;
@@ -75,7 +104,7 @@ Status show(const Options& options) {
         lbshow::leave_out_stale(state);
     }
     std::cout << shown(state, options) << std::flush;
-    if (!std::cout) {
+    if (!std::cout || !has_past) {
         return not_shown;
     }
     return lbshow::has_stale(state) ? stale : shown_well;
@@ -128,6 +157,12 @@ int main(int argc, char* argv[]) {
     app.add_option("-o", options.directory, "the daemon's output directory")
         ->type_name("DIR")
         ->capture_default_str();
+#ifdef LB_HISTORY
+    app.add_option("--history", options.history,
+                   std::string("since when, by this history of lbwatch, or none; ") +
+                       usual_history + " where it is there")
+        ->type_name("FILE");
+#endif
     auto* const as_json = app.add_flag("--json", options.as_json, "a JSON object, for programs");
     app.add_flag("--metrics", options.as_metrics, "Prometheus text format")->excludes(as_json);
     auto* const watched =

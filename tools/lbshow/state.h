@@ -34,6 +34,13 @@ struct Probe {
     const char* type() const;  ///< as in the configuration: "ping" or "ping_ext"
 };
 
+/// What lbwatch(8) has seen of an interface's present state.
+struct Past {
+    std::int64_t since_s = 0;    ///< how long it has lasted
+    bool is_begin_seen = false;  ///< else it has lasted for at least so long
+    int flaps_today = 0;         ///< changes between active and failed since midnight
+};
+
 struct Interface {
     std::string name{};
     int family = 4;
@@ -49,6 +56,8 @@ struct Interface {
     std::vector<Probe> probes{};
     bool is_routed = false;  ///< a route uses it; see in_force.h
     bool is_stale = false;   ///< what stands here is not of now; see freshness.h
+
+    std::optional<Past> past{};  ///< none: nobody has watched
 
     bool has_extended_ping() const;
 };
@@ -132,6 +141,7 @@ struct State {
     std::vector<Family> families{};     ///< those that have a dump
     std::vector<Interface> unjudged{};  ///< whose worker stands still; see freshness.h
     LeftOut left_out{};
+    bool has_history = false;  ///< the interfaces' pasts were asked for
 };
 
 /// Items read, or why the file is none of ours.

@@ -8,11 +8,9 @@ namespace lbshow {
 
 namespace {
 
-std::string age(const std::optional<int>& seconds) {
-    if (!seconds) {
-        return "never";
-    }
-    const auto all = static_cast<unsigned>(*seconds);
+std::string length(std::int64_t seconds) {
+    // No clock and no foreign file makes it negative.
+    const auto all = static_cast<std::uint64_t>(seconds);
     if (all >= 86400) {
         return std::to_string(all / 86400) + "d" + std::to_string(all / 3600 % 24) + "h";
     }
@@ -33,6 +31,15 @@ const char* shown_result(Result result) {
             return "no answer";
     }
     return "not yet";
+}
+
+std::string age(const std::optional<int>& seconds) {
+    return seconds ? length(static_cast<unsigned>(*seconds)) : "never";
+}
+
+/// "> 3d2h" where nobody saw it begin.
+std::string since_text(const std::optional<Past>& past) {
+    return past ? (past->is_begin_seen ? "" : "> ") + length(past->since_s) : "-";
 }
 
 enum class Colour { plain, good, bad };
@@ -123,20 +130,29 @@ std::string run_text(int run, int threshold) {
     return std::to_string(run) + "/" + std::to_string(threshold);
 }
 
-Table interface_table(const std::vector<Interface>& interfaces) {
-    Table table({"INTERFACE", "FAMILY", "NAMESPACE", "STATE", "ROUTED", "NEXT HOP", "FROM",
-                 "SOURCE", "LAST UP", "LAST DOWN"});
+Table interface_table(const std::vector<Interface>& interfaces, bool has_history) {
+    std::vector<std::string> head{"INTERFACE", "FAMILY", "NAMESPACE", "STATE",   "ROUTED",
+                                  "NEXT HOP",  "FROM",   "SOURCE",    "LAST UP", "LAST DOWN"};
+    if (has_history) {
+        head.insert(head.end(), {"SINCE", "FLAPS TODAY"});
+    }
+    Table table(std::move(head));
     for (const Interface& one : interfaces) {
-        table.add({{harmless(one.name)},
-                   {family_name(one.family)},
-                   {or_dash(one.namespace_name)},
-                   state_cell(one),
-                   {one.is_routed ? "yes" : "no"},
-                   {or_dash(one.nexthop)},
-                   {one.nexthop_from},
-                   {or_dash(one.source_address)},
-                   {age(one.since_success_s)},
-                   {age(one.since_failure_s)}});
+        std::vector<Cell> row{{harmless(one.name)},
+                              {family_name(one.family)},
+                              {or_dash(one.namespace_name)},
+                              state_cell(one),
+                              {one.is_routed ? "yes" : "no"},
+                              {or_dash(one.nexthop)},
+                              {one.nexthop_from},
+                              {or_dash(one.source_address)},
+                              {age(one.since_success_s)},
+                              {age(one.since_failure_s)}};
+        if (has_history) {
+            row.push_back({since_text(one.past)});
+            row.push_back({one.past ? std::to_string(one.past->flaps_today) : "-"});
+        }
+        table.add(std::move(row));
     }
     return table;
 }
@@ -237,7 +253,7 @@ std::string written_line(const State& state) {
 std::string tables(const State& state, const Selection& selection, bool is_coloured) {
     std::vector<Table> shown;
     if (selection.interfaces) {
-        shown.push_back(interface_table(state.interfaces));
+        shown.push_back(interface_table(state.interfaces, state.has_history));
         shown.push_back(probe_table(state.interfaces));
     }
     if (selection.rules) {

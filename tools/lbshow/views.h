@@ -19,7 +19,8 @@ std::string tables(const State& state, const Selection& selection, bool is_colou
 ///      "files": {"wlb_rules.bin": {"written", "age_s"}, ...},
 ///      "interfaces": [{"name", "family", "namespace", "active", "routed", "stale", "nexthop",
 ///                      "nexthop_from", "source_address", "since_success_s", "since_failure_s",
-///                      "success_ct", "failure_ct", "probes": [{"probe", "type", "target",
+///                      "success_ct", "failure_ct", "state_since_s", "state_begin_seen",
+///                      "flaps_today", "probes": [{"probe", "type", "target",
 ///                      "last_result", "success_run", "failure_run", "quality": null or
 ///                      {"loss_percent", "rtt_ms", "jitter_ms", "loss_limit", "rtt_limit",
 ///                      "jitter_limit"}}]}],

@@ -4,6 +4,15 @@
 
 namespace lbsim {
 
+namespace {
+
+constexpr std::int64_t pause_us = 1'000'000;  // B19
+/// What a cycle of few uplinks takes on a router. It matters: a probe of a second's patience is
+/// older than that in the next cycle but one only because of it.
+constexpr std::int64_t work_us = 1000;
+
+}  // namespace
+
 Daemon::Daemon(Simulation& machine, const std::string& configuration) : machine_(machine) {
     constexpr const char* path = "/etc/lb.conf";
     machine_.files[path] = configuration;
@@ -33,8 +42,7 @@ void Daemon::step(Worker& worker, bool is_first) {
     ++steps_;
     after_step_(worker.ctx);
     machine_.namespace_in_force = before;
-    constexpr std::int64_t pause_us = 1'000'000;  // B19
-    machine_.after_us(pause_us, [this, &worker] { step(worker, false); });
+    machine_.after_us(work_us + pause_us, [this, &worker] { step(worker, false); });
 }
 
 }  // namespace lbsim

@@ -12,9 +12,9 @@
 namespace lbsim {
 
 /// The daemon's engine and workers on a simulated machine. Each worker's step is an event of the
-/// machine: a second after the end of the one before, also while another worker waits within an
-/// extended ping. Workers take their turns of one moment in a fixed order: by namespace, IPv4
-/// before IPv6.
+/// machine: a second and a millisecond of work after the end of the one before, also while another
+/// worker waits within an extended ping. Workers take their turns of one moment in a fixed order:
+/// by namespace, IPv4 before IPv6.
 ///
 /// One in the life of a process: the daemon's process-wide tables are filled, and its probes are
 /// never freed (B135).

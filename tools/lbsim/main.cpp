@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <cstdint>
+#include <ctime>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -6,14 +8,19 @@
 #include <vector>
 
 #include "lbsim/draws.h"
+#include "lbsim/history.h"
 #include "lbsim/report.h"
 #include "lbsim/session.h"
 #include "lbsim/svg.h"
+#include "lbsim/tune.h"
 #include <CLI/CLI.hpp>
 
 namespace {
 
 using namespace lbsim;
+
+constexpr double default_days = 30;
+constexpr double tuning_days = 2;
 
 struct Options {
     std::string configuration;
@@ -22,11 +29,15 @@ struct Options {
     std::string duration;
     std::string svg;
     std::string kinds;
+    std::string history;
+    std::string since;
+    std::string until;
     std::string mean_outage;
     std::uint64_t seed = 1;
-    double days = 30;
+    std::optional<double> days;
     Habits habits;
     bool is_random = false;
+    bool is_tuned = false;
     bool as_json = false;
 };
 
@@ -70,22 +81,94 @@ struct Course {
     std::optional<std::int64_t> duration_us;
 };
 
+std::int64_t now_ms() {
+    return std::int64_t{std::time(nullptr)} * 1000;
+}
+
+std::string valid_time(const std::string& text) {
+    return parse_time(text, now_ms())
+               ? std::string()
+               : "'" + text +
+                     "' is no time, such as 12h, 2026-11-21, 2026-11-21T14:05 or "
+                     "2026-11-21T13:05:00Z";
+}
+
+Course drawn_course(const Options& options, const std::vector<Uplink>& uplinks) {
+    Habits habits = options.habits;
+    habits.mean_length_us = parse_duration(options.mean_outage).value_or(habits.mean_length_us);
+    if (!options.kinds.empty()) {
+        parse_kinds(options.kinds, habits);
+    }
+    const double days = options.days.value_or(options.is_tuned ? tuning_days : default_days);
+    const std::int64_t duration_us =
+        parse_duration(options.duration).value_or(static_cast<std::int64_t>(days * 8.64e10));
+    return {draw_outages(uplinks, duration_us, habits, options.seed), duration_us};
+}
+
+Course replayed_course(const Options& options, const std::vector<Uplink>& uplinks) {
+    const auto moment = [](const std::string& text) {
+        return text.empty() ? std::nullopt : parse_time(text, now_ms());
+    };
+    const Period period{.since_ms = moment(options.since), .until_ms = moment(options.until)};
+    Replayed replayed = replay_of(read_history(options.history, period), period, uplinks);
+    if (replayed.duration_us <= 0) {
+        throw Unusable{"lbsim: " + options.history + ": nothing was recorded in that time\n"};
+    }
+    for (const std::string& doubt : replayed.doubts) {
+        std::cerr << "lbsim: " << options.history << ": " << doubt << '\n';
+    }
+    std::cerr << "lbsim: " << options.history << ": second 0 is " << shown_time(replayed.begin_ms)
+              << "; the daemon starts then\n";
+    return {std::move(replayed.scenario),
+            parse_duration(options.duration).value_or(replayed.duration_us)};
+}
+
 Course course_of(const Options& options, const std::vector<Uplink>& uplinks) {
-    const auto wanted_us = parse_duration(options.duration);
-    if (options.is_random) {
-        Habits habits = options.habits;
-        habits.mean_length_us = parse_duration(options.mean_outage).value_or(habits.mean_length_us);
-        if (!options.kinds.empty()) {
-            parse_kinds(options.kinds, habits);
+    if (!options.history.empty()) {
+        return replayed_course(options, uplinks);
+    }
+    if (!options.scenario.empty()) {
+        return {read_scenario(options.scenario, uplinks), parse_duration(options.duration)};
+    }
+    if (options.is_random || options.is_tuned) {
+        return drawn_course(options, uplinks);
+    }
+    return {single_failures(uplinks), parse_duration(options.duration)};
+}
+
+int end_of_output() {
+    std::cout.flush();
+    if (!std::cout) {
+        throw Unusable{"lbsim: standard output cannot be written\n"};
+    }
+    return 0;
+}
+
+int tune(const Options& options) {
+    const Configuration configuration = load_configuration(options.configuration);
+    warn(configuration);
+    const std::vector<Uplink>& uplinks = configuration.loaded.uplinks;
+    Course course = course_of(options, uplinks);
+    if (!course.duration_us) {
+        // The largest counts take their time after the last event.
+        constexpr std::int64_t patience = 5;
+        for (const Uplink& uplink : uplinks) {
+            const std::int64_t end_us = duration_of(course.scenario, {uplink});
+            course.duration_us =
+                std::max(course.duration_us.value_or(0), end_us + patience * uplink.settle_us);
         }
-        const std::int64_t duration_us =
-            wanted_us.value_or(static_cast<std::int64_t>(options.days * 8.64e10));
-        return {draw_outages(uplinks, duration_us, habits, options.seed), duration_us};
     }
-    if (options.scenario.empty()) {
-        return {single_failures(uplinks), wanted_us};
+    const auto trials =
+        try_settings(configuration, course.scenario,
+                     {.duration_us = course.duration_us, .seed = options.seed}, settings_to_try());
+    if (!options.svg.empty()) {
+        write_file(options.svg, tuning_svg(trials));
     }
-    return {read_scenario(options.scenario, uplinks), wanted_us};
+    std::cout << (options.as_json
+                      ? tuning_json(trials, *course.duration_us, options.seed)
+                      : options.configuration + ": seed " + std::to_string(options.seed) + ", " +
+                            tuning_text(trials, *course.duration_us));
+    return end_of_output();
 }
 
 int run(const Options& options) {
@@ -105,11 +188,7 @@ int run(const Options& options) {
         write_file(options.svg, svg_text(stories.front()));
     }
     print(stories, options);
-    std::cout.flush();
-    if (!std::cout) {
-        throw Unusable{"lbsim: standard output cannot be written\n"};
-    }
-    return 0;
+    return end_of_output();
 }
 
 void add_options(CLI::App& app, Options& options) {
@@ -124,9 +203,24 @@ void add_options(CLI::App& app, Options& options) {
                    "another configuration in the same world, and what differs");
     app.add_flag("--json", options.as_json, "events and summary as a JSON object, for programs");
     app.add_option("--svg", options.svg, "draw what was true and what the daemon held for true");
+    scenario->excludes(app.add_option("--scenario", options.scenario, "the same, as an option"));
+    auto* const replay = app.add_option("--replay", options.history,
+                                        "what a history of lbwatch, or comma-separated "
+                                        "time,uplink,family,target,answered, has recorded")
+                             ->excludes(scenario);
+    app.add_option("--since", options.since, "of --replay: from then on (12h, 2026-11-21, ...)")
+        ->check(valid_time)
+        ->needs(replay);
+    app.add_option("--until", options.until, "of --replay: before then")
+        ->check(valid_time)
+        ->needs(replay);
+    app.add_flag("--tune", options.is_tuned,
+                 "try other counts in the same world; without a scenario or a history, in drawn "
+                 "outages over two days");
     auto* const random =
         app.add_flag("--random", options.is_random, "outages drawn from the seed, over days")
-            ->excludes(scenario);
+            ->excludes(scenario)
+            ->excludes(replay);
     app.add_option("--days", options.days, "of --random; 30 by default")
         ->check(CLI::Range(0.01, 36500.0))
         ->needs(random);
@@ -167,7 +261,7 @@ int main(int argc, char* argv[]) {
         return app.exit(error) == 0 ? 0 : 2;
     }
     try {
-        return run(options);
+        return options.is_tuned ? tune(options) : run(options);
     } catch (const Unusable& unusable) {
         std::cerr << unusable.text;
         return 2;

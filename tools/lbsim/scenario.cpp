@@ -151,14 +151,15 @@ void take_change(Line& line, Event& event) {
         event.change = Change::alive;
     } else if (word == "clean") {
         event.change = Change::clean;
-    } else if (word == "loss" && (!is_of_target || event.uplink.empty())) {
+    } else if (word == "loss") {
         take_share(line, event, Change::loss);
     } else if (word == "delay" && (!is_of_target || event.uplink.empty())) {
         take_delay(line, event);
     } else if (is_of_target) {
-        line.fail(word, event.uplink.empty()
-                            ? "a target can be dead, alive or clean, or have a loss or a delay"
-                            : "a target through one uplink can be dead, alive or clean");
+        line.fail(word,
+                  event.uplink.empty()
+                      ? "a target can be dead, alive or clean, or have a loss or a delay"
+                      : "a target through one uplink can be dead, alive or clean, or have a loss");
     } else if (word == "duplicates") {
         take_share(line, event, Change::duplicates);
     } else if (word == "reorder") {

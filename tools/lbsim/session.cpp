@@ -83,6 +83,41 @@ Configuration load_configuration(const std::string& path) {
     return configuration;
 }
 
+namespace {
+
+Plan plan_of(const Configuration& configuration, const Scenario& scenario, std::int64_t duration_us,
+             std::uint64_t seed) {
+    return {.configuration = configuration.text,
+            .scenario = scenario,
+            .duration_us = duration_us,
+            .seed = seed,
+            .success_ct = {},
+            .failure_ct = {}};
+}
+
+}  // namespace
+
+std::vector<Trial> try_settings(const Configuration& configuration, const Scenario& scenario,
+                                const Wanted& wanted, const std::vector<Setting>& settings) {
+    const std::vector<Uplink>& uplinks = configuration.loaded.uplinks;
+    const std::int64_t duration_us = wanted.duration_us.value_or(duration_of(scenario, uplinks));
+    std::vector<std::function<std::string()>> tasks;
+    for (const Setting& setting : settings) {
+        Plan plan = plan_of(configuration, scenario, duration_us, wanted.seed);
+        plan.success_ct = setting.success_ct;
+        plan.failure_ct = setting.failure_ct;
+        tasks.emplace_back([plan, &uplinks] { return packed(simulate(plan, uplinks)); });
+    }
+    const auto answers = run_apart(tasks);
+    std::vector<Trial> trials;
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+        require(answers[i].error);
+        const Run run = unpacked_run(answers[i].result);
+        trials.push_back(trial_of(settings[i], summarize(uplinks, scenario, run)));
+    }
+    return trials;
+}
+
 std::vector<Story> run_all(const std::vector<Configuration>& configurations,
                            const Scenario& scenario, const Wanted& wanted) {
     std::int64_t duration_us = 0;
@@ -91,12 +126,8 @@ std::vector<Story> run_all(const std::vector<Configuration>& configurations,
     }
     std::vector<std::function<std::string()>> tasks;
     for (const Configuration& one : configurations) {
-        const Plan plan{.configuration = one.text,
-                        .scenario = scenario,
-                        .duration_us = wanted.duration_us.value_or(duration_us),
-                        .seed = wanted.seed,
-                        .success_ct = {},
-                        .failure_ct = {}};
+        const Plan plan =
+            plan_of(one, scenario, wanted.duration_us.value_or(duration_us), wanted.seed);
         tasks.emplace_back(
             [plan, &uplinks = one.loaded.uplinks] { return packed(simulate(plan, uplinks)); });
     }

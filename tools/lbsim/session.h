@@ -4,6 +4,7 @@
 #include <string>
 
 #include "lbsim/report.h"
+#include "lbsim/tune.h"
 
 /// From the files that a command names to a story. Whatever is wrong is an `Unusable` with a text
 /// that names the cause.
@@ -30,6 +31,10 @@ struct Wanted {
     std::optional<std::int64_t> duration_us;  ///< else as long as the scenario needs
     std::uint64_t seed = 1;
 };
+/// Runs one configuration with each of the settings, in one world.
+std::vector<Trial> try_settings(const Configuration& configuration, const Scenario& scenario,
+                                const Wanted& wanted, const std::vector<Setting>& settings);
+
 /// Runs the configurations in one world, each in a process of its own, side by side.
 std::vector<Story> run_all(const std::vector<Configuration>& configurations,
                            const Scenario& scenario, const Wanted& wanted);

@@ -17,6 +17,7 @@ struct State {
     double doubled_of_hundred = 0;
     double held_back_of_hundred = 0;
     std::set<std::string> cut_targets;
+    std::set<std::string> lossy_targets;
 
     void take(const Event& event);
     Condition condition(const Uplink& uplink) const;
@@ -27,10 +28,14 @@ void State::take(const Event& event) {
         if (event.uplink.empty()) {
             return;  // of the target, not of the uplink
         }
-        if (event.change == Change::dead) {
+        // Whatever happens to a target takes the place of what was before.
+        cut_targets.erase(event.target);
+        lossy_targets.erase(event.target);
+        const bool is_loss = event.change == Change::loss;
+        if (event.change == Change::dead || (is_loss && event.of_hundred >= 100)) {
             cut_targets.insert(event.target);
-        } else {
-            cut_targets.erase(event.target);
+        } else if (is_loss && event.of_hundred > 0) {
+            lossy_targets.insert(event.target);
         }
         return;
     }
@@ -80,7 +85,8 @@ Condition State::condition(const Uplink& uplink) const {
         return Condition::dead;
     }
     const bool is_impaired = lost_of_hundred > 0 || is_slow || doubled_of_hundred > 0 ||
-                             held_back_of_hundred > 0 || !cut_targets.empty();
+                             held_back_of_hundred > 0 || !cut_targets.empty() ||
+                             !lossy_targets.empty();
     return is_impaired ? Condition::impaired : Condition::good;
 }
 

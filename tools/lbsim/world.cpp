@@ -144,6 +144,7 @@ void World::clean(Place& place) {
     set_link(place, true);
     for (auto& [address, target] : machine_.namespaces[place.uplink.ns_name].targets) {
         target.cut_links.erase(place.uplink.name);
+        target.lossy_links.erase(place.uplink.name);
     }
     if (place.uplink.nexthop == "dhcp" && place.router != place.first_router) {
         set_router(place, place.first_router);
@@ -212,12 +213,18 @@ void World::change_target(const Place& place, const Event& event) {
         case Change::alive:
             if (is_through_one) {
                 target.cut_links.erase(place.uplink.name);
+                target.lossy_links.erase(place.uplink.name);
             } else {
                 target.answers = true;
             }
             break;
         case Change::loss:
-            target.lost_of_hundred = event.of_hundred;
+            if (is_through_one) {
+                target.cut_links.erase(place.uplink.name);
+                target.lossy_links[place.uplink.name] = event.of_hundred;
+            } else {
+                target.lost_of_hundred = event.of_hundred;
+            }
             break;
         case Change::delay:
             target.delay_ms = Simulation::Target{}.delay_ms + event.delay_ms;
@@ -226,8 +233,9 @@ void World::change_target(const Place& place, const Event& event) {
         case Change::clean:
             if (is_through_one) {
                 target.cut_links.erase(place.uplink.name);
+                target.lossy_links.erase(place.uplink.name);
             } else {
-                target = {.cut_links = target.cut_links};
+                target = {.cut_links = target.cut_links, .lossy_links = target.lossy_links};
             }
             break;
         case Change::duplicates:

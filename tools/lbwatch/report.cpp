@@ -191,8 +191,8 @@ TargetReport ReportMaker::finish_target(const std::string& address,
                     .rtt_ms = {},
                     .jitter_ms = {}};
         if (sums.measured > 0) {
-            const auto mean = [&sums](std::int64_t sum) {
-                return static_cast<double>(sum) / static_cast<double>(sums.measured);
+            const auto mean = [measured = sums.measured](std::int64_t sum) {
+                return static_cast<double>(sum) / static_cast<double>(measured);
             };
             point.loss_percent = mean(sums.loss_percent);
             point.rtt_ms = mean(sums.rtt_ms);

@@ -13,6 +13,8 @@
 #include <array>
 #include <bit>
 #include <cerrno>
+#include <fstream>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -247,6 +249,18 @@ std::uint32_t dropped_packets(int receiver) {
     socklen_t size = sizeof counts;
     getsockopt(receiver, SOL_SOCKET, SO_MEMINFO, counts.data(), &size);
     return counts[SK_MEMINFO_DROPS];
+}
+
+// RFC 4293's counters, a name and a number a line.
+std::uint32_t damaged_messages6() {
+    std::ifstream counters("/proc/thread-self/net/snmp6");
+    std::string name;
+    for (std::uint64_t count = 0; counters >> name >> count;) {
+        if (name == "Icmp6InCsumErrors") {
+            return static_cast<std::uint32_t>(count);
+        }
+    }
+    return 0;
 }
 
 Bell::Bell() : number_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}

@@ -237,6 +237,10 @@ void Simulation::answer_echo(const std::string& ns_name, const std::string& link
         draws.is_within(weather.lost_of_hundred)) {
         return;
     }
+    const auto lossy = found->second.lossy_links.find(link);
+    if (lossy != found->second.lossy_links.end() && draws.is_within(lossy->second)) {
+        return;
+    }
     const std::int64_t jitter_us =
         draws.spread(found->second.jitter_ms * 1000) + draws.spread(weather.jitter_ms * 1000);
     const bool is_doubled = draws.is_within(weather.doubled_of_hundred);

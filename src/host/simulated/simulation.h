@@ -69,7 +69,8 @@ class Simulation {
         std::int64_t jitter_ms = 0;  ///< as of the weather, added to it
         double lost_of_hundred = 0;  ///< requests without an answer, by the seed
         bool answers = true;
-        std::set<std::string> cut_links;  ///< links through which no answer comes
+        std::set<std::string> cut_links;            ///< links through which no answer comes
+        std::map<std::string, double> lossy_links;  ///< link -> requests of 100 lost through it
     };
     /// The part of the machine that lies in one network namespace; the empty name is the default.
     struct Namespace {

@@ -1,0 +1,261 @@
+#include "lbsim/history.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <tuple>
+
+#include "base/address_text.h"
+
+namespace lbsim {
+
+namespace {
+
+std::vector<std::string> fields_of(std::string_view line) {
+    std::vector<std::string> fields;
+    while (true) {
+        const auto end = std::min(line.find(','), line.size());
+        std::string_view field = line.substr(0, end);
+        while (!field.empty() && (field.front() == ' ' || field.front() == '"')) {
+            field.remove_prefix(1);
+        }
+        while (!field.empty() &&
+               (field.back() == ' ' || field.back() == '"' || field.back() == '\r')) {
+            field.remove_suffix(1);
+        }
+        fields.emplace_back(field);
+        if (end == line.size()) {
+            return fields;
+        }
+        line.remove_prefix(end + 1);
+    }
+}
+
+/// Seconds since the epoch, with or without a fraction, as milliseconds.
+std::optional<std::int64_t> parse_epoch(const std::string& text) {
+    double seconds = 0;
+    const auto [end, error] =
+        std::from_chars(text.data(), text.data() + text.size(), seconds, std::chars_format::fixed);
+    constexpr double most = 1e11;
+    if (error != std::errc() || end != text.data() + text.size() || !(seconds >= 0) ||
+        seconds > most) {
+        return std::nullopt;
+    }
+    return std::llround(seconds * 1000);
+}
+
+/// A date with or without a time of the day; with a Z behind it of UTC, else local.
+std::optional<std::int64_t> parse_calendar(const std::string& text) {
+    constexpr std::array<const char*, 5> forms{"%Y-%m-%dT%H:%M:%SZ", "%Y-%m-%dT%H:%MZ",
+                                               "%Y-%m-%dT%H:%M:%S", "%Y-%m-%dT%H:%M", "%Y-%m-%d"};
+    for (const std::string_view form : forms) {
+        std::tm time{};
+        time.tm_isdst = -1;
+        const char* const end = strptime(text.c_str(), form.data(), &time);
+        if (end == nullptr || *end != '\0') {
+            continue;
+        }
+        const std::time_t seconds = form.ends_with('Z') ? timegm(&time) : mktime(&time);
+        return seconds < 0 ? std::nullopt : std::make_optional(std::int64_t{seconds} * 1000);
+    }
+    return std::nullopt;
+}
+
+std::optional<bool> parse_choice(const std::string& word, std::initializer_list<const char*> no,
+                                 std::initializer_list<const char*> yes) {
+    const auto is_word = [&word](const char* one) { return word == one; };
+    if (std::any_of(yes.begin(), yes.end(), is_word)) {
+        return true;
+    }
+    return std::any_of(no.begin(), no.end(), is_word) ? std::make_optional(false) : std::nullopt;
+}
+
+/// Reads a line's fields into the observation; else the word that is wrong, and why.
+std::optional<HistoryError> read_fields(const std::vector<std::string>& fields, int line,
+                                        Observation& observation) {
+    if (fields.size() != 5) {
+        return HistoryError{line, "", "five fields are wanted: time,uplink,family,target,answered"};
+    }
+    auto at_ms = parse_epoch(fields[0]);
+    if (!at_ms && fields[0].ends_with('Z')) {
+        at_ms = parse_calendar(fields[0]);
+    }
+    const auto is_ipv6 = parse_choice(fields[2], {"4", "ipv4"}, {"6", "ipv6"});
+    const auto is_answered = parse_choice(fields[4], {"0", "no", "false"}, {"1", "yes", "true"});
+    if (!at_ms) {
+        return HistoryError{line, fields[0],
+                            "seconds since the epoch are wanted, or 2026-11-21T02:05:00Z"};
+    }
+    if (fields[1].empty()) {
+        return HistoryError{line, "", "an uplink is wanted"};
+    }
+    if (!is_ipv6) {
+        return HistoryError{line, fields[2], "a family is wanted: 4 or 6"};
+    }
+    if (!(*is_ipv6 ? parse_ipv6(fields[3]).has_value() : parse_ipv4(fields[3]).has_value())) {
+        return HistoryError{line, fields[3], "the address of a target of that family is wanted"};
+    }
+    if (!is_answered) {
+        return HistoryError{line, fields[4], "1 is wanted, or 0"};
+    }
+    observation = {.at_ms = *at_ms,
+                   .uplink = fields[1],
+                   .is_ipv6 = *is_ipv6,
+                   .target = canonical(fields[3]),
+                   .answered = *is_answered ? 1 : 0,
+                   .missed = *is_answered ? 0 : 1};
+    return std::nullopt;
+}
+
+using Path = std::tuple<std::string, bool, std::string>;  // uplink, is IPv6, target
+
+Event event_of(const Observation& observation, std::int64_t at_us) {
+    Event event;
+    event.at_us = at_us;
+    event.uplink = observation.uplink;
+    event.family = observation.is_ipv6 ? Family::ipv6 : Family::ipv4;
+    event.target = observation.target;
+    event.text = observation.uplink + " " + family_word(observation.is_ipv6) + " target " +
+                 observation.target;
+    const int cycles = observation.answered + observation.missed;
+    if (observation.missed == 0) {
+        event.change = Change::alive;
+        event.text += " alive";
+    } else if (observation.answered == 0) {
+        event.change = Change::dead;
+        event.text += " dead";
+    } else {
+        event.change = Change::loss;
+        event.of_hundred = std::round(100.0 * observation.missed / cycles);
+        event.text += " loss " + std::to_string(static_cast<int>(event.of_hundred)) + "%";
+    }
+    return event;
+}
+
+bool is_asked(const Path& path, const std::vector<Uplink>& uplinks) {
+    const auto& [name, is_ipv6, target] = path;
+    return std::any_of(uplinks.begin(), uplinks.end(), [&](const Uplink& uplink) {
+        return uplink.name == name && uplink.is_ipv6 == is_ipv6 &&
+               std::find(uplink.targets.begin(), uplink.targets.end(), target) !=
+                   uplink.targets.end();
+    });
+}
+
+std::string shown_path(const Path& path) {
+    return std::get<0>(path) + " " + family_word(std::get<1>(path)) + " target " +
+           std::get<2>(path);
+}
+
+/// The events of one path; what was seen last before the period is so from its start on.
+void tell_path(const std::vector<const Observation*>& seen, std::int64_t begin_ms,
+               std::int64_t end_ms, Replayed& replayed, std::int64_t& unknown_ms) {
+    std::string before = "alive";
+    std::int64_t last_ms = begin_ms;
+    for (const Observation* one : seen) {
+        const std::int64_t at_ms = std::max(one->at_ms, begin_ms);
+        unknown_ms += at_ms - last_ms > longest_gap_ms ? at_ms - last_ms : 0;
+        last_ms = at_ms;
+        Event event = event_of(*one, (at_ms - begin_ms) * 1000);
+        const std::string state = event.text.substr(event.text.find(one->target));
+        if (state != before && !(before == "alive" && event.change == Change::alive)) {
+            replayed.scenario.push_back(std::move(event));
+        }
+        before = one->missed == 0 ? "alive" : state;
+    }
+    unknown_ms += end_ms - last_ms > longest_gap_ms ? end_ms - last_ms : 0;
+}
+
+}  // namespace
+
+ParsedHistory parse_csv(std::string_view text) {
+    ParsedHistory parsed;
+    constexpr std::size_t most_errors = 20;
+    for (int line = 1; !text.empty() && parsed.errors.size() < most_errors; ++line) {
+        const auto end = std::min(text.find('\n'), text.size());
+        const auto fields = fields_of(text.substr(0, end));
+        text.remove_prefix(std::min(end + 1, text.size()));
+        const bool is_empty = fields.size() == 1 && fields[0].empty();
+        if (is_empty || (line == 1 && fields[0] == "time")) {
+            continue;
+        }
+        Observation observation;
+        if (const auto error = read_fields(fields, line, observation)) {
+            parsed.errors.push_back(*error);
+        } else {
+            parsed.observations.push_back(std::move(observation));
+        }
+    }
+    return parsed;
+}
+
+std::optional<std::int64_t> parse_time(const std::string& text, std::int64_t now_ms) {
+    if (const auto age_us = parse_duration(text)) {
+        return now_ms - *age_us / 1000;
+    }
+    const auto epoch_ms = parse_epoch(text);
+    return epoch_ms ? epoch_ms : parse_calendar(text);
+}
+
+std::string shown_time(std::int64_t at_ms) {
+    const std::time_t seconds = at_ms / 1000;
+    std::tm time{};
+    gmtime_r(&seconds, &time);
+    char text[32];
+    strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &time);
+    return text;
+}
+
+Replayed replay_of(const std::vector<Observation>& observations, const Period& period,
+                   const std::vector<Uplink>& uplinks) {
+    Replayed replayed;
+    std::map<Path, std::vector<const Observation*>> paths;
+    std::optional<std::int64_t> first_ms;
+    std::int64_t last_ms = 0;
+    for (const Observation& one : observations) {
+        if (period.until_ms && one.at_ms >= *period.until_ms) {
+            continue;
+        }
+        paths[{one.uplink, one.is_ipv6, one.target}].push_back(&one);
+        first_ms = std::min(first_ms.value_or(one.at_ms), one.at_ms);
+        last_ms = std::max(last_ms, one.at_ms);
+    }
+    replayed.begin_ms = period.since_ms.value_or(first_ms.value_or(0));
+    const std::int64_t end_ms =
+        std::max(replayed.begin_ms, period.until_ms.value_or(last_ms + 60'000));
+    replayed.duration_us = (end_ms - replayed.begin_ms) * 1000;
+    for (auto& [path, seen] : paths) {
+        if (!is_asked(path, uplinks)) {
+            replayed.doubts.push_back(shown_path(path) +
+                                      ": recorded, but not asked by this configuration");
+            continue;
+        }
+        std::stable_sort(seen.begin(), seen.end(), [](const auto* one, const auto* other) {
+            return one->at_ms < other->at_ms;
+        });
+        std::int64_t unknown_ms = 0;
+        tell_path(seen, replayed.begin_ms, end_ms, replayed, unknown_ms);
+        if (unknown_ms > 0) {
+            replayed.doubts.push_back(shown_path(path) + ": nothing was recorded for " +
+                                      shown_duration(unknown_ms * 1000) +
+                                      "; taken to be as it was before");
+        }
+    }
+    for (const Uplink& uplink : uplinks) {
+        for (const std::string& target : uplink.targets) {
+            const Path path{uplink.name, uplink.is_ipv6, target};
+            if (!paths.contains(path)) {
+                replayed.doubts.push_back(shown_path(path) +
+                                          ": never recorded; taken to answer always");
+            }
+        }
+    }
+    std::stable_sort(replayed.scenario.begin(), replayed.scenario.end(),
+                     [](const Event& one, const Event& other) { return one.at_us < other.at_us; });
+    return replayed;
+}
+
+}  // namespace lbsim

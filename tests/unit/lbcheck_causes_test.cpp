@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
+#include <ctime>
 
 #include "lbcheck/findings.h"
 #include "unit/support/loaded.h"
@@ -238,13 +238,14 @@ TEST(Causes, same_typo_ten_thousand_times_is_one_line_and_quick) {
     }
     const std::string text =
         replaced_once(good, "        success-ct 2\n", "        success-ct 2\n" + typos);
-    const auto begin = std::chrono::steady_clock::now();
+    const std::clock_t begin = std::clock();
     EXPECT_EQ(said_of(text),
               "F:4: warning: 'colour 0': unknown keyword: ignored (also in lines 5, 6, 7, 8, 9 and "
               "9994 more, the last in line 10003)\nF: 0 errors, 1 warning\n");
     EXPECT_EQ(said_of(replaced(text, "colour", "nexthopp")).find("F: 0 errors"),
               said_of(replaced(text, "colour", "nexthopp")).rfind("F: 0 errors"));
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    // Of the processor, sanitizers included; plain it takes a twentieth of that.
+    EXPECT_LT(static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC, 5.0);
 }
 
 }  // namespace

@@ -91,6 +91,10 @@ class Leases(Tour):
         self.assert_finds("error", "next hop 198.51.100.77 lies in none of its networks: the lease is of another",
                           "renew the lease")
 
+    def test_lease_that_is_over(self):
+        self.lease(f"lease {{\n  option routers {GATEWAY};\n  expire 4 2020/01/02 03:04:05;\n}}\n")
+        self.assert_finds("warning", f"tells the router {GATEWAY}, but its lease ended", "start the DHCP client of gi1_1")
+
     def test_lease_that_is_good(self):
         self.lease(f"  option routers {GATEWAY};\n")
         look = self.assert_finds("ok", f"tells the router {GATEWAY}")

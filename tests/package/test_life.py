@@ -58,7 +58,7 @@ class Life(unittest.TestCase):
         checked = subprocess.run(["lbcheck", CONF], stdout=subprocess.PIPE, text=True, check=False)
 
         self.assertEqual(checked.stdout, f"{CONF}: error: nothing to do: no namespace has both an interface and"
-                                         " a rule of one family\n")
+                                         f" a rule of one family\n{CONF}: 1 error, 0 warnings\n")
 
     def test_commented_sample_configuration_is_clean(self):
         """As it stands once its comment signs are taken away."""

@@ -5,6 +5,7 @@
 
 #include "lbcheck/live_findings.h"
 #include "lbcheck/live_judge.h"
+#include "lbcheck/live_lease.h"
 
 namespace {
 
@@ -137,6 +138,22 @@ const std::vector<Row> rows{
      "error   gi1_1 (IPv4): no next hop is known (nexthop tunnel); mend: ip address add OWN peer "
      "FAR "
      "dev gi1_1"},
+    {"lease_that_is_over",
+     [](LiveFacts& f) {
+         uplink(f).lease = lbcheck::Lease{
+             .path = "/var/db/L", .error = "", .router = "192.0.2.1", .ended_for_s = 90};
+     },
+     "warning gi1_1 (IPv4): /var/db/L tells the router 192.0.2.1, but its lease ended 90 s ago: "
+     "the "
+     "DHCP client does not renew it; mend: start the DHCP client of gi1_1"},
+    {"bird_that_writes_what_lbroute_translates",
+     [](LiveFacts& f) {
+         f.routes.is_running = true;
+         f.routes.daemon.bird2_file = "/etc/bird/lbroute.conf";
+     },
+     "unknown routes: bird writes them from /etc/bird/lbroute.conf; mend: birdc show route "
+     "protocol "
+     "lbroute4, and lbroute6"},
     {"echo_that_was_not_asked_for",
      [](LiveFacts& f) {
          uplink(f).echo.reset();
@@ -286,6 +303,17 @@ TEST(Live, each_failure_is_told_with_its_mend) {
         const bool is_error = std::string(row.line).starts_with("error");
         EXPECT_EQ(lbcheck::live_exit_status(findings, true), is_error ? 2 : 1);
     }
+}
+
+TEST(Lease, ends_with_the_last_one_of_the_database) {
+    EXPECT_EQ(lbcheck::end_of_lease("lease {\n  expire 6 2026/11/21 18:00:00;\n}\n"
+                                    "lease {\n  expire 0 2026/11/22 18:00:01;\n}\n"),
+              1795370401);
+    EXPECT_EQ(lbcheck::end_of_lease("  expire epoch 1795284000; # Sat\n"), 1795284000);
+    EXPECT_EQ(lbcheck::end_of_lease("expire 6 2026/11/21 18:00:00;\nexpire never;\n"),
+              std::nullopt);
+    EXPECT_EQ(lbcheck::end_of_lease("  option routers 192.0.2.1;\n"), std::nullopt);
+    EXPECT_EQ(lbcheck::end_of_lease("expire"), std::nullopt);
 }
 
 TEST(Live, what_was_not_looked_at_counts_only_when_strict) {

@@ -89,6 +89,15 @@ std::string more_text(const std::vector<int>& lines) {
     return text + ")";
 }
 
+/// A terminal takes what stands in a file for text, and nothing else.
+std::string printable(std::string text) {
+    constexpr char deleting = 127;
+    std::replace_if(
+        text.begin(), text.end(),
+        [](char letter) { return (letter >= 0 && letter < ' ') || letter == deleting; }, '?');
+    return text;
+}
+
 std::string counted(std::size_t count, const std::string& word) {
     return std::to_string(count) + " " + word + (count == 1 ? "" : "s");
 }
@@ -101,13 +110,16 @@ std::size_t count_of(const std::vector<Finding>& findings, Severity severity) {
 
 }  // namespace
 
+/// A configuration of 10,000 uplinks has a tenth of it.
+constexpr std::size_t most_bytes = 64U << 20U;
+
 Checked check(const std::string& path) {
-    const Source source = read_source(path);
+    const Source source = read_source(path, most_bytes);
     if (!source.problem.empty()) {
         return {.findings = {{.line = 0,
                               .severity = Severity::error,
                               .text = "",
-                              .message = source.problem}},
+                              .message = "cannot be read: " + source.problem}},
                 .data = LBData()};
     }
     Checked checked = load_and_judge(LoadableText(source.bytes).path());
@@ -115,7 +127,9 @@ Checked check(const std::string& path) {
     MendedText mended = checked.findings.empty() ? MendedText() : mend_layout(source.bytes, path);
     if (!mended.causes.empty()) {
         checked.findings = std::move(mended.causes);
-        for (Finding& other : load_and_judge(LoadableText(mended.text).path()).findings) {
+        const Checked rest =
+            mended.text.empty() ? Checked() : load_and_judge(LoadableText(mended.text).path());
+        for (Finding other : rest.findings) {
             const auto line = static_cast<std::size_t>(other.line);
             if (line > 0 && line <= mended.line_before.size()) {
                 other.line = mended.line_before[line - 1];
@@ -132,9 +146,10 @@ Checked check(const std::string& path) {
 std::string as_text(const std::string& path, const std::vector<Finding>& findings) {
     std::string text;
     for (const Finding& finding : findings) {
+        const std::string concerned = printable(finding.text);
         text += path + ":" + (finding.line == 0 ? "" : std::to_string(finding.line) + ":") + " " +
                 word_of(finding.severity) + ": " +
-                (finding.text.empty() ? "" : "'" + finding.text + "': ") + finding.message +
+                (concerned.empty() ? "" : "'" + concerned + "': ") + printable(finding.message) +
                 more_text(finding.more_lines) + "\n";
     }
     return text + path + ": " + counted(count_of(findings, Severity::error), "error") + ", " +

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -6,12 +5,12 @@
 #include <cstring>
 #include <set>
 
-#include "base/address_text.h"
-#include "host/addresses.h"
-#include "host/log.h"
+#include "host/clock.h"
 #include "lbcheck/live_echo.h"
 #include "lbcheck/live_judge.h"
+#include "lbcheck/live_lease.h"
 #include "lbcheck/live_machine.h"
+#include "lbcheck/source.h"
 #include "lbroute/net_namespace.h"
 #include "lbroute/rtnetlink.h"
 #include "lbroute/status.h"
@@ -24,25 +23,24 @@ namespace lbcheck {
 
 namespace {
 
-void forget_line(int /*severity*/, const char* /*line*/) {}
-
-/// The daemon's own way to learn next hops; what it would log about that is judged here.
+/// The daemon's own way to learn next hops.
 void learn_next_hops(LBData& data, const std::string& ns_name, bool is_ipv6) {
     std::string name = ns_name;
     context ctx{.ipv6 = is_ipv6, .ns_name = &name};
-    const LogSink before = set_log_sink(forget_line);
+    const QuietLog quiet;
     data.update_dhcp_nexthop(&ctx);
     data.update_tunnel_nexthop(&ctx);
-    set_log_sink(before);
 }
 
 Lease lease_of(const LBHealth& health) {
     Lease lease;
     lease.path = std::string(health.ipv6 ? "/var/db/dhcp6_client" : "/var/db/dhclient_") +
                  health.name + ".leases";
-    const Fd file(open(lease.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!file.is_open()) {
-        lease.error = strerror(errno);
+    constexpr std::size_t most_bytes = 1U << 20U;
+    const Source source = read_source(lease.path, most_bytes);
+    lease.error = source.problem;
+    if (const auto end_s = end_of_lease(source.bytes)) {
+        lease.ended_for_s = wall_now().tv_sec - *end_s;
     }
     lease.router = health.nexthop_addr;
     return lease;

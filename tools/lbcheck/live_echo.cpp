@@ -20,7 +20,7 @@
 #include "config/context.h"
 #include "config/probe_maker.h"
 #include "host/clock.h"
-#include "host/log.h"
+#include "lbcheck/live_machine.h"
 #include "probe/host_view.h"
 #include "probe/lb_arp.h"
 #include "probe/lb_neighbor.h"
@@ -41,20 +41,6 @@ constexpr std::int64_t answer_ms = 1500;    ///< for each echo
 constexpr std::int64_t unsent_ms = 2000;    ///< for a next hop to be found
 constexpr std::int64_t delivery_ms = 500;   ///< from an uplink to a socket
 constexpr std::int64_t pause_ms = 50;
-
-void forget_line(int /*severity*/, const char* /*line*/) {}
-
-/// What the daemon's code would log is told by our own findings.
-class QuietLog {
-  public:
-    QuietLog() : before_(set_log_sink(forget_line)) {}
-    ~QuietLog() { set_log_sink(before_); }
-    QuietLog(const QuietLog&) = delete;
-    QuietLog& operator=(const QuietLog&) = delete;
-
-  private:
-    LogSink before_;
-};
 
 /// Sees echo replies as they come in by any interface, before anything can drop them.
 Fd open_witness(bool is_ipv6) {

@@ -33,8 +33,9 @@ struct Echo {
 /// The lease file of an uplink whose next hop comes by DHCP.
 struct Lease {
     std::string path;
-    std::string error;   ///< why it cannot be read; empty where it can
-    std::string router;  ///< what the daemon reads there; empty: nothing
+    std::string error;                          ///< why it cannot be read; empty where it can
+    std::string router;                         ///< what the daemon reads there; empty: nothing
+    std::optional<std::int64_t> ended_for_s{};  ///< above 0: the last lease in it is over
 };
 
 struct UplinkFacts {

@@ -126,6 +126,14 @@ class UplinkJudge {
                 by_hand);
             return false;
         }
+        if (lease.ended_for_s && *lease.ended_for_s > 0) {
+            add(State::warning,
+                lease.path + " tells the router " + lease.router + ", but its lease ended " +
+                    std::to_string(*lease.ended_for_s) +
+                    " s ago: the DHCP client does not renew it",
+                "start the DHCP client of " + uplink_.interface);
+            return true;
+        }
         add(State::ok, lease.path + " tells the router " + lease.router);
         return true;
     }
@@ -173,7 +181,9 @@ class UplinkJudge {
                     "no answer of " + echo.target + " comes in through next hop " +
                         uplink_.next_hop + ", which is " + neighbour_text(),
                     "look behind the provider's gateway, or give a target that answers: " +
-                        command("ping -I " + uplink_.interface + " " + echo.target));
+                        command("ping -I " + uplink_.interface + " " + echo.target) +
+                        "; where the gateway was replaced: " +
+                        command("ip neigh flush dev " + uplink_.interface));
                 return;
         }
     }
@@ -375,6 +385,7 @@ std::vector<LiveFinding> judge_live(const LiveFacts& facts) {
         judge_routers(space, findings);
         judge_routes(facts, space, findings);
     }
+    judge_lbroute(facts, findings);
     judge_neighbour_table(facts, findings);
     judge_dumps(facts, findings);
     judge_units(facts, findings);

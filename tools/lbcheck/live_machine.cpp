@@ -121,6 +121,8 @@ void ask_bird(pid_t pid, RouterFacts& router) {
 
 }  // namespace
 
+QuietLog::QuietLog() : before_(set_log_sink([](int, const char*) {})) {}
+
 Setting setting_of(const std::string& path) {
     std::ifstream file("/proc/sys/" + path);
     long number = 0;

@@ -4,10 +4,23 @@
 #include <string>
 #include <vector>
 
+#include "host/log.h"
 #include "lbcheck/live_facts.h"
 
 /// Questions to the machine, in the network namespace of the calling thread.
 namespace lbcheck {
+
+/// While it lives, what the daemon's code would log is forgotten: the findings tell it.
+class QuietLog {
+  public:
+    QuietLog();
+    ~QuietLog() { set_log_sink(before_); }
+    QuietLog(const QuietLog&) = delete;
+    QuietLog& operator=(const QuietLog&) = delete;
+
+  private:
+    LogSink before_;
+};
 
 /// A number below /proc/sys; none where there is none.
 Setting setting_of(const std::string& path);

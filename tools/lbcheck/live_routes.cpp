@@ -193,6 +193,20 @@ void judge_routers(const NamespaceFacts& space, LiveFindings& findings) {
     }
 }
 
+void judge_lbroute(const LiveFacts& facts, LiveFindings& findings) {
+    if (!facts.routes.is_running) {
+        return;
+    }
+    for (const std::string& problem : facts.routes.problems) {
+        findings.add(State::warning, "lbroute", problem, "lbroute status tells more");
+    }
+    if (!facts.routes.daemon.bird2_file.empty()) {
+        findings.add(State::unknown, "routes",
+                     "bird writes them from " + facts.routes.daemon.bird2_file,
+                     "birdc show route protocol lbroute4, and lbroute6");
+    }
+}
+
 void judge_routes(const LiveFacts& facts, const NamespaceFacts& space, LiveFindings& findings) {
     for (const lbroute::ReportedNamespace& reported : facts.routes.namespaces) {
         if (reported.name != space.name) {

@@ -13,21 +13,14 @@
 
 namespace lbcheck {
 
-namespace {
-
-/// A configuration of 10,000 uplinks has a tenth of it.
-constexpr std::size_t most_bytes = 64U << 20U;
-
-}  // namespace
-
-Source read_source(const std::string& path) {
+Source read_source(const std::string& path, std::size_t most_bytes) {
     const Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat status {};
     if (!file.is_open() || fstat(file.get(), &status) != 0) {
-        return {.bytes = "", .problem = std::string("cannot be read: ") + strerror(errno)};
+        return {.bytes = "", .problem = strerror(errno)};
     }
     if (S_ISDIR(status.st_mode)) {
-        return {.bytes = "", .problem = "is a folder: name the configuration in it"};
+        return {.bytes = "", .problem = std::string(strerror(EISDIR)) + ": name a file in it"};
     }
     Source source;
     std::array<char, 65536> buffer{};
@@ -37,14 +30,15 @@ Source read_source(const std::string& path) {
             continue;
         }
         if (count < 0) {
-            return {.bytes = "", .problem = std::string("cannot be read: ") + strerror(errno)};
+            return {.bytes = "", .problem = strerror(errno)};
         }
         if (count == 0) {
             return source;
         }
         source.bytes.append(buffer.data(), static_cast<std::size_t>(count));
         if (source.bytes.size() > most_bytes) {
-            return {.bytes = "", .problem = "is no configuration: it is longer than 64 MiB"};
+            return {.bytes = "",
+                    .problem = "it is longer than " + std::to_string(most_bytes) + " bytes"};
         }
     }
 }

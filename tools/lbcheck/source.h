@@ -1,17 +1,18 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace lbcheck {
 
-/// A file as it stands, or why it cannot be taken for a configuration.
+/// A file as it stands, or why it cannot be had.
 struct Source {
     std::string bytes;
     std::string problem;  ///< not empty: `bytes` means nothing
 };
 
-/// Reads a whole file, a pipe too. Never waits for a writer of its own accord.
-Source read_source(const std::string& path);
+/// Reads a whole file, a pipe too; a longer one than that is a problem.
+Source read_source(const std::string& path, std::size_t most_bytes);
 
 /// A text as a file that the loader can open, gone with this object.
 class LoadableText {

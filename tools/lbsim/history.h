@@ -50,8 +50,8 @@ struct Period {
 /// The world that a history tells of, as far as the configuration asks for it.
 struct Replayed {
     Scenario scenario{};
-    std::int64_t begin_ms = 0;  ///< the simulation's second 0
-    std::int64_t duration_us = 0;  ///< 0: nothing was recorded of what the configuration asks
+    std::int64_t begin_ms = 0;          ///< the simulation's second 0
+    std::int64_t duration_us = 0;       ///< 0: nothing was recorded of what the configuration asks
     std::vector<std::string> doubts{};  ///< what the history does not tell, for people
 };
 /// Of each target, what was observed lasts until the next observation. Where none came for more

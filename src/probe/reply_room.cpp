@@ -27,8 +27,8 @@ void ReplyRoom::report_drops(const ProbeFamily& family, const std::string& ns_na
     if (drops == seen_drops_) {
         return;
     }
-    // Damaged ones that the socket's filter kept from it are taken for its own: better a loss untold
-    // than one told that was none.
+    // Damaged ones that the socket's filter kept from it are taken for its own: better a loss
+    // untold than one told that was none.
     const std::uint32_t damaged = family.is_ipv6 ? host::damaged_messages6() : 0;
     const std::uint32_t fresh = drops - seen_drops_;
     unreported_ += fresh - std::min(fresh, damaged - seen_damaged_);

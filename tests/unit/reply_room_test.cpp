@@ -100,8 +100,8 @@ TEST_F(Room, losses_are_told_at_once_and_then_once_an_hour) {
     report();
     const auto line = [](std::uint32_t count, const char* bytes) {
         return LogLine{4, "%WAN-W-WARN: wan_lb: " + std::to_string(count) +
-                              " ipv4 replies dropped unread, more at once than " +
-                              bytes + " bytes hold; who sends them shows: tcpdump -n icmp"};
+                              " ipv4 replies dropped unread, more at once than " + bytes +
+                              " bytes hold; who sends them shows: tcpdump -n icmp"};
     };
     EXPECT_EQ(log.lines(), (std::vector<LogLine>{line(first, "4194304")}));
 

@@ -6,7 +6,7 @@
 import os
 import signal
 
-from kit import Conf, LabTest, expect, main, ping
+from kit import Conf, LabTest, expect, main, packets, ping
 from scenes import ACTIVE, GATEWAY, INACTIVE, PREFIX, ROUTER
 from scenes6 import ACTIVE6, FAR_MAC, GATEWAY6, INACTIVE6, PREFIX6, ROUTER6
 
@@ -89,7 +89,11 @@ class ReplyRoom(LabTest):
         conf = (Conf().interface("gi1_1", nexthop=GATEWAY6, source=ROUTER6, ipv6=True,
                                  probes=[ping("2001:db8:1::1", 1000)])
                 .rule("1_ipv6", interfaces6={"gi1_1": 1}, targets={PREFIX6: None}))
-        peer.echo = lambda request, _number: [(0.0, damaged(request.reply()))]
+
+        def answer(request, _number):
+            peer.send(damaged(packets.echo(request.reply(), peer.mac, request.sender_mac)))
+            return []
+        peer.echo = answer
         self.lab.start(conf)
         expect(lambda: self.lab.log.count(INACTIVE6) == 1)
         self.assertGreater(self.drops("raw6"), 0)

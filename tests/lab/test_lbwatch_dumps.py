@@ -4,7 +4,7 @@ import shutil
 import time
 
 from kit import expect, main
-from kit.lbwatch import HISTORY, lbwatch
+from kit.lbwatch import HISTORY, LBWATCH, lbwatch
 from lbwatch_scene import Scripted
 
 
@@ -149,7 +149,9 @@ class Folder(Scripted):
     def test_without_inotify_the_dates_of_the_files_are_followed(self):
         # The limit of a user namespace of its own, so that nobody else is short of them.
         none = "echo 0 >/proc/sys/user/max_inotify_instances; exec \"$@\""
-        watch = self.settled(prefix=("unshare", "--user", "--map-root-user", "sh", "-ec", none, "sh"))
+        # Its root may not enter the home directory that the program may lie in.
+        watch = self.settled(prefix=("unshare", "--user", "--map-root-user", "sh", "-ec", none, "sh"),
+                             program=shutil.copy(LBWATCH, "/run/lbwatch-without-inotify"))
         self.assertIn("cannot be watched", watch.notices)
         with self.daemon.lock:
             self.daemon.fail(self.one)

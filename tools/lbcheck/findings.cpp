@@ -91,10 +91,14 @@ std::string more_text(const std::vector<int>& lines) {
 
 /// A terminal takes what stands in a file for text, and nothing else.
 std::string printable(std::string text) {
-    constexpr char deleting = 127;
+    constexpr unsigned char deleting = 127;
     std::replace_if(
         text.begin(), text.end(),
-        [](char letter) { return (letter >= 0 && letter < ' ') || letter == deleting; }, '?');
+        [](char letter) {
+            const auto byte = static_cast<unsigned char>(letter);
+            return byte < ' ' || byte == deleting;
+        },
+        '?');
     return text;
 }
 

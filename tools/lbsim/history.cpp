@@ -137,7 +137,9 @@ Event event_of(const Observation& observation, std::int64_t at_us) {
 }
 
 bool is_asked(const Path& path, const std::vector<Uplink>& uplinks) {
-    const auto& [name, is_ipv6, target] = path;
+    const std::string& name = std::get<0>(path);
+    const bool is_ipv6 = std::get<1>(path);
+    const std::string& target = std::get<2>(path);
     return std::any_of(uplinks.begin(), uplinks.end(), [&](const Uplink& uplink) {
         return uplink.name == name && uplink.is_ipv6 == is_ipv6 &&
                std::find(uplink.targets.begin(), uplink.targets.end(), target) !=

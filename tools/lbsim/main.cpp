@@ -9,6 +9,7 @@
 
 #include "lbsim/draws.h"
 #include "lbsim/history.h"
+#include "lbsim/replay.h"
 #include "lbsim/report.h"
 #include "lbsim/session.h"
 #include "lbsim/svg.h"

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <utility>
 
@@ -38,11 +39,17 @@ void require(const std::string& error) {
 }  // namespace
 
 std::string read_file(const std::string& path) {
+    return read_beginning(path, std::numeric_limits<std::size_t>::max());
+}
+
+std::string read_beginning(const std::string& path, std::size_t most) {
     const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "re"), fclose);
     std::string text;
     char buffer[65536];
     std::size_t count = 0;
-    while (file != nullptr && (count = fread(buffer, 1, sizeof buffer, file.get())) > 0) {
+    while (file != nullptr && text.size() < most &&
+           (count = fread(buffer, 1, std::min(sizeof buffer, most - text.size()), file.get())) >
+               0) {
         text.append(buffer, count);
     }
     if (file == nullptr || ferror(file.get()) != 0) {

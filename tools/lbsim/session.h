@@ -15,6 +15,8 @@ struct Unusable {
 };
 
 std::string read_file(const std::string& path);
+/// So many bytes at most, from its beginning.
+std::string read_beginning(const std::string& path, std::size_t most);
 void write_file(const std::string& path, const std::string& text);
 /// The scenario of a file, held against the configuration's uplinks.
 Scenario read_scenario(const std::string& path, const std::vector<Uplink>& uplinks);

@@ -75,7 +75,7 @@ History read_history(const std::string& path, const Period& period) {
     std::string complaints;
     for (const HistoryError& error : parsed.errors) {
         complaints += "lbsim: " + path + ":" + std::to_string(error.line) + ": " +
-                      (error.word.empty() ? "" : "'" + error.word + "': ") + error.reason + '\n';
+                      (error.word.empty() ? "" : quoted(error.word) + ": ") + error.reason + '\n';
     }
     if (!complaints.empty()) {
         throw Unusable{complaints};

@@ -9,6 +9,7 @@
 #include <memory>
 #include <utility>
 
+#include "lbshow/plain_text.h"
 #include "lbsim/apart.h"
 #include "lbsim/packed.h"
 
@@ -20,12 +21,19 @@ void complain(const std::string& path) {
     throw Unusable{"lbsim: " + path + ": " + strerror(errno) + '\n'};
 }
 
+/// Twenty at most: what is no scenario at all has as many as lines.
 std::string errors_text(const std::string& path, const std::vector<ScenarioError>& errors) {
+    constexpr std::size_t most = 20;
     std::string text;
-    for (const ScenarioError& error : errors) {
+    for (std::size_t i = 0; i < std::min(errors.size(), most); ++i) {
+        const ScenarioError& error = errors[i];
         text += "lbsim: " + path + ":" + std::to_string(error.line) + ": " +
-                (error.word.empty() ? "at the end of the line" : "'" + error.word + "'") + ": " +
+                (error.word.empty() ? "at the end of the line" : quoted(error.word)) + ": " +
                 error.reason + '\n';
+    }
+    if (errors.size() > most) {
+        text += "lbsim: " + path + ": and " + std::to_string(errors.size() - most) +
+                " more lines with an error\n";
     }
     return text;
 }
@@ -37,6 +45,13 @@ void require(const std::string& error) {
 }
 
 }  // namespace
+
+std::string quoted(const std::string& word) {
+    constexpr std::size_t most = 60;
+    std::string text(1, '\'');
+    text.append(lbshow::harmless(word.substr(0, most)));
+    return text.append(word.size() > most ? "...'" : "'");
+}
 
 std::string read_file(const std::string& path) {
     return read_beginning(path, std::numeric_limits<std::size_t>::max());

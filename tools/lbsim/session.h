@@ -14,6 +14,9 @@ struct Unusable {
     std::string text;  ///< lines, each with a line feed
 };
 
+/// A word of a file, harmless on a terminal.
+std::string quoted(const std::string& word);
+
 std::string read_file(const std::string& path);
 /// So many bytes at most, from its beginning.
 std::string read_beginning(const std::string& path, std::size_t most);

@@ -1,19 +1,19 @@
 #include "lbshow/dump_files.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <iterator>
 #include <thread>
 #include <type_traits>
+#include <utility>
 
 #include "base/fd.h"
+#include "shared/dump_file.h"
 
 namespace lbshow {
 
@@ -27,57 +27,39 @@ struct Content {
     bool is_missing = false;
 };
 
-/// Far more than any router's dumps hold.
-constexpr std::size_t most_bytes = std::size_t{256} << 20;
-
-Content unreadable(int error) {
-    return {.problem = std::string("cannot be read: ") + strerror(error),
-            .is_missing = error == ENOENT};
+/// Some file systems carry times beyond what milliseconds can count.
+Time written_at(const timespec& time) {
+    constexpr time_t most_s = 1'000'000'000'000;
+    return Time(std::chrono::seconds(std::clamp(time.tv_sec, -most_s, most_s)) +
+                std::chrono::milliseconds(time.tv_nsec / 1'000'000));
 }
 
-/// Some file systems carry times beyond what milliseconds can count.
-Time written_at(const struct stat& status) {
-    constexpr time_t most_s = 1'000'000'000'000;
-    return Time(std::chrono::seconds(std::clamp(status.st_mtim.tv_sec, -most_s, most_s)) +
-                std::chrono::milliseconds(status.st_mtim.tv_nsec / 1'000'000));
+std::string problem_of(const shared::DumpBytes& read) {
+    using Problem = shared::DumpBytes::Problem;
+    const std::string begin = "cannot be read: ";
+    switch (read.problem) {
+        case Problem::none:
+            return "";
+        case Problem::error:
+            return begin + strerror(read.error);
+        case Problem::no_regular:
+            return begin + (read.is_folder ? strerror(EISDIR) : "it is no regular file");
+        case Problem::too_large:
+            return begin + strerror(EFBIG);
+    }
+    return "";
 }
 
 Content content_of(const std::string& path) {
-    // Without waiting: a named pipe in the dump's place has no writer.
-    const Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!file.is_open()) {
-        return unreadable(errno);
-    }
-    struct stat status {};
-    if (fstat(file.get(), &status) != 0) {
-        return unreadable(errno);
-    }
-    if (S_ISDIR(status.st_mode)) {
-        return unreadable(EISDIR);
-    }
-    if (!S_ISREG(status.st_mode)) {
-        return {.problem = "cannot be read: it is no regular file"};
-    }
-    // Asked before the bytes are read: never later than what they tell.
-    Content content{.written = written_at(status)};
-    std::array<std::uint8_t, 65536> block;
-    while (true) {
-        const ssize_t got = read(file.get(), block.data(), block.size());
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0) {
-            return unreadable(errno);
-        }
-        if (got == 0) {
-            break;
-        }
-        content.bytes.insert(content.bytes.end(), block.begin(), block.begin() + got);
-        if (content.bytes.size() > most_bytes) {
-            return unreadable(EFBIG);
-        }
-    }
-    return content;
+    // Far more than any router's dumps hold.
+    constexpr std::size_t most_bytes = std::size_t{256} << 20;
+    shared::DumpBytes read = shared::read_dump(path, most_bytes);
+    const bool is_missing =
+        read.problem == shared::DumpBytes::Problem::error && read.error == ENOENT;
+    return {.bytes = std::move(read.bytes),
+            .written = written_at(read.written),
+            .problem = problem_of(read),
+            .is_missing = is_missing};
 }
 
 /// Whether the dump may be missing: a family's own.
@@ -86,11 +68,12 @@ enum class Presence { required, optional };
 /// Appends a dump's items. An empty or cut one is being rewritten; one that stays so was left by a
 /// full disk or a killed daemon. Only the routes may stay empty, of rules without destinations.
 template <class Item>
-std::string append_dump(const std::string& name, Presence presence, State& state,
+std::string append_dump(shared::DumpFile file, Presence presence, State& state,
                         std::vector<Item>& items,
                         const std::function<Read<Item>(std::span<const std::uint8_t>)>& read) {
     constexpr int tries = 20;
     constexpr std::chrono::milliseconds pause(25);
+    const std::string name = name_of(file);
     const std::string path = state.dump_directory + "/" + name;
     for (int attempt = 1;; ++attempt) {
         const Content content = content_of(path);
@@ -138,12 +121,12 @@ std::string folder_problem(const std::string& directory, const std::string& dump
 }  // namespace
 
 std::string read_state(const std::string& directory, bool is_swapped, State& state) {
-    state.dump_directory = directory + "/wlb_dump";
+    state.dump_directory = shared::dump_folder(directory);
     std::string problem = folder_problem(directory, state.dump_directory);
     for (const int family : {4, 6}) {
         if (problem.empty()) {
             problem = append_dump<Interface>(
-                outbounds_name(family), Presence::optional, state, state.interfaces,
+                shared::outbounds_of(family), Presence::optional, state, state.interfaces,
                 [=](auto dump) { return read_interfaces(dump, family, is_swapped); });
         }
     }
@@ -151,12 +134,13 @@ std::string read_state(const std::string& directory, bool is_swapped, State& sta
         return no_dumps(directory);
     }
     if (problem.empty()) {
-        problem = append_dump<Rule>("wlb_rules.bin", Presence::required, state, state.rules,
+        problem = append_dump<Rule>(shared::DumpFile::rules, Presence::required, state, state.rules,
                                     [=](auto dump) { return read_rules(dump, is_swapped); });
     }
     if (problem.empty()) {
-        problem = append_dump<Route>("wlb_routes.bin", Presence::required, state, state.routes,
-                                     [=](auto dump) { return read_routes(dump, is_swapped); });
+        problem =
+            append_dump<Route>(shared::DumpFile::routes, Presence::required, state, state.routes,
+                               [=](auto dump) { return read_routes(dump, is_swapped); });
     }
     return problem;
 }

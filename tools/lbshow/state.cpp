@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "output/record_layout.h"
+#include "shared/dump_file.h"
 
 namespace lbshow {
 
@@ -189,7 +190,7 @@ const char* family_name(int family) {
 }
 
 std::string outbounds_name(int family) {
-    return std::string("wlb_") + family_name(family) + "_outbounds.bin";
+    return shared::name_of(shared::outbounds_of(family));
 }
 
 std::string Rule::name() const {

@@ -3,6 +3,7 @@
 #include "lbshow/freshness.h"
 #include "lbshow/plain_text.h"
 #include "lbshow/views.h"
+#include "shared/dump_file.h"
 
 namespace lbshow {
 
@@ -233,7 +234,7 @@ std::string kind_of(const DumpFile& file) {
             return family_name(family);
         }
     }
-    return file.name == "wlb_rules.bin" ? "rules" : "routes";
+    return file.name == shared::name_of(shared::DumpFile::rules) ? "rules" : "routes";
 }
 
 /// When each file was written: the last line.

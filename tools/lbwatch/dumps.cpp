@@ -1,32 +1,17 @@
 #include "lbwatch/dumps.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <map>
 #include <utility>
 
-#include "base/fd.h"
-
 namespace lbwatch {
 
 namespace {
 
 /// A thousand uplinks fill a fifth of it.
-constexpr std::int64_t largest_dump = std::int64_t{32} << 20;
-
-std::int64_t nanoseconds(const timespec& time) {
-    return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
-}
-
-bool is_same(const struct stat& one, const struct stat& other) {
-    return one.st_size == other.st_size && one.st_ino == other.st_ino &&
-           nanoseconds(one.st_mtim) == nanoseconds(other.st_mtim);
-}
+constexpr std::size_t largest_dump = std::size_t{32} << 20;
 
 Look refused(std::string problem) {
     return {.outcome = Look::Outcome::refused, .problem = std::move(problem), .written_ms = 0};
@@ -51,50 +36,26 @@ Look take(lbshow::Read<Item> read, std::vector<Item>& items, bool may_be_empty) 
 
 }  // namespace
 
-const char* name_of(DumpFile file) {
-    switch (file) {
-        case DumpFile::outbounds4:
-            return "wlb_ipv4_outbounds.bin";
-        case DumpFile::outbounds6:
-            return "wlb_ipv6_outbounds.bin";
-        case DumpFile::rules:
-            return "wlb_rules.bin";
-        case DumpFile::routes:
-            return "wlb_routes.bin";
-    }
-    return "";
-}
-
 Look Dumps::look(DumpFile file) {
-    const Fd opened(open(path_of(file).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!opened.is_open()) {
-        return errno == ENOENT || errno == ENOTDIR
-                   ? Look{}
-                   : refused(std::string("cannot be read: ") + strerror(errno));
+    using Problem = shared::DumpBytes::Problem;
+    shared::DumpBytes read = shared::read_dump(path_of(file), largest_dump, std::move(bytes_));
+    switch (read.problem) {
+        case Problem::none:
+            break;
+        case Problem::error:
+            return read.error == ENOENT || read.error == ENOTDIR
+                       ? Look{}
+                       : refused(std::string("cannot be read: ") + strerror(read.error));
+        case Problem::no_regular:
+            return refused("is no file");
+        case Problem::too_large:
+            return refused("is too large for a dump");
     }
-    struct stat before {};
-    struct stat after {};
-    if (fstat(opened.get(), &before) != 0 || !S_ISREG(before.st_mode)) {
-        return refused("is no file");
-    }
-    if (before.st_size > largest_dump) {
-        return refused("is too large for a dump");
-    }
-    // One byte more shows a file that grows meanwhile.
-    bytes_.resize(static_cast<std::size_t>(before.st_size) + 1);
-    std::size_t filled = 0;
-    ssize_t got = 0;
-    while (filled < bytes_.size() &&
-           (got = ::read(opened.get(), bytes_.data() + filled, bytes_.size() - filled)) > 0) {
-        filled += static_cast<std::size_t>(got);
-    }
-    if (got < 0 || fstat(opened.get(), &after) != 0) {
-        return refused(std::string("cannot be read: ") + strerror(errno));
-    }
-    if (filled != static_cast<std::size_t>(before.st_size) || !is_same(before, after)) {
+    bytes_ = std::move(read.bytes);
+    if (read.is_rewritten) {
         return torn();
     }
-    const std::span<const std::uint8_t> dump(bytes_.data(), filled);
+    const std::span<const std::uint8_t> dump(bytes_);
     Look look;
     switch (file) {
         case DumpFile::outbounds4:
@@ -110,7 +71,7 @@ Look Dumps::look(DumpFile file) {
             look = take(lbshow::read_routes(dump, false), routes_, true);
             break;
     }
-    look.written_ms = nanoseconds(after.st_mtim) / 1'000'000;
+    look.written_ms = std::int64_t{read.written.tv_sec} * 1000 + read.written.tv_nsec / 1'000'000;
     return look;
 }
 

@@ -1,21 +1,19 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "lbshow/state.h"
+#include "shared/dump_file.h"
 
 namespace lbwatch {
 
-enum class DumpFile { outbounds4, outbounds6, rules, routes };
-inline constexpr std::array<DumpFile, 4> dump_files{DumpFile::outbounds4, DumpFile::outbounds6,
-                                                    DumpFile::rules, DumpFile::routes};
-
-/// Its name below the folder of the dumps.
-const char* name_of(DumpFile file);
+using shared::dump_files;
+using shared::DumpFile;
+using shared::name_of;
+using shared::outbounds_of;
 
 /// One look at a dump that the daemon rewrites in place.
 struct Look {

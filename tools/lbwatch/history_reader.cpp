@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <sstream>
 #include <system_error>
+#include <utility>
 
 #include "lbwatch/history.h"
 
@@ -90,24 +91,35 @@ void HistoryReader::check(int code) {
                (is_damage(code) ? "; a running lbwatch moves it aside and begins a new one" : "");
 }
 
+Statement HistoryReader::select(std::string sql, const char* order, std::int64_t from,
+                                std::int64_t until, const std::string& uplink) const {
+    sql += uplink.empty() ? "" : " AND name = ?";
+    sql += std::string(" ORDER BY ") + order;
+    Statement rows = database_->statement(sql.c_str());
+    rows.bind(from).bind(until);
+    if (!uplink.empty()) {
+        rows.bind(uplink);
+    }
+    return rows;
+}
+
+void HistoryReader::each_row(Statement rows, const std::function<void(const Statement&)>& take) {
+    int code = SQLITE_OK;
+    while ((code = rows.step()) == SQLITE_ROW) {
+        take(rows);
+    }
+    check(code);
+}
+
 void HistoryReader::events(const Selection& selection,
                            const std::function<void(const Event&)>& take) {
     if (!problem_.empty()) {
         return;
     }
-    const std::string sql = std::string("SELECT ") + event_columns +
-                            " FROM event WHERE time_ms >= ? AND time_ms < ?" +
-                            (selection.uplink.empty() ? "" : " AND name = ?") + " ORDER BY id";
-    Statement rows = database_->statement(sql.c_str());
-    rows.bind(selection.since_ms).bind(selection.until_ms);
-    if (!selection.uplink.empty()) {
-        rows.bind(selection.uplink);
-    }
-    int code = SQLITE_OK;
-    while ((code = rows.step()) == SQLITE_ROW) {
-        take(event_of(rows));
-    }
-    check(code);
+    each_row(select(std::string("SELECT ") + event_columns +
+                        " FROM event WHERE time_ms >= ? AND time_ms < ?",
+                    "id", selection.since_ms, selection.until_ms, selection.uplink),
+             [&take](const Statement& row) { take(event_of(row)); });
 }
 
 std::vector<Event> HistoryReader::latest(int count) {
@@ -119,11 +131,7 @@ std::vector<Event> HistoryReader::latest(int count) {
         std::string("SELECT ") + event_columns + " FROM event ORDER BY id DESC LIMIT ?";
     Statement rows = database_->statement(sql.c_str());
     rows.bind(std::int64_t{count});
-    int code = SQLITE_OK;
-    while ((code = rows.step()) == SQLITE_ROW) {
-        events.push_back(event_of(rows));
-    }
-    check(code);
+    each_row(std::move(rows), [&events](const Statement& row) { events.push_back(event_of(row)); });
     std::reverse(events.begin(), events.end());
     return events;
 }
@@ -133,27 +141,19 @@ std::vector<Span> HistoryReader::spans(const Selection& selection) {
     if (!problem_.empty()) {
         return spans;
     }
-    const std::string sql =
-        std::string(
-            "SELECT namespace, family, name, state, begin_ms, end_ms, reason FROM span "
-            "JOIN uplink ON uplink.id = span.uplink WHERE end_ms >= ? AND begin_ms < ?") +
-        (selection.uplink.empty() ? "" : " AND name = ?") + " ORDER BY span.id";
-    Statement rows = database_->statement(sql.c_str());
-    rows.bind(selection.since_ms).bind(selection.until_ms);
-    if (!selection.uplink.empty()) {
-        rows.bind(selection.uplink);
-    }
-    int code = SQLITE_OK;
-    while ((code = rows.step()) == SQLITE_ROW) {
-        spans.push_back({.uplink = {.namespace_name = rows.text(0),
-                                    .family = static_cast<int>(rows.number(1)),
-                                    .name = rows.text(2)},
-                         .state = read_uplink_state(rows.text(3)).value_or(UplinkState::unknown),
-                         .begin_ms = rows.number(4),
-                         .end_ms = rows.number(5),
-                         .reason = rows.text(6)});
-    }
-    check(code);
+    each_row(
+        select("SELECT namespace, family, name, state, begin_ms, end_ms, reason FROM span "
+               "JOIN uplink ON uplink.id = span.uplink WHERE end_ms >= ? AND begin_ms < ?",
+               "span.id", selection.since_ms, selection.until_ms, selection.uplink),
+        [&spans](const Statement& row) {
+            spans.push_back({.uplink = {.namespace_name = row.text(0),
+                                        .family = static_cast<int>(row.number(1)),
+                                        .name = row.text(2)},
+                             .state = read_uplink_state(row.text(3)).value_or(UplinkState::unknown),
+                             .begin_ms = row.number(4),
+                             .end_ms = row.number(5),
+                             .reason = row.text(6)});
+        });
     return spans;
 }
 
@@ -162,34 +162,26 @@ void HistoryReader::minutes(const Selection& selection,
     if (!problem_.empty()) {
         return;
     }
-    const std::string sql =
-        std::string(
-            "SELECT minute, namespace, family, name, address, answered, missed, measured, loss, "
-            "rtt, jitter FROM minute JOIN target ON target.id = minute.target "
-            "JOIN uplink ON uplink.id = target.uplink WHERE minute >= ? AND minute < ?") +
-        (selection.uplink.empty() ? "" : " AND name = ?") + " ORDER BY minute";
-    Statement rows = database_->statement(sql.c_str());
-    rows.bind(selection.since_ms / 60'000).bind((selection.until_ms + 59'999) / 60'000);
-    if (!selection.uplink.empty()) {
-        rows.bind(selection.uplink);
-    }
-    int code = SQLITE_OK;
     Minute minute;
-    while ((code = rows.step()) == SQLITE_ROW) {
-        minute.minute = rows.number(0);
-        minute.uplink = {.namespace_name = rows.text(1),
-                         .family = static_cast<int>(rows.number(2)),
-                         .name = rows.text(3)};
-        minute.target = rows.text(4);
-        minute.answered = static_cast<int>(rows.number(5));
-        minute.missed = static_cast<int>(rows.number(6));
-        minute.measured = static_cast<int>(rows.number(7));
-        minute.loss_percent_sum = rows.number(8);
-        minute.rtt_ms_sum = rows.number(9);
-        minute.jitter_ms_sum = rows.number(10);
-        take(minute);
-    }
-    check(code);
+    each_row(select("SELECT minute, namespace, family, name, address, answered, missed, measured, "
+                    "loss, rtt, jitter FROM minute JOIN target ON target.id = minute.target "
+                    "JOIN uplink ON uplink.id = target.uplink WHERE minute >= ? AND minute < ?",
+                    "minute", selection.since_ms / 60'000, (selection.until_ms + 59'999) / 60'000,
+                    selection.uplink),
+             [&minute, &take](const Statement& row) {
+                 minute.minute = row.number(0);
+                 minute.uplink = {.namespace_name = row.text(1),
+                                  .family = static_cast<int>(row.number(2)),
+                                  .name = row.text(3)};
+                 minute.target = row.text(4);
+                 minute.answered = static_cast<int>(row.number(5));
+                 minute.missed = static_cast<int>(row.number(6));
+                 minute.measured = static_cast<int>(row.number(7));
+                 minute.loss_percent_sum = row.number(8);
+                 minute.rtt_ms_sum = row.number(9);
+                 minute.jitter_ms_sum = row.number(10);
+                 take(minute);
+             });
 }
 
 bool HistoryReader::knows(const std::string& uplink) {

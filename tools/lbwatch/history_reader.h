@@ -42,6 +42,11 @@ class HistoryReader {
 
   private:
     void check(int code);
+    /// The query's first parameters are the bounds; where an uplink is selected, its name is the
+    /// last one.
+    Statement select(std::string sql, const char* order, std::int64_t from, std::int64_t until,
+                     const std::string& uplink) const;
+    void each_row(Statement rows, const std::function<void(const Statement&)>& take);
 
     std::unique_ptr<Database> database_;
     std::string path_;

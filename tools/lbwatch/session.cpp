@@ -15,10 +15,6 @@ constexpr std::int64_t quiet_ms = 2500;
 /// A family whose dump the running daemon has not written by then has no worker.
 constexpr std::int64_t family_ms = 60'000;
 
-DumpFile outbounds_of(int family) {
-    return family == 6 ? DumpFile::outbounds6 : DumpFile::outbounds4;
-}
-
 bool is_outbounds(DumpFile file) {
     return file == DumpFile::outbounds4 || file == DumpFile::outbounds6;
 }

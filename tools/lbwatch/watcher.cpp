@@ -11,6 +11,7 @@
 #include <iostream>
 
 #include "lbwatch/json.h"
+#include "shared/dump_file.h"
 
 namespace lbwatch {
 
@@ -25,10 +26,6 @@ constexpr std::int64_t hooks_end_ms = 5000;
 /// Where the process could not be found, it is looked for again only so often.
 constexpr std::int64_t search_every_ms = 5000;
 
-std::string dumps_below(const std::string& out_dir) {
-    return out_dir + "/wlb_dump";
-}
-
 }  // namespace
 
 void Watcher::notice(const std::string& line) {
@@ -37,8 +34,8 @@ void Watcher::notice(const std::string& line) {
 
 Watcher::Watcher(WatchOptions options)
     : options_(std::move(options)),
-      session_(dumps_below(options_.out_dir), notice),
-      folder_(dumps_below(options_.out_dir), notice) {
+      session_(shared::dump_folder(options_.out_dir), notice),
+      folder_(shared::dump_folder(options_.out_dir), notice) {
     if (options_.history != "none") {
         history_ = std::make_unique<History>(options_.history, notice);
         for (const auto& [key, state] : history_->remembered().uplinks) {

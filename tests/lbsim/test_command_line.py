@@ -5,6 +5,7 @@
 """
 import json
 import pathlib
+import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -70,6 +71,46 @@ class CommandLine(unittest.TestCase):
         self.assert_refused("--random", "--random", CONF, self.file("s", ""))
         self.assert_refused("No such file", "--svg", "/nonexistent/a.svg", CONF)
 
+        self.assert_refused("'-1' is no seed", "--seed", "-1", CONF)
+        self.assert_refused("--svg: the name of a file is wanted", "--svg", "", CONF)
+        self.assert_refused("--compare", "--tune", "--compare", CONF, CONF)
+
+    def test_histories_that_are_no_use_are_refused(self):
+        night = self.file("night.csv", "1763690000,gi1_1,4,198.51.100.53,1\n")
+        newer = str(self.folder / "newer.db")
+        other = str(self.folder / "other.db")
+        for path, command in ((newer, "PRAGMA user_version = 9"), (other, "CREATE TABLE story (id)")):
+            database = sqlite3.connect(path)
+            database.execute("CREATE TABLE event (id)")
+            database.execute(command)
+            database.commit()
+            database.close()
+        self.assert_refused("No such file", "--replay", "/nonexistent", CONF)
+        self.assert_refused("written by a newer version of lbwatch", "--replay", newer, CONF)
+        self.assert_refused("is no history of lbwatch", "--replay", other, CONF)
+        self.assert_refused("nothing was recorded in that time", "--replay", night, "--since", "1h", CONF)
+        self.assert_refused("--since 1h (", "--replay", night, "--since", "1h", "--until", "2h", CONF)
+        self.assert_refused("'soon' is no time", "--replay", night, "--since", "soon", CONF)
+        self.assert_refused("--since requires --replay", "--since", "1h", CONF)
+
+    def test_words_of_a_broken_file_are_harmless_and_few(self):
+        noise = self.file("noise", "\x1b[2Jdead\n" * 5000)
+        for arguments in ((CONF, noise), ("--replay", noise, CONF)):
+            status, _, errors = lbsim(*arguments)
+            self.assertEqual(status, 2)
+            self.assertFalse("\x1b" in errors)
+            self.assertIn(len(errors.splitlines()), (20, 21))
+
+    def test_what_nobody_watched_is_told_as_such(self):
+        lines = "".join(f"{1763690000 + second},gi1_{number},4,198.51.100.{host},1\n"
+                        for second in (*range(0, 100, 2), *range(1000, 1100, 2)) for host in (53, 54) for number in (1, 2))
+        gap = self.file("gap.csv", lines)
+        self.assertIn("gi1_1 ipv4: not watched for 14m 2s", lbsim("--replay", gap, CONF)[2])
+        summary = json.loads(lbsim("--json", "--replay", gap, CONF)[1])["summary"]
+        self.assertEqual([one["unwatched_s"] for one in summary["uplinks"]], [842, 842])
+        self.assertEqual([row["condition"] for row in summary["rows"] if row["uplink"] == "gi1_1"], ["good", "unknown", "good"])
+        self.assertIn("not watched", lbsim("--replay", gap, "--compare", CONF, CONF)[1])
+
     def test_what_the_loader_refuses_is_said(self):
         conf = self.file("bad", pathlib.Path(CONF).read_text(encoding="utf-8").replace("failure-ct 3", "failure-ct many", 1))
         status, _, errors = lbsim(conf)
@@ -85,7 +126,7 @@ class CommandLine(unittest.TestCase):
         self.assertIn("second 0 is 2025-11-21T01:53:20Z", errors)
         states = [(event["uplink"], event["active"]) for event in json.loads(output)["events"] if event["event"] == "state"]
         self.assertEqual(states, [("gi1_1", True), ("gi1_2", True), ("gi1_1", False), ("gi1_1", True)])
-        self.assert_refused("nothing was recorded in that time", "--replay", self.file("empty.csv", ""), CONF)
+        self.assert_refused("nothing was recorded of what", "--replay", self.file("empty.csv", ""), CONF)
 
     def test_other_counts_are_tried(self):
         scenario = self.file("s", "60s gi1_1 dead\n200s gi1_1 alive\n")

@@ -1,17 +1,16 @@
 // What lbsim replays of a recorded night, and what it makes of other counts.
 
 #include <gtest/gtest.h>
-#ifdef LB_SQLITE
-#include <sqlite3.h>
-#endif
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 
 #include "lbsim/history.h"
 #include "lbsim/session.h"
 #include "lbsim/tune.h"
+#include "lbwatch/history.h"
 
 namespace {
 
@@ -24,31 +23,6 @@ std::string error_of(const std::string& line) {
     return parsed.errors.size() != 1 ? std::to_string(parsed.errors.size()) + " errors"
                                      : std::to_string(parsed.errors[0].line) + ": '" +
                                            parsed.errors[0].word + "' " + parsed.errors[0].reason;
-}
-
-Observation seen(std::int64_t at_s, int answered, int missed, const char* target = "203.0.113.1") {
-    Observation observation;
-    observation.at_ms = night_ms + at_s * 1000;
-    observation.uplink = "gi1_1";
-    observation.target = target;
-    observation.answered = answered;
-    observation.missed = missed;
-    return observation;
-}
-
-std::vector<Uplink> one_uplink() {
-    std::vector<Uplink> uplinks(1);
-    uplinks[0].name = "gi1_1";
-    uplinks[0].targets = {"203.0.113.1"};
-    return uplinks;
-}
-
-std::string scenario_text(const Replayed& replayed) {
-    std::string text;
-    for (const Event& event : replayed.scenario) {
-        text += shown_duration(event.at_us) + " " + event.text + "\n";
-    }
-    return text;
 }
 
 TEST(Csv, has_a_cycle_a_line_with_or_without_its_head) {
@@ -99,50 +73,13 @@ TEST(Time, is_an_age_a_date_or_seconds) {
     EXPECT_EQ(shown_time(night_ms), "2025-11-21T01:53:20Z");
 }
 
-TEST(Replay, tells_changes_only) {
-    const auto replayed = replay_of(
-        {seen(0, 1, 0), seen(2, 1, 0), seen(4, 0, 1), seen(6, 0, 1), seen(8, 1, 0), seen(10, 1, 0)},
-        {}, one_uplink());
-    EXPECT_EQ(scenario_text(replayed),
-              "4s gi1_1 ipv4 target 203.0.113.1 dead\n8s gi1_1 ipv4 target 203.0.113.1 alive\n");
-    EXPECT_EQ(replayed.begin_ms, night_ms);
-    EXPECT_EQ(replayed.duration_us, 70'000'000);
-    EXPECT_TRUE(replayed.doubts.empty());
-}
-
-TEST(Replay, takes_a_minute_in_which_some_cycles_were_missed_for_a_loss) {
-    const auto replayed = replay_of(
-        {seen(0, 60, 0), seen(60, 45, 15), seen(120, 0, 60), seen(180, 59, 0)}, {}, one_uplink());
-    EXPECT_EQ(scenario_text(replayed),
-              "1m gi1_1 ipv4 target 203.0.113.1 loss 25%\n2m gi1_1 ipv4 target 203.0.113.1 dead\n"
-              "3m gi1_1 ipv4 target 203.0.113.1 alive\n");
-}
-
-TEST(Replay, of_a_period_begins_with_what_was_seen_last_before_it) {
-    const auto replayed =
-        replay_of({seen(0, 1, 0), seen(10, 0, 1), seen(40, 1, 0), seen(90, 0, 1)},
-                  {.since_ms = night_ms + 20'000, .until_ms = night_ms + 80'000}, one_uplink());
-    EXPECT_EQ(scenario_text(replayed),
-              "0s gi1_1 ipv4 target 203.0.113.1 dead\n20s gi1_1 ipv4 target 203.0.113.1 alive\n");
-    EXPECT_EQ(replayed.duration_us, 60'000'000);
-}
-
-TEST(Replay, says_what_the_history_does_not_tell) {
-    auto uplinks = one_uplink();
-    uplinks[0].targets.emplace_back("203.0.113.2");
-    const auto replayed =
-        replay_of({seen(0, 1, 0), seen(600, 1, 0), seen(0, 1, 0, "203.0.113.9")}, {}, uplinks);
-    EXPECT_EQ(replayed.doubts,
-              (std::vector<std::string>{
-                  "gi1_1 ipv4 target 203.0.113.1: nothing was recorded for 10m; taken to be as it "
-                  "was before",
-                  "gi1_1 ipv4 target 203.0.113.9: recorded, but not asked by this configuration",
-                  "gi1_1 ipv4 target 203.0.113.2: never recorded; taken to answer always"}));
-}
-
-TEST(Replay, of_nothing_is_nothing) {
-    EXPECT_EQ(replay_of({}, {}, one_uplink()).duration_us, 0);
-    EXPECT_EQ(replay_of({seen(0, 1, 0, "203.0.113.9")}, {}, one_uplink()).duration_us, 0);
+TEST(Reason, tells_how_many_results_came_in_a_row) {
+    EXPECT_EQ(count_in_a_row("no answer (3 in a row)"), 3);
+    EXPECT_EQ(count_in_a_row("loss 40 % (limit 20 %) (12 in a row)"), 12);
+    for (const char* text : {"", "no answer", "loss 40 % (limit 20 %)", "(in a row)", "( in a row)",
+                             "(0 in a row)", "(-2 in a row)", "(99999999999 in a row)"}) {
+        EXPECT_EQ(count_in_a_row(text), 1) << text;
+    }
 }
 
 /// A file that goes with the test.
@@ -173,45 +110,90 @@ TEST(HistoryFiles, that_are_no_use_say_why) {
               "lbsim: /nonexistent/history.db: No such file or directory\n");
     const HistoryFile csv("1,gi1_1,4,203.0.113.1,2\n");
     EXPECT_EQ(complaint_about(csv.path), "lbsim: " + csv.path + ":1: '2': 1 is wanted, or 0\n");
-}
-
-#ifdef LB_SQLITE
-TEST(HistoryFiles, that_only_look_like_a_database_say_so) {
     const HistoryFile damaged("SQLite format 3 and then something else");
     EXPECT_EQ(complaint_about(damaged.path),
-              "lbsim: " + damaged.path + ": file is not a database\n");
+              "lbsim: " + damaged.path +
+                  " cannot be read (file is not a database); a running lbwatch moves it aside and "
+                  "begins a new one\n");
 }
 
-/// The tables that lbwatch(8) writes, as far as they are read.
-constexpr const char* database =
-    "CREATE TABLE uplink (id INTEGER PRIMARY KEY, namespace TEXT, family INTEGER, name TEXT);"
-    "CREATE TABLE target (id INTEGER PRIMARY KEY, uplink INTEGER, address TEXT);"
-    "CREATE TABLE minute (minute INTEGER, target INTEGER, answered INTEGER, missed INTEGER, "
-    "measured INTEGER, loss INTEGER, rtt INTEGER, jitter INTEGER, PRIMARY KEY (minute, target)) "
-    "WITHOUT ROWID;"
-    "INSERT INTO uplink VALUES (1, '', 4, 'gi1_1'), (2, '', 6, 'gi1_1');"
-    "INSERT INTO target VALUES (1, 1, '203.0.113.1'), (2, 2, '2001:DB8::1');"
-    "INSERT INTO minute VALUES (29394833, 1, 58, 2, 0, 0, 0, 0), (29394834, 2, 0, 60, 0, 0, 0, 0),"
-    "(29394835, 1, 0, 0, 0, 0, 0, 0), (29394900, 1, 60, 0, 0, 0, 0, 0);";
-
-TEST(HistoryFiles, of_lbwatch_are_read_minute_by_minute) {
-    const HistoryFile file("");
-    sqlite3* made = nullptr;
-    ASSERT_EQ(sqlite3_open(file.path.c_str(), &made), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(made, database, nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(made);
-    const auto read = read_history(file.path, {.since_ms = {}, .until_ms = 29394900LL * 60'000});
-    ASSERT_EQ(read.size(), 2);
-    EXPECT_EQ(read[0].at_ms, 29394833LL * 60'000);
-    EXPECT_EQ(read[0].uplink, "gi1_1");
-    EXPECT_FALSE(read[0].is_ipv6);
-    EXPECT_EQ(read[0].target, "203.0.113.1");
-    EXPECT_EQ(read[0].answered, 58);
-    EXPECT_EQ(read[0].missed, 2);
-    EXPECT_TRUE(read[1].is_ipv6);
-    EXPECT_EQ(read[1].target, "2001:db8::1");
+lbwatch::Event target_event(std::int64_t at_ms, const char* to, const char* reason) {
+    lbwatch::Event event;
+    event.time_ms = at_ms;
+    event.kind = lbwatch::EventKind::target;
+    event.uplink = {.namespace_name = "", .family = 4, .name = "gi1_1"};
+    event.target = "203.0.113.1";
+    event.to = to;
+    event.reason = reason;
+    return event;
 }
-#endif
+
+/// What lbwatch itself writes.
+struct WrittenHistory : testing::Test {
+    WrittenHistory() {
+        std::string made = "/tmp/lbsim_history_XXXXXX";
+        folder = mkdtemp(made.data());
+        path = folder + "/history.db";
+        lbwatch::History history(path, [](const std::string& line) { ADD_FAILURE() << line; });
+        const lbwatch::UplinkKey ipv4{.namespace_name = "", .family = 4, .name = "gi1_1"};
+        const lbwatch::UplinkKey ipv6{.namespace_name = "", .family = 6, .name = "gi1_1"};
+        history.add(std::vector<lbwatch::Minute>{
+            {.minute = 29394833,
+             .uplink = ipv4,
+             .target = "203.0.113.1",
+             .answered = 58,
+             .missed = 2},
+            {.minute = 29394834, .uplink = ipv6, .target = "2001:DB8::1", .missed = 60},
+            {.minute = 29394835, .uplink = ipv4, .target = "203.0.113.1"},
+            {.minute = 29394900, .uplink = ipv4, .target = "203.0.113.1", .answered = 60}});
+        history.add(target_event(night_ms, "failure", "no answer (3 in a row)"));
+        history.add(target_event(night_ms + 20'000, "success", "answered (2 in a row)"));
+        history.add(std::vector<lbwatch::Span>{{.uplink = ipv4,
+                                                .state = lbwatch::UplinkState::unknown,
+                                                .begin_ms = night_ms - 9000,
+                                                .end_ms = night_ms - 2000,
+                                                .reason = ""},
+                                               {.uplink = ipv4,
+                                                .state = lbwatch::UplinkState::active,
+                                                .begin_ms = night_ms - 2000,
+                                                .end_ms = night_ms,
+                                                .reason = ""}});
+        EXPECT_TRUE(history.commit());
+    }
+    ~WrittenHistory() override { std::filesystem::remove_all(folder); }
+
+    std::string folder;
+    std::string path;
+};
+
+TEST_F(WrittenHistory, is_read_as_minutes_turns_and_watches) {
+    const History read = read_history(path, {.since_ms = {}, .until_ms = 29394900LL * 60'000});
+    ASSERT_EQ(read.observations.size(), 2);
+    EXPECT_EQ(read.observations[0].at_ms, 29394833LL * 60'000);
+    EXPECT_EQ(read.observations[0].uplink, "gi1_1");
+    EXPECT_FALSE(read.observations[0].is_ipv6);
+    EXPECT_EQ(read.observations[0].target, "203.0.113.1");
+    EXPECT_EQ(read.observations[0].answered, 58);
+    EXPECT_EQ(read.observations[0].missed, 2);
+    EXPECT_TRUE(read.observations[1].is_ipv6);
+    EXPECT_EQ(read.observations[1].target, "2001:db8::1");
+    ASSERT_EQ(read.turns.size(), 2);
+    EXPECT_EQ(read.turns[0].at_ms, night_ms);
+    EXPECT_FALSE(read.turns[0].is_success);
+    EXPECT_EQ(read.turns[0].in_a_row, 3);
+    EXPECT_TRUE(read.turns[1].is_success);
+    EXPECT_EQ(read.turns[1].in_a_row, 2);
+    ASSERT_EQ(read.watches.size(), 1);  // an uplink that nobody has judged is not known
+    EXPECT_EQ(read.watches[0].begin_ms, night_ms - 2000);
+    EXPECT_EQ(read.watches[0].end_ms, night_ms);
+}
+
+TEST_F(WrittenHistory, of_a_newer_version_is_refused) {
+    lbwatch::Database(path, SQLITE_OPEN_READWRITE).run("PRAGMA user_version = 99");
+    EXPECT_EQ(
+        complaint_about(path),
+        "lbsim: " + path + " was written by a newer version of lbwatch; read it with that one\n");
+}
 
 Trial trial_with(std::optional<int> failure_ct, std::int64_t left_after_s, int flaps) {
     Trial trial;

@@ -6,10 +6,10 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <map>
-#include <tuple>
+#include <string_view>
 
 #include "base/address_text.h"
+#include "lbsim/scenario.h"
 
 namespace lbsim {
 
@@ -111,66 +111,6 @@ std::optional<HistoryError> read_fields(const std::vector<std::string>& fields, 
     return std::nullopt;
 }
 
-using Path = std::tuple<std::string, bool, std::string>;  // uplink, is IPv6, target
-
-Event event_of(const Observation& observation, std::int64_t at_us) {
-    Event event;
-    event.at_us = at_us;
-    event.uplink = observation.uplink;
-    event.family = observation.is_ipv6 ? Family::ipv6 : Family::ipv4;
-    event.target = observation.target;
-    event.text = observation.uplink + " " + family_word(observation.is_ipv6) + " target " +
-                 observation.target;
-    const int cycles = observation.answered + observation.missed;
-    if (observation.missed == 0) {
-        event.change = Change::alive;
-        event.text += " alive";
-    } else if (observation.answered == 0) {
-        event.change = Change::dead;
-        event.text += " dead";
-    } else {
-        event.change = Change::loss;
-        event.of_hundred = std::round(100.0 * observation.missed / cycles);
-        event.text += " loss " + std::to_string(static_cast<int>(event.of_hundred)) + "%";
-    }
-    return event;
-}
-
-bool is_asked(const Path& path, const std::vector<Uplink>& uplinks) {
-    const std::string& name = std::get<0>(path);
-    const bool is_ipv6 = std::get<1>(path);
-    const std::string& target = std::get<2>(path);
-    return std::any_of(uplinks.begin(), uplinks.end(), [&](const Uplink& uplink) {
-        return uplink.name == name && uplink.is_ipv6 == is_ipv6 &&
-               std::find(uplink.targets.begin(), uplink.targets.end(), target) !=
-                   uplink.targets.end();
-    });
-}
-
-std::string shown_path(const Path& path) {
-    return std::get<0>(path) + " " + family_word(std::get<1>(path)) + " target " +
-           std::get<2>(path);
-}
-
-/// The events of one path; what was seen last before the period is so from its start on.
-void tell_path(const std::vector<const Observation*>& seen, std::int64_t begin_ms,
-               std::int64_t end_ms, Replayed& replayed, std::int64_t& unknown_ms) {
-    std::string before = "alive";
-    std::int64_t last_ms = begin_ms;
-    for (const Observation* one : seen) {
-        const std::int64_t at_ms = std::max(one->at_ms, begin_ms);
-        unknown_ms += at_ms - last_ms > longest_gap_ms ? at_ms - last_ms : 0;
-        last_ms = at_ms;
-        Event event = event_of(*one, (at_ms - begin_ms) * 1000);
-        const std::string state = event.text.substr(event.text.find(one->target));
-        if (state != before && !(before == "alive" && event.change == Change::alive)) {
-            replayed.scenario.push_back(std::move(event));
-        }
-        before = one->missed == 0 ? "alive" : state;
-    }
-    unknown_ms += end_ms - last_ms > longest_gap_ms ? end_ms - last_ms : 0;
-}
-
 }  // namespace
 
 ParsedHistory parse_csv(std::string_view text) {
@@ -211,56 +151,16 @@ std::string shown_time(std::int64_t at_ms) {
     return text;
 }
 
-Replayed replay_of(const std::vector<Observation>& observations, const Period& period,
-                   const std::vector<Uplink>& uplinks) {
-    Replayed replayed;
-    std::map<Path, std::vector<const Observation*>> paths;
-    std::optional<std::int64_t> first_ms;
-    std::int64_t last_ms = 0;
-    for (const Observation& one : observations) {
-        if (period.until_ms && one.at_ms >= *period.until_ms) {
-            continue;
-        }
-        paths[{one.uplink, one.is_ipv6, one.target}].push_back(&one);
-        first_ms = std::min(first_ms.value_or(one.at_ms), one.at_ms);
-        last_ms = std::max(last_ms, one.at_ms);
+int count_in_a_row(const std::string& reason) {
+    constexpr std::string_view end = " in a row)";
+    const auto begin = reason.rfind('(');
+    if (!reason.ends_with(end) || begin == std::string::npos) {
+        return 1;
     }
-    replayed.begin_ms = period.since_ms.value_or(first_ms.value_or(0));
-    const std::int64_t end_ms =
-        std::max(replayed.begin_ms, period.until_ms.value_or(last_ms + 60'000));
-    const bool is_any_asked = std::any_of(paths.begin(), paths.end(), [&](const auto& entry) {
-        return is_asked(entry.first, uplinks);
-    });
-    replayed.duration_us = is_any_asked ? (end_ms - replayed.begin_ms) * 1000 : 0;
-    for (auto& [path, seen] : paths) {
-        if (!is_asked(path, uplinks)) {
-            replayed.doubts.push_back(shown_path(path) +
-                                      ": recorded, but not asked by this configuration");
-            continue;
-        }
-        std::stable_sort(seen.begin(), seen.end(), [](const auto* one, const auto* other) {
-            return one->at_ms < other->at_ms;
-        });
-        std::int64_t unknown_ms = 0;
-        tell_path(seen, replayed.begin_ms, end_ms, replayed, unknown_ms);
-        if (unknown_ms > 0) {
-            replayed.doubts.push_back(shown_path(path) + ": nothing was recorded for " +
-                                      shown_duration(unknown_ms * 1000) +
-                                      "; taken to be as it was before");
-        }
-    }
-    for (const Uplink& uplink : uplinks) {
-        for (const std::string& target : uplink.targets) {
-            const Path path{uplink.name, uplink.is_ipv6, target};
-            if (!paths.contains(path)) {
-                replayed.doubts.push_back(shown_path(path) +
-                                          ": never recorded; taken to answer always");
-            }
-        }
-    }
-    std::stable_sort(replayed.scenario.begin(), replayed.scenario.end(),
-                     [](const Event& one, const Event& other) { return one.at_us < other.at_us; });
-    return replayed;
+    int count = 0;
+    const char* const last = reason.data() + reason.size() - end.size();
+    const auto [read, error] = std::from_chars(reason.data() + begin + 1, last, count);
+    return error == std::errc() && read == last && count > 0 ? count : 1;
 }
 
 }  // namespace lbsim

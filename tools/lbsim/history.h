@@ -6,10 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "lbsim/scenario.h"
-#include "lbsim/uplink.h"
-
-/// What was recorded of a night, and the scenario that it makes. All but `read_history` is pure.
+/// What was recorded of a night. All but `read_history` is pure.
 namespace lbsim {
 
 /// What was seen of one target through one uplink, from a moment on.
@@ -47,22 +44,37 @@ struct Period {
     std::optional<std::int64_t> until_ms{};
 };
 
-/// The world that a history tells of, as far as the configuration asks for it.
-struct Replayed {
-    Scenario scenario{};
-    std::int64_t begin_ms = 0;          ///< the simulation's second 0
-    std::int64_t duration_us = 0;       ///< 0: nothing was recorded of what the configuration asks
-    std::vector<std::string> doubts{};  ///< what the history does not tell, for people
+/// A target's verdict turned at that moment, after so many results of that kind in a row.
+struct Turn {
+    std::int64_t at_ms = 0;
+    std::string uplink{};
+    bool is_ipv6 = false;
+    std::string target{};  ///< canonical
+    bool is_success = false;
+    int in_a_row = 1;
 };
-/// Of each target, what was observed lasts until the next observation. Where none came for more
-/// than `longest_gap_ms` that is a doubt, as is what the configuration asks and the history does
-/// not know.
-inline constexpr std::int64_t longest_gap_ms = 150'000;
-Replayed replay_of(const std::vector<Observation>& observations, const Period& period,
-                   const std::vector<Uplink>& uplinks);
+
+/// Somebody looked at the uplink from then until then.
+struct Watch {
+    std::string uplink{};
+    bool is_ipv6 = false;
+    std::int64_t begin_ms = 0;
+    std::int64_t end_ms = 0;
+};
+
+/// All that a history tells. Without watches the observations tell when somebody looked.
+struct History {
+    std::vector<Observation> observations{};
+    std::vector<Turn> turns{};
+    std::vector<Watch> watches{};
+};
+
+/// "203.0.113.1 no answer (3 in a row)": 3. One, where the text does not tell: the daemon takes
+/// each result as it comes.
+int count_in_a_row(const std::string& reason);
 
 /// Reads a file: the database of lbwatch(8), else comma-separated values. Throws an `Unusable`
 /// (lbsim/session.h).
-std::vector<Observation> read_history(const std::string& path, const Period& period);
+History read_history(const std::string& path, const Period& period);
 
 }  // namespace lbsim

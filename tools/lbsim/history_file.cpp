@@ -1,86 +1,64 @@
-// A history as a file: the database of lbwatch(8), of which the manual page tells the contents, or
-// comma-separated values.
-
-#ifdef LB_SQLITE
-#include <sqlite3.h>
-#endif
-
-#include <memory>
+// A history as a file: the database of lbwatch(8), or comma-separated values.
 
 #include "lbsim/history.h"
+#include "lbsim/scenario.h"
 #include "lbsim/session.h"
+#ifdef LB_HISTORY
+#include "lbwatch/history_reader.h"
+#endif
 
 namespace lbsim {
 
 namespace {
 
-#ifdef LB_SQLITE
+#ifdef LB_HISTORY
 
-struct CloseDatabase {
-    void operator()(sqlite3* database) const { sqlite3_close(database); }
-};
-struct EndStatement {
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-
-/// One row for each target and minute, of one uplink's family and namespace; the minute is that of
-/// the epoch.
-constexpr const char* query =
-    "SELECT m.minute, u.name, u.family, t.address, m.answered, m.missed FROM minute m "
-    "JOIN target t ON t.id = m.target JOIN uplink u ON u.id = t.uplink "
-    "WHERE m.minute >= ?1 AND m.minute < ?2 AND m.answered + m.missed > 0 "
-    "ORDER BY m.minute, u.name, u.family, t.address";
-
-std::string text_of(sqlite3_stmt* row, int column) {
-    const void* text = sqlite3_column_text(row, column);
-    return text == nullptr ? std::string() : static_cast<const char*>(text);
-}
-
-[[noreturn]] void complain(const std::string& path, sqlite3* database) {
-    throw Unusable{"lbsim: " + path + ": " +
-                   (database == nullptr ? "out of memory" : sqlite3_errmsg(database)) + '\n'};
-}
-
-std::vector<Observation> read_database(const std::string& path, const Period& period) {
-    sqlite3* opened = nullptr;
-    const int code = sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READONLY, nullptr);
-    const std::unique_ptr<sqlite3, CloseDatabase> database(opened);
-    if (code != SQLITE_OK) {
-        complain(path, opened);
+History read_database(const std::string& path, const Period& period) {
+    constexpr std::int64_t end_of_time_ms = std::int64_t{1} << 50;
+    const lbwatch::HistoryReader::Selection all{
+        .since_ms = period.since_ms.value_or(0),
+        .until_ms = period.until_ms.value_or(end_of_time_ms),
+        .uplink = ""};
+    lbwatch::HistoryReader reader(path);
+    History history;
+    reader.minutes(all, [&history](const lbwatch::Minute& row) {
+        if (row.answered + row.missed > 0) {
+            history.observations.push_back({.at_ms = row.minute * 60'000,
+                                            .uplink = row.uplink.name,
+                                            .is_ipv6 = row.uplink.family == 6,
+                                            .target = canonical(row.target),
+                                            .answered = row.answered,
+                                            .missed = row.missed});
+        }
+    });
+    reader.events(all, [&history](const lbwatch::Event& event) {
+        if (event.kind == lbwatch::EventKind::target) {
+            history.turns.push_back({.at_ms = event.time_ms,
+                                     .uplink = event.uplink.name,
+                                     .is_ipv6 = event.uplink.family == 6,
+                                     .target = canonical(event.target),
+                                     .is_success = event.to == "success",
+                                     .in_a_row = count_in_a_row(event.reason)});
+        }
+    });
+    for (const lbwatch::Span& span : reader.spans(all)) {
+        // Before the daemon has judged an uplink, nobody knows how it is.
+        if (span.state != lbwatch::UplinkState::unknown) {
+            history.watches.push_back({.uplink = span.uplink.name,
+                                       .is_ipv6 = span.uplink.family == 6,
+                                       .begin_ms = span.begin_ms,
+                                       .end_ms = span.end_ms});
+        }
     }
-    constexpr int patience_ms = 5000;
-    sqlite3_busy_timeout(opened, patience_ms);
-    sqlite3_stmt* prepared = nullptr;
-    if (sqlite3_prepare_v2(opened, query, -1, &prepared, nullptr) != SQLITE_OK) {
-        complain(path, opened);
+    if (!reader.problem().empty()) {
+        throw Unusable{"lbsim: " + reader.problem() + '\n'};
     }
-    const std::unique_ptr<sqlite3_stmt, EndStatement> statement(prepared);
-    constexpr std::int64_t minute_ms = 60'000;
-    constexpr std::int64_t last_minute = std::int64_t{1} << 50;
-    // The minute in which the period begins counts from its beginning.
-    sqlite3_bind_int64(prepared, 1, period.since_ms.value_or(0) / minute_ms);
-    sqlite3_bind_int64(
-        prepared, 2,
-        period.until_ms ? (*period.until_ms + minute_ms - 1) / minute_ms : last_minute);
-    std::vector<Observation> observations;
-    int step = SQLITE_ROW;
-    while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
-        observations.push_back({.at_ms = sqlite3_column_int64(prepared, 0) * minute_ms,
-                                .uplink = text_of(prepared, 1),
-                                .is_ipv6 = sqlite3_column_int(prepared, 2) == 6,
-                                .target = canonical(text_of(prepared, 3)),
-                                .answered = sqlite3_column_int(prepared, 4),
-                                .missed = sqlite3_column_int(prepared, 5)});
-    }
-    if (step != SQLITE_DONE) {
-        complain(path, opened);
-    }
-    return observations;
+    return history;
 }
 
 #else
 
-std::vector<Observation> read_database(const std::string& path, const Period& /*period*/) {
+History read_database(const std::string& path, const Period& /*period*/) {
     throw Unusable{"lbsim: " + path + ": this build has no SQLite: give comma-separated values\n"};
 }
 
@@ -88,22 +66,21 @@ std::vector<Observation> read_database(const std::string& path, const Period& /*
 
 }  // namespace
 
-std::vector<Observation> read_history(const std::string& path, const Period& period) {
+History read_history(const std::string& path, const Period& period) {
     constexpr std::string_view database_mark = "SQLite format 3";
-    const std::string text = read_file(path);
-    if (text.starts_with(database_mark)) {
+    if (read_beginning(path, database_mark.size()) == database_mark) {
         return read_database(path, period);
     }
-    ParsedHistory parsed = parse_csv(text);
+    ParsedHistory parsed = parse_csv(read_file(path));
     std::string complaints;
     for (const HistoryError& error : parsed.errors) {
         complaints += "lbsim: " + path + ":" + std::to_string(error.line) + ": " +
-                      (error.word.empty() ? "" : "'" + error.word + "': ") + error.reason + '\n';
+                      (error.word.empty() ? "" : quoted(error.word) + ": ") + error.reason + '\n';
     }
     if (!complaints.empty()) {
         throw Unusable{complaints};
     }
-    return std::move(parsed.observations);
+    return {.observations = std::move(parsed.observations), .turns = {}, .watches = {}};
 }
 
 }  // namespace lbsim

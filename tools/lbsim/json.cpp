@@ -46,6 +46,8 @@ const char* condition_word(Condition condition) {
             return "impaired";
         case Condition::dead:
             return "dead";
+        case Condition::unknown:
+            return "unknown";
     }
     return "";
 }
@@ -76,6 +78,7 @@ Json uplink_json(const Story& story, std::size_t number) {
         made_up == story.run.made_up_routers.end() ? Json() : Json(made_up->second);
     json["active_s"] = seconds(total.active_us);
     json["dead_s"] = seconds(total.dead_us);
+    json["unwatched_s"] = seconds(total.unwatched_us);
     json["into_dead_s"] = seconds(total.into_dead_us);
     json["left_unused_s"] = seconds(total.left_unused_us);
     json["changes"] = total.changes;

@@ -59,6 +59,10 @@ void find_times(const LBData& data, const LBHealth& health, Uplink& uplink) {
     });
     const std::int64_t judged_us = (probe_us / cycle_us + 2) * cycle_us;
     const std::int64_t results = std::max({health.success_ct, health.failure_ct, 1}) + 1;
+    // Of extended pings, a run follows the one before by their period.
+    uplink.failure_us =
+        std::max((probe_us + cycle_us - 1) / cycle_us * cycle_us + cycle_us, period_us);
+    uplink.answer_us = std::max(2 * cycle_us, period_us);
     uplink.settle_us = results * judged_us;
     uplink.start_us = uplink.settle_us + judged_us + period_us;  // the first one finds no next hop
 }

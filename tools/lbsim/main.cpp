@@ -9,6 +9,7 @@
 
 #include "lbsim/draws.h"
 #include "lbsim/history.h"
+#include "lbsim/replay.h"
 #include "lbsim/report.h"
 #include "lbsim/session.h"
 #include "lbsim/svg.h"
@@ -85,6 +86,16 @@ std::int64_t now_ms() {
     return std::int64_t{std::time(nullptr)} * 1000;
 }
 
+std::string valid_file(const std::string& text) {
+    return text.empty() ? "the name of a file is wanted" : std::string();
+}
+
+/// The library takes -1 for the largest number.
+std::string valid_seed(const std::string& text) {
+    return text.starts_with('-') ? "'" + text + "' is no seed: a number from 0 on is wanted"
+                                 : std::string();
+}
+
 std::string valid_time(const std::string& text) {
     return parse_time(text, now_ms())
                ? std::string()
@@ -110,10 +121,17 @@ Course replayed_course(const Options& options, const std::vector<Uplink>& uplink
         return text.empty() ? std::nullopt : parse_time(text, now_ms());
     };
     const Period period{.since_ms = moment(options.since), .until_ms = moment(options.until)};
+    if (period.since_ms && period.until_ms && *period.since_ms >= *period.until_ms) {
+        throw Unusable{"lbsim: --since " + options.since + " (" + shown_time(*period.since_ms) +
+                       ") is not before --until " + options.until + " (" +
+                       shown_time(*period.until_ms) + ")\n"};
+    }
     Replayed replayed = replay_of(read_history(options.history, period), period, uplinks);
     if (replayed.duration_us <= 0) {
-        throw Unusable{"lbsim: " + options.history +
-                       ": nothing was recorded in that time of what the configuration asks\n"};
+        throw Unusable{
+            "lbsim: " + options.history + ": nothing was recorded " +
+            (period.since_ms || period.until_ms ? "in that time " : "") +
+            "of what the configuration asks: no target of one of its uplinks is there\n"};
     }
     for (const std::string& doubt : replayed.doubts) {
         std::cerr << "lbsim: " << options.history << ": " << doubt << '\n';
@@ -195,19 +213,25 @@ int run(const Options& options) {
 void add_options(CLI::App& app, Options& options) {
     app.add_option("CONF", options.configuration, "the configuration")->required();
     auto* const scenario =
-        app.add_option("SCENARIO", options.scenario, "what happens, one event a line");
+        app.add_option("SCENARIO", options.scenario, "what happens, one event a line")
+            ->check(valid_file);
     app.add_option("--for", options.duration,
                    "how long: 90s, 10m, 30d; by default until the last event has been judged")
         ->check(valid_duration);
-    app.add_option("--seed", options.seed, "of all that is drawn; 1 by default");
-    app.add_option("--compare", options.compared,
-                   "another configuration in the same world, and what differs");
+    app.add_option("--seed", options.seed, "of all that is drawn; 1 by default")->check(valid_seed);
+    auto* const compare =
+        app.add_option("--compare", options.compared,
+                       "another configuration in the same world, and what differs")
+            ->check(valid_file);
     app.add_flag("--json", options.as_json, "events and summary as a JSON object, for programs");
-    app.add_option("--svg", options.svg, "draw what was true and what the daemon held for true");
-    scenario->excludes(app.add_option("--scenario", options.scenario, "the same, as an option"));
+    app.add_option("--svg", options.svg, "draw what was true and what the daemon held for true")
+        ->check(valid_file);
+    scenario->excludes(app.add_option("--scenario", options.scenario, "the same, as an option")
+                           ->check(valid_file));
     auto* const replay = app.add_option("--replay", options.history,
                                         "what a history of lbwatch, or comma-separated "
                                         "time,uplink,family,target,answered, has recorded")
+                             ->check(valid_file)
                              ->excludes(scenario);
     app.add_option("--since", options.since, "of --replay: from then on (12h, 2026-11-21, ...)")
         ->check(valid_time)
@@ -217,7 +241,8 @@ void add_options(CLI::App& app, Options& options) {
         ->needs(replay);
     app.add_flag("--tune", options.is_tuned,
                  "try other counts in the same world; without a scenario or a history, in drawn "
-                 "outages over two days");
+                 "outages over two days")
+        ->excludes(compare);
     auto* const random =
         app.add_flag("--random", options.is_random, "outages drawn from the seed, over days")
             ->excludes(scenario)

@@ -45,6 +45,8 @@ std::string kind_of(const Row& row) {
             return "impaired";
         case Condition::dead:
             return "dead";
+        case Condition::unknown:
+            return "not watched";
     }
     return {};
 }
@@ -86,13 +88,28 @@ std::string rows_text(const Story& story) {
 }
 
 std::string totals_text(const Story& story) {
-    Table table({"in all", "active", "dead", "into dead", "left unused", "changes", "flaps"}, 1);
+    const auto& totals = story.summary.uplinks;
+    const bool is_replayed = std::any_of(totals.begin(), totals.end(),
+                                         [](const auto& total) { return total.unwatched_us > 0; });
+    std::vector<std::string> head{"in all",      "active",  "dead", "into dead",
+                                  "left unused", "changes", "flaps"};
+    if (is_replayed) {
+        head.emplace_back("not watched");
+    }
+    Table table(std::move(head), 1);
     for (std::size_t i = 0; i < story.uplinks.size(); ++i) {
-        const UplinkTotal& total = story.summary.uplinks[i];
-        table.add({shown(story.uplinks[i]), shown_seconds(total.active_us),
-                   shown_seconds(total.dead_us), shown_seconds(total.into_dead_us),
-                   shown_seconds(total.left_unused_us), std::to_string(total.changes),
-                   std::to_string(total.flaps)});
+        const UplinkTotal& total = totals[i];
+        std::vector<std::string> cells{shown(story.uplinks[i]),
+                                       shown_seconds(total.active_us),
+                                       shown_seconds(total.dead_us),
+                                       shown_seconds(total.into_dead_us),
+                                       shown_seconds(total.left_unused_us),
+                                       std::to_string(total.changes),
+                                       std::to_string(total.flaps)};
+        if (is_replayed) {
+            cells.push_back(shown_seconds(total.unwatched_us));
+        }
+        table.add(std::move(cells));
     }
     return table.text();
 }

@@ -26,6 +26,8 @@ enum class Change {
     nexthop_alive,
     lease,
     clean,
+    unwatched,  ///< of a replayed uplink, in no scenario file: nobody knows how it was
+    watched,    ///< and it is known again
 };
 
 struct Event {

@@ -5,9 +5,11 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <utility>
 
+#include "lbshow/plain_text.h"
 #include "lbsim/apart.h"
 #include "lbsim/packed.h"
 
@@ -19,12 +21,19 @@ void complain(const std::string& path) {
     throw Unusable{"lbsim: " + path + ": " + strerror(errno) + '\n'};
 }
 
+/// Twenty at most: what is no scenario at all has as many as lines.
 std::string errors_text(const std::string& path, const std::vector<ScenarioError>& errors) {
+    constexpr std::size_t most = 20;
     std::string text;
-    for (const ScenarioError& error : errors) {
+    for (std::size_t i = 0; i < std::min(errors.size(), most); ++i) {
+        const ScenarioError& error = errors[i];
         text += "lbsim: " + path + ":" + std::to_string(error.line) + ": " +
-                (error.word.empty() ? "at the end of the line" : "'" + error.word + "'") + ": " +
+                (error.word.empty() ? "at the end of the line" : quoted(error.word)) + ": " +
                 error.reason + '\n';
+    }
+    if (errors.size() > most) {
+        text += "lbsim: " + path + ": and " + std::to_string(errors.size() - most) +
+                " more lines with an error\n";
     }
     return text;
 }
@@ -37,12 +46,25 @@ void require(const std::string& error) {
 
 }  // namespace
 
+std::string quoted(const std::string& word) {
+    constexpr std::size_t most = 60;
+    std::string text(1, '\'');
+    text.append(lbshow::harmless(word.substr(0, most)));
+    return text.append(word.size() > most ? "...'" : "'");
+}
+
 std::string read_file(const std::string& path) {
+    return read_beginning(path, std::numeric_limits<std::size_t>::max());
+}
+
+std::string read_beginning(const std::string& path, std::size_t most) {
     const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "re"), fclose);
     std::string text;
     char buffer[65536];
     std::size_t count = 0;
-    while (file != nullptr && (count = fread(buffer, 1, sizeof buffer, file.get())) > 0) {
+    while (file != nullptr && text.size() < most &&
+           (count = fread(buffer, 1, std::min(sizeof buffer, most - text.size()), file.get())) >
+               0) {
         text.append(buffer, count);
     }
     if (file == nullptr || ferror(file.get()) != 0) {

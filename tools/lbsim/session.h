@@ -14,7 +14,12 @@ struct Unusable {
     std::string text;  ///< lines, each with a line feed
 };
 
+/// A word of a file, harmless on a terminal.
+std::string quoted(const std::string& word);
+
 std::string read_file(const std::string& path);
+/// So many bytes at most, from its beginning.
+std::string read_beginning(const std::string& path, std::size_t most);
 void write_file(const std::string& path, const std::string& text);
 /// The scenario of a file, held against the configuration's uplinks.
 Scenario read_scenario(const std::string& path, const std::vector<Uplink>& uplinks);

@@ -83,7 +83,8 @@ Row UplinkStory::row(std::int64_t from_us, std::int64_t to_us, std::string event
     Row row{.at_us = from_us, .event = std::move(event), .uplink = number};
     row.condition = condition_at(truth, from_us);
     const bool is_active = active.is_on_at(from_us);
-    const bool is_open = is_of_target || row.condition == Condition::impaired;
+    const bool is_open =
+        is_of_target || row.condition == Condition::impaired || row.condition == Condition::unknown;
     const bool wants_active = is_open ? !is_active : row.condition == Condition::good;
     row.is_expected = !is_open && wants_active != is_active;
     const auto followed = active.first(wants_active, from_us, to_us);
@@ -156,13 +157,16 @@ Summary summarize(const std::vector<Uplink>& uplinks, const Scenario& events, co
             total.flaps += summary.rows.back().flaps;
         }
         total.changes = story.active.count(0, run.duration_us + 1);
-        for (const Condition condition : {Condition::good, Condition::impaired, Condition::dead}) {
+        for (const Condition condition :
+             {Condition::good, Condition::impaired, Condition::dead, Condition::unknown}) {
             total.active_us +=
                 overlap_us(story.active, true, story.truth, condition, 0, run.duration_us);
         }
         for (const bool is_on : {false, true}) {
             total.dead_us +=
                 overlap_us(story.active, is_on, story.truth, Condition::dead, 0, run.duration_us);
+            total.unwatched_us += overlap_us(story.active, is_on, story.truth, Condition::unknown,
+                                             0, run.duration_us);
         }
         summary.uplinks.push_back(total);
     }

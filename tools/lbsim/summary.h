@@ -19,8 +19,8 @@ struct Row {
     std::string event{};     ///< "start", or as the scenario has it
     std::size_t uplink = 0;  ///< of the configuration's
     Condition condition{};   ///< from then on
-    /// The condition asks for a change of state. An impaired uplink, and one of whose targets alone
-    /// something happened to, may go either way.
+    /// The condition asks for a change of state. An impaired or unknown uplink, and one of whose
+    /// targets alone something happened to, may go either way.
     bool is_expected = true;
     std::optional<std::int64_t> state_after_us{};  ///< the first change of state that it led to
     std::optional<std::int64_t> route_after_us{};  ///< and the routes' that goes with it
@@ -33,6 +33,7 @@ struct UplinkTotal {
     std::int64_t into_dead_us = 0;
     std::int64_t left_unused_us = 0;
     std::int64_t dead_us = 0;
+    std::int64_t unwatched_us = 0;
     std::int64_t active_us = 0;
     int changes = 0;
     int flaps = 0;

@@ -91,6 +91,9 @@ std::string truth_bands(const Axis& axis, const Truth& truth, double y) {
             case Condition::dead:
                 kind = "dead";
                 break;
+            case Condition::unknown:
+                kind = "unwatched";
+                break;
         }
         text +=
             band(axis, truth[i].from_us, to_us, y, kind, span_text(truth[i].from_us, to_us, kind));
@@ -145,10 +148,11 @@ std::string axis_text(const Axis& axis, double bottom) {
 }
 
 std::string legend_text(double y) {
-    constexpr std::array<std::pair<const char*, const char*>, 5> kinds{
+    constexpr std::array<std::pair<const char*, const char*>, 6> kinds{
         {{"good", "works"},
          {"impaired", "impaired"},
          {"dead", "dead"},
+         {"unwatched", "not watched"},
          {"active", "active (the daemon)"},
          {"inactive", "inactive (the daemon)"}}};
     std::string text;
@@ -157,14 +161,16 @@ std::string legend_text(double y) {
         text += "<rect class=\"" + std::string(kind) + "\" x=\"" + number(x) + "\" y=\"" +
                 number(y - 10) + "\" width=\"12\" height=\"12\"/>\n";
         text += text_at(x + 18, y, "start", word);
-        x += 180;
+        x += 165;
     }
     return text;
 }
 
 constexpr const char* style =
     "<style>text{font:12px sans-serif;fill:#222}line{stroke:#ccc}.good{fill:#8cc98c}"
-    ".impaired{fill:#f2c14e}.dead{fill:#c8443c}.active{fill:#2b6cb0}.inactive{fill:#e3e6ea;"
+    ".impaired{fill:#f2c14e}.dead{fill:#c8443c}.unwatched{fill:#fff;"
+    "stroke:#8a94a0;stroke-width:.5;stroke-dasharray:2 "
+    "2}.active{fill:#2b6cb0}.inactive{fill:#e3e6ea;"
     "stroke:#8a94a0;stroke-width:.5}</style>\n";
 
 }  // namespace

@@ -9,6 +9,7 @@ namespace {
 
 /// All that events can change of one uplink.
 struct State {
+    bool is_watched = true;
     bool passes = true;
     bool is_link_up = true;
     bool is_nexthop_alive = true;
@@ -75,10 +76,19 @@ void State::take(const Event& event) {
         case Change::clean:
             *this = {};
             break;
+        case Change::unwatched:
+            is_watched = false;
+            break;
+        case Change::watched:
+            is_watched = true;
+            break;
     }
 }
 
 Condition State::condition(const Uplink& uplink) const {
+    if (!is_watched) {
+        return Condition::unknown;
+    }
     const bool is_cut_off = !uplink.has_nexthop_as_target &&
                             cut_targets.size() == uplink.targets.size() && !cut_targets.empty();
     if (!passes || !is_link_up || !is_nexthop_alive || lost_of_hundred >= 100 || is_cut_off) {

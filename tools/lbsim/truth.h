@@ -12,8 +12,8 @@ namespace lbsim {
 /// Of an uplink: `dead` while nothing can answer through it (nothing passes, link or next hop gone,
 /// every echo lost, each of its targets cut off behind it alone), `impaired` while something but
 /// not all is as at the start, else `good`. A target that is dead for all uplinks says nothing
-/// about any of them.
-enum class Condition { good, impaired, dead };
+/// about any of them. `unknown` while nobody watched a replayed one.
+enum class Condition { good, impaired, dead, unknown };
 
 struct Stretch {
     std::int64_t from_us = 0;  ///< until the next one

@@ -19,6 +19,10 @@ struct Uplink {
     std::int64_t settle_us = 0;
     /// The longest from the start to the first verdict.
     std::int64_t start_us = 0;
+    /// From one unanswered echo's leaving to that of the next one; and of one that is answered at
+    /// once.
+    std::int64_t failure_us = 0;
+    std::int64_t answer_us = 0;
 };
 
 inline const char* family_word(bool is_ipv6) {

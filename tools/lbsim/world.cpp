@@ -196,6 +196,9 @@ void World::change_uplink(Place& place, const Event& event) {
         case Change::clean:
             clean(place);
             break;
+        case Change::unwatched:
+        case Change::watched:
+            break;  // it stays as it was before
     }
 }
 
@@ -245,6 +248,8 @@ void World::change_target(const Place& place, const Event& event) {
         case Change::nexthop_dead:
         case Change::nexthop_alive:
         case Change::lease:
+        case Change::unwatched:
+        case Change::watched:
             break;  // no scenario has them of a target
     }
 }

@@ -6,22 +6,17 @@
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string_view>
 #include <system_error>
 #include <vector>
+
+#include "shared/file_text.h"
 
 namespace lbwatch {
 
 namespace {
 
 constexpr const char* default_directory = "/var/run/load-balance";
-
-std::string content_of(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 std::string without_links(const std::string& path) {
     std::error_code error;
@@ -60,7 +55,7 @@ bool is_number(std::string_view text) {
 
 /// In clock ticks since the machine started: field 22 of proc(5)'s stat.
 unsigned long long start_of(const std::string& process) {
-    const std::string stat = content_of(process + "/stat");
+    const std::string stat = shared::text_of_file(process + "/stat");
     std::size_t at = stat.rfind(')');
     for (int field = 2; field < 22 && at != std::string::npos; ++field) {
         at = stat.find(' ', at + 1);
@@ -78,10 +73,10 @@ DaemonProcess find_daemon(const std::string& out_dir) {
     for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
         const std::string name = entry.path().filename();
         const std::string process = entry.path();
-        if (!is_number(name) || content_of(process + "/comm") != "lb\n") {
+        if (!is_number(name) || shared::text_of_file(process + "/comm") != "lb\n") {
             continue;
         }
-        const std::string arguments = content_of(process + "/cmdline");
+        const std::string arguments = shared::text_of_file(process + "/cmdline");
         // One without arguments has ended, and waits for its parent.
         if (arguments.empty() || without_links(directory_of(arguments)) != wanted) {
             continue;
@@ -100,7 +95,7 @@ DaemonProcess find_daemon(const std::string& out_dir) {
 }
 
 bool can_see_processes() {
-    return !content_of("/proc/1/comm").empty();
+    return !shared::text_of_file("/proc/1/comm").empty();
 }
 
 }  // namespace lbwatch

@@ -6,23 +6,18 @@
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <string_view>
 #include <system_error>
 #include <vector>
+
+#include "shared/file_text.h"
 
 namespace lbwatch {
 
 namespace {
 
 constexpr const char* default_directory = "/var/run/load-balance";
-
-std::string content_of(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 std::string without_links(const std::string& path) {
     std::error_code error;
@@ -68,7 +63,7 @@ Origin origin_of(const std::string& process) {
     constexpr int name_field = 2;
     constexpr int parent_field = 4;
     constexpr int start_field = 22;
-    const std::string stat = content_of(process + "/stat");
+    const std::string stat = shared::text_of_file(process + "/stat");
     Origin origin;
     // The name may hold spaces and parentheses: the fields are counted from its end.
     std::size_t at = stat.rfind(')');
@@ -91,10 +86,10 @@ std::map<pid_t, Origin> processes_for(const std::string& wanted) {
     for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
         const std::string name = entry.path().filename();
         const std::string process = entry.path();
-        if (!is_number(name) || content_of(process + "/comm") != "lb\n") {
+        if (!is_number(name) || shared::text_of_file(process + "/comm") != "lb\n") {
             continue;
         }
-        const std::string arguments = content_of(process + "/cmdline");
+        const std::string arguments = shared::text_of_file(process + "/cmdline");
         // One without arguments has ended, and waits for its parent.
         if (!arguments.empty() && without_links(directory_of(arguments)) == wanted) {
             found.emplace(static_cast<pid_t>(std::stol(name)), origin_of(process));
@@ -124,7 +119,7 @@ DaemonProcess find_daemon(const std::string& out_dir) {
 }
 
 bool can_see_processes() {
-    return !content_of("/proc/1/comm").empty();
+    return !shared::text_of_file("/proc/1/comm").empty();
 }
 
 }  // namespace lbwatch

@@ -71,6 +71,23 @@ class Following(Scripted):
                    and watch.changes("uplink", "eth0")[-1] == ("failed", "active"))
 
 
+class WithCommands(Scripted):
+    def test_end_of_a_command_that_the_daemon_runs_is_not_the_daemon_s(self):
+        """Until a child becomes the command, it is called like the daemon, with its arguments."""
+        self.daemon.program = ("import os, time\n"
+                               "while True:\n"
+                               "    child = os.fork()\n"
+                               "    if child == 0:\n"
+                               "        time.sleep(0.4)\n"
+                               "        os._exit(0)\n"
+                               "    os.waitpid(child, 0)\n")
+        watch = self.settled()
+
+        self.daemon.pass_by(10)
+
+        self.assertEqual(watch.changes("daemon"), [("unknown", "running")])
+
+
 class Damaged(Scripted):
     """Each leaves the states as they were, and is told once."""
 

@@ -181,6 +181,23 @@ TEST_F(LbrouteHolds, symbolic_link_in_the_files_place_is_not_followed) {
     EXPECT_EQ(read_holds(folder, now_ms).holds.size(), 1U);
 }
 
+TEST_F(LbrouteHolds, file_that_others_may_change_is_not_believed) {
+    ASSERT_TRUE(add(hold("eth0")));
+    std::filesystem::permissions(above.file("state/holds"), std::filesystem::perms(0666));
+    const auto reading = read_holds(folder, now_ms);
+    EXPECT_TRUE(reading.holds.empty());
+    EXPECT_TRUE(reading.is_unread);
+    EXPECT_NE(reading.problem.find("can be changed by other users"), std::string::npos);
+}
+
+TEST_F(LbrouteHolds, file_of_another_user_is_not_believed) {
+    ASSERT_TRUE(add(hold("eth0")));
+    if (chown(above.file("state/holds").c_str(), 1, 1) != 0) {
+        GTEST_SKIP() << "only root gives a file to somebody else";
+    }
+    EXPECT_TRUE(read_holds(folder, now_ms).holds.empty());
+}
+
 TEST_F(LbrouteHolds, pipe_in_the_files_place_stops_nobody) {
     ASSERT_EQ(mkfifo(above.file("state/holds").c_str(), 0600), 0);
     EXPECT_EQ(read_holds(folder, now_ms).problem, folder.path() + "/holds is no regular file");

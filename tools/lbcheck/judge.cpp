@@ -15,10 +15,15 @@ namespace lbcheck {
 
 namespace {
 
-bool is_member(const LBData& data, const std::string& ifname, bool is_ipv6) {
-    return std::any_of(data.rules.begin(), data.rules.end(), [&](const auto& entry) {
-        return entry.second.interfaces.contains({ifname, is_ipv6});
-    });
+/// Name and family of every interface that a rule names.
+std::set<std::pair<std::string, bool>> members_of_rules(const LBData& data) {
+    std::set<std::pair<std::string, bool>> members;
+    for (const auto& [name, rule] : data.rules) {
+        for (const auto& [member, weight] : rule.interfaces) {
+            members.insert(member);
+        }
+    }
+    return members;
 }
 
 std::string interface_text(const std::string& ifname, bool is_ipv6) {
@@ -28,7 +33,11 @@ std::string interface_text(const std::string& ifname, bool is_ipv6) {
 class Judge {
   public:
     Judge(const LBData& data, const Watcher& watcher, std::vector<Finding>& findings)
-        : data_(data), watcher_(watcher), findings_(findings), work_(work_by_namespace(data)) {}
+        : data_(data),
+          watcher_(watcher),
+          findings_(findings),
+          work_(work_by_namespace(data)),
+          members_(members_of_rules(data)) {}
 
     void judge_all() {
         bool has_any_worker = false;
@@ -85,7 +94,7 @@ class Judge {
         }
         if (work_in(health.namespace_name, is_ipv6).rules == 0) {
             warn(place, "no rule of its family lies in its namespace: no worker probes it");
-        } else if (!is_member(data_, name, is_ipv6)) {
+        } else if (!members_.contains({name, is_ipv6})) {
             warn(place, "is a member of no rule: probed, never routed");
         }
         judge_targets(place, health);
@@ -238,6 +247,7 @@ class Judge {
     const Watcher& watcher_;
     std::vector<Finding>& findings_;
     const WorkByNamespace work_;
+    const std::set<std::pair<std::string, bool>> members_;
     /// Namespace, family and prefix of each destination so far, with the first rule that has it.
     std::map<std::tuple<std::string, bool, std::string>, std::string> routed_by_;
     /// Namespace, family and next hop of each uplink so far, with the first that has it.

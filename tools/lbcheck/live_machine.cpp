@@ -15,12 +15,12 @@
 #include <array>
 #include <csignal>
 #include <fstream>
-#include <iterator>
 
 #include "base/fd.h"
 #include "decision/route_text.h"
 #include "host/clock.h"
 #include "lbroute/processes.h"
+#include "shared/file_text.h"
 
 namespace lbcheck {
 
@@ -76,9 +76,7 @@ int take_neighbour(const nlmsghdr* message, void* data) {
 }
 
 std::string text_of(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::string text(std::istreambuf_iterator<char>(file), {});
-    return text.substr(0, 4096);
+    return shared::text_of_file(path).substr(0, 4096);
 }
 
 bool is_folder(const std::string& path) {

@@ -9,13 +9,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <tuple>
 
 #include "base/fd.h"
 #include "lbroute/command.h"
 #include "lbroute/weights.h"
+#include "shared/file_text.h"
 
 namespace lbroute {
 
@@ -147,8 +146,7 @@ Bird2Text bird2_text_of_plan(const std::vector<PlannedRoute>& planned,
 }
 
 std::string Bird2File::text() const {
-    std::ifstream file(path_);
-    return {std::istreambuf_iterator<char>(file), {}};
+    return shared::text_of_file(path_);
 }
 
 std::string Bird2File::put(const std::string& text) {

@@ -34,6 +34,10 @@ namespace {
 
 /// How long the daemon's dumps are waited for where they alone tell whose a next hop is.
 constexpr std::int64_t dumps_patience_ms = 1500;
+/// What failed for a reason of which nothing tells that it is over is tried again: soon, then less
+/// and less often, and soon again when the fragments change.
+constexpr std::int64_t first_retry_ms = 1000;
+constexpr std::int64_t longest_retry_ms = 30'000;
 /// More changed routes than these are told as a number.
 constexpr std::size_t most_told_routes = 20;
 
@@ -189,6 +193,34 @@ class Daemon {
         due_.dumps |= site_.read_again_at_ms() && *site_.read_again_at_ms() <= now;
         const auto hold_end = next_end_ms(holds_);
         due_.holds |= hold_end && *hold_end <= now;
+        retry(now);
+    }
+
+    void retry(std::int64_t now) {
+        if (!due_.fragments.empty()) {
+            retry_after_ms_ = first_retry_ms;
+            retry_at_ms_.reset();
+        }
+        if (!retry_at_ms_ || *retry_at_ms_ > now) {
+            return;
+        }
+        retry_at_ms_.reset();
+        retry_after_ms_ = std::min(2 * retry_after_ms_, longest_retry_ms);
+        due_.configuration = due_.dumps = due_.holds = true;
+        for (const auto& [name, served] : served_) {
+            due_.fragments.insert(name);
+        }
+    }
+
+    bool is_wanting() const {
+        return !site_.is_read() || !are_holds_read_ ||
+               std::ranges::any_of(served_, [](const auto& entry) {
+                   const Served& served = entry.second;
+                   return !served.kernel.is_entered() || !served.is_good ||
+                          std::ranges::any_of(
+                              served.kernel.fragments(),
+                              [](const FragmentFile& file) { return !file.problems().empty(); });
+               });
     }
 
     void take_signals() {
@@ -234,6 +266,7 @@ class Daemon {
         };
         consider(site_.read_again_at_ms());
         consider(next_end_ms(holds_));
+        consider(retry_at_ms_);
         for (const auto& [name, served] : served_) {
             for (const FragmentFile& file : served.kernel.fragments()) {
                 consider(file.read_again_at_ms());
@@ -292,6 +325,12 @@ class Daemon {
         }
         watch_files();
         leave_record();
+        if (!is_wanting()) {
+            retry_after_ms_ = first_retry_ms;
+            retry_at_ms_.reset();
+        } else if (!retry_at_ms_) {
+            retry_at_ms_ = boottime_ms() + retry_after_ms_;
+        }
     }
 
     void leave_record() {
@@ -385,6 +424,10 @@ class Daemon {
             }
         }
         journal_.tell("holds", problems);
+        are_holds_read_ = problem.empty() && !reading.is_unread;
+        if (!are_holds_read_) {
+            return false;  // what is held stays held
+        }
         const bool differs = reading.holds != holds_;
         holds_ = std::move(reading.holds);
         return differs;
@@ -600,6 +643,9 @@ class Daemon {
     DaemonRecord record_;
     DaemonRecord left_;  // as it was written
     std::vector<Hold> holds_;
+    bool are_holds_read_ = false;
+    std::optional<std::int64_t> retry_at_ms_;
+    std::int64_t retry_after_ms_ = first_retry_ms;
     std::map<std::string, Served> served_;
     Due due_;
     bool is_ending_ = false;

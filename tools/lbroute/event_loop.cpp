@@ -32,11 +32,16 @@ void EventLoop::wait(std::optional<std::int64_t> deadline_ms) {
         setting.it_value.tv_sec = at / 1000;
         setting.it_value.tv_nsec = at % 1000 * 1'000'000;
     }
-    timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME, &setting, nullptr);
+    // Without its timer the loop looks around every second, so that no deadline is missed for good.
+    constexpr int without_timer_ms = 1000;
+    const int patience_ms = timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME, &setting, nullptr) == 0
+                                ? -1
+                                : without_timer_ms;
     std::array<epoll_event, 16> events{};
     int count = -1;
     do {
-        count = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), -1);
+        count =
+            epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), patience_ms);
     } while (count < 0 && errno == EINTR);
     std::uint64_t expirations = 0;
     // Nothing to read means that it was not the deadline.

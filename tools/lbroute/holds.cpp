@@ -81,7 +81,7 @@ std::optional<Hold> hold_in(const json& entry) {
 HoldsReading read_file(const StateFolder& folder) {
     const auto content = folder.read(file_name);
     if (!content.text) {
-        return {.holds = {}, .problem = content.problem};
+        return {.holds = {}, .problem = content.problem, .is_unread = !content.problem.empty()};
     }
     HoldsReading reading = parse_holds(*content.text);
     if (!reading.problem.empty()) {
@@ -163,7 +163,8 @@ HoldsReading parse_holds(std::string_view text) {
     const auto entries = file.is_object() ? file.find("holds") : file.end();
     if (entries == file.end() || !entries->is_array()) {
         return {.holds = {},
-                .problem = "is damaged: no hold is in force; hold again what must stay held"};
+                .problem = "is damaged: no hold is in force; hold again what must stay held",
+                .is_unread = false};
     }
     HoldsReading reading;
     for (const json& entry : *entries) {

@@ -32,6 +32,7 @@ struct Hold {
 struct HoldsReading {
     std::vector<Hold> holds;
     std::string problem;
+    bool is_unread = false;  ///< what the file holds is not known: nobody could read it
 };
 
 std::int64_t boottime_ms();

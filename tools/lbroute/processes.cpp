@@ -3,18 +3,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string_view>
+
+#include "shared/file_text.h"
 
 namespace lbroute {
 
 namespace {
 
 std::string proc_text(pid_t pid, const char* name) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/" + name);
-    return {std::istreambuf_iterator<char>(file), {}};
+    return shared::text_of_file("/proc/" + std::to_string(pid) + "/" + name);
 }
 
 /// The fields of `stat` from the third on, the state; the name before them may hold anything.

@@ -3,11 +3,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
+#include <cerrno>
+#include <cstring>
 
 #include "config/lb_data_factory.h"
 #include "host/log.h"
+#include "shared/file_text.h"
 
 namespace lbroute {
 
@@ -27,13 +28,8 @@ class QuietLoader {
     LogSink before_;
 };
 
-std::optional<std::vector<std::uint8_t>> bytes_of(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        return std::nullopt;
-    }
-    return std::vector<std::uint8_t>{std::istreambuf_iterator<char>(file),
-                                     std::istreambuf_iterator<char>()};
+bool is_missing(int error) {
+    return error == ENOENT || error == ENOTDIR;
 }
 
 }  // namespace
@@ -41,22 +37,31 @@ std::optional<std::vector<std::uint8_t>> bytes_of(const std::string& path) {
 Site::Site(std::string configuration, std::string output_directory)
     : configuration_(std::move(configuration)), dump_folder_(output_directory + "/wlb_dump") {}
 
-Site::Stamp Site::stamp_of(const std::string& path) {
+std::optional<Site::Stamp> Site::stamp_of(const std::string& path, int& error) {
     struct stat found {};
     if (stat(path.c_str(), &found) != 0) {
-        return {};
+        error = errno;
+        return is_missing(error) ? std::make_optional(Stamp{}) : std::nullopt;
     }
-    return {found.st_dev, found.st_ino, found.st_size, found.st_mtim.tv_sec, found.st_mtim.tv_nsec};
+    return Stamp{found.st_dev, found.st_ino, found.st_size, found.st_mtim.tv_sec,
+                 found.st_mtim.tv_nsec};
 }
 
 bool Site::read_configuration() {
-    const Stamp stamp = stamp_of(configuration_);
-    if (loaded_ == stamp) {
+    int error = 0;
+    const std::optional<Stamp> stamp = stamp_of(configuration_, error);
+    // What was wrong may have ended without the file's being touched: a limit, say.
+    if (stamp && loaded_ == stamp && problems_.empty()) {
+        return false;
+    }
+    problems_.clear();
+    if (!stamp) {
+        problems_[configuration_ + " cannot be read: " + strerror(error) +
+                  "; what it was before counts"] = Level::error;
         return false;
     }
     const bool is_first = !loaded_;
     loaded_ = stamp;
-    problems_.clear();
     if (stamp == Stamp{}) {
         configured_ = {};
         return combine();
@@ -78,17 +83,24 @@ bool Site::read_configuration() {
 bool Site::read_dumps(std::int64_t now_ms) {
     read_again_at_ms_.reset();
     bool is_cut = false;
+    are_dumps_read_ = true;
     for (const int family : {4, 6}) {
         const std::string path =
             dump_folder_ + "/wlb_ipv" + std::to_string(family) + "_outbounds.bin";
         auto& dumped = dumped_[family == 4 ? 0 : 1];
-        const auto bytes = bytes_of(path);
-        if (!bytes) {
-            dumped.clear();
+        int error = 0;
+        const auto text = shared::text_of_file(path, error);
+        if (!text) {
+            if (is_missing(error)) {
+                dumped.clear();
+            } else {
+                are_dumps_read_ = false;
+            }
             continue;
         }
-        auto read = lbshow::read_interfaces(*bytes, family, false);
-        if (read.is_truncated || bytes->empty()) {
+        const std::vector<std::uint8_t> bytes(text->begin(), text->end());
+        auto read = lbshow::read_interfaces(bytes, family, false);
+        if (read.is_truncated || bytes.empty()) {
             is_cut = true;
         } else if (read.problem.empty()) {
             dumped = std::move(read.items);

@@ -21,8 +21,8 @@ class Site {
     const std::string& dump_folder() const { return dump_folder_; }
 
     /// Reads the configuration by the daemon's own loader, where the file is another than at the
-    /// last call. True where the uplinks may differ now. A missing file means no uplinks, one that
-    /// is broken leaves what was known, but at the first call.
+    /// last call, or that one was not read whole. True where the uplinks may differ now. A missing
+    /// file means no uplinks, one that is broken leaves what was known, but at the first call.
     bool read_configuration();
     /// Reads the dumps; one that is just being rewritten leaves what was known and is to be read
     /// again. True where the uplinks differ now.
@@ -33,6 +33,8 @@ class Site {
     /// Some next hop may come to mean another interface without a word in a fragment.
     bool has_learning_uplinks() const;
     const Journal::Problems& problems() const { return problems_; }
+    /// Configuration and dumps were read, or are not there. Else reading again may help.
+    bool is_read() const { return problems_.empty() && are_dumps_read_; }
 
   private:
     bool combine();
@@ -47,7 +49,8 @@ class Site {
 
         bool operator==(const Stamp&) const = default;
     };
-    static Stamp stamp_of(const std::string& path);
+    /// That of a missing file is empty; none, with an error, where nobody can tell.
+    static std::optional<Stamp> stamp_of(const std::string& path, int& error);
 
     std::string configuration_;
     std::string dump_folder_;
@@ -56,6 +59,7 @@ class Site {
     std::array<std::vector<lbshow::Interface>, 2> dumped_;  // by family
     Uplinks uplinks_;
     std::optional<std::int64_t> read_again_at_ms_;
+    bool are_dumps_read_ = true;
     bool was_read_again_ = false;  // after some dump was found cut
     Journal::Problems problems_;
 };

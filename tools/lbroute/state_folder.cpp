@@ -23,14 +23,18 @@ std::string failure(const std::string& what, int error) {
     return "cannot " + what + ": " + strerror(error) + hint;
 }
 
+bool can_others_change(const struct stat& found) {
+    const bool is_owners = found.st_uid == 0 || found.st_uid == geteuid();
+    return !is_owners || (found.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+}
+
 /// What keeps the folder from being trusted.
 std::string distrust(const std::string& path, int folder) {
     struct stat found {};
     if (fstat(folder, &found) != 0) {
         return failure("look at " + path, errno);
     }
-    const bool is_owners = found.st_uid == 0 || found.st_uid == geteuid();
-    if (!is_owners || (found.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    if (can_others_change(found)) {
         return path +
                " can be changed by other users than root and is not used; remove it: rm -r " + path;
     }
@@ -85,6 +89,14 @@ StateFolder::Content StateFolder::read(const std::string& name) const {
     struct stat found {};
     if (fstat(file.get(), &found) != 0 || !S_ISREG(found.st_mode)) {
         return {.text = {}, .problem = shown + " is no regular file"};
+    }
+    // Who may write in the folder could have let others write one of its files.
+    if (can_others_change(found)) {
+        return {.text = {},
+                .problem = shown +
+                           " can be changed by other users than root and is not used; remove it: "
+                           "rm " +
+                           shown};
     }
     std::string text;
     std::array<char, 4096> piece{};

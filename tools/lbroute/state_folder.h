@@ -33,7 +33,7 @@ class StateFolder {
     bool is_open() const { return folder_.is_open(); }
     const std::string& path() const { return path_; }
 
-    /// Reads a regular file of at most a megabyte.
+    /// Reads a regular file of at most a megabyte that nobody else may change.
     Content read(const std::string& name) const;
     /// Writes a file whole, readable by all, and puts it in its place by renaming.
     std::string write(const std::string& name, std::string_view text) const;

@@ -6,22 +6,18 @@
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <map>
 #include <string_view>
 #include <system_error>
 #include <vector>
+
+#include "shared/file_text.h"
 
 namespace lbwatch {
 
 namespace {
 
 constexpr const char* default_directory = "/var/run/load-balance";
-
-std::string content_of(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 std::string without_links(const std::string& path) {
     std::error_code error;
@@ -58,38 +54,61 @@ bool is_number(std::string_view text) {
     });
 }
 
-/// In clock ticks since the machine started: field 22 of proc(5)'s stat.
-unsigned long long start_of(const std::string& process) {
-    const std::string stat = content_of(process + "/stat");
+/// What proc(5)'s stat tells of a process.
+struct Origin {
+    pid_t parent = 0;
+    unsigned long long start = 0;  ///< in clock ticks since the machine started
+};
+Origin origin_of(const std::string& process) {
+    constexpr int name_field = 2;
+    constexpr int parent_field = 4;
+    constexpr int start_field = 22;
+    const std::string stat = shared::text_of_file(process + "/stat");
+    Origin origin;
+    // The name may hold spaces and parentheses: the fields are counted from its end.
     std::size_t at = stat.rfind(')');
-    for (int field = 2; field < 22 && at != std::string::npos; ++field) {
+    for (int field = name_field + 1; field <= start_field && at != std::string::npos; ++field) {
         at = stat.find(' ', at + 1);
+        const char* text = at == std::string::npos ? "" : stat.c_str() + at;
+        if (field == parent_field) {
+            origin.parent = static_cast<pid_t>(strtol(text, nullptr, 10));
+        } else if (field == start_field) {
+            origin.start = strtoull(text, nullptr, 10);
+        }
     }
-    return at == std::string::npos ? 0 : strtoull(stat.c_str() + at, nullptr, 10);
+    return origin;
+}
+
+/// Every process called `lb` that names this directory.
+std::map<pid_t, Origin> processes_for(const std::string& wanted) {
+    std::map<pid_t, Origin> found;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+        const std::string name = entry.path().filename();
+        const std::string process = entry.path();
+        if (!is_number(name) || shared::text_of_file(process + "/comm") != "lb\n") {
+            continue;
+        }
+        const std::string arguments = shared::text_of_file(process + "/cmdline");
+        // One without arguments has ended, and waits for its parent.
+        if (!arguments.empty() && without_links(directory_of(arguments)) == wanted) {
+            found.emplace(static_cast<pid_t>(std::stol(name)), origin_of(process));
+        }
+    }
+    return found;
 }
 
 }  // namespace
 
 DaemonProcess find_daemon(const std::string& out_dir) {
-    const std::string wanted = without_links(out_dir);
+    const std::map<pid_t, Origin> candidates = processes_for(without_links(out_dir));
     pid_t found = 0;
-    unsigned long long youngest = 0;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
-        const std::string name = entry.path().filename();
-        const std::string process = entry.path();
-        if (!is_number(name) || content_of(process + "/comm") != "lb\n") {
-            continue;
-        }
-        const std::string arguments = content_of(process + "/cmdline");
-        // One without arguments has ended, and waits for its parent.
-        if (arguments.empty() || without_links(directory_of(arguments)) != wanted) {
-            continue;
-        }
-        const unsigned long long start = start_of(process);
-        if (found == 0 || start >= youngest) {
-            found = static_cast<pid_t>(std::stol(name));
-            youngest = start;
+    for (const auto& [pid, origin] : candidates) {
+        // The daemon runs commands: until such a child becomes the command it looks like the
+        // daemon, and its end, a moment later, would be taken for the daemon's.
+        const bool is_child_of_one = candidates.contains(origin.parent);
+        if (!is_child_of_one && (found == 0 || origin.start >= candidates.at(found).start)) {
+            found = pid;
         }
     }
     DaemonProcess process{.pid = found, .ended = Fd()};
@@ -100,7 +119,7 @@ DaemonProcess find_daemon(const std::string& out_dir) {
 }
 
 bool can_see_processes() {
-    return !content_of("/proc/1/comm").empty();
+    return !shared::text_of_file("/proc/1/comm").empty();
 }
 
 }  // namespace lbwatch

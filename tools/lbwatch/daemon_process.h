@@ -17,7 +17,7 @@ struct DaemonProcess {
 };
 
 /// Looks for a process called `lb` whose option -o, or the default, names `out_dir`; among several
-/// the youngest.
+/// the youngest that is no child of another one.
 DaemonProcess find_daemon(const std::string& out_dir);
 
 /// False where /proc hides the processes of others: then "none was found" proves nothing.

@@ -22,6 +22,8 @@ namespace {
 constexpr std::int64_t settle_ms = 100;
 constexpr std::int64_t second_ms = 1000;
 constexpr std::int64_t hour_ms = 3'600'000;
+/// What the history file could not take waits in memory, and is offered so often.
+constexpr std::int64_t write_again_ms = 5000;
 constexpr std::int64_t hooks_end_ms = 5000;
 /// Where the process could not be found, it is looked for again only so often.
 constexpr std::int64_t search_every_ms = 5000;
@@ -72,12 +74,12 @@ int Watcher::run() {
             return 1;
         }
     }
-    while (!is_ending_ && !is_output_gone_) {
+    while (!is_ending_ && !output_.is_gone()) {
         wait();
     }
     keep(now(), true);
     end_hooks();
-    return is_output_gone_ ? 1 : 0;
+    return output_.is_gone() ? 1 : 0;
 }
 
 void Watcher::wait() {
@@ -131,6 +133,7 @@ void Watcher::second_hand(const Moment& now) {
     if (was_clean && !dirty_.empty()) {
         read_at_boot_ms_ = now.boot_ms;
     }
+    output_.flush();
     const auto evidence = [&] {
         searched_boot_ms_ = 0;
         find_process(now);
@@ -148,6 +151,11 @@ void Watcher::second_hand(const Moment& now) {
     if (minute != last_minute_) {
         keep(now, false);
         last_minute_ = minute;
+    }
+    if (history_ != nullptr && history_->waiting() > 0 &&
+        now.boot_ms - written_again_boot_ms_ >= write_again_ms) {
+        written_again_boot_ms_ = now.boot_ms;
+        history_->commit();
     }
     if (history_ != nullptr && now.boot_ms - forgotten_boot_ms_ >= hour_ms) {
         history_->forget_old(now.wall_ms);
@@ -179,7 +187,7 @@ void Watcher::hand_out(const std::vector<Event>& events, const Moment& now) {
         return;
     }
     for (const Event& event : events) {
-        std::cout << (options_.as_json ? json_of(event) : line_of(event)) << '\n';
+        output_.add(options_.as_json ? json_of(event) : line_of(event));
         if (history_ != nullptr) {
             history_->add(event);
         }
@@ -190,8 +198,7 @@ void Watcher::hand_out(const std::vector<Event>& events, const Moment& now) {
             hooks_->add(event, now);
         }
     }
-    std::cout << std::flush;
-    is_output_gone_ = !std::cout;
+    output_.flush();
     if (history_ != nullptr) {
         history_->add(session_.take_spans());
         history_->commit();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <unistd.h>
+
 #include <csignal>
 #include <memory>
 #include <set>
@@ -12,6 +14,7 @@
 #include "lbwatch/dump_watch.h"
 #include "lbwatch/history.h"
 #include "lbwatch/hooks.h"
+#include "lbwatch/line_output.h"
 #include "lbwatch/listener.h"
 #include "lbwatch/session.h"
 
@@ -48,6 +51,7 @@ class Watcher {
     WatchOptions options_;
     std::unique_ptr<History> history_;
     std::unique_ptr<Hooks> hooks_;
+    LineOutput output_{STDOUT_FILENO};
     Board board_;
     std::unique_ptr<Listener> listener_;
     Session session_;
@@ -60,9 +64,9 @@ class Watcher {
     std::int64_t next_second_boot_ms_ = 0;
     std::int64_t last_minute_ = 0;
     std::int64_t forgotten_boot_ms_ = 0;  ///< when old rows were last deleted
-    std::int64_t searched_boot_ms_ = 0;   ///< when the process was last looked for
+    std::int64_t written_again_boot_ms_ = 0;
+    std::int64_t searched_boot_ms_ = 0;  ///< when the process was last looked for
     bool is_ending_ = false;
-    bool is_output_gone_ = false;
 };
 
 }  // namespace lbwatch

@@ -7,6 +7,7 @@
     echo_policies   what a peer does with an echo request
     recording       frames seen, kept for scapy and for a pcap file
     system_log      the captured /dev/log
+    injection       system calls that fail in a program that runs
     keep_alives     the captured notification socket of the service manager
     cycles          waiting in cycles of the daemon
     disk            a small file system that a test fills or makes read-only

@@ -182,6 +182,8 @@ class Dumps:
 class ScriptedDaemon(Dumps):
     """A process that is called like the daemon, and a thread that rewrites its dumps."""
 
+    program = "import signal\nsignal.pause()\n"
+
     def __init__(self, out_dir, period_s=0.25):
         super().__init__(out_dir)
         self.period_s = period_s
@@ -189,15 +191,15 @@ class ScriptedDaemon(Dumps):
         self._ending = threading.Event()
         self._thread = None
         self.cycles = 0
-        # The kernel names a script's process after the script.
-        script = os.path.join(out_dir, "lb")
-        with open(script, "w", encoding="ascii") as file:
-            file.write("#!/usr/bin/python3\nimport signal\nsignal.pause()\n")
-        os.chmod(script, 0o755)
-        self._command = [script, "-f", "/dev/null", "-o", out_dir]
+        self._script = os.path.join(out_dir, "lb")
+        self._command = [self._script, "-f", "/dev/null", "-o", out_dir]
         self.process = None
 
     def start(self):
+        # The kernel names a script's process after the script.
+        with open(self._script, "w", encoding="ascii") as file:
+            file.write(f"#!/usr/bin/python3\n{self.program}")
+        os.chmod(self._script, 0o755)
         self.process = subprocess.Popen(self._command)  # pylint: disable=consider-using-with
         self._ending.clear()
         self._thread = threading.Thread(target=self._run, daemon=True)

@@ -15,7 +15,7 @@ import sys
 import traceback
 
 MODULES = ("overlay", "veth", "ip_gre", "ipip", "8021q", "sch_netem", "nf_conntrack_netlink",
-           "nft_ct", "dummy", "vrf")
+           "nft_ct", "dummy", "vrf", "bonding", "bridge")
 DAEMON_PLACES = ("/run", "/usr/etc", "/var/db", "/var/vrfs")
 FINIT_MODULE = 313  # finit_module(2) on x86-64
 POWER_OFF = 0x4321FEDC  # reboot(2)

@@ -1,0 +1,48 @@
+#include "shared/file_text.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+class FileText : public testing::Test {
+  protected:
+    FileText() {
+        std::string name = testing::TempDir() + "lb_file_text_XXXXXX";
+        folder_ = mkdtemp(name.data());
+    }
+    ~FileText() override { std::filesystem::remove_all(folder_); }
+
+    std::filesystem::path folder_;
+    int error_ = 0;
+};
+
+TEST_F(FileText, is_all_that_the_file_holds) {
+    const std::string text = std::string(100'000, 'x') + '\0' + "end";
+    std::ofstream(folder_ / "file") << text;
+    EXPECT_EQ(shared::text_of_file(folder_ / "file", error_), text);
+}
+
+TEST_F(FileText, of_a_missing_file_is_told_as_such) {
+    EXPECT_EQ(shared::text_of_file(folder_ / "none", error_), std::nullopt);
+    EXPECT_EQ(error_, ENOENT);
+    EXPECT_EQ(shared::text_of_file(folder_ / "none"), "");
+}
+
+// A folder opens well; only reading it fails.
+TEST_F(FileText, of_what_cannot_be_read_is_an_error_and_no_exception) {
+    EXPECT_EQ(shared::text_of_file(folder_, error_), std::nullopt);
+    EXPECT_EQ(error_, EISDIR);
+}
+
+TEST_F(FileText, of_a_pipe_without_a_writer_is_not_waited_for) {
+    ASSERT_EQ(mkfifo((folder_ / "pipe").c_str(), 0600), 0);
+    EXPECT_EQ(shared::text_of_file(folder_ / "pipe", error_), "");
+}
+
+}  // namespace

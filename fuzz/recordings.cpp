@@ -1,9 +1,11 @@
-// The recorded nights that lbsim replays (comma-separated values), and the times that are typed.
+// The recorded nights that lbsim replays, as comma-separated values and as if lbwatch had recorded
+// them with verdicts and watches, and the times that are typed.
 #include <string>
 #include <vector>
 
 #include "fuzz/input.h"
 #include "lbsim/history.h"
+#include "lbsim/replay.h"
 
 namespace {
 
@@ -12,7 +14,38 @@ std::vector<lbsim::Uplink> two_uplinks() {
             {.name = "gi1_1",
              .is_ipv6 = true,
              .nexthop = "2001:db8::1",
-             .targets = {"2001:db8:1::53"}}};
+             .targets = {"2001:db8:1::53"},
+             .failure_us = 6'000'000,
+             .answer_us = 2'000'000}};
+}
+
+/// The simulation's clock never goes back, nor beyond the end.
+void check(const lbsim::Replayed& replayed) {
+    std::int64_t last_us = 0;
+    for (const lbsim::Event& event : replayed.scenario) {
+        if (event.at_us < last_us || event.at_us > replayed.duration_us) {
+            __builtin_trap();
+        }
+        last_us = event.at_us;
+    }
+}
+
+/// Each line is a verdict that turned, and the begin of a watch.
+lbsim::History as_recorded(const std::vector<lbsim::Observation>& observations) {
+    lbsim::History history{.observations = observations};
+    for (const lbsim::Observation& one : observations) {
+        history.turns.push_back({.at_ms = one.at_ms,
+                                 .uplink = one.uplink,
+                                 .is_ipv6 = one.is_ipv6,
+                                 .target = one.target,
+                                 .is_success = one.missed == 0,
+                                 .in_a_row = static_cast<int>(one.at_ms % 10) + 1});
+        history.watches.push_back({.uplink = one.uplink,
+                                   .is_ipv6 = one.is_ipv6,
+                                   .begin_ms = one.at_ms,
+                                   .end_ms = one.at_ms + one.at_ms % 100'000});
+    }
+    return history;
 }
 
 }  // namespace
@@ -21,15 +54,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const std::vector<lbsim::Uplink> uplinks = two_uplinks();
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     const lbsim::ParsedHistory parsed = lbsim::parse_csv(text);
-    const lbsim::Replayed replayed = lbsim::replay_of(parsed.observations, {}, uplinks);
-    std::int64_t last_us = 0;
-    for (const lbsim::Event& event : replayed.scenario) {
-        // The simulation's clock never goes back, nor beyond the end.
-        if (event.at_us < last_us || event.at_us > replayed.duration_us) {
-            __builtin_trap();
-        }
-        last_us = event.at_us;
-    }
+    check(lbsim::replay_of({.observations = parsed.observations}, {}, uplinks));
+    check(lbsim::replay_of(as_recorded(parsed.observations), {}, uplinks));
     for (const lbsim::Observation& one : parsed.observations) {
         lbsim::shown_time(one.at_ms);
     }

@@ -472,6 +472,9 @@ Replayed replay_of(const History& history, const Period& period,
         replayed.doubts.push_back(shown_path(path) +
                                   ": recorded, but not asked by this configuration");
     }
+    if (!is_any_known) {
+        replayed.scenario.clear();
+    }
     replayed.duration_us =
         is_any_known ? std::max<std::int64_t>(0, all.end_ms - all.begin_ms) * 1000 : 0;
     std::stable_sort(replayed.scenario.begin(), replayed.scenario.end(),

@@ -188,7 +188,7 @@ void Session::note_clock(const Moment& now) {
         const std::int64_t step = clock_step_ms(*last_, now);
         if (step != 0) {
             notice_("the clock was set " + std::string(step > 0 ? "forward" : "back") + " by " +
-                    length_text(std::abs(step) / 1000) + "; the history has a gap there");
+                    length_text((std::abs(step) + 500) / 1000) + "; the history has a gap there");
         }
     }
     last_ = now;

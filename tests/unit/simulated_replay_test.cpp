@@ -242,6 +242,15 @@ TEST(Gap, is_told_and_what_was_dead_stays_so) {
     EXPECT_EQ(condition_at(truth, 200'000'000), Condition::good);
 }
 
+TEST(Gap, that_ends_with_the_target_still_silent_ends_no_outage) {
+    // Somebody looks again at 105 s; no verdict turns, for it is what it was.
+    History history{.observations = {seen(0, 31, 19), seen(60, 0, 50), seen(120, 0, 60)},
+                    .turns = {failure(50)},
+                    .watches = {watch(0, 95), watch(105, 180)}};
+    EXPECT_EQ(text_of(replay_of(history, {}, one_uplink()).scenario),
+              "32s target 203.0.113.1 dead\n1m 35s not watched\n1m 45s watched again\n");
+}
+
 TEST(Gap, is_whatever_of_the_period_has_no_watch) {
     const auto replayed =
         replay_of({.observations = {seen(60, 59, 0)}, .watches = {watch(60, 120)}},

@@ -256,6 +256,21 @@ Weather weather_of(const Observation& one, std::int64_t until_ms) {
         .part = part, .change = Change::loss, .of_hundred = static_cast<int>(std::lround(share))};
 }
 
+/// A minute in which an outage was judged tells no more than that, unless nothing at all was
+/// answered in it while the outage as far as it is known did not last so long: the target was still
+/// silent when somebody looked again.
+bool is_explained(const Observation& one, const std::vector<Outage>& outages) {
+    const Part minute{one.at_ms, one.at_ms + minute_ms};
+    const auto judges = [&minute](const Outage& outage) {
+        return minute.shared_ms(outage.judged) > 0;
+    };
+    const auto covers = [&minute](const Outage& outage) {
+        return minute.shared_ms(outage.silent) == minute_ms;
+    };
+    return std::any_of(outages.begin(), outages.end(), judges) &&
+           (one.answered > 0 || std::any_of(outages.begin(), outages.end(), covers));
+}
+
 /// What was not as at the start, in the order of time, without overlaps. What was seen lasts until
 /// the next look; what an outage explains is the outage's.
 std::vector<Weather> weather_at(const Recorded& recorded, const Place& place, const Part& all) {
@@ -264,12 +279,7 @@ std::vector<Weather> weather_at(const Recorded& recorded, const Place& place, co
         const Observation& one = *place.seen[i];
         const std::int64_t until_ms =
             i + 1 < place.seen.size() ? place.seen[i + 1]->at_ms : all.end_ms;
-        // A moment of comma-separated values is no minute, but has no outage to be explained by.
-        const Part minute{one.at_ms, one.at_ms + minute_ms};
-        const bool is_explained = std::any_of(
-            place.outages.begin(), place.outages.end(),
-            [&minute](const Outage& outage) { return minute.shared_ms(outage.judged) > 0; });
-        if (one.missed > 0 && !is_explained) {
+        if (one.missed > 0 && !is_explained(one, place.outages)) {
             weather.push_back(weather_of(one, until_ms));
         }
     }

@@ -134,6 +134,73 @@ const nlmsghdr& head(const Buffer& buffer) {
     return *reinterpret_cast<const nlmsghdr*>(buffer.data());
 }
 
+std::string dump_request(Dump what, std::uint32_t selector) {
+    Buffer buffer;
+    append_dump(buffer, what, selector, 5);
+    return hex(buffer);
+}
+
+TEST_F(LittleEndian, questions_for_everything_of_a_kind_are_written_as_the_kernel_reads_them) {
+    const std::string head =
+        "010305000000"
+        "00000000";  // request for a dump, number, nobody's port
+    const std::string nothing8 = "0000000000000000";
+    EXPECT_EQ(dump_request(Dump::links, 3),
+              "28000000"
+              "1200" +
+                  head + nothing8 + nothing8 +
+                  "08001d00"
+                  "08000000");  // no counters
+    EXPECT_EQ(dump_request(Dump::addresses, 3),
+              "18000000"
+              "1600" +
+                  head + nothing8);
+    EXPECT_EQ(dump_request(Dump::next_hops, 3),
+              "18000000"
+              "6a00" +
+                  head + nothing8);
+    // Family, lengths, service, table, protocol 76: of no table in particular.
+    EXPECT_EQ(dump_request(Dump::own_routes4, 3),
+              "1c000000"
+              "1a00" +
+                  head +
+                  "02000000"
+                  "004c0000"
+                  "00000000");
+    EXPECT_EQ(dump_request(Dump::own_routes6, 3),
+              "1c000000"
+              "1a00" +
+                  head +
+                  "0a000000"
+                  "004c0000"
+                  "00000000");
+    // Of any protocol, in one table.
+    EXPECT_EQ(dump_request(Dump::routes4, 254),
+              "24000000"
+              "1a00" +
+                  head +
+                  "02000000"
+                  "00000000"
+                  "00000000"
+                  "08000f00"
+                  "fe000000");
+    EXPECT_EQ(dump_request(Dump::routes6, 254),
+              "24000000"
+              "1a00" +
+                  head +
+                  "0a000000"
+                  "00000000"
+                  "00000000"
+                  "08000f00"
+                  "fe000000");
+    EXPECT_EQ(dump_request(Dump::buckets, 9),
+              "20000000"
+              "7600" +
+                  head + nothing8 +
+                  "08000100"
+                  "09000000");
+}
+
 TEST(Messages, plain_multipath_route_is_read_as_it_was_written) {
     KernelRoute route;
     route.prefix = prefix("2001:db8::/32");

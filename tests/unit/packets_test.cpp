@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 
+#include "unit/support/echo_replies.h"
 #include "unit/support/faults.h"
 
 namespace {
@@ -40,6 +41,20 @@ TEST(Receive, failure_is_that_of_recv) {
     const FailCall fail(Call::recv, ENOBUFS);
     std::array<std::uint8_t, 4> buffer{};
     EXPECT_EQ(host::receive(-1, buffer).error, ENOBUFS);
+}
+
+TEST(WaitForPacket, is_woken_by_a_packet_by_its_bell_first_and_by_the_time) {
+    const DatagramPair pair;
+    host::Bell bell;
+    EXPECT_EQ(host::wait_for_packet(pair.near.get(), bell, 1000), host::Woken::by_time);
+
+    deliver(pair.far, {1});
+    EXPECT_EQ(host::wait_for_packet(pair.near.get(), bell, 1000), host::Woken::by_packet);
+
+    bell.ring();
+    EXPECT_EQ(host::wait_for_packet(pair.near.get(), bell, 1000), host::Woken::by_bell);
+    bell.silence();
+    EXPECT_EQ(host::wait_for_packet(pair.near.get(), bell, 1000), host::Woken::by_packet);
 }
 
 }  // namespace

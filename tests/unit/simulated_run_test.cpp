@@ -209,6 +209,14 @@ TEST(SimulatedRun, keeps_its_next_hop_when_the_lease_goes) {
     EXPECT_EQ(changes_of(story, "gi1_2"), "9 up, ");
 }
 
+TEST(SimulatedRun, reaches_every_target_again_through_an_uplink_that_is_clean) {
+    const std::string through = "20s gi1_1 ipv4 target 203.0.113.1 ";
+    const std::string behind = "\n60s gi1_1 clean\n100s gi1_2 alive";
+    EXPECT_EQ(changes_of(story_of(through + "dead" + behind), "gi1_1"), "6 up, 26 down, 63 up, ");
+    EXPECT_EQ(changes_of(story_of(through + "loss 100%" + behind), "gi1_1"),
+              "6 up, 26 down, 63 up, ");
+}
+
 TEST(SimulatedRun, takes_out_an_uplink_whose_link_or_next_hop_goes) {
     const Story story =
         story_of("20s gi1_1 link down\n40s gi1_1 link up\n60s gi1_1 nexthop dead\n80s gi1_1 clean");

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <map>
 #include <optional>
+#include <span>
 #include <tuple>
 #include <utility>
 
@@ -122,25 +123,36 @@ void place(Outage& outage, const Part& part, std::int64_t failure_ms, std::int64
     outage.judged.begin_ms = outage.silent.begin_ms;
 }
 
+/// Those that were judged within the minute; they are in the order of time.
+std::span<const Outage> outages_of(const Part& minute, const std::vector<Outage>& outages) {
+    const auto first = std::partition_point(
+        outages.begin(), outages.end(),
+        [&minute](const Outage& one) { return one.judged.end_ms <= minute.begin_ms; });
+    const auto last = std::partition_point(first, outages.end(), [&minute](const Outage& one) {
+        return one.judged.begin_ms < minute.end_ms;
+    });
+    return {first, last};
+}
+
 /// What was counted while the outage was judged tells when its first echo was given up, and so how
-/// long each of the next ones took.
+/// long each of the next ones took. None, where another outage shares a minute with it: nobody
+/// knows whose they are.
 std::optional<std::int64_t> counted_failure_ms(const Outage& outage, const Place& place,
                                                const Part& part, std::int64_t answer_ms) {
     if (!outage.failed || !outage.returned || outage.failed->in_a_row < 2) {
         return std::nullopt;
     }
     std::int64_t missed_ms = 0;
-    for (const Observation* one : place.seen) {
-        const Part minute{one->at_ms, one->at_ms + minute_ms};
-        const auto outages = std::count_if(
-            place.outages.begin(), place.outages.end(),
-            [&minute](const Outage& any) { return minute.shared_ms(any.judged) > 0; });
-        if (minute.shared_ms(outage.judged) > 0) {
-            if (outages > 1) {
-                return std::nullopt;  // nobody knows whose they are
-            }
-            missed_ms += one->missed * minute.shared_ms(part) / (one->answered + one->missed);
+    auto one = std::partition_point(place.seen.begin(), place.seen.end(),
+                                    [&outage](const Observation* seen) {
+                                        return seen->at_ms + minute_ms <= outage.judged.begin_ms;
+                                    });
+    for (; one != place.seen.end() && (*one)->at_ms < outage.judged.end_ms; ++one) {
+        const Part minute{(*one)->at_ms, (*one)->at_ms + minute_ms};
+        if (outages_of(minute, place.outages).size() > 1) {
+            return std::nullopt;
         }
+        missed_ms += (*one)->missed * minute.shared_ms(part) / ((*one)->answered + (*one)->missed);
     }
     const Turn& returned = *outage.returned;
     const std::int64_t first_answer_ms = returned.at_ms - (returned.in_a_row - 1) * answer_ms;
@@ -261,14 +273,12 @@ Weather weather_of(const Observation& one, std::int64_t until_ms) {
 /// silent when somebody looked again.
 bool is_explained(const Observation& one, const std::vector<Outage>& outages) {
     const Part minute{one.at_ms, one.at_ms + minute_ms};
-    const auto judges = [&minute](const Outage& outage) {
-        return minute.shared_ms(outage.judged) > 0;
-    };
-    const auto covers = [&minute](const Outage& outage) {
-        return minute.shared_ms(outage.silent) == minute_ms;
-    };
-    return std::any_of(outages.begin(), outages.end(), judges) &&
-           (one.answered > 0 || std::any_of(outages.begin(), outages.end(), covers));
+    const auto judged = outages_of(minute, outages);
+    return !judged.empty() &&
+           (one.answered > 0 ||
+            std::any_of(judged.begin(), judged.end(), [&minute](const Outage& outage) {
+                return minute.shared_ms(outage.silent) == minute_ms;
+            }));
 }
 
 /// What was not as at the start, in the order of time, without overlaps. What was seen lasts until

@@ -11,6 +11,8 @@ import struct
 import time
 import unittest.mock
 
+import soak_told as told
+
 from kit import LabTest, expect, main
 from kit import echo_policies as policy
 from kit import packets
@@ -159,6 +161,59 @@ class DaemonUnderTest(LabTest):
         expect(lambda: not daemon.running())
         with self.assertRaisesRegex(AssertionError, "ended with 3"):
             daemon.stop()
+
+
+def uplink_event(before, after, at=0, **fields):
+    return {"time": at, "event": "uplink", "uplink": "gi1_1", "family": 4, "namespace": "", "target": None, "rule": None,
+            "destinations": [], "from": before, "to": after, **fields}
+
+
+class SoakThatWasTold(unittest.TestCase):
+    """The soak's reckoning finds what an hour of soaking should not show. The uplink works but from 100 to 200 s."""
+
+    PAST = [(0, True), (100, False), (200, True)]
+
+    def account(self, *told_states, past=None, was_late=lambda *_: False):
+        account = told.Account()
+        account.judge("gi1_1", past or self.PAST, [(-1, True), *told_states], 300, lambda at: at + 15, was_late)
+        return account
+
+    def test_all_is_well(self):
+        account = self.account((106, False), (203, True))
+        self.assertEqual((account.lines, account.stretches, account.outages), ([], 3, 1))
+
+    def test_outage_that_is_not_told(self):
+        self.assertEqual(len(self.account().lines), 1)
+
+    def test_outage_that_is_told_too_late(self):
+        self.assertEqual(len(self.account((120, False), (203, True)).lines), 2)
+
+    def test_outage_that_never_was(self):
+        self.assertEqual(len(self.account((50, False), (53, True), (106, False), (203, True)).lines), 1)
+
+    def test_outage_shorter_than_the_daemon_sees_may_be_told_or_not(self):
+        past = [(0, True), (100, False), (110, True)]
+        for seen in ([], [(106, False), (113, True)]):
+            account = self.account(*seen, past=past)
+            self.assertEqual((account.lines, account.stretches, account.outages), ([], 2, 0))
+
+    def test_far_end_that_was_late_itself_is_left_out_and_counted(self):
+        account = self.account((50, False), (53, True), (106, False), (203, True), was_late=lambda begin, end: begin < 50 < end)
+        self.assertEqual((account.lines, account.stretches, account.left_out), ([], 2, 1))
+
+    def test_event_that_is_lost_or_doubled(self):
+        events = [uplink_event("active", "failed", 1), uplink_event("failed", "active", 2)]
+        self.assertEqual(told.differences("a", events[::-1], events), [])
+        self.assertEqual(len(told.differences("a", events[1:], events)), 1)
+        self.assertEqual(len(told.differences("a", events + events[:1], events)), 1)
+        self.assertEqual(told.broken_chains(events), [])
+        self.assertEqual(len(told.broken_chains(events + events[1:])), 1)
+        self.assertEqual(len(told.broken_chains(events[:1] + events[:1])), 1)
+        self.assertEqual(told.broken_chains(events[:1] + [uplink_event("active", "failed", 1, namespace="ns1")]), [])
+
+    def test_time_down(self):
+        self.assertEqual(told.down_s(self.PAST, 300), 100)
+        self.assertEqual(told.down_s(self.PAST[:2], 300), 200)
 
 
 class Sandbox(LabTest):

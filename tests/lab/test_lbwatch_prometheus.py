@@ -1,5 +1,4 @@
 """The real Prometheus and its alert manager beside lbwatch: they scrape it, and an outage reaches who is to know."""
-import http.client
 import http.server
 import json
 import os
@@ -8,33 +7,18 @@ import shutil
 import subprocess
 import threading
 import unittest
-import urllib.parse
 
 from kit import LabTest, expect, main
 from kit import echo_policies as policy
 from kit import sandbox
 from kit.daemon import ROOT
 from kit.lbwatch import Lbwatch
+from kit.prometheus import UNPACKED, ask, program, query, run_beside, run_prometheus
 from scenes import attach_two, two_uplinks
 
-UNPACKED = [os.path.join(ROOT, f"build/tools/{name}/usr") for name in ("prometheus", "alertmanager")]
 RULES = os.path.join(ROOT, "packaging/prometheus/lb.rules.yml")
 RULE_TESTS = os.path.join(ROOT, "tests/prometheus/lb.rules.test.yml")
 DASHBOARD = os.path.join(ROOT, "examples/grafana-dashboard.json")
-
-
-def program(name):
-    """The unpacked one, or the machine's."""
-    return shutil.which(name, path=os.pathsep.join(f"{folder}/bin" for folder in UNPACKED)) or shutil.which(name)
-
-
-def ask(port, path):
-    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=15)
-    try:
-        connection.request("GET", path)
-        return connection.getresponse().read().decode()
-    finally:
-        connection.close()
 
 
 @unittest.skipUnless(program("promtool"), "there is no promtool; scripts/deps unpacks it")
@@ -73,9 +57,9 @@ class Neighbours(LabTest):
             self.addCleanup(sandbox.unmount, "/usr/share")
 
     def run_beside(self, name, *arguments):
-        path = os.path.join(self.folder, name + ".log")
-        with open(path, "wb") as log:
-            process = subprocess.Popen([program(name), *arguments], cwd=self.folder, stdout=log, stderr=log)
+        self.end_with_test(run_beside(name, self.folder, *arguments))
+
+    def end_with_test(self, process):
         self.addCleanup(process.wait)
         self.addCleanup(process.kill)
 
@@ -117,20 +101,13 @@ class Neighbours(LabTest):
                    "alerting: {alertmanagers: [{static_configs: [{targets: ['127.0.0.1:9093']}]}]}\n")
         self.run_beside("prometheus-alertmanager", "--config.file=alertmanager.yml", "--storage.path=am",
                         "--cluster.listen-address=", "--web.listen-address=127.0.0.1:9093")
-        self.run_beside("prometheus", "--config.file=prometheus.yml", "--storage.tsdb.path=tsdb",
-                        "--web.listen-address=127.0.0.1:9090")
+        self.end_with_test(run_prometheus(self.folder))
         expect(lambda: self.query("lb_up") == [1.0], within=60, what="Prometheus scrapes lbwatch")
 
     @staticmethod
     def query(expression):
         """The values of an instant query; none while Prometheus does not answer."""
-        try:
-            told = json.loads(ask(9090, "/api/v1/query?" + urllib.parse.urlencode({"query": expression})))
-        except (OSError, ValueError):
-            return []
-        if told["status"] != "success":
-            raise AssertionError(f"{expression}: {told}")
-        return [float(one["value"][1]) for one in told["data"]["result"]]
+        return [float(one["value"][1]) for one in query(expression)]
 
     @unittest.skipUnless(program("promtool"), "there is no promtool; scripts/deps unpacks it")
     def test_metrics_please_the_checker(self):

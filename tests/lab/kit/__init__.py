@@ -16,6 +16,7 @@
     lbroute         the program that puts fragments into force, and the kernel's routes
     lbwatch         the program that follows the daemon, and dumps written by script
     browser         a real browser, driven over HTTP
+    prometheus      the real Prometheus, and what it is asked
     lbshow          what the companion program shows of the daemon
     routing_daemon  the captured routing daemon and the real one
     newer_bird      the routing daemons bird 2 and 3

@@ -10,6 +10,7 @@
 
 #include "lbsim/apart.h"
 #include "lbsim/packed.h"
+#include "shared/output_file.h"
 
 namespace lbsim {
 
@@ -52,10 +53,9 @@ std::string read_file(const std::string& path) {
 }
 
 void write_file(const std::string& path, const std::string& text) {
-    std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "we"), fclose);
-    if (file == nullptr || fwrite(text.data(), 1, text.size(), file.get()) != text.size() ||
-        fclose(file.release()) != 0) {
-        complain(path);
+    const std::string problem = shared::write_output(path, text);
+    if (!problem.empty()) {
+        throw Unusable{"lbsim: " + problem + '\n'};
     }
 }
 

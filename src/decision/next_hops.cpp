@@ -26,7 +26,7 @@ nanoseconds now() {
 std::string read_lease(const std::string& ifname, bool ipv6) {
     const std::string path =
         (ipv6 ? "/var/db/dhcp6_client" : "/var/db/dhclient_") + ifname + ".leases";
-    const host::File leases = host::open_file(path, "r");
+    const host::File leases = host::open_regular_file(path);
     if (leases == nullptr) {
         return "";
     }

@@ -13,8 +13,11 @@ struct CloseFile {
     void operator()(FILE* file) const { fclose(file); }
 };
 using File = std::unique_ptr<FILE, CloseFile>;
-/// Opens as fopen(3) does; null where that fails.
+/// Opens as fopen(3) does; null where that fails. What is opened for writing never waits: a pipe
+/// that nobody reads cannot be opened, one that is full fails the write.
 File open_file(const std::string& path, const char* mode);
+/// For reading, without waiting; null also where it is no regular file: a pipe, a device.
+File open_regular_file(const std::string& path);
 /// When the file behind a stream was modified last, since the epoch by the wall clock; this very
 /// moment where the host cannot tell.
 std::chrono::nanoseconds modification_time(FILE* file);

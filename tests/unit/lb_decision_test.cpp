@@ -62,7 +62,7 @@ struct Deciding : testing::Test {
     }
     /// The route text of a run; files, processes and shells are out of reach meanwhile.
     std::string run() {
-        const faults::FailCall no_file(faults::Call::fopen, EACCES);
+        const faults::FailCall no_file(faults::Call::open, EACCES);
         const faults::FailCall no_shell(faults::Call::popen, EAGAIN);
         LBDecision().run(data, ctx);
         return data.last_routes4[""];
@@ -158,14 +158,14 @@ TEST_F(Deciding, unchanged_routes_touch_nothing) {
     interface("a", "10.0.0.1");
     rule("1_ipv4", {{"0.0.0.0/0", -1}}, {{"a", 1}});
     run();
-    const faults::FailCall no_file(faults::Call::fopen, EACCES);
+    const faults::FailCall no_file(faults::Call::open, EACCES);
     const faults::FailCall no_shell(faults::Call::popen, EAGAIN);
     LBDecision().run(data, ctx);
     EXPECT_EQ(no_file.calls() + no_shell.calls(), 0);
 }
 
 TEST_F(Deciding, empty_routes_at_the_start_touch_nothing) {
-    const faults::FailCall no_file(faults::Call::fopen, EACCES);
+    const faults::FailCall no_file(faults::Call::open, EACCES);
     LBDecision().run(data, ctx);
     EXPECT_EQ(no_file.calls(), 0);
 }

@@ -451,11 +451,11 @@ TEST_F(TwoWorkers, change_of_an_own_interface_is_written_at_once) {
 
 TEST_F(TwoWorkers, rewriting_that_failed_spares_nobody) {
     {
-        const FailCall no_file(Call::fopen, EACCES);
+        const FailCall no_file(Call::open, EACCES);
         output->write(data, sibling);
     }
     EXPECT_EQ(rewritten(ctx), std::set<std::string>{});  // the sibling's of the cycle before
-    const FailCall no_file(Call::fopen, EACCES);
+    const FailCall no_file(Call::open, EACCES);
     output->write(data, sibling);
     const auto before = log.lines().size();
     output->write(data, ctx);

@@ -12,6 +12,7 @@
 #include "lbshow/plain_text.h"
 #include "lbsim/apart.h"
 #include "lbsim/packed.h"
+#include "shared/output_file.h"
 
 namespace lbsim {
 
@@ -74,10 +75,9 @@ std::string read_beginning(const std::string& path, std::size_t most) {
 }
 
 void write_file(const std::string& path, const std::string& text) {
-    std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "we"), fclose);
-    if (file == nullptr || fwrite(text.data(), 1, text.size(), file.get()) != text.size() ||
-        fclose(file.release()) != 0) {
-        complain(path);
+    const std::string problem = shared::write_output(path, text);
+    if (!problem.empty()) {
+        throw Unusable{"lbsim: " + problem + '\n'};
     }
 }
 

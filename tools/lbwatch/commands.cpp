@@ -1,6 +1,5 @@
 #include "lbwatch/commands.h"
 
-#include <fstream>
 #include <iostream>
 
 #include "lbwatch/history_reader.h"
@@ -9,6 +8,7 @@
 #include "lbwatch/moment.h"
 #include "lbwatch/report_page.h"
 #include "lbwatch/report_text.h"
+#include "shared/output_file.h"
 
 namespace lbwatch {
 
@@ -78,9 +78,8 @@ int report(const ReportOptions& options) {
         return fail(history.problem());
     }
     if (!options.html.empty()) {
-        std::ofstream file(options.html, std::ios::binary | std::ios::trunc);
-        file << html_of(made) << std::flush;
-        return file ? 0 : fail(options.html + " cannot be written");
+        const std::string problem = shared::write_output(options.html, html_of(made));
+        return problem.empty() ? 0 : fail(problem);
     }
     std::cout << (options.as_json  ? json_of(made) + "\n"
                   : options.as_csv ? csv_of(made)

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -56,6 +57,24 @@ std::string joined(const std::vector<std::string>& words) {
     return text;
 }
 
+/// Why a file is not written, though there is something. A pipe would hold us up for ever; somebody
+/// else's link would turn the history against another file.
+std::string problem_of_place(const std::string& path) {
+    struct stat found {};
+    if (lstat(path.c_str(), &found) != 0) {
+        return "";
+    }
+    if (S_ISLNK(found.st_mode)) {
+        if (found.st_uid != 0 && found.st_uid != geteuid()) {
+            return "it is a symbolic link of another user";
+        }
+        if (stat(path.c_str(), &found) != 0) {
+            return "";
+        }
+    }
+    return S_ISREG(found.st_mode) ? "" : "it is no regular file";
+}
+
 bool is_error(int code) {
     return code != SQLITE_OK && code != SQLITE_DONE && code != SQLITE_ROW;
 }
@@ -89,6 +108,10 @@ bool History::open() {
             return false;
         }
         lock_ = std::move(lock);
+    }
+    if (const std::string problem = problem_of_place(path_); !problem.empty()) {
+        fail(SQLITE_CANTOPEN, problem);
+        return false;
     }
     constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     database_ = std::make_unique<Database>(path_, flags);

@@ -64,6 +64,11 @@ HistoryReader::HistoryReader(const std::string& path) : path_(path) {
                   : "there is no history at " + path + ": is lbwatch running, and with this file?";
         return;
     }
+    // A pipe would be waited for without an end.
+    if (!std::filesystem::is_regular_file(path, error)) {
+        problem_ = path + " is no regular file";
+        return;
+    }
     database_ = std::make_unique<Database>(
         address_of(path), SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_URI);
     const auto version =

@@ -74,6 +74,10 @@ File open_file(const std::string& path, const char* mode) {
     return found == files.end() ? nullptr : File(stream_of(found->second));
 }
 
+File open_regular_file(const std::string& path) {
+    return open_file(path, "r");
+}
+
 // Files of the simulated machine are written in one go, long ago.
 std::chrono::nanoseconds modification_time(FILE* /*file*/) {
     return {};

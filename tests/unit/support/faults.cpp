@@ -247,8 +247,7 @@ int __wrap_kill(pid_t process, int signal) {
 
 decltype(fopen) __real_fopen;
 FILE* __wrap_fopen(const char* path, const char* mode) {
-    return through<Call::fopen, Failure::nothing>(answering(&StandIns::fopen, __real_fopen), path,
-                                                  mode);
+    return through<Call::fopen, Failure::nothing>(__real_fopen, path, mode);
 }
 
 decltype(fwrite) __real_fwrite;
@@ -356,8 +355,8 @@ void reset_stand_ins() {
     stand_ins = &all_real;
 }
 
-FILE* real_fopen(const char* path, const char* mode) {
-    return __real_fopen(path, mode);
+int real_open(const char* path, int flags, mode_t mode) {
+    return __real_open(path, flags, mode);
 }
 
 FILE* real_popen(const char* command, const char* mode) {

@@ -21,7 +21,6 @@ namespace faults {
 /// Functions of a test that are called instead of the real ones; null keeps the real one. A fault
 /// of the same call goes first.
 struct StandIns {
-    FILE* (*fopen)(const char* path, const char* mode) = nullptr;
     FILE* (*popen)(const char* command, const char* mode) = nullptr;
     int (*kill)(pid_t process, int signal) = nullptr;
     int (*ioctl)(int fd, unsigned long request, ...) = nullptr;
@@ -33,7 +32,7 @@ void set_stand_ins(const StandIns& stand_ins);
 void reset_stand_ins();
 
 /// What stands behind the wrappers, for stand-ins that pass calls on.
-FILE* real_fopen(const char* path, const char* mode);
+int real_open(const char* path, int flags, mode_t mode);
 FILE* real_popen(const char* command, const char* mode);
 
 enum class Call : std::size_t {

@@ -1,6 +1,7 @@
 #include "unit/support/given_router.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
@@ -36,12 +37,21 @@ bool is_routers(std::string_view path) {
 }  // namespace
 
 struct GivenRouter::Calls {
-    static FILE* open(const char* path, const char* mode) {
-        if (!is_routers(path)) {
-            return faults::real_fopen(path, mode);
+    static int open(const char* path, int flags, ...) {
+        mode_t mode = 0;
+        if ((flags & O_CREAT) != 0) {
+            va_list arguments;
+            va_start(arguments, flags);
+            mode = va_arg(arguments, mode_t);
+            va_end(arguments);
         }
-        current->note(std::string("open ") + path + " " + mode);
-        return faults::real_fopen(current->below(path).c_str(), mode);
+        if (!is_routers(path)) {
+            return faults::real_open(path, flags, mode);
+        }
+        current->note(std::string("open ") + path +
+                      ((flags & O_ACCMODE) == O_RDONLY ? " r" : " w") +
+                      ((flags & O_CLOEXEC) != 0 ? "e" : ""));
+        return faults::real_open(current->below(path).c_str(), flags, mode);
     }
 
     static FILE* run(const char* command, const char* mode) {
@@ -92,7 +102,7 @@ GivenRouter::GivenRouter() {
     folder_ = folder;
     current = this;
     static constexpr faults::StandIns calls{
-        .fopen = Calls::open, .popen = Calls::run, .kill = Calls::signal, .ioctl = Calls::ask};
+        .popen = Calls::run, .kill = Calls::signal, .ioctl = Calls::ask, .open = Calls::open};
     faults::set_stand_ins(calls);
 }
 

@@ -110,6 +110,20 @@ class Web(Scripted):
         self.assertIn("text/csv", get("/api/report?format=csv")[1]["Content-Type"])
         self.assertEqual(get("/api/report?since=never")[0], 400)
 
+    def test_of_very_many_events_the_latest_are_told(self):
+        self.settled()
+        minute_ago_ms = (int(time.time()) - 60) * 1000
+        with sqlite3.connect(HISTORY) as database:
+            database.executemany(
+                "INSERT INTO event (time_ms, kind, namespace, family, name, target, rule, destinations, before, after, "
+                "reason) VALUES (?, 'uplink', '', 4, 'eth1', '', '', '', 'active', 'failed', ?)",
+                [(minute_ago_ms, str(number)) for number in range(5600)])
+        database.close()
+
+        told = json.loads(get("/api/events?since=1h")[2])
+
+        self.assertEqual([one["reason"] for one in told], [str(number) for number in range(600, 5600)])
+
     def test_stream_tells_events_as_they_come(self):
         watch = self.settled()
         with socket.create_connection(ADDRESS, timeout=15) as stream:

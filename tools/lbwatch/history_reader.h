@@ -28,7 +28,8 @@ class HistoryReader {
         std::string uplink;
     };
 
-    /// In the order of their recording. Routes and daemon events are of no uplink.
+    /// In the order of their recording. Routes and daemon events are of no uplink. `take` may take
+    /// its time: nothing is held meanwhile.
     void events(const Selection& selection, const std::function<void(const Event&)>& take);
     /// The latest so many, oldest first.
     std::vector<Event> latest(int count);
@@ -42,6 +43,8 @@ class HistoryReader {
 
   private:
     void check(int code);
+    std::int64_t read_batch(const Selection& selection, std::int64_t first, std::int64_t last,
+                            std::vector<Event>& batch);
 
     std::unique_ptr<Database> database_;
     std::string path_;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <deque>
 #include <string_view>
 #include <utility>
 
@@ -201,14 +202,16 @@ class Web::Routes : public httplib::Server {
             return;
         }
         const auto view = board_.view();
-        std::vector<Event> found;
+        std::deque<Event> found;
         std::string problem = "no history is kept";
         if (!view->history.empty()) {
             HistoryReader history(view->history);
+            // What happened last is what is looked for.
             constexpr std::size_t most = 5000;
             history.events(selection, [&found](const Event& event) {
-                if (found.size() < most) {
-                    found.push_back(event);
+                found.push_back(event);
+                if (found.size() > most) {
+                    found.pop_front();
                 }
             });
             problem = history.problem();
@@ -224,7 +227,7 @@ class Web::Routes : public httplib::Server {
                 }
             }
         }
-        answer.set_content(json_of(found) + "\n", "application/json");
+        answer.set_content(json_of({found.begin(), found.end()}) + "\n", "application/json");
     }
 
     void report(const httplib::Request& asked, httplib::Response& answer) const {

@@ -230,8 +230,8 @@ class Together:  # pylint: disable=too-many-instance-attributes
             most_kb = max(one[2].rss_kb for one in settled)
             allowed_kb = MEMORY_ALLOWANCE_KB[name] + MEMORY_A_CHANGE_KB[name] * (settled[-1][3] - settled[0][3])
             print(f"{name} from minute {settled[0][0]} to {settled[-1][0]}: RSS {first.rss_kb} -> {last.rss_kb} kB "
-                  f"(at most {most_kb}, {first.rss_kb + allowed_kb} allowed), descriptors {first.descriptors} -> {last.descriptors}, threads {first.threads} -> "
-                  f"{last.threads}")
+                  f"(at most {most_kb}, {first.rss_kb + allowed_kb} allowed), descriptors {first.descriptors} -> "
+                  f"{last.descriptors}, threads {first.threads} -> {last.threads}")
             if most_kb > first.rss_kb + allowed_kb:
                 lines.append(f"the memory of {name} grew")
             early, late = ([one[2] for one in part] for part in (settled[:MINUTES_COMPARED],
@@ -245,7 +245,8 @@ class Together:  # pylint: disable=too-many-instance-attributes
 def soak(lab, dice, minutes, uplinks, settle_cycles):
     """The exit status."""
     run = Together(lab, dice, uplinks, settle_cycles)
-    print(f"soak: {uplinks} uplinks, {sum(one.has_lease for one in run.network.uplinks)} of them with leases, {minutes} min, "
+    leases = sum(one.has_lease for one in run.network.uplinks)
+    print(f"soak: {uplinks} uplinks, {leases} of them with leases, {minutes} min, "
           f"{settle_cycles} cycles to notice, {PROMISE_S} s for the kernel's routes", flush=True)
     lines = []
     if run.run(minutes):
@@ -256,7 +257,8 @@ def soak(lab, dice, minutes, uplinks, settle_cycles):
     lines += run.judge_growth()
     if run.routing.ready_after_s:
         print(f"lbroute was killed {run.routing.kills} times; all routes were in the kernel "
-              f"{statistics.median(run.routing.ready_after_s):.2f} s after a start, {max(run.routing.ready_after_s):.2f} s at most")
+              f"{statistics.median(run.routing.ready_after_s):.2f} s after a start, "
+              f"{max(run.routing.ready_after_s):.2f} s at most")
     lines += [f"{count} times wrong: {kind}" for kind, count in run.errors.counts.items() if count]
     for line in lines[:100]:
         print("fault: " + line)

@@ -157,6 +157,26 @@ std::vector<Event> HistoryReader::latest(int count) {
     return events;
 }
 
+bool HistoryReader::has_more_spans(const Selection& selection, std::int64_t than) {
+    if (!problem_.empty()) {
+        return false;
+    }
+    const std::string sql =
+        std::string(
+            "SELECT count(*) FROM (SELECT 1 FROM span JOIN uplink ON uplink.id = span.uplink "
+            "WHERE end_ms >= ? AND begin_ms < ?") +
+        (selection.uplink.empty() ? "" : " AND name = ?") + " LIMIT " + std::to_string(than + 1) +
+        ")";
+    Statement rows = database_->statement(sql.c_str());
+    rows.bind(selection.since_ms).bind(selection.until_ms);
+    if (!selection.uplink.empty()) {
+        rows.bind(selection.uplink);
+    }
+    const int code = rows.step();
+    check(code);
+    return code == SQLITE_ROW && rows.number(0) > than;
+}
+
 std::vector<Span> HistoryReader::spans(const Selection& selection) {
     std::vector<Span> spans;
     if (!problem_.empty()) {

@@ -34,6 +34,8 @@ class HistoryReader {
     /// The latest so many, oldest first.
     std::vector<Event> latest(int count);
 
+    /// Whether more spans than that reach into the time.
+    bool has_more_spans(const Selection& selection, std::int64_t than);
     /// Those that reach into the time, in the order of their recording, not clipped.
     std::vector<Span> spans(const Selection& selection);
     /// In the order of time.

@@ -118,15 +118,17 @@ class Watch:
                 self._errors.add("verdict", f"{one.key} is {published.get(one.key)}, {one.works} is right")
             used = fragments[one.key[:2]] & set(one.gateways)
             if used != one.right_gateways():
-                self._errors.add("fragment", f"{one.key} goes over {used or 'none'}, {one.right_gateways() or 'none'} is right")
+                self._errors.add("fragment", f"{one.key} goes over {used or 'none'}, "
+                                 f"{one.right_gateways() or 'none'} is right")
 
     def was_wrong(self):
         return bool(self._errors.counts)
 
     def text(self):
         counts = self._errors.counts
-        return (f"{counts['verdict']} of {self.compared} verdicts wrong, {counts['fragment']} of {self.compared} fragments "
-                f"wrong" + (f", {self.left_out} left out (a far end was late)" if self.left_out else ""))
+        late = f", {self.left_out} left out (a far end was late)" if self.left_out else ""
+        return (f"{counts['verdict']} of {self.compared} verdicts wrong, "
+                f"{counts['fragment']} of {self.compared} fragments wrong{late}")
 
 
 class KernelRoutes:

@@ -8,6 +8,8 @@
 #include "lbwatch/history.h"
 #include "lbwatch/history_reader.h"
 #include "lbwatch/records.h"
+#include "lbwatch/session.h"
+#include "lbwatch/sqlite.h"
 #include "unit/support/lbwatch_items.h"
 
 namespace {
@@ -317,6 +319,80 @@ TEST_F(LbwatchHistory, rows_are_kept_as_long_as_they_are_wanted) {
                    [&rows](const Minute&) { ++rows; });
     EXPECT_EQ(rows, 1);
     EXPECT_EQ(told().size(), 1U);
+}
+
+TEST_F(LbwatchHistory, uplink_that_never_rests_does_not_fill_the_disk) {
+    Event calm = event(0, "absent", "active");
+    calm.uplink.name = "eth1";
+    {
+        History history(path, notice());
+        history.add(calm);
+        for (int i = 1; i <= 40; ++i) {
+            history.add(
+                event(i, i % 2 == 0 ? "failed" : "active", i % 2 == 0 ? "active" : "failed"));
+            history.add(std::vector<Span>{{.uplink = key("eth0"),
+                                           .state = i % 2 == 0 ? active : failed,
+                                           .begin_ms = at(i).wall_ms,
+                                           .end_ms = at(i + 1).wall_ms,
+                                           .reason = ""}});
+        }
+        history.commit();
+        history.forget_old(at(60).wall_ms, {.events = 10, .spans = 20});
+        history.forget_old(at(60).wall_ms, {.events = 10, .spans = 20});
+    }
+    const auto kept = told();
+    ASSERT_EQ(kept.size(), 11U);
+    EXPECT_EQ(kept.front(), calm);
+    EXPECT_EQ(kept.back(), event(40, "failed", "active"));
+    HistoryReader reader(path);
+    EXPECT_EQ(reader.spans({.since_ms = 0, .until_ms = at(100).wall_ms, .uplink = ""}).size(), 20U);
+    ASSERT_EQ(notices.size(), 1U);
+    EXPECT_NE(notices[0].find("holds 10 events, the most that are kept"), std::string::npos);
+    const History again(path, [](const std::string&) {});
+    EXPECT_EQ(again.remembered().uplinks.size(), 2U);
+}
+
+TEST_F(LbwatchHistory, reader_that_waits_does_not_keep_the_log_from_being_emptied) {
+    History history(path, notice());
+    for (int i = 0; i < 1200; ++i) {
+        history.add(event(i, "active", "failed"));
+    }
+    history.commit();
+    HistoryReader reader(path);
+    int rows = 0;
+    reader.events({.since_ms = at(1).wall_ms, .until_ms = at(1101).wall_ms, .uplink = "eth0"},
+                  [&](const Event& one) {
+                      EXPECT_EQ(one, event(++rows, "active", "failed"));
+                      if (rows == 600) {
+                          Database writer(path, SQLITE_OPEN_READWRITE);
+                          EXPECT_EQ(writer.number("PRAGMA wal_checkpoint(TRUNCATE)"), 0);
+                          history.add(event(1100.5, "failed", "active"));
+                          history.commit();
+                      }
+                  });
+    EXPECT_EQ(rows, 1100);
+    EXPECT_EQ(reader.problem(), "");
+}
+
+TEST(LbwatchClock, is_not_trusted_for_a_day_after_it_was_set_by_a_day_or_more) {
+    Session session("/nonexistent", [](const std::string&) {});
+    const auto look = [&session](const Moment& now) {
+        session.tick([] { return DaemonWatch::Evidence::alive; }, now);
+        return session.is_clock_trusted(now);
+    };
+    constexpr std::int64_t day_ms = 86'400'000;
+    Moment now = at(0);
+    EXPECT_TRUE(look(now));
+    now = {.wall_ms = now.wall_ms + 3'600'000, .boot_ms = now.boot_ms + 1000};
+    EXPECT_TRUE(look(now));
+    for (const std::int64_t step_ms : {day_ms * 4000, -day_ms * 4000}) {
+        now = {.wall_ms = now.wall_ms + step_ms, .boot_ms = now.boot_ms + 1000};
+        EXPECT_FALSE(look(now));
+        now = {.wall_ms = now.wall_ms + day_ms - 1, .boot_ms = now.boot_ms + day_ms - 1};
+        EXPECT_FALSE(look(now));
+    }
+    now = {.wall_ms = now.wall_ms + 1000, .boot_ms = now.boot_ms + 1000};
+    EXPECT_TRUE(look(now));
 }
 
 TEST_F(LbwatchHistory, file_that_is_not_there_is_a_clear_problem) {

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <sstream>
 
+#include "lbwatch/drawing.h"
 #include "lbwatch/json.h"
 #include "lbwatch/report.h"
 #include "lbwatch/report_page.h"
@@ -181,6 +183,61 @@ TEST(LbwatchJsonReport, tells_what_is_not_known_as_null) {
     const std::string json = json_of(report_of(10, {span(0, 10, UplinkState::unknown)}));
     EXPECT_NE(json.find("\"availability_percent\":null"), std::string::npos);
     EXPECT_NE(json.find("\"mean_between_s\":null"), std::string::npos);
+}
+
+/// A day of an uplink that begins active, failed for the latter seconds of each `every_s`.
+UplinkReport flapping(int every_s, int failed_s) {
+    UplinkReport uplink;
+    for (int begin_s = 0; begin_s + every_s <= 86'400; begin_s += every_s) {
+        const std::int64_t begin_ms = at(begin_s).wall_ms;
+        const std::int64_t end_ms = at(begin_s + every_s).wall_ms;
+        const std::int64_t failed_ms = end_ms - failed_s * 1000;
+        uplink.pieces.push_back(
+            {.begin_ms = begin_ms, .end_ms = failed_ms, .known = Known::active, .reason = ""});
+        uplink.pieces.push_back(
+            {.begin_ms = failed_ms, .end_ms = end_ms, .known = Known::failed, .reason = "why"});
+    }
+    return uplink;
+}
+
+int count_of(const std::string& text, const std::string& words) {
+    int count = 0;
+    for (std::size_t found = text.find(words); found != std::string::npos;
+         found = text.find(words, found + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST(LbwatchBand, shows_each_outage_however_short) {
+    const std::string drawn = band(flapping(7200, 5), at(0).wall_ms, at(86'400).wall_ms, "");
+    EXPECT_EQ(count_of(drawn, "class=\"failed\""), 12);
+    EXPECT_EQ(count_of(drawn, "class=\"active\""), 12);
+    EXPECT_EQ(count_of(drawn, "(5s): why</title>"), 12);
+}
+
+TEST(LbwatchBand, of_a_line_that_flaps_all_day_is_drawn_by_few_rectangles) {
+    const std::string drawn = band(flapping(10, 4), at(0).wall_ms, at(86'400).wall_ms, "");
+    const int outages = count_of(drawn, "class=\"failed\"");
+    EXPECT_GT(outages, 200);
+    EXPECT_LT(outages, 500);
+    EXPECT_EQ(count_of(drawn, "class=\"active\""), outages);
+    EXPECT_EQ(count_of(drawn, "failed 34 times, "), outages - 1);
+}
+
+TEST(LbwatchBand, of_very_many_pieces_shows_what_nobody_watched) {
+    UplinkReport uplink;
+    for (int i = 0; i < 120; ++i) {
+        uplink.pieces.push_back(
+            {.begin_ms = at(i).wall_ms,
+             .end_ms = at(i + 1).wall_ms,
+             .known = std::array{Known::active, Known::unwatched,
+                                 Known::unknown}[static_cast<std::size_t>(i) % 3],
+             .reason = ""});
+    }
+    const std::string drawn = band(uplink, at(0).wall_ms, at(86'400).wall_ms, "");
+    EXPECT_EQ(count_of(drawn, "<rect"), 1);
+    EXPECT_EQ(count_of(drawn, "class=\"unwatched\""), 1);
 }
 
 TEST(LbwatchHtmlReport, needs_no_network_and_no_script_and_escapes_everything) {

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <ctime>
+#include <optional>
 
 #include "lbshow/plain_text.h"
 #include "lbwatch/moment.h"
@@ -15,6 +16,9 @@ namespace lbwatch {
 namespace {
 
 constexpr double width = 1000;
+/// What is narrower in a band is widened, or, of more pieces than that, drawn with its neighbours.
+constexpr double least_width = 2;
+constexpr std::size_t most_single = 100;
 
 /// The pattern that fills what nobody watched, once a page.
 constexpr const char* hatch =
@@ -59,6 +63,44 @@ std::string title_of(const Piece& piece) {
            ")" + (piece.known == Known::failed && !piece.reason.empty() ? ": " + piece.reason : "");
 }
 
+/// Neighbours that are drawn together: what was failed, in front of the rest.
+struct Crowd {
+    std::optional<Piece> failed;  ///< from the begin of the first outage to the end of the last
+    std::optional<Piece> rest;    ///< from end to end; of its kinds the one that is known least
+    int outages = 0;
+    int others = 0;
+
+    void add(const Piece& piece) {
+        const bool is_outage = piece.known == Known::failed;
+        ++(is_outage ? outages : others);
+        std::optional<Piece>& part = is_outage ? failed : rest;
+        if (!part) {
+            part = piece;
+        }
+        part->end_ms = piece.end_ms;
+        if (piece.known == Known::unwatched || part->known == Known::active) {
+            part->known = piece.known;
+        }
+    }
+    std::int64_t begin_ms() const {
+        return std::min(failed ? failed->begin_ms : rest->begin_ms,
+                        rest ? rest->begin_ms : failed->begin_ms);
+    }
+    std::int64_t end_ms() const {
+        return std::max(failed ? failed->end_ms : rest->end_ms,
+                        rest ? rest->end_ms : failed->end_ms);
+    }
+};
+
+/// Of several pieces, how often.
+std::string title_of(const Piece& piece, int times) {
+    if (times == 1) {
+        return title_of(piece);
+    }
+    return std::string(word_of(piece.known)) + " " + std::to_string(times) + " times, " +
+           local_time(piece.begin_ms) + " to " + local_time(piece.end_ms);
+}
+
 std::string rounded(double value) {
     std::array<char, 32> text{};
     snprintf(text.data(), text.size(), value < 10 ? "%.1f" : "%.0f", value);
@@ -100,16 +142,48 @@ std::string band(const UplinkReport& uplink, std::int64_t since_ms, std::int64_t
         "preserveAspectRatio=\"none\" aria-label=\"" +
         escaped(label) + "\">";
     std::string failed;
-    for (const Piece& piece : uplink.pieces) {
-        const double begin = place(piece.begin_ms, since_ms, until_ms);
-        const double length = place(piece.end_ms, since_ms, until_ms) - begin;
-        if (piece.known == Known::failed) {
+    const auto at = [&](std::int64_t at_ms) { return place(at_ms, since_ms, until_ms); };
+    const auto width_of = [&](std::int64_t begin_ms, std::int64_t end_ms) {
+        return at(end_ms) - at(begin_ms);
+    };
+    const auto draw = [&](const Crowd& crowd) {
+        if (crowd.rest) {
+            const Piece& rest = *crowd.rest;
+            text += rectangle(at(rest.begin_ms), 4, width_of(rest.begin_ms, rest.end_ms), 24,
+                              word_of(rest.known), title_of(rest, crowd.others));
+        }
+        if (crowd.failed) {
             // However short, an outage is seen.
-            failed += rectangle(begin, 0, std::max(length, 2.0), 32, "failed", title_of(piece));
-        } else {
-            text += rectangle(begin, 4, length, 24, word_of(piece.known), title_of(piece));
+            const Piece& outage = *crowd.failed;
+            failed += rectangle(at(outage.begin_ms), 0,
+                                std::max(width_of(outage.begin_ms, outage.end_ms), least_width), 32,
+                                "failed", title_of(outage, crowd.outages));
+        }
+    };
+    // Of very many, which a line that flaps all day has, those that no eye can part are drawn
+    // together.
+    const bool is_crowded = uplink.pieces.size() > most_single;
+    std::optional<Crowd> narrow;
+    const auto end_crowd = [&] {
+        if (narrow) {
+            draw(*narrow);
+            narrow.reset();
+        }
+    };
+    for (const Piece& piece : uplink.pieces) {
+        const bool is_wide = !is_crowded || width_of(piece.begin_ms, piece.end_ms) >= least_width;
+        if (is_wide || (narrow && width_of(narrow->begin_ms(), piece.end_ms) > 2 * least_width)) {
+            end_crowd();
+        }
+        if (!narrow) {
+            narrow.emplace();
+        }
+        narrow->add(piece);
+        if (is_wide) {
+            end_crowd();
         }
     }
+    end_crowd();
     return text + failed + "</svg>";
 }
 

@@ -48,6 +48,11 @@ CREATE TABLE minute (
   PRIMARY KEY (minute, target)) WITHOUT ROWID;
 )";
 
+/// What was told of each uplink last stays: the next start goes by it.
+constexpr const char* not_latest =
+    " AND id NOT IN (SELECT max(id) FROM event WHERE kind = 'uplink' "
+    "GROUP BY namespace, family, name)";
+
 /// Prefixes hold no blank.
 std::string joined(const std::vector<std::string>& words) {
     std::string text;
@@ -400,16 +405,36 @@ void History::keep_within_bounds() {
     }
 }
 
-void History::forget_old(std::int64_t now_ms) {
+/// Whether there were any; `sql` deletes those whose number is so far behind the last one's.
+bool History::delete_beyond(const std::string& sql, std::int64_t most) {
+    Statement rows = database_->statement(sql.c_str());
+    const std::int64_t before = database_->changes();
+    return rows.bind(most).step() == SQLITE_DONE && database_->changes() != before;
+}
+
+void History::forget_old(std::int64_t now_ms, const MostRows& most) {
     if (database_ == nullptr) {
         return;
     }
     Statement minutes = database_->statement("DELETE FROM minute WHERE minute < ?");
     minutes.bind((now_ms - minutes_kept_ms) / 60'000).step();
-    for (const char* sql :
-         {"DELETE FROM event WHERE time_ms < ?", "DELETE FROM span WHERE end_ms < ?"}) {
-        Statement transitions = database_->statement(sql);
+    for (const std::string& sql : {std::string("DELETE FROM event WHERE time_ms < ?") + not_latest,
+                                   std::string("DELETE FROM span WHERE end_ms < ?")}) {
+        Statement transitions = database_->statement(sql.c_str());
         transitions.bind(now_ms - transitions_kept_ms).step();
+    }
+    // A span that goes on is written anew with the next minute.
+    const bool has_many_events = delete_beyond(
+        std::string("DELETE FROM event WHERE id <= (SELECT max(id) FROM event) - ?") + not_latest,
+        most.events);
+    const bool has_many_spans =
+        delete_beyond("DELETE FROM span WHERE id <= (SELECT max(id) FROM span) - ?", most.spans);
+    if ((has_many_events || has_many_spans) && !has_told_most_) {
+        has_told_most_ = true;
+        notice_(path_ + " holds " + std::to_string(has_many_events ? most.events : most.spans) +
+                (has_many_events ? " events" : " states") +
+                ", the most that are kept; older ones are deleted from now on: an uplink that "
+                "changes all the time is damped by higher success-ct and failure-ct");
     }
 }
 

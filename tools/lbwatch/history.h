@@ -20,6 +20,13 @@ namespace lbwatch {
 inline constexpr std::int64_t minutes_kept_ms = std::int64_t{90} * 86'400'000;
 inline constexpr std::int64_t transitions_kept_ms = std::int64_t{5 * 365 + 1} * 86'400'000;
 
+/// How many rows are kept at most: so much is made by five years of a hundred uplinks that change
+/// ten times a day each, or by some weeks of one that never rests.
+struct MostRows {
+    std::int64_t events = 2'000'000;
+    std::int64_t spans = 1'000'000;
+};
+
 /// What earlier runs of this program told last.
 struct Remembered {
     std::map<UplinkKey, UplinkState> uplinks;
@@ -49,8 +56,8 @@ class History {
     /// Writes what waits, in one transaction; true where nothing is left waiting.
     bool commit();
 
-    /// Deletes what is older than it is kept.
-    void forget_old(std::int64_t now_ms);
+    /// Deletes what is older than it is kept, and the oldest of more rows than that.
+    void forget_old(std::int64_t now_ms, const MostRows& most = {});
 
     std::size_t waiting() const { return events_.size() + minutes_.size() + spans_.size(); }
 
@@ -67,6 +74,7 @@ class History {
     std::int64_t target_row(const UplinkKey& key, const std::string& target);
     void fail(int code, const std::string& error);
     void keep_within_bounds();
+    bool delete_beyond(const std::string& sql, std::int64_t most);
 
     std::string path_;
     Notice notice_;
@@ -74,6 +82,7 @@ class History {
     std::unique_ptr<Database> database_;
     bool is_refused_ = false;  ///< a newer version's, or another run's: never touched
     bool is_failing_ = false;
+    bool has_told_most_ = false;  ///< that there are more rows than are kept
     std::size_t lost_ = 0;
     Remembered remembered_;
     std::map<UplinkKey, std::int64_t> uplink_rows_;

@@ -121,10 +121,48 @@ void HistoryReader::events(const Selection& selection,
     if (!problem_.empty()) {
         return;
     }
-    each_row(select(std::string("SELECT ") + event_columns +
-                        " FROM event WHERE time_ms >= ? AND time_ms < ?",
-                    "id", selection.since_ms, selection.until_ms, selection.uplink),
-             [&take](const Statement& row) { take(event_of(row)); });
+    Statement ends = database_->statement(
+        "SELECT min(id), max(id) FROM event WHERE time_ms >= ? AND time_ms < ?");
+    const int found = ends.bind(selection.since_ms).bind(selection.until_ms).step();
+    check(found);
+    if (found != SQLITE_ROW || !ends.optional_number(0)) {
+        return;
+    }
+    std::int64_t next = ends.number(0);
+    const std::int64_t last = ends.number(1);
+    ends.step();
+    for (std::vector<Event> batch; next <= last; batch.clear()) {
+        next = read_batch(selection, next, last, batch);
+        std::for_each(batch.begin(), batch.end(), take);
+    }
+}
+
+/// Of the rows from `first` to `last` some; gives where to go on. A transaction that stayed open
+/// while the rows are taken (by a pager that is left open) would let the writer's log grow.
+std::int64_t HistoryReader::read_batch(const Selection& selection, std::int64_t first,
+                                       std::int64_t last, std::vector<Event>& batch) {
+    constexpr std::int64_t most = 500;
+    // By number: an index on the time would have to be sorted anew for each batch.
+    const std::string sql = std::string("SELECT ") + event_columns +
+                            ", id FROM event WHERE id >= ? AND id <= ? AND +time_ms >= ? AND "
+                            "+time_ms < ?" +
+                            (selection.uplink.empty() ? "" : " AND +name = ?") +
+                            " ORDER BY id LIMIT " + std::to_string(most);
+    Statement rows = database_->statement(sql.c_str());
+    rows.bind(first).bind(last).bind(selection.since_ms).bind(selection.until_ms);
+    if (!selection.uplink.empty()) {
+        rows.bind(selection.uplink);
+    }
+    std::int64_t next = last + 1;
+    int code = SQLITE_OK;
+    while ((code = rows.step()) == SQLITE_ROW) {
+        batch.push_back(event_of(rows));
+        if (batch.size() == most) {
+            next = rows.number(12) + 1;
+        }
+    }
+    check(code);
+    return code == SQLITE_DONE ? next : last + 1;
 }
 
 std::vector<Event> HistoryReader::latest(int count) {
@@ -139,6 +177,26 @@ std::vector<Event> HistoryReader::latest(int count) {
     each_row(std::move(rows), [&events](const Statement& row) { events.push_back(event_of(row)); });
     std::reverse(events.begin(), events.end());
     return events;
+}
+
+bool HistoryReader::has_more_spans(const Selection& selection, std::int64_t than) {
+    if (!problem_.empty()) {
+        return false;
+    }
+    const std::string sql =
+        std::string(
+            "SELECT count(*) FROM (SELECT 1 FROM span JOIN uplink ON uplink.id = span.uplink "
+            "WHERE end_ms >= ? AND begin_ms < ?") +
+        (selection.uplink.empty() ? "" : " AND name = ?") + " LIMIT " + std::to_string(than + 1) +
+        ")";
+    Statement rows = database_->statement(sql.c_str());
+    rows.bind(selection.since_ms).bind(selection.until_ms);
+    if (!selection.uplink.empty()) {
+        rows.bind(selection.uplink);
+    }
+    const int code = rows.step();
+    check(code);
+    return code == SQLITE_ROW && rows.number(0) > than;
 }
 
 std::vector<Span> HistoryReader::spans(const Selection& selection) {

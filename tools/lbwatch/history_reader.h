@@ -28,11 +28,14 @@ class HistoryReader {
         std::string uplink;
     };
 
-    /// In the order of their recording. Routes and daemon events are of no uplink.
+    /// In the order of their recording. Routes and daemon events are of no uplink. `take` may take
+    /// its time: nothing is held meanwhile.
     void events(const Selection& selection, const std::function<void(const Event&)>& take);
     /// The latest so many, oldest first.
     std::vector<Event> latest(int count);
 
+    /// Whether more spans than that reach into the time.
+    bool has_more_spans(const Selection& selection, std::int64_t than);
     /// Those that reach into the time, in the order of their recording, not clipped.
     std::vector<Span> spans(const Selection& selection);
     /// In the order of time.
@@ -47,6 +50,8 @@ class HistoryReader {
     Statement select(std::string sql, const char* order, std::int64_t from, std::int64_t until,
                      const std::string& uplink) const;
     void each_row(Statement rows, const std::function<void(const Statement&)>& take);
+    std::int64_t read_batch(const Selection& selection, std::int64_t first, std::int64_t last,
+                            std::vector<Event>& batch);
 
     std::unique_ptr<Database> database_;
     std::string path_;

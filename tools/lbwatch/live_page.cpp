@@ -97,6 +97,12 @@ std::string daemon_notice(const View& view, const Moment& now) {
     return "";
 }
 
+std::string shown_time(const Report& shown) {
+    const std::int64_t minutes = (shown.until_ms - shown.since_ms) / 60'000;
+    return minutes >= 120 ? std::to_string(minutes / 60) + " hours"
+                          : std::to_string(minutes) + " minutes";
+}
+
 std::string summary_of(const View& view) {
     std::size_t active = 0;
     for (const auto& [key, uplink] : view.uplinks) {
@@ -130,8 +136,8 @@ std::string live_page(const View& view, const Report& day, const std::vector<Eve
     }
     std::string text = page_head("Uplinks", true) +
                        "<body>\n<div id=\"live\">\n<header class=\"top\"><h1>" + summary_of(view) +
-                       "</h1><p class=\"sub\">" + local_time(now.wall_ms) +
-                       ", the last 24 hours</p>" + daemon_notice(view, now) +
+                       "</h1><p class=\"sub\">" + local_time(now.wall_ms) + ", the last " +
+                       shown_time(day) + "</p>" + daemon_notice(view, now) +
                        "<p class=\"notice\" id=\"connection\" hidden>The watcher does not answer; "
                        "this is what it told last.</p>" +
                        legend() + "</header>\n<main>\n";

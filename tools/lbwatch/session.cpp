@@ -14,6 +14,7 @@ constexpr std::int64_t torn_ms = 2000;
 constexpr std::int64_t quiet_ms = 2500;
 /// A family whose dump the running daemon has not written by then has no worker.
 constexpr std::int64_t family_ms = 60'000;
+constexpr std::int64_t day_ms = 86'400'000;
 
 bool is_outbounds(DumpFile file) {
     return file == DumpFile::outbounds4 || file == DumpFile::outbounds6;
@@ -190,8 +191,15 @@ void Session::note_clock(const Moment& now) {
             notice_("the clock was set " + std::string(step > 0 ? "forward" : "back") + " by " +
                     length_text((std::abs(step) + 500) / 1000) + "; the history has a gap there");
         }
+        if (std::abs(step) >= day_ms) {
+            clock_set_boot_ms_ = now.boot_ms;
+        }
     }
     last_ = now;
+}
+
+bool Session::is_clock_trusted(const Moment& now) const {
+    return !clock_set_boot_ms_ || now.boot_ms - *clock_set_boot_ms_ >= day_ms;
 }
 
 std::vector<Span> Session::take_spans() {

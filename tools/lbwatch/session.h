@@ -38,6 +38,10 @@ class Session {
     std::vector<Event> tick(const std::function<DaemonWatch::Evidence()>& evidence,
                             const Moment& now);
 
+    /// Whether what is old may be told by the clock: not while it was just set by a day or more, by
+    /// mistake perhaps.
+    bool is_clock_trusted(const Moment& now) const;
+
     std::vector<Span> take_spans();
     std::vector<Minute> take_minutes(const Moment& now, bool with_current) {
         return minutes_.take(now, with_current);
@@ -75,6 +79,7 @@ class Session {
     std::int64_t patience_ms_ = 30'000;
     std::optional<std::int64_t> running_since_boot_ms_;
     std::optional<Moment> last_;
+    std::optional<std::int64_t> clock_set_boot_ms_;  ///< by so much that old rows seem older
 };
 
 }  // namespace lbwatch

@@ -48,6 +48,8 @@ class Database {
     int run(const char* sql);
     Statement statement(const char* sql) const { return {database_.get(), sql}; }
     std::int64_t last_row() const { return sqlite3_last_insert_rowid(database_.get()); }
+    /// Rows changed since it was opened.
+    std::int64_t changes() const { return sqlite3_total_changes(database_.get()); }
     /// The value of a PRAGMA or other query of one number; nothing where it fails.
     std::optional<std::int64_t> number(const char* sql) const;
 

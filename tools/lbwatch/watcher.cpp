@@ -1,5 +1,6 @@
 #include "lbwatch/watcher.h"
 
+#include <malloc.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
@@ -27,6 +28,7 @@ constexpr std::int64_t write_again_ms = 5000;
 constexpr std::int64_t hooks_end_ms = 5000;
 /// Where the process could not be found, it is looked for again only so often.
 constexpr std::int64_t search_every_ms = 5000;
+[[maybe_unused]] constexpr int large_bytes = 128 * 1024;
 
 }  // namespace
 
@@ -53,6 +55,11 @@ Watcher::Watcher(WatchOptions options)
 }
 
 int Watcher::run() {
+#ifdef M_MMAP_THRESHOLD
+    // The page and what it is made from take hundreds of kilobytes now and then: they go back to
+    // the system each time, where the C library would keep more and more for the next.
+    mallopt(M_MMAP_THRESHOLD, large_bytes);
+#endif
     sigset_t ending;
     sigemptyset(&ending);
     sigaddset(&ending, SIGTERM);
@@ -157,7 +164,8 @@ void Watcher::second_hand(const Moment& now) {
         written_again_boot_ms_ = now.boot_ms;
         history_->commit();
     }
-    if (history_ != nullptr && now.boot_ms - forgotten_boot_ms_ >= hour_ms) {
+    if (history_ != nullptr && now.boot_ms - forgotten_boot_ms_ >= hour_ms &&
+        session_.is_clock_trusted(now)) {
         history_->forget_old(now.wall_ms);
         forgotten_boot_ms_ = now.boot_ms;
     }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <deque>
 #include <string_view>
 #include <utility>
 
@@ -26,6 +27,9 @@ constexpr std::int64_t longest_with_minutes_ms = 7 * day_ms + 3'600'000;
 /// The page is made anew only so often, however many ask.
 constexpr std::int64_t page_age_ms = 2000;
 constexpr int listed_events = 30;
+/// So many states of uplinks take some 15 MB while a report is made of them.
+constexpr std::int64_t most_states = 20'000;
+constexpr std::int64_t shortest_page_ms = day_ms / 64;
 
 /// The request as the library shall see it, and room for its answer.
 class Memory : public httplib::Stream {
@@ -160,9 +164,15 @@ class Web::Routes : public httplib::Server {
         }
         if (!view->history.empty()) {
             HistoryReader history(view->history);
-            Report read = report_of(
-                history, {.since_ms = day.since_ms, .until_ms = day.until_ms, .uplink = ""}, false,
-                at.wall_ms, &view->uplinks);
+            HistoryReader::Selection last{
+                .since_ms = day.since_ms, .until_ms = day.until_ms, .uplink = ""};
+            // Where uplinks never rest, the page shows a shorter time.
+            for (std::int64_t shown_ms = day_ms;
+                 shown_ms > shortest_page_ms && history.has_more_spans(last, most_states);) {
+                shown_ms /= 2;
+                last.since_ms = at.wall_ms - shown_ms;
+            }
+            Report read = report_of(history, last, false, at.wall_ms, &view->uplinks);
             std::vector<Event> kept = history.latest(listed_events);
             if (history.problem().empty()) {
                 day = std::move(read);
@@ -201,14 +211,16 @@ class Web::Routes : public httplib::Server {
             return;
         }
         const auto view = board_.view();
-        std::vector<Event> found;
+        std::deque<Event> found;
         std::string problem = "no history is kept";
         if (!view->history.empty()) {
             HistoryReader history(view->history);
+            // What happened last is what is looked for.
             constexpr std::size_t most = 5000;
             history.events(selection, [&found](const Event& event) {
-                if (found.size() < most) {
-                    found.push_back(event);
+                found.push_back(event);
+                if (found.size() > most) {
+                    found.pop_front();
                 }
             });
             problem = history.problem();
@@ -224,7 +236,7 @@ class Web::Routes : public httplib::Server {
                 }
             }
         }
-        answer.set_content(json_of(found) + "\n", "application/json");
+        answer.set_content(json_of({found.begin(), found.end()}) + "\n", "application/json");
     }
 
     void report(const httplib::Request& asked, httplib::Response& answer) const {
@@ -238,6 +250,13 @@ class Web::Routes : public httplib::Server {
             return;
         }
         HistoryReader history(view->history);
+        if (history.has_more_spans(selection, most_states)) {
+            text_answer(
+                answer, 400,
+                "uplinks changed more than " + std::to_string(most_states) +
+                    " times then: ask for less time or one uplink, or here: lbwatch report");
+            return;
+        }
         const bool with_minutes =
             selection.until_ms - selection.since_ms <= longest_with_minutes_ms;
         const Report made = report_of(history, selection, with_minutes, now().wall_ms);

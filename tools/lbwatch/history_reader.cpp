@@ -17,6 +17,10 @@ constexpr const char* event_columns =
     "time_ms, kind, namespace, family, name, target, rule, destinations, before, after, after_s, "
     "reason";
 
+constexpr const char* select_spans =
+    "SELECT namespace, family, name, state, begin_ms, end_ms, reason FROM span "
+    "JOIN uplink ON uplink.id = span.uplink ";
+
 Event event_of(const Statement& row) {
     Event event;
     event.time_ms = row.number(0);
@@ -177,21 +181,8 @@ bool HistoryReader::has_more_spans(const Selection& selection, std::int64_t than
     return code == SQLITE_ROW && rows.number(0) > than;
 }
 
-std::vector<Span> HistoryReader::spans(const Selection& selection) {
+std::vector<Span> HistoryReader::spans_of(Statement& rows) {
     std::vector<Span> spans;
-    if (!problem_.empty()) {
-        return spans;
-    }
-    const std::string sql =
-        std::string(
-            "SELECT namespace, family, name, state, begin_ms, end_ms, reason FROM span "
-            "JOIN uplink ON uplink.id = span.uplink WHERE end_ms >= ? AND begin_ms < ?") +
-        (selection.uplink.empty() ? "" : " AND name = ?") + " ORDER BY span.id";
-    Statement rows = database_->statement(sql.c_str());
-    rows.bind(selection.since_ms).bind(selection.until_ms);
-    if (!selection.uplink.empty()) {
-        rows.bind(selection.uplink);
-    }
     int code = SQLITE_OK;
     while ((code = rows.step()) == SQLITE_ROW) {
         spans.push_back({.uplink = {.namespace_name = rows.text(0),
@@ -204,6 +195,36 @@ std::vector<Span> HistoryReader::spans(const Selection& selection) {
     }
     check(code);
     return spans;
+}
+
+std::vector<Span> HistoryReader::spans(const Selection& selection) {
+    if (!problem_.empty()) {
+        return {};
+    }
+    const std::string sql = std::string(select_spans) + "WHERE end_ms >= ? AND begin_ms < ?" +
+                            (selection.uplink.empty() ? "" : " AND name = ?") + " ORDER BY span.id";
+    Statement rows = database_->statement(sql.c_str());
+    rows.bind(selection.since_ms).bind(selection.until_ms);
+    if (!selection.uplink.empty()) {
+        rows.bind(selection.uplink);
+    }
+    return spans_of(rows);
+}
+
+std::vector<Span> HistoryReader::recent_spans(std::int64_t since_ms) {
+    if (!problem_.empty()) {
+        return {};
+    }
+    // CROSS keeps the order: uplinks first, then the index; else every span is looked at.
+    const std::string sql =
+        std::string(select_spans) +
+        "WHERE span.id IN (SELECT id FROM span WHERE end_ms >= ? UNION "
+        "SELECT late.id FROM uplink AS of CROSS JOIN span AS late ON late.uplink = of.id AND "
+        "late.begin_ms >= (SELECT begin_ms FROM span AS last WHERE last.uplink = of.id "
+        "ORDER BY begin_ms DESC LIMIT 1 OFFSET 1)) ORDER BY span.id";
+    Statement rows = database_->statement(sql.c_str());
+    rows.bind(since_ms);
+    return spans_of(rows);
 }
 
 void HistoryReader::minutes(const Selection& selection,

@@ -10,6 +10,7 @@
 #include "lbwatch/records.h"
 #include "lbwatch/session.h"
 #include "lbwatch/sqlite.h"
+#include "lbwatch/uplink_past.h"
 #include "unit/support/lbwatch_items.h"
 
 namespace {
@@ -350,6 +351,46 @@ TEST_F(LbwatchHistory, uplink_that_never_rests_does_not_fill_the_disk) {
     EXPECT_NE(notices[0].find("holds 10 events, the most that are kept"), std::string::npos);
     const History again(path, [](const std::string&) {});
     EXPECT_EQ(again.remembered().uplinks.size(), 2U);
+}
+
+TEST_F(LbwatchHistory, state_of_now_is_known_without_reading_the_years_before) {
+    const std::int64_t now_ms = now().wall_ms;
+    constexpr std::int64_t hour_ms = 3'600'000;
+    {
+        History history(path, notice());
+        const auto add = [&](const char* name, UplinkState state, std::int64_t begin_h,
+                             std::int64_t end_h) {
+            history.add(std::vector<Span>{{.uplink = key(name),
+                                           .state = state,
+                                           .begin_ms = now_ms - begin_h * hour_ms,
+                                           .end_ms = now_ms - end_h * hour_ms,
+                                           .reason = ""}});
+        };
+        add("calm", failed, 900, 800);
+        add("calm", active, 800, 0);
+        for (int hour = 1000; hour > 0; --hour) {
+            add("restless", hour % 2 == 0 ? failed : active, hour, hour - 1);
+        }
+        add("new", active, 700, 0);
+        add("gone", active, 900, 600);
+        history.commit();
+    }
+    HistoryReader reader(path);
+    EXPECT_LT(reader.recent_spans(now_ms - 24 * hour_ms).size(), 35U);
+
+    lbshow::State state;
+    for (const char* name : {"calm", "restless", "new", "gone"}) {
+        state.interfaces.push_back(interface(name, true, {}));
+    }
+    EXPECT_EQ(read_past(path, state), "");
+    EXPECT_EQ(state.interfaces[0].past->since_s, 800 * 3600);
+    EXPECT_TRUE(state.interfaces[0].past->is_begin_seen);
+    EXPECT_EQ(state.interfaces[0].past->flaps_today, 0);
+    EXPECT_EQ(state.interfaces[1].past->since_s, 3600);
+    EXPECT_TRUE(state.interfaces[1].past->is_begin_seen);
+    EXPECT_EQ(state.interfaces[2].past->since_s, 700 * 3600);
+    EXPECT_FALSE(state.interfaces[2].past->is_begin_seen);
+    EXPECT_FALSE(state.interfaces[3].past);
 }
 
 TEST_F(LbwatchHistory, reader_that_waits_does_not_keep_the_log_from_being_emptied) {

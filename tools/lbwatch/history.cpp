@@ -36,6 +36,7 @@ CREATE TABLE event (
   after_s INTEGER, reason TEXT NOT NULL);
 CREATE INDEX event_time ON event (time_ms);
 CREATE INDEX event_uplink ON event (name, family, namespace, time_ms);
+CREATE INDEX event_last ON event (namespace, family, name, id) WHERE kind = 'uplink';
 CREATE TABLE span (
   id INTEGER PRIMARY KEY, uplink INTEGER NOT NULL REFERENCES uplink (id), state TEXT NOT NULL,
   begin_ms INTEGER NOT NULL, end_ms INTEGER NOT NULL, reason TEXT NOT NULL,

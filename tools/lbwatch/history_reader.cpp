@@ -18,6 +18,10 @@ constexpr const char* event_columns =
     "time_ms, kind, namespace, family, name, target, rule, destinations, before, after, after_s, "
     "reason";
 
+constexpr const char* select_spans =
+    "SELECT namespace, family, name, state, begin_ms, end_ms, reason FROM span "
+    "JOIN uplink ON uplink.id = span.uplink ";
+
 Event event_of(const Statement& row) {
     Event event;
     event.time_ms = row.number(0);
@@ -199,25 +203,42 @@ bool HistoryReader::has_more_spans(const Selection& selection, std::int64_t than
     return code == SQLITE_ROW && rows.number(0) > than;
 }
 
-std::vector<Span> HistoryReader::spans(const Selection& selection) {
+std::vector<Span> HistoryReader::spans_of(Statement rows) {
     std::vector<Span> spans;
-    if (!problem_.empty()) {
-        return spans;
-    }
-    each_row(
-        select("SELECT namespace, family, name, state, begin_ms, end_ms, reason FROM span "
-               "JOIN uplink ON uplink.id = span.uplink WHERE end_ms >= ? AND begin_ms < ?",
-               "span.id", selection.since_ms, selection.until_ms, selection.uplink),
-        [&spans](const Statement& row) {
-            spans.push_back({.uplink = {.namespace_name = row.text(0),
-                                        .family = static_cast<int>(row.number(1)),
-                                        .name = row.text(2)},
-                             .state = read_uplink_state(row.text(3)).value_or(UplinkState::unknown),
-                             .begin_ms = row.number(4),
-                             .end_ms = row.number(5),
-                             .reason = row.text(6)});
-        });
+    each_row(std::move(rows), [&spans](const Statement& row) {
+        spans.push_back({.uplink = {.namespace_name = row.text(0),
+                                    .family = static_cast<int>(row.number(1)),
+                                    .name = row.text(2)},
+                         .state = read_uplink_state(row.text(3)).value_or(UplinkState::unknown),
+                         .begin_ms = row.number(4),
+                         .end_ms = row.number(5),
+                         .reason = row.text(6)});
+    });
     return spans;
+}
+
+std::vector<Span> HistoryReader::spans(const Selection& selection) {
+    if (!problem_.empty()) {
+        return {};
+    }
+    return spans_of(select(std::string(select_spans) + "WHERE end_ms >= ? AND begin_ms < ?",
+                           "span.id", selection.since_ms, selection.until_ms, selection.uplink));
+}
+
+std::vector<Span> HistoryReader::recent_spans(std::int64_t since_ms) {
+    if (!problem_.empty()) {
+        return {};
+    }
+    // CROSS keeps the order: uplinks first, then the index; else every span is looked at.
+    const std::string sql =
+        std::string(select_spans) +
+        "WHERE span.id IN (SELECT id FROM span WHERE end_ms >= ? UNION "
+        "SELECT late.id FROM uplink AS of CROSS JOIN span AS late ON late.uplink = of.id AND "
+        "late.begin_ms >= (SELECT begin_ms FROM span AS last WHERE last.uplink = of.id "
+        "ORDER BY begin_ms DESC LIMIT 1 OFFSET 1)) ORDER BY span.id";
+    Statement rows = database_->statement(sql.c_str());
+    rows.bind(since_ms);
+    return spans_of(std::move(rows));
 }
 
 void HistoryReader::minutes(const Selection& selection,

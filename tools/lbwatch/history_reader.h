@@ -36,6 +36,9 @@ class HistoryReader {
 
     /// Whether more spans than that reach into the time.
     bool has_more_spans(const Selection& selection, std::int64_t than);
+    /// Those that ended since then, and of each uplink the last two: how its state of now began,
+    /// and what happened since, whatever the file holds of years before.
+    std::vector<Span> recent_spans(std::int64_t since_ms);
     /// Those that reach into the time, in the order of their recording, not clipped.
     std::vector<Span> spans(const Selection& selection);
     /// In the order of time.
@@ -50,6 +53,7 @@ class HistoryReader {
     Statement select(std::string sql, const char* order, std::int64_t from, std::int64_t until,
                      const std::string& uplink) const;
     void each_row(Statement rows, const std::function<void(const Statement&)>& take);
+    std::vector<Span> spans_of(Statement rows);
     std::int64_t read_batch(const Selection& selection, std::int64_t first, std::int64_t last,
                             std::vector<Event>& batch);
 

@@ -21,9 +21,23 @@ int local_hour(std::int64_t minute) {
     return date.tm_hour;
 }
 
+/// Where a report up to then ends: what a running watcher has not written yet is left out.
+std::int64_t end_of(const std::vector<Span>& spans, std::int64_t until_ms, std::int64_t now_ms) {
+    std::int64_t latest_ms = 0;
+    for (const Span& span : spans) {
+        latest_ms = std::max(latest_ms, span.end_ms);
+    }
+    return until_ms >= now_ms && now_ms - latest_ms < written_every_ms
+               ? std::min(until_ms, latest_ms)
+               : until_ms;
+}
+
 /// The states as they are, from where the file ends up to now.
-void append_current(std::vector<Span>& spans, const World::Uplinks& current,
-                    const std::map<UplinkKey, std::int64_t>& latest, std::int64_t now_ms) {
+void append_current(std::vector<Span>& spans, const World::Uplinks& current, std::int64_t now_ms) {
+    std::map<UplinkKey, std::int64_t> latest;
+    for (const Span& span : spans) {
+        latest[span.uplink] = std::max(latest[span.uplink], span.end_ms);
+    }
     for (const auto& [key, uplink] : current) {
         const auto end = latest.find(key);
         if (end == latest.end() || !uplink.has_been_read || uplink.is_unwatched ||
@@ -43,16 +57,10 @@ void append_current(std::vector<Span>& spans, const World::Uplinks& current,
 Report report_of(HistoryReader& history, HistoryReader::Selection selection, bool with_minutes,
                  std::int64_t now_ms, const World::Uplinks* current) {
     std::vector<Span> spans = history.spans(selection);
-    std::map<UplinkKey, std::int64_t> latest;
-    std::int64_t latest_ms = 0;
-    for (const Span& span : spans) {
-        latest[span.uplink] = std::max(latest[span.uplink], span.end_ms);
-        latest_ms = std::max(latest_ms, span.end_ms);
-    }
     if (current != nullptr) {
-        append_current(spans, *current, latest, now_ms);
-    } else if (selection.until_ms >= now_ms && now_ms - latest_ms < written_every_ms) {
-        selection.until_ms = std::min(selection.until_ms, latest_ms);
+        append_current(spans, *current, now_ms);
+    } else {
+        selection.until_ms = end_of(spans, selection.until_ms, now_ms);
     }
     // Minutes come in the order of time, so one look at the calendar serves all of an hour's.
     std::int64_t asked = -1;
@@ -72,6 +80,13 @@ Report report_of(HistoryReader& history, HistoryReader::Selection selection, boo
     made.made_ms = now_ms;
     made.zone = zone_name();
     return made;
+}
+
+Report recent_report_of(HistoryReader& history, std::int64_t since_ms, std::int64_t now_ms) {
+    const std::vector<Span> spans = history.recent_spans(since_ms);
+    ReportMaker maker(0, end_of(spans, now_ms, now_ms), local_hour);
+    maker.add(spans);
+    return maker.take();
 }
 
 }  // namespace lbwatch

@@ -11,4 +11,8 @@ namespace lbwatch {
 Report report_of(HistoryReader& history, HistoryReader::Selection selection, bool with_minutes,
                  std::int64_t now_ms, const World::Uplinks* current = nullptr);
 
+/// From the begin of time, but of the times before `since_ms` only how each uplink's state of now
+/// began: cheap, however long the history.
+Report recent_report_of(HistoryReader& history, std::int64_t since_ms, std::int64_t now_ms);
+
 }  // namespace lbwatch

@@ -54,14 +54,14 @@ std::optional<lbshow::Past> past_of(const UplinkReport& uplink, bool is_active,
 std::string read_past(const std::string& history, lbshow::State& state) {
     HistoryReader reader(history);
     const std::int64_t now_ms = now().wall_ms;
-    const Report all =
-        report_of(reader, {.since_ms = 0, .until_ms = now_ms, .uplink = ""}, false, now_ms);
+    const std::int64_t midnight_ms = midnight_before(now_ms);
+    const Report all = recent_report_of(reader, midnight_ms, now_ms);
     for (lbshow::Interface& one : state.interfaces) {
         const auto found =
             std::find_if(all.uplinks.begin(), all.uplinks.end(),
                          [&one](const auto& uplink) { return uplink.uplink == key_of(one); });
         if (found != all.uplinks.end() && !one.is_stale) {
-            one.past = past_of(*found, one.is_active, midnight_before(now_ms));
+            one.past = past_of(*found, one.is_active, midnight_ms);
         }
     }
     state.has_history = reader.problem().empty();

@@ -27,8 +27,9 @@ constexpr std::int64_t longest_with_minutes_ms = 7 * day_ms + 3'600'000;
 /// The page is made anew only so often, however many ask.
 constexpr std::int64_t page_age_ms = 2000;
 constexpr int listed_events = 30;
-/// So many states of uplinks take some 15 MB while a report is made of them.
-constexpr std::int64_t most_states = 20'000;
+/// A state of an uplink takes one to two kilobytes while a page or a report is made of it.
+constexpr std::int64_t most_states_of_page = 10'000;
+constexpr std::int64_t most_states_of_report = 50'000;
 constexpr std::int64_t shortest_page_ms = day_ms / 64;
 
 /// The request as the library shall see it, and room for its answer.
@@ -168,7 +169,8 @@ class Web::Routes : public httplib::Server {
                 .since_ms = day.since_ms, .until_ms = day.until_ms, .uplink = ""};
             // Where uplinks never rest, the page shows a shorter time.
             for (std::int64_t shown_ms = day_ms;
-                 shown_ms > shortest_page_ms && history.has_more_spans(last, most_states);) {
+                 shown_ms > shortest_page_ms &&
+                 history.has_more_spans(last, most_states_of_page);) {
                 shown_ms /= 2;
                 last.since_ms = at.wall_ms - shown_ms;
             }
@@ -250,10 +252,10 @@ class Web::Routes : public httplib::Server {
             return;
         }
         HistoryReader history(view->history);
-        if (history.has_more_spans(selection, most_states)) {
+        if (history.has_more_spans(selection, most_states_of_report)) {
             text_answer(
                 answer, 400,
-                "uplinks changed more than " + std::to_string(most_states) +
+                "uplinks changed more than " + std::to_string(most_states_of_report) +
                     " times then: ask for less time or one uplink, or here: lbwatch report");
             return;
         }

@@ -85,6 +85,8 @@ class OfLbroute(RoutedTour):
         self.assert_finds("ok", "dumps of IPv4: they are of now", look=look)
 
     def test_daemon_that_is_dead_and_what_it_left_of_an_earlier_configuration(self):
+        # The first dumps follow the first fragment.
+        expect(lambda: os.path.exists(IPV4_DUMP) and os.path.exists(os.path.join(DUMPS, "wlb_routes.bin")))
         self.daemon.kill()
         make_older(40)
         self.assert_finds("error", "dumps of IPv4: they were written 4", "does not run, or hangs",

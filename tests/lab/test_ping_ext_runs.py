@@ -26,7 +26,8 @@ class Results(Pinging):
         self.start(count=2, period=0)
         probe = after_a_run(FAILURE)
         self.assertEqual(probe.figures[0], 0)
-        self.assertGreaterEqual(probe.figures[1], 60)
+        # The time of the run before, which is told in whole milliseconds; without it there would be none.
+        self.assertGreaterEqual(probe.figures[1], 55)
         expect(lambda: len(peer.echo_requests()) >= 4)
         self.assertEqual([echo.sequence for echo in peer.echo_requests()[:4]], [0, 1, 0, 0])
 

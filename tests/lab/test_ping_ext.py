@@ -67,7 +67,7 @@ class Figures(Pinging):
         after_a_run(FAILURE)
         loss, mean_ms, jitter_ms = figures()
         self.assertEqual(loss, 10)
-        self.assertGreaterEqual(mean_ms, 104)
+        self.assertGreaterEqual(mean_ms, 103)
         self.assertEqual(mean_ms + jitter_ms, 1000)
 
     def test_all_answered_is_a_success(self):
@@ -75,14 +75,15 @@ class Figures(Pinging):
         self.start(count=10)
         expect(lambda: ACTIVE in self.lab.log.texts())
         self.assertEqual(figures()[0], 0)
-        self.assertGreaterEqual(figures()[1], 5)
+        # Counted from when the echo has left, in whole milliseconds.
+        self.assertGreaterEqual(figures()[1], 4)
 
     def test_slow_answers_fail_by_their_mean(self):
         self.attach(policy.delayed(0.08))
         self.start(count=3, rtt=60)
         after_a_run(FAILURE)
         self.assertEqual(figures()[0], 0)
-        self.assertGreaterEqual(figures()[1], 80)
+        self.assertGreaterEqual(figures()[1], 75)
 
     def test_one_slow_answer_fails_by_jitter(self):
         self.attach(lambda request, number: [(0.4 if number == 2 else 0.0, request.reply())])

@@ -4,7 +4,6 @@
 #include <array>
 #include <cstdio>
 #include <ctime>
-#include <optional>
 
 #include "lbshow/plain_text.h"
 #include "lbwatch/moment.h"
@@ -65,30 +64,28 @@ std::string title_of(const Piece& piece) {
 
 /// Neighbours that are drawn together: what was failed, in front of the rest.
 struct Crowd {
-    std::optional<Piece> failed;  ///< from the begin of the first outage to the end of the last
-    std::optional<Piece> rest;    ///< from end to end; of its kinds the one that is known least
+    Piece failed{};  ///< from the begin of the first outage to the end of the last
+    Piece rest{};    ///< from end to end; of its kinds the one that is known least
     int outages = 0;
     int others = 0;
 
     void add(const Piece& piece) {
         const bool is_outage = piece.known == Known::failed;
-        ++(is_outage ? outages : others);
-        std::optional<Piece>& part = is_outage ? failed : rest;
-        if (!part) {
+        Piece& part = is_outage ? failed : rest;
+        int& count = is_outage ? outages : others;
+        if (count++ == 0) {
             part = piece;
         }
-        part->end_ms = piece.end_ms;
-        if (piece.known == Known::unwatched || part->known == Known::active) {
-            part->known = piece.known;
+        part.end_ms = piece.end_ms;
+        if (piece.known == Known::unwatched || part.known == Known::active) {
+            part.known = piece.known;
         }
     }
+    bool is_empty() const { return outages + others == 0; }
     std::int64_t begin_ms() const {
-        return std::min(failed ? failed->begin_ms : rest->begin_ms,
-                        rest ? rest->begin_ms : failed->begin_ms);
-    }
-    std::int64_t end_ms() const {
-        return std::max(failed ? failed->end_ms : rest->end_ms,
-                        rest ? rest->end_ms : failed->end_ms);
+        return outages == 0  ? rest.begin_ms
+               : others == 0 ? failed.begin_ms
+                             : std::min(failed.begin_ms, rest.begin_ms);
     }
 };
 
@@ -147,14 +144,14 @@ std::string band(const UplinkReport& uplink, std::int64_t since_ms, std::int64_t
         return at(end_ms) - at(begin_ms);
     };
     const auto draw = [&](const Crowd& crowd) {
-        if (crowd.rest) {
-            const Piece& rest = *crowd.rest;
+        if (crowd.others > 0) {
+            const Piece& rest = crowd.rest;
             text += rectangle(at(rest.begin_ms), 4, width_of(rest.begin_ms, rest.end_ms), 24,
                               word_of(rest.known), title_of(rest, crowd.others));
         }
-        if (crowd.failed) {
+        if (crowd.outages > 0) {
             // However short, an outage is seen.
-            const Piece& outage = *crowd.failed;
+            const Piece& outage = crowd.failed;
             failed += rectangle(at(outage.begin_ms), 0,
                                 std::max(width_of(outage.begin_ms, outage.end_ms), least_width), 32,
                                 "failed", title_of(outage, crowd.outages));
@@ -163,22 +160,18 @@ std::string band(const UplinkReport& uplink, std::int64_t since_ms, std::int64_t
     // Of very many, which a line that flaps all day has, those that no eye can part are drawn
     // together.
     const bool is_crowded = uplink.pieces.size() > most_single;
-    std::optional<Crowd> narrow;
+    Crowd narrow;
     const auto end_crowd = [&] {
-        if (narrow) {
-            draw(*narrow);
-            narrow.reset();
-        }
+        draw(narrow);
+        narrow = {};
     };
     for (const Piece& piece : uplink.pieces) {
         const bool is_wide = !is_crowded || width_of(piece.begin_ms, piece.end_ms) >= least_width;
-        if (is_wide || (narrow && width_of(narrow->begin_ms(), piece.end_ms) > 2 * least_width)) {
+        if (is_wide ||
+            (!narrow.is_empty() && width_of(narrow.begin_ms(), piece.end_ms) > 2 * least_width)) {
             end_crowd();
         }
-        if (!narrow) {
-            narrow.emplace();
-        }
-        narrow->add(piece);
+        narrow.add(piece);
         if (is_wide) {
             end_crowd();
         }

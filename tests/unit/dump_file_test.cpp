@@ -11,22 +11,19 @@
 #include <filesystem>
 #include <fstream>
 
+#include "unit/support/temporary_folder.h"
+
 namespace {
 
 using shared::DumpBytes;
 using shared::read_dump;
 
 struct DumpFileOnDisk : testing::Test {
-    DumpFileOnDisk() {
-        std::string name = "/tmp/dump_file-XXXXXX";
-        folder = mkdtemp(name.data());
-        path = folder + "/dump";
-    }
-    ~DumpFileOnDisk() override { std::filesystem::remove_all(folder); }
     void put(const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
-    std::string folder;
-    std::string path;
+    TemporaryFolder temporary;
+    std::string folder = temporary.path();
+    std::string path = temporary.file("dump");
 };
 
 TEST_F(DumpFileOnDisk, is_read_whole_with_its_date) {

@@ -4,21 +4,17 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+
+#include "unit/support/temporary_folder.h"
 
 namespace {
 
 class FileText : public testing::Test {
   protected:
-    FileText() {
-        std::string name = testing::TempDir() + "lb_file_text_XXXXXX";
-        folder_ = mkdtemp(name.data());
-    }
-    ~FileText() override { std::filesystem::remove_all(folder_); }
-
-    std::filesystem::path folder_;
+    TemporaryFolder temporary_;
+    std::filesystem::path folder_ = temporary_.path();
     int error_ = 0;
 };
 

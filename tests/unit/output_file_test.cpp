@@ -4,26 +4,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
 #include "shared/file_text.h"
+#include "unit/support/temporary_folder.h"
 
 namespace {
 
 class OutputFile : public testing::Test {
   protected:
-    OutputFile() {
-        std::string name = testing::TempDir() + "lb_output_file_XXXXXX";
-        folder_ = mkdtemp(name.data());
-        path_ = folder_ / "page";
-        std::ofstream(folder_ / "victim") << "precious";
-    }
-    ~OutputFile() override { std::filesystem::remove_all(folder_); }
+    OutputFile() { temporary_.put("victim", "precious"); }
 
-    std::filesystem::path folder_;
-    std::string path_;
+    TemporaryFolder temporary_;
+    std::filesystem::path folder_ = temporary_.path();
+    std::string path_ = temporary_.file("page");
 };
 
 TEST_F(OutputFile, holds_the_text_and_nothing_of_what_was_there) {

@@ -14,13 +14,11 @@
 
 namespace {
 
-/// The next hop of an interface in a route; null where it cannot be routed.
-const std::string* usable_nexthop(const LBHealth& health, const LBRule& rule,
-                                  const LBDecision::Weights& weights, const context& ctx) {
+/// The next hop of a member in a route; null where it cannot be routed.
+const std::string* usable_nexthop(const LBHealth& health, const LBDecision::Weights& weights,
+                                  const context& ctx) {
     // The namespace first: only the worker's own interfaces may be read without a lock.
-    const bool is_candidate = health.namespace_name == *ctx.ns_name && health.active &&
-                              rule.interfaces.contains({health.name, health.ipv6});
-    if (!is_candidate) {
+    if (health.namespace_name != *ctx.ns_name || !health.active) {
         return nullptr;
     }
     // B107: a member whose weight is 0, which is what a missing line leaves, is never routed.
@@ -107,14 +105,19 @@ void signal_reload(const std::string& pid_text) {
 LBDecision::Weights LBDecision::get_new_weights(LBData& data, LBRule& rule, context* ctx) {
     Weights weights;
     int heaviest = -1;
+    const auto& interfaces = data.family(ctx->ipv6);
     for (const auto& [member, weight] : rule.interfaces) {
         const auto& [name, is_ipv6] = member;
-        if (is_ipv6 != ctx->ipv6 || data.get_interface_namespace(name, ctx) != *ctx->ns_name ||
-            !data.is_active(name, ctx)) {
+        if (is_ipv6 != ctx->ipv6) {
             continue;
         }
-        heaviest = std::max(heaviest, weight);
-        weights.try_emplace(name, weight);
+        const auto found = interfaces.find(name);
+        // The namespace first: only the worker's own interfaces may be read without a lock.
+        if (found != interfaces.end() && found->second.namespace_name == *ctx->ns_name &&
+            found->second.active) {
+            heaviest = std::max(heaviest, weight);
+            weights.emplace_hint(weights.end(), name, weight);  // members are in this order
+        }
     }
     if (rule.failover != 0) {
         keep_best(weights, heaviest);
@@ -129,11 +132,15 @@ void LBDecision::generate_route(HealthEntry health, std::string* line, bool* is_
         return;
     }
     const LBHealth& interface = health->second;
-    const std::string* nexthop = usable_nexthop(interface, rule->second, weights, *ctx);
+    const auto member = rule->second.interfaces.find({interface.name, interface.ipv6});
+    if (member == rule->second.interfaces.end()) {
+        return;
+    }
+    const std::string* nexthop = usable_nexthop(interface, weights, *ctx);
     if (nexthop == nullptr) {
         return;
     }
-    *line += via_clause(*nexthop, rule->second.interfaces.at({interface.name, interface.ipv6}));
+    *line += via_clause(*nexthop, member->second);
     *is_added = true;
     if (rule->second.failover != 0 && weights.size() == 1) {
         publish_choice(rule, target->first, *nexthop, ctx->ipv6);

@@ -170,16 +170,7 @@ LBOutput::~LBOutput() noexcept(false) {
     }
 }
 
-void LBOutput::note_files(bool ipv6) {
-    const std::lock_guard guard(names_lock_);
-    files.insert(rules_path(out_dir));
-    files.insert(routes_path(out_dir));
-    auto& family_files = ipv6 ? files6 : files;
-    family_files.insert(outbounds_path(out_dir, ipv6));
-    family_files.insert(report_path(out_dir, ipv6));
-}
-
-void LBOutput::write(const LBData& data, context* ctx) {
+bool LBOutput::prepare_files(bool ipv6) {
     const std::string directory = dumps_of(out_dir);
     {
         const std::lock_guard guard(names_lock_);
@@ -187,20 +178,35 @@ void LBOutput::write(const LBData& data, context* ctx) {
     }
     if (const int error = host::make_directory(directory); error != 0) {
         LOG_ERROR("wan_lb: error create directory: %s, errno = %d", directory.c_str(), error);
-        return;
+        return false;
     }
-    note_files(ctx->ipv6);
+    const std::lock_guard guard(names_lock_);
+    files.insert(rules_path(out_dir));
+    files.insert(routes_path(out_dir));
+    auto& family_files = ipv6 ? files6 : files;
+    family_files.insert(outbounds_path(out_dir, ipv6));
+    family_files.insert(report_path(out_dir, ipv6));
+    return true;
+}
+
+void LBOutput::write(const LBData& data, context* ctx) {
     const bool has_changed = has_changed_state(data, *ctx);
     const Shared outbounds = ctx->ipv6 ? Shared::outbounds6 : Shared::outbounds4;
-    if (is_due(outbounds, ctx, has_changed) &&
-        write_outbounds(data, seconds_and_micros(wall_now()), ctx->ipv6)) {
-        note_rewritten(outbounds, ctx);
-    }
-    if (is_due(Shared::rules, ctx, has_changed) && !dump_shared_files(data, ctx)) {
+    const Shared report = ctx->ipv6 ? Shared::report6 : Shared::report4;
+    const bool are_outbounds_due = is_due(outbounds, ctx, has_changed);
+    const bool are_rules_due = is_due(Shared::rules, ctx, has_changed);
+    const bool is_report_due = is_due(report, ctx, has_changed);
+    const bool is_any_due = are_outbounds_due || are_rules_due || is_report_due;
+    if (!is_any_due || !prepare_files(ctx->ipv6)) {
         return;
     }
-    const Shared report = ctx->ipv6 ? Shared::report6 : Shared::report4;
-    if (is_due(report, ctx, has_changed) && write_report(data, ctx)) {
+    if (are_outbounds_due && write_outbounds(data, seconds_and_micros(wall_now()), ctx->ipv6)) {
+        note_rewritten(outbounds, ctx);
+    }
+    if (are_rules_due && !dump_shared_files(data, ctx)) {
+        return;
+    }
+    if (is_report_due && write_report(data, ctx)) {
         note_rewritten(report, ctx);
     }
 }

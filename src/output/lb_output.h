@@ -65,7 +65,9 @@ class LBOutput {
     };
     enum class Shared : std::size_t { report4, report6, outbounds4, outbounds6, rules, count };
 
-    void note_files(bool ipv6);
+    /// Makes the directory of the dumps and notes what will be written; false, logged, where there
+    /// can be none.
+    bool prepare_files(bool ipv6);
     bool dump_shared_files(const LBData& data, context* ctx);
     /// Each tells whether the file was rewritten to its end, which also a sibling's writing is not.
     bool write_report(const LBData& data, context* ctx);

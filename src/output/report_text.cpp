@@ -27,12 +27,19 @@ std::string failure_age(int stamp_s, int now_s) {
                : age_text(static_cast<std::uint32_t>(now_s) - static_cast<std::uint32_t>(stamp_s));
 }
 
-/// The date in ctime(3)'s form, with its line feed.
-std::string date_text(int stamp_s) {
-    constexpr std::size_t ctime_size = 26;
-    const time_t time = stamp_s;
-    std::array<char, ctime_size> text{};
-    return ctime_r(&time, text.data()) == nullptr ? "\n" : text.data();
+/// The date in ctime(3)'s form, with its line feed. Kept for the next call: all records of a report
+/// have the same one (B112).
+const std::string& date_text(int stamp_s) {
+    thread_local int shown_s = 0;
+    thread_local std::string shown;
+    if (shown.empty() || shown_s != stamp_s) {
+        constexpr std::size_t ctime_size = 26;
+        const time_t time = stamp_s;
+        std::array<char, ctime_size> text{};
+        shown = ctime_r(&time, text.data()) == nullptr ? "\n" : text.data();
+        shown_s = stamp_s;
+    }
+    return shown;
 }
 
 const char* result_mark(int last_result) {
@@ -52,7 +59,9 @@ std::string probe_lines(const LBHealth& health) {
     for_each_probe(health, [&lines](int, Probe& probe) {
         lines += indent;
         lines += result_mark(probe.last_result);
-        lines += "Test:  " + probe.status() + "\n";
+        lines += "Test:  ";
+        lines += probe.status();
+        lines += '\n';
     });
     return lines;
 }
@@ -78,12 +87,22 @@ std::string age_text(std::uint32_t age_s) {
 
 // B115: blanks, tabs and all.
 std::string report_record(const std::string& name, const LBHealth& health, int now_s) {
-    std::string text = "Interface:  " + name + "\n";
-    text += indent + std::string("Status:  ") + (health.active ? "active" : "failed") + "\n";
-    text += indent + ("Last Status Change:  " + date_text(health.last_change));
+    constexpr std::size_t usual_size = 256;
+    std::string text;
+    text.reserve(usual_size);
+    text += "Interface:  ";
+    text += name;
+    text += '\n';
+    text += indent;
+    text += health.active ? "Status:  active\n" : "Status:  failed\n";
+    text += indent;
+    text += "Last Status Change:  ";
+    text += date_text(health.last_change);
     text += probe_lines(health);
-    text +=
-        "    Last Interface Success:  " + success_age(health.history.last_success, now_s) + "\n";
-    text += "    Last Interface Failure:  " + failure_age(health.history.last_failure, now_s);
-    return text + "\n\n";
+    text += "    Last Interface Success:  ";
+    text += success_age(health.history.last_success, now_s);
+    text += "\n    Last Interface Failure:  ";
+    text += failure_age(health.history.last_failure, now_s);
+    text += "\n\n";
+    return text;
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
 #include "base/address_text.h"
 #include "config/context.h"
@@ -26,6 +27,7 @@ void HostView::begin_pass() {
         addresses_.reset();
         links_.clear();
         primary_addresses_.clear();
+        ends_.clear();
     }
 }
 
@@ -55,6 +57,18 @@ host::Link HostView::link(const std::string& ifname) {
 host::PrimaryAddress HostView::primary_address(const std::string& ifname) {
     return ask_once(primary_addresses_, ifname, host::primary_address,
                     [](const host::PrimaryAddress& address) { return address.error == 0; });
+}
+
+const OwnEnd4* HostView::known_end(const std::string& ifname,
+                                   const std::string& source_address) const {
+    const auto found = ends_.find(ifname);
+    const bool is_known = found != ends_.end() && found->second.source_address == source_address;
+    return is_known ? &found->second.end : nullptr;
+}
+
+void HostView::keep_end(const std::string& ifname, const std::string& source_address, OwnEnd4 end) {
+    ends_.insert_or_assign(ifname,
+                           KeptEnd{.source_address = source_address, .end = std::move(end)});
 }
 
 const HostView::Addresses* HostView::known_addresses() {

@@ -16,6 +16,13 @@
 
 struct context;
 
+/// What an IPv4 frame of an interface carries of its own side.
+struct OwnEnd4 {
+    host::Link link;
+    std::string source_text;  ///< dotted decimal
+    Ipv4Bytes source{};
+};
+
 /// What one worker knows of its host in the present pass of probes: it is asked once, not once per
 /// uplink. One thread's own, in one network namespace.
 class HostView {
@@ -54,6 +61,11 @@ class HostView {
     host::Link link(const std::string& ifname);
     host::PrimaryAddress primary_address(const std::string& ifname);
 
+    /// The own end that was kept for an interface and the source address of its configuration, as
+    /// long as the host announces no change; else null.
+    const OwnEnd4* known_end(const std::string& ifname, const std::string& source_address) const;
+    void keep_end(const std::string& ifname, const std::string& source_address, OwnEnd4 end);
+
     host::ConnectionTracking tracking;
     Outbox outbox{tracking};
     ReplyRoom reply_room;
@@ -81,6 +93,11 @@ class HostView {
     std::optional<Addresses> addresses_;
     std::unordered_map<std::string, host::Link> links_;
     std::unordered_map<std::string, host::PrimaryAddress> primary_addresses_;
+    struct KeptEnd {
+        std::string source_address;
+        OwnEnd4 end;
+    };
+    std::unordered_map<std::string, KeptEnd> ends_;
     std::optional<Neighbors> neighbors_;
 };
 

@@ -59,14 +59,14 @@ host::Transfer LBTestICMP::send_frame(int sock, const std::string& ifname, const
         case FramePath4::Step::failed:
             return {.count = -1, .error = path.error};
         case FramePath4::Step::source_absent:
-            LOG_ERROR("address '%s' not present on any interface", path.source_text.c_str());
+            LOG_ERROR("address '%s' not present on any interface", path.own.source_text.c_str());
             return {.count = -1, .error = path.error};
     }
     const EchoFrame4 frame =
-        echo_frame4(path.next_hop_mac, path.link.mac, path.source, path.target,
+        echo_frame4(path.next_hop_mac, path.own.link.mac, path.own.source, path.target,
                     host::echo_identifier(), static_cast<std::uint32_t>(packet_id));
     return ctx->view->outbox.take(
-        outgoing_echo(family_, sock, path.link, path.source, path.target, bytes_of(frame)));
+        outgoing_echo(family_, sock, path.own.link, path.own.source, path.target, bytes_of(frame)));
 }
 
 host::Transfer LBTestICMP::send_into_tunnel(int sock, const std::string& ifname,

@@ -95,12 +95,13 @@ host::Transfer LBTestPING::ping_by_frames(int sock, LBHealth& health, const std:
             return fail_run(health, ctx, to, {.count = -1, .error = path.error});
         case FramePath4::Step::source_absent:
             // B72: no verdict. The target keeps what the runs before proved.
-            LOG_WARNING("Address '%s' not present on any interface", path.source_text.c_str());
+            LOG_WARNING("Address '%s' not present on any interface", path.own.source_text.c_str());
             return {.count = -1, .error = path.error};
     }
-    EchoFrame4 frame = echo_frame4(path.next_hop_mac, path.link.mac, path.source, path.target,
-                                   host::echo_identifier(), static_cast<std::uint32_t>(id));
-    create_conntrack_record(path.source_text, to, ctx);
+    EchoFrame4 frame =
+        echo_frame4(path.next_hop_mac, path.own.link.mac, path.own.source, path.target,
+                    host::echo_identifier(), static_cast<std::uint32_t>(id));
+    create_conntrack_record(path.own.source_text, to, ctx);
     const int wait_ms = ts2msecs(&ping_timeout);
     return run_echoes(
         {.health = health,
@@ -110,7 +111,7 @@ host::Transfer LBTestPING::ping_by_frames(int sock, LBHealth& health, const std:
          .wait = {.seconds = wait_ms / 1000, .microseconds = wait_ms % 1000 * 1000},
          .send_echo = [&frame, &path, sock](std::uint16_t sequence) {
              set_sequence(frame.icmp, sequence);
-             return host::send_frame(sock, path.link.index, path.link.mac, bytes_of(frame));
+             return host::send_frame(sock, path.own.link.index, path.own.link.mac, bytes_of(frame));
          }});
 }
 

@@ -6,18 +6,15 @@
 #include "host/clock.h"
 #include "host/log.h"
 
-namespace {
-
-/// No interface name holds a slash, so two different pairs never give one key.
-std::string path_key(const std::string& interface, const std::string& target) {
-    return interface + '/' + target;
+std::size_t PendingProbes::HashPath::operator()(const Path& path) const {
+    const std::hash<std::string_view> hash;
+    // An odd factor, so that a pair and its reverse have different hashes.
+    return hash(path.interface) * 31 + hash(path.target);
 }
-
-}  // namespace
 
 std::optional<int> PendingProbes::find(const std::string& interface,
                                        const std::string& target) const {
-    const auto found = by_path_.find(path_key(interface, target));
+    const auto found = by_path_.find(Path{interface, target});
     return found == by_path_.end() ? std::nullopt : std::make_optional(found->second);
 }
 
@@ -27,8 +24,13 @@ const PktData* PendingProbes::find(int packet_id) const {
 }
 
 void PendingProbes::insert(int packet_id, const PktData& probe) {
-    if (by_id_.try_emplace(packet_id, probe).second) {
-        by_path_.insert_or_assign(path_key(probe.interface, probe.target), packet_id);
+    const auto [place, is_new] = by_id_.try_emplace(packet_id, probe);
+    if (is_new) {
+        const PktData& kept = place->second;
+        // Erased first: the key of an older probe would be of a text that goes with it.
+        const Path path{kept.interface, kept.target};
+        by_path_.erase(path);
+        by_path_.emplace(path, packet_id);
     }
 }
 
@@ -37,7 +39,7 @@ void PendingProbes::erase(int packet_id) {
     if (found == by_id_.end()) {
         return;
     }
-    by_path_.erase(path_key(found->second.interface, found->second.target));
+    by_path_.erase(Path{found->second.interface, found->second.target});
     by_id_.erase(found);
 }
 

@@ -6,9 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
-#include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "base/namespace_table.h"
@@ -45,8 +45,19 @@ class PendingProbes {
     std::size_t size() const { return by_id_.size(); }
 
   private:
-    std::map<int, PktData> by_id_;
-    std::unordered_map<std::string, int> by_path_;
+    /// The texts are those of the probe in `by_id_`, whose entries stay where they are.
+    struct Path {
+        std::string_view interface;
+        std::string_view target;
+
+        bool operator==(const Path&) const = default;
+    };
+    struct HashPath {
+        std::size_t operator()(const Path& path) const;
+    };
+
+    std::unordered_map<int, PktData> by_id_;
+    std::unordered_map<Path, int, HashPath> by_path_;
 };
 
 /// The two families of probes are twins: this record names all in which they differ and points to

@@ -7,7 +7,6 @@
 #include "base/address_text.h"
 #include "host/log.h"
 #include "host/packets.h"
-#include "probe/host_view.h"
 #include "probe/lb_arp.h"
 #include "probe/lb_neighbor.h"
 
@@ -35,6 +34,41 @@ void log_unreadable_address(int error) {
     LOG_ERROR("inet_pton() failed.\nError message: %s", strerror(error));
 }
 
+/// The path's own end, or why there is none. What comes before a line of the log leaves before it.
+bool find_own_end(const std::string& ifname, const std::string& source_address, HostView& view,
+                  FramePath4& path) {
+    if (const OwnEnd4* known = view.known_end(ifname, source_address)) {
+        path.own = *known;
+        return true;
+    }
+    path.own.link = view.link(ifname);
+    if (path.own.link.failed != host::Link::Step::none) {
+        view.outbox.send_waiting();
+        log_link_failure(path.own.link, "address");
+        path.error = path.own.link.error;
+        return false;
+    }
+    path.own.source_text = source_address;
+    if (source_address.empty()) {
+        const host::PrimaryAddress own = view.primary_address(ifname);
+        if (own.error != 0) {
+            view.outbox.send_waiting();
+            path.error = own.error;
+            return false;
+        }
+        path.own.source_text = to_text(own.address);
+    }
+    if (!view.has_source(ifname, path.own.source_text)) {
+        view.outbox.send_waiting();
+        path.reached = FramePath4::Step::source_absent;
+        path.error = EADDRNOTAVAIL;
+        return false;
+    }
+    path.own.source = parse_ipv4(path.own.source_text).value();  // one that the host printed
+    view.keep_end(ifname, source_address, path.own);
+    return true;
+}
+
 }  // namespace
 
 // What comes before a line of the log, or before a question on the wire, leaves before it.
@@ -42,30 +76,10 @@ FramePath4 find_frame_path4(const std::string& ifname, const std::string& source
                             const std::string& nexthop, const std::string& target, context* ctx) {
     Outbox& before = ctx->view->outbox;
     FramePath4 path;
-    path.link = ctx->view->link(ifname);
-    if (path.link.failed != host::Link::Step::none) {
-        before.send_waiting();
-        log_link_failure(path.link, "address");
-        path.error = path.link.error;
+    if (!find_own_end(ifname, source_address, *ctx->view, path)) {
         return path;
     }
-    path.source_text = source_address;
-    if (source_address.empty()) {
-        const host::PrimaryAddress own = ctx->view->primary_address(ifname);
-        if (own.error != 0) {
-            before.send_waiting();
-            path.error = own.error;
-            return path;
-        }
-        path.source_text = to_text(own.address);
-    }
-    if (!ctx->view->has_source(ifname, path.source_text)) {
-        before.send_waiting();
-        path.reached = FramePath4::Step::source_absent;
-        path.error = EADDRNOTAVAIL;
-        return path;
-    }
-    ctx->arp->set_data(nexthop, path.source_text, ifname);
+    ctx->arp->set_data(nexthop, path.own.source_text, ifname);
     if (const auto known = ctx->arp->known_mac()) {
         path.next_hop_mac = *known;
     } else {
@@ -77,15 +91,13 @@ FramePath4 find_frame_path4(const std::string& ifname, const std::string& source
         }
         path.next_hop_mac = mac.mac;
     }
-    const auto source = parse_ipv4(path.source_text);
-    const auto destination = source ? parse_ipv4(target) : std::nullopt;
+    const auto destination = parse_ipv4(target);
     if (!destination) {
         before.send_waiting();
         log_unreadable_address(EINVAL);
         path.error = EINVAL;
         return path;
     }
-    path.source = *source;
     path.target = *destination;
     path.reached = FramePath4::Step::ready;
     return path;

@@ -5,6 +5,7 @@
 #include "config/context.h"
 #include "host/addresses.h"
 #include "host/links.h"
+#include "probe/host_view.h"
 #include "wire/bytes.h"
 
 /// The ways of an echo out of one particular interface, for all probes. Everything here runs on the
@@ -17,10 +18,8 @@ struct FramePath4 {
     enum class Step { ready, failed, source_absent };
     Step reached = Step::failed;
     int error = 0;
-    host::Link link;
+    OwnEnd4 own;
     MacAddress next_hop_mac{};
-    std::string source_text;  ///< the source address in use
-    Ipv4Bytes source{};
     Ipv4Bytes target{};
 };
 /// Finds the path for one probe: link, source (the interface's own where `source_address` is

@@ -190,7 +190,9 @@ int bind_to_interface(int number, const std::string& ifname) {
 }
 
 std::uint16_t echo_identifier() {
-    return static_cast<std::uint16_t>(getpid());
+    // Asked once: the daemon forks before its first probe only.
+    static const auto identifier = static_cast<std::uint16_t>(getpid());
+    return identifier;
 }
 
 Transfer receive(int receiver, std::span<std::uint8_t> buffer) {

@@ -2,18 +2,17 @@
 // the kernel lets them, ready-made, and the replies are taken off by as few; no verdict, no record
 // of the connection, no file. One round every two seconds, as the daemon asks a healthy target.
 //
-//     floor < TARGETS        a line each: interface, MAC of the next hop, source, target
+//     floor < TARGETS          a line each: interface, MAC of the next hop, source, target
+//     floor COUNT < TARGETS    each second so many echoes to each, every one after the reply to the
+//                              one before, as an extended ping asks
 
-#include <arpa/inet.h>
-#include <linux/if_packet.h>
-#include <net/if.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <thread>
@@ -66,9 +65,37 @@ Ready read_targets() {
     return ready;
 }
 
+/// All at once, every two seconds.
+void ask_together(int sender, int receiver, const Ready& ready) {
+    std::array<host::PacketFront, 64> replies;
+    while (true) {
+        host::send_frames(sender, ready.outgoing);
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        while (host::receive_many(receiver, replies).count == static_cast<int>(replies.size())) {
+        }
+    }
+}
+
+/// One after the other's reply, every second.
+void ask_in_turn(int sender, int receiver, const Ready& ready, int count) {
+    constexpr int patience_ms = 1000;
+    std::array<std::uint8_t, 64> reply;
+    pollfd wait{.fd = receiver, .events = POLLIN, .revents = 0};
+    while (true) {
+        for (const host::OutgoingFrame& frame : ready.outgoing) {
+            for (int i = 0; i < count; ++i) {
+                host::send_frames(sender, std::span(&frame, 1));
+                poll(&wait, 1, patience_ms);
+                host::receive(receiver, reply);
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+    }
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char* argv[]) {
     const Ready ready = read_targets();
     const host::OpenedSocket sender = host::open_frame_sender();
     const host::OpenedSocket receiver = host::open_reply_receiver(false, identifiers);
@@ -77,12 +104,9 @@ int main() {
         return 1;
     }
     host::make_room(receiver.number, static_cast<int>(ready.outgoing.size()));
-    std::array<host::PacketFront, 64> replies;
-    while (true) {
-        host::send_frames(sender.number, ready.outgoing);
-        std::this_thread::sleep_for(std::chrono::seconds(2));
-        while (host::receive_many(receiver.number, replies).count ==
-               static_cast<int>(replies.size())) {
-        }
+    if (argc == 2) {
+        ask_in_turn(sender.number, receiver.number, ready, atoi(argv[1]));
+    } else {
+        ask_together(sender.number, receiver.number, ready);
     }
 }

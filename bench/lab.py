@@ -66,7 +66,20 @@ def target(uplink):
     return f"198.18.{uplink // 250}.{uplink % 250 + 1}"
 
 
-def write_conf(routers, path="/run/lb.conf"):
+def plain_ping(uplink):
+    return ["type ping {", f"target {target(uplink)}", "resp-time 3000", "}"]
+
+
+EXTENDED_ECHOES = 10
+
+
+def extended_ping(uplink):
+    """One that runs in every cycle, with limits that no reply of the bench reaches."""
+    return ["type ping_ext {", f"target {target(uplink)}", "period 0", f"count {EXTENDED_ECHOES}", "timeout 1000",
+            "loss 90", "rtt 900", "jitter 900", "}"]
+
+
+def write_conf(routers, path="/run/lb.conf", probe=plain_ping):
     """One probe for each uplink, one rule for each namespace; the first is the daemon's own."""
     health, rules = [], []
     for number, (name, uplinks) in enumerate(routers.items(), 1):
@@ -74,8 +87,7 @@ def write_conf(routers, path="/run/lb.conf"):
         rules += [f"rule {number}_ipv4 {{", *inside_namespace, "target {", "address 203.0.113.0/24", "}"]
         for i in uplinks:
             health += [f"interface up{i} {{", f"nexthop {address(i)}.1", "success-ct 1", "failure-ct 2",
-                       *inside_namespace, "rule 1 {", "type ping {", f"target {target(i)}", "resp-time 3000", "}",
-                       "}", "}"]
+                       *inside_namespace, "rule 1 {", *probe(i), "}", "}"]
             rules += [f"interface up{i} {{", "weight 1", "}"]
         rules += ["}"]
     pathlib.Path(path).write_text("\n".join(["health {", *health, "}", *rules]) + "\n", encoding="ascii")
@@ -188,15 +200,26 @@ def measure_fping(uplinks, seconds):
                           stderr=subprocess.DEVNULL), seconds)
 
 
-def measure_floor(uplinks, seconds):
+def measure_floor(uplinks, seconds, *how):
     """The program of bench/floor.cpp on the same targets."""
     listed = subprocess.check_output(["ip", "-n", "far", "-j", "link", "show", "router"])
     mac = json.loads(listed)[0]["address"]
     lines = "\n".join(f"up{i} {mac} {address(i)}.2 {target(i)}" for i in range(uplinks)) + "\n"
-    floor = inside("router", str(BUILD / "bench_floor"), stdin=subprocess.PIPE, text=True)
+    floor = inside("router", str(BUILD / "bench_floor"), *how, stdin=subprocess.PIPE, text=True)
     floor.stdin.write(lines)
     floor.stdin.close()
     return cost_of(floor, seconds)
+
+
+def measure_extended(uplinks, seconds):
+    """Of so many uplinks with an extended ping each: the daemon's cost of an echo, and that of a program which does
+    nothing but ask and wait for the reply, one echo after the other."""
+    build_network({"router": range(uplinks)})
+    write_conf({"router": range(uplinks)}, probe=extended_ping)
+    with Responder():
+        daemon = measure_daemon(seconds)["cpu_us_per_probe"]
+        floor = measure_floor(uplinks, seconds, str(EXTENDED_ECHOES))["cpu_us_per_probe"]
+    return {"daemon": daemon, "floor": floor}
 
 
 def unrelated_frames(mac):

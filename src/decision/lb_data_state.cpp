@@ -22,10 +22,11 @@ std::string LBData::get_interface_namespace(const std::string& ifname, context* 
 }
 
 void LBData::reset_state_changed(context* ctx) {
-    const LiveStateWriter hold;
     for (auto& [name, record] : family(ctx->ipv6)) {
-        if (record.namespace_name == *ctx->ns_name) {
-            record.state_changed = false;  // others' interfaces are others' to write
+        // The namespace first: others' interfaces are others' to read and write.
+        if (record.namespace_name == *ctx->ns_name && record.state_changed) {
+            const LiveStateWriter hold;
+            record.state_changed = false;
         }
     }
 }

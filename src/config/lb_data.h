@@ -58,11 +58,6 @@ class LBData {
 
     using Changes = std::map<std::string, std::string>;
 
-    /// False for an unknown interface.
-    bool is_active(const std::string& ifname, context* ctx) const;
-    /// Empty for an unknown interface.
-    std::string get_interface_namespace(const std::string& ifname, context* ctx) const;
-
     /// The rest is defined in decision/lb_data_state.cpp and decision/next_hops.cpp.
     /// Starts a cycle: no interface of the worker has changed yet.
     void reset_state_changed(context* ctx);
@@ -71,8 +66,12 @@ class LBData {
     /// Asks the kernel for the peers of "tunnel" interfaces.
     void update_tunnel_nexthop(context* ctx);
 
-    /// Diagnostics that nothing in the daemon calls (B132). Interface name -> "ACTIVE" or "FAILED"
-    /// of every interface of the worker's family that changed in this cycle.
+    /// What nothing in the daemon calls (B132). False for an unknown interface.
+    bool is_active(const std::string& ifname, context* ctx) const;
+    /// Empty for an unknown interface.
+    std::string get_interface_namespace(const std::string& ifname, context* ctx) const;
+    /// Interface name -> "ACTIVE" or "FAILED" of every interface of the worker's family that
+    /// changed in this cycle.
     Changes state_changed(context* ctx);
     void check_state(Changes* changes, std::map<std::string, LBHealth>::iterator entry,
                      context* ctx);

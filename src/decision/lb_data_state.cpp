@@ -1,4 +1,4 @@
-// What the decision asks of the records, and their diagnostics.
+// Changes of state, and the diagnostics of the records.
 
 #include <iostream>
 
@@ -8,6 +8,19 @@
 #include "host/clock.h"
 #include "host/log.h"
 #include "probe/lb_test.h"
+
+void LBData::reset_state_changed(context* ctx) {
+    for (auto& [name, record] : family(ctx->ipv6)) {
+        // The namespace first: others' interfaces are others' to read and write.
+        if (record.namespace_name == *ctx->ns_name && record.state_changed) {
+            const LiveStateWriter hold;
+            record.state_changed = false;
+        }
+    }
+}
+
+// From here on what nothing in the daemon calls (B132). Since nothing calls `check_state`, no
+// record ever gets a `last_change`: reports and dumps show 1970 (B112).
 
 bool LBData::is_active(const std::string& ifname, context* ctx) const {
     const auto& interfaces = family(ctx->ipv6);
@@ -20,19 +33,6 @@ std::string LBData::get_interface_namespace(const std::string& ifname, context* 
     const auto found = interfaces.find(ifname);
     return found == interfaces.end() ? std::string() : found->second.namespace_name;
 }
-
-void LBData::reset_state_changed(context* ctx) {
-    for (auto& [name, record] : family(ctx->ipv6)) {
-        // The namespace first: others' interfaces are others' to read and write.
-        if (record.namespace_name == *ctx->ns_name && record.state_changed) {
-            const LiveStateWriter hold;
-            record.state_changed = false;
-        }
-    }
-}
-
-// From here on diagnostics that nothing in the daemon calls (B132). Since nothing calls
-// `check_state`, no record ever gets a `last_change`: reports and dumps show 1970 (B112).
 
 LBData::Changes LBData::state_changed(context* ctx) {
     Changes changes;

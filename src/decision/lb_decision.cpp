@@ -152,11 +152,16 @@ std::string LBDecision::routes_of(LBData& data, RuleEntry rule, context* ctx) {
     auto& interfaces = data.family(ctx->ipv6);
     auto& targets = rule->second.targets;
     std::string routes;
+    std::string line;
+    bool is_added = false;
     for (auto target = targets.begin(); target != targets.end(); ++target) {
-        std::string line;
-        bool is_added = false;
-        for (const auto& [name, weight] : weights) {
-            generate_route(interfaces.find(name), &line, &is_added, rule, weights, target, ctx);
+        // All destinations have the same members; what a failover rule chose is told for each.
+        if (target == targets.begin() || rule->second.failover != 0) {
+            line.clear();
+            is_added = false;
+            for (const auto& [name, weight] : weights) {
+                generate_route(interfaces.find(name), &line, &is_added, rule, weights, target, ctx);
+            }
         }
         if (is_added) {
             routes += route_line(target->first, line, target->second);

@@ -326,12 +326,19 @@ TEST_F(ProbeChecksums, of_bytes_are_the_same_in_every_class) {
 }
 
 TEST_F(Probes, echo_of_the_wrong_family_is_not_sent) {
+    const auto expect_refused = [](const auto& send) {
+        errno = 0;
+        EXPECT_EQ(send(), -1);
+        EXPECT_EQ(errno, EAFNOSUPPORT);
+    };
     LBTestICMP probe;
-    EXPECT_EQ(probe.send_for_interfaces(0, "lo", "192.0.2.1", "", "", 1, ctx6), -1);
-    EXPECT_EQ(probe.send_for_tunnel(0, "gre_1", "192.0.2.1", 1, ctx6), -1);
+    expect_refused(
+        [&] { return probe.send_for_interfaces(0, "lo", "192.0.2.1", "", "", 1, ctx6); });
+    expect_refused([&] { return probe.send_for_tunnel(0, "gre_1", "192.0.2.1", 1, ctx6); });
     LBTestICMP6 probe6;
-    EXPECT_EQ(probe6.send_for_interfaces(0, "lo", "2001:db8::1", "", "", 1, ctx), -1);
-    EXPECT_EQ(probe6.send_for_tunnel(0, "lo", "2001:db8::1", 1, ctx), -1);
+    expect_refused(
+        [&] { return probe6.send_for_interfaces(0, "lo", "2001:db8::1", "", "", 1, ctx); });
+    expect_refused([&] { return probe6.send_for_tunnel(0, "lo", "2001:db8::1", 1, ctx); });
     EXPECT_TRUE(log.lines().empty());
 }
 

@@ -207,6 +207,17 @@ TEST_F(Neighbours, receiver_without_a_socket_ends_with_a_message) {
     EXPECT_EQ(log.lines(), errors({"<recv_neighbor> socket() for _recv_sock failed "}));
 }
 
+TEST_F(Neighbours, receiver_reports_a_failed_wait_and_a_failed_receive) {
+    const DatagramPair frames;
+    deliver(frames.far, advertisement());
+    for (const Call call : {Call::poll, Call::recv}) {
+        const FailCall failed(call, ENETDOWN);
+        recv_neighbor(new NextHopReceiver{.targets = std::make_shared<AskedAddresses>(),
+                                          .socket = frames.near.get()});
+    }
+    EXPECT_EQ(log.lines(), errors({"select() failed", "recv() failed"}));
+}
+
 TEST_F(Neighbours, advertisement_never_asked_for_is_entered_but_not_written) {
     AskedAddresses targets;
     EXPECT_TRUE(handle_advertisement(advertisement(), targets));

@@ -180,4 +180,10 @@ TEST(WaitForPacket, is_woken_by_a_packet_by_its_bell_first_and_by_the_time) {
     EXPECT_EQ(host::wait_for_packet(pair.near.get(), bell, 1000), host::Woken::by_packet);
 }
 
+TEST(WaitForPacket, that_the_kernel_refuses_has_failed) {
+    const DatagramPair pair;
+    const host::Bell bell;
+    EXPECT_EQ(host::wait_for_packet(pair.near.get(), bell, -1), host::Woken::failed);
+}
+
 }  // namespace

@@ -10,11 +10,15 @@ set(NOT_EMULATED
   Neighbours.refused_entry_does_not_make_the_table_be_dumped_again
   # The device that a socket is bound to: it can be set, but not asked.
   Probes.echo_into_a_tunnel_is_bound_and_sent_to_the_socket
+  BindToInterface.*
   # The count of what a socket has dropped.
   Room.losses_are_told_at_once_and_then_once_an_hour
   Room.losses_behind_a_limit_name_the_command_that_lifts_it
   # Netlink sockets for connection tracking.
   Conntrack.*
+  ConntrackRecord.*
+  ConntrackAnswers.*
+  OnTheWire.*
   LbrouteFlows.kernel_that_does_not_answer_is_told
   # A process that a signal ends says nothing more: the emulator adds a line to its standard error.
   CrashReport.threads_that_crash_at_once_give_one_whole_report

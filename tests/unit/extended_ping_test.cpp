@@ -319,8 +319,12 @@ TEST_F(ExtendedPing, without_a_name_fails_without_a_message) {
 
 TEST_F(ExtendedPing, in_an_ipv6_context_fails_on_both_paths_without_a_message) {
     TestContext ctx6(true, namespace_name);
+    errno = 0;
     EXPECT_EQ(probe.send_for_tunnel(0, health, "127.0.0.1", packet_id, ctx6), -1);
+    EXPECT_EQ(errno, EAFNOSUPPORT);
+    errno = 0;
     EXPECT_EQ(probe.send_for_interfaces(0, health, "127.0.0.1", "192.0.2.1", packet_id, ctx6), -1);
+    EXPECT_EQ(errno, EAFNOSUPPORT);
     EXPECT_EQ(failures(), 2);
     EXPECT_EQ(probe.last_result, 2);
     EXPECT_TRUE(log.lines().empty());

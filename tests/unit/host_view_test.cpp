@@ -64,6 +64,19 @@ TEST(SourceAddress, without_announcements_every_pass_asks) {
     EXPECT_EQ(counted.calls(), 3);
 }
 
+TEST(SourceAddress, announcements_that_broke_off_are_subscribed_to_anew) {
+    HostView view;
+    view.begin_pass();  // subscribes
+    const FailCall subscribed(Call::mnl_socket_open, 0, 99);
+    {
+        const FailCall broken(Call::mnl_socket_recvfrom, EBADF, 1);
+        view.begin_pass();
+    }
+    EXPECT_EQ(subscribed.calls(), 0);
+    view.begin_pass();
+    EXPECT_EQ(subscribed.calls(), 1);
+}
+
 TEST(SourceAddress, unreadable_list_is_reported) {
     const CapturedLog log;
     const FailCall no_list(Call::getifaddrs, ENOMEM);

@@ -1,7 +1,11 @@
 #include "probe/lb_arp.h"
 
 #include <gtest/gtest.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <sys/ioctl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <span>
@@ -9,6 +13,7 @@
 #include "unit/support/captured_log.h"
 #include "unit/support/echo_replies.h"
 #include "unit/support/faults.h"
+#include "unit/support/given_kernel.h"
 
 namespace {
 
@@ -121,6 +126,96 @@ TEST_F(ArpRequest, on_an_interface_without_an_index) {
     ask("192.0.2.1");
     const FailCall no_index(Call::ioctl, ENODEV, 2);
     EXPECT_EQ(complaint(), err + "<send_arp> if_nametoindex() failed to obtain interface index");
+}
+
+/// A next hop behind eth0 that is asked for on a wire of the test.
+struct ArpOnTheWire : Arp {
+    ArpOnTheWire() {
+        kernel.on_ioctl = [this](unsigned long request, void* argument) {
+            if (request == SIOCGARP) {
+                static_cast<arpreq*>(argument)->arp_flags = is_known ? ATF_COM : 0;
+                std::copy(next_hop.begin(), next_hop.end(),
+                          static_cast<arpreq*>(argument)->arp_ha.sa_data);
+            } else if (request == SIOCGIFHWADDR) {
+                std::copy(own.begin(), own.end(),
+                          static_cast<ifreq*>(argument)->ifr_hwaddr.sa_data);
+            }
+            return 0;
+        };
+        LBArp::is_start_recv.set("arp test", true);
+        LBArp::_send_sock.set("arp test", wire.near.release());
+        ask("192.0.2.1", "192.0.2.10", "eth0");
+    }
+    Bytes sent() const {
+        Bytes frame(64);
+        const ssize_t length = recv(wire.far.get(), frame.data(), frame.size(), MSG_DONTWAIT);
+        frame.resize(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+        return frame;
+    }
+    const MacAddress next_hop{2, 0, 0, 0, 0, 1};
+    const MacAddress own{2, 0, 0, 0, 0, 10};
+    const Bytes question{0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 2, 0, 0, 0, 0,   10, 8, 6,
+                         0,    1,    8,    0,    6,    4,    0, 1, 2, 0, 0,   0,  0, 10,
+                         192,  0,    2,    10,   0,    0,    0, 0, 0, 0, 192, 0,  2, 1};
+    bool is_known = false;
+    DatagramPair wire;
+    GivenKernel kernel;
+};
+
+TEST_F(ArpOnTheWire, unknown_next_hop_is_asked_for_from_the_interfaces_addresses) {
+    EXPECT_EQ(arp.send_arp(), 42);
+    EXPECT_EQ(sent(), question);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(ArpOnTheWire, search_for_an_unknown_next_hop_asks_and_finds_its_host_unreachable) {
+    EXPECT_FALSE(arp.known_mac());
+    EXPECT_EQ(arp.find_mac().error, EHOSTUNREACH);
+    EXPECT_EQ(sent(), question);
+}
+
+TEST_F(ArpOnTheWire, known_next_hop_is_found_without_a_question) {
+    is_known = true;
+    EXPECT_EQ(arp.known_mac(), next_hop);
+    const LBArp::Mac found = arp.find_mac();
+    EXPECT_EQ(found.error, 0);
+    EXPECT_EQ(found.mac, next_hop);
+    EXPECT_EQ(sent(), Bytes{});
+}
+
+TEST_F(ArpOnTheWire, next_hop_that_is_no_address_is_not_asked_for) {
+    ask("dhcp", "192.0.2.10", "eth0");
+    EXPECT_FALSE(arp.known_mac());
+    EXPECT_EQ(arp.find_mac().error, EINVAL);
+    EXPECT_EQ(sent(), Bytes{});
+}
+
+TEST_F(ArpOnTheWire, answer_of_the_next_hop_is_written) {
+    arpreq written{};
+    kernel.on_ioctl = [&written](unsigned long asked, void* argument) {
+        written = *static_cast<arpreq*>(argument);
+        return asked == SIOCSARP ? 0 : EINVAL;
+    };
+    EXPECT_TRUE(handle_arp_frame(arp_frame(2), *arp.targets));
+    EXPECT_STREQ(written.arp_dev, "eth0");
+    // Sender's MAC and address, and the first of the target's MAC.
+    EXPECT_EQ(Bytes(written.arp_ha.sa_data, written.arp_ha.sa_data + 12),
+              (Bytes{2, 0, 0, 0, 0, 2, 192, 0, 2, 1, 2, 0}));
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(Arp, receiver_goes_on_after_an_interruption) {
+    const DatagramPair frames;
+    deliver(frames.far, arp_frame(2));
+    for (const int error : {EINTR, EAGAIN}) {
+        const FailCall interrupted(Call::recv, error, 1);
+        const FailCall ended(Call::poll, ENETDOWN, 3);
+        const auto targets = std::make_shared<AskedAddresses>();
+        recv_arp(new NextHopReceiver{.targets = targets, .socket = frames.near.get()});
+        EXPECT_EQ(targets->size(), 1U);
+        deliver(frames.far, arp_frame(2));
+    }
+    EXPECT_EQ(log.lines(), errors({"<recv_arp> select() failed", "<recv_arp> select() failed"}));
 }
 
 TEST_F(Arp, receiver_that_cannot_start_is_reported_once) {

@@ -316,6 +316,16 @@ TEST(ProbeNumber, is_zero_where_none_is_given) {
     EXPECT_TRUE(loaded.health("eth0").tests.contains(0));
 }
 
+TEST(ProbeNumber, of_an_ipv6_probe_declared_twice_keeps_the_first_and_the_lines_of_both) {
+    Loaded loaded(
+        interface_block("rule 1 {\n type ping {\n target a\n }\n}\n"
+                        "rule 1 {\n type ping {\n resp-time 7\n }\n}",
+                        "interface6"));
+    ASSERT_EQ(loaded.health6("eth0").tests6.size(), 1U);
+    EXPECT_EQ(loaded.health6("eth0").tests6.at(1)->target, "a");
+    EXPECT_EQ(loaded.health6("eth0").tests6.at(1)->timeout, 7);
+}
+
 TEST(Type, unknown_word_makes_the_probe_of_the_number_current) {
     Loaded loaded(
         interface_block("rule 1 {\n type ping {\n target a\n }\n}\n"

@@ -2,8 +2,12 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <span>
@@ -11,6 +15,7 @@
 #include "unit/support/captured_log.h"
 #include "unit/support/echo_replies.h"
 #include "unit/support/faults.h"
+#include "unit/support/given_kernel.h"
 
 namespace {
 
@@ -124,6 +129,54 @@ TEST_F(Solicitation, without_a_send_socket) {
     EXPECT_TRUE(complaint().starts_with("sendto() failed: "));
 }
 
+TEST_F(Neighbours, unknown_next_hop_is_asked_for_from_the_interfaces_addresses) {
+    GivenKernel kernel;
+    kernel.on_ioctl = [](unsigned long request, void* argument) {
+        if (request == SIOCGIFHWADDR) {
+            const Bytes own{2, 0, 0, 0, 0, 10};
+            std::copy(own.begin(), own.end(), static_cast<ifreq*>(argument)->ifr_hwaddr.sa_data);
+        }
+        return 0;
+    };
+    DatagramPair wire;
+    LBNeighbor::_send_sock.set("neighbour test", wire.near.release());
+    ask("2001:db8::1:2:3");
+    EXPECT_EQ(complaint(), "");
+    Bytes frame(128);
+    ASSERT_EQ(recv(wire.far.get(), frame.data(), frame.size(), MSG_DONTWAIT), 86);
+    EXPECT_EQ(Bytes(frame.begin(), frame.begin() + 12),
+              (Bytes{0x33, 0x33, 0xff, 2, 0, 3, 2, 0, 0, 0, 0, 10}));
+    EXPECT_EQ(Bytes(frame.begin() + 22, frame.begin() + 38),  // source
+              (Bytes{0x20, 1, 0xd, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2}));
+    EXPECT_EQ(Bytes(frame.begin() + 62, frame.begin() + 78),  // target
+              (Bytes{0x20, 1, 0xd, 0xb8, 0, 0, 0, 0, 0, 0, 0, 1, 0, 2, 0, 3}));
+    // The socket stays for the next one.
+    EXPECT_EQ(complaint(), "");
+    EXPECT_EQ(recv(wire.far.get(), frame.data(), frame.size(), MSG_DONTWAIT), 86);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(Neighbours, entry_that_a_receiver_has_written_is_found_in_the_same_pass) {
+    GivenKernel kernel;
+    kernel.on_request = [&kernel](const Bytes& request) {
+        const bool is_dump = messages_of(request, 12).at(0).type == RTM_GETNEIGH;
+        kernel.answers.push_back(is_dump ? netlink_message(NLMSG_DONE, 0, Bytes(4))
+                                         : netlink_answer(0, 0));
+    };
+    neighbor.view.begin_pass();
+    ask("2001:db8::1");
+    EXPECT_EQ(neighbor.check_neighbor_exist(mac), 0);
+    EXPECT_EQ(neighbor.check_neighbor_exist(mac), 0);
+    EXPECT_EQ(kernel.requests.size(), 1U);
+    AskedAddresses targets;
+    targets.set("2001:db8::1", "lo");
+    handle_advertisement(advertisement(), targets);
+    EXPECT_EQ(kernel.requests.size(), 2U);
+    EXPECT_EQ(messages_of(kernel.requests.at(1), 12).at(0).attributes.at("2"), "020000000009");
+    EXPECT_EQ(neighbor.check_neighbor_exist(mac), 0);
+    EXPECT_EQ(kernel.requests.size(), 3U);
+}
+
 TEST_F(Neighbours, failed_send_closes_the_socket_for_good) {
     LBNeighbor::_send_sock.set("neighbour test", socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const int before = LBNeighbor::_send_sock.get("neighbour test");
@@ -152,6 +205,17 @@ TEST_F(Neighbours, receiver_that_cannot_start_is_reported_once) {
 TEST_F(Neighbours, receiver_without_a_socket_ends_with_a_message) {
     recv_neighbor(new NextHopReceiver{.targets = std::make_shared<AskedAddresses>()});
     EXPECT_EQ(log.lines(), errors({"<recv_neighbor> socket() for _recv_sock failed "}));
+}
+
+TEST_F(Neighbours, receiver_reports_a_failed_wait_and_a_failed_receive) {
+    const DatagramPair frames;
+    deliver(frames.far, advertisement());
+    for (const Call call : {Call::poll, Call::recv}) {
+        const FailCall failed(call, ENETDOWN);
+        recv_neighbor(new NextHopReceiver{.targets = std::make_shared<AskedAddresses>(),
+                                          .socket = frames.near.get()});
+    }
+    EXPECT_EQ(log.lines(), errors({"select() failed", "recv() failed"}));
 }
 
 TEST_F(Neighbours, advertisement_never_asked_for_is_entered_but_not_written) {

@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "base/fd.h"
+#include "probe/lb_neighbor.h"
 #include "probe/lb_test_icmp.h"
 #include "probe/lb_test_icmp6.h"
 #include "probe/lb_test_ping.h"
@@ -313,6 +314,7 @@ TEST_F(ProbeChecksums, of_an_icmpv6_message_cover_the_pseudo_header) {
     LBTestICMP6 probe;
     // 0x5b7a + length 12 + next header 58 + 0x8000 + 0x1234 + 0x0102 + 0x0304 = 0xf1fa
     EXPECT_EQ(probe.in_checksum(ip, header, data, 4), 0x0e05);
+    EXPECT_EQ(LBNeighbor().icmp6_checksum(ip, header, data, 4), 0x0e05);
     // Three bytes: length 11 and 0x0300 instead of 0x0304
     EXPECT_EQ(probe.in_checksum(ip, header, data, 3), 0x0e0a);
 }
@@ -323,16 +325,44 @@ TEST_F(ProbeChecksums, of_bytes_are_the_same_in_every_class) {
     EXPECT_EQ(LBTestICMP().in_checksum(words, 4), 0xedca);
     EXPECT_EQ(LBTestPING().in_checksum(words, 4), 0xedca);
     EXPECT_EQ(LBTestICMP6().checksum(words, 4), 0xedca);
+    EXPECT_EQ(LBNeighbor().checksum(words, 4), 0xedca);
 }
 
 TEST_F(Probes, echo_of_the_wrong_family_is_not_sent) {
+    const auto expect_refused = [](const auto& send) {
+        errno = 0;
+        EXPECT_EQ(send(), -1);
+        EXPECT_EQ(errno, EAFNOSUPPORT);
+    };
     LBTestICMP probe;
-    EXPECT_EQ(probe.send_for_interfaces(0, "lo", "192.0.2.1", "", "", 1, ctx6), -1);
-    EXPECT_EQ(probe.send_for_tunnel(0, "gre_1", "192.0.2.1", 1, ctx6), -1);
+    expect_refused(
+        [&] { return probe.send_for_interfaces(0, "lo", "192.0.2.1", "", "", 1, ctx6); });
+    expect_refused([&] { return probe.send_for_tunnel(0, "gre_1", "192.0.2.1", 1, ctx6); });
     LBTestICMP6 probe6;
-    EXPECT_EQ(probe6.send_for_interfaces(0, "lo", "2001:db8::1", "", "", 1, ctx), -1);
-    EXPECT_EQ(probe6.send_for_tunnel(0, "lo", "2001:db8::1", 1, ctx), -1);
+    expect_refused(
+        [&] { return probe6.send_for_interfaces(0, "lo", "2001:db8::1", "", "", 1, ctx); });
+    expect_refused([&] { return probe6.send_for_tunnel(0, "lo", "2001:db8::1", 1, ctx); });
     EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(Probes, echo_without_an_interface_or_a_target_is_not_sent) {
+    LBTestICMP probe;
+    for (const auto& [ifname, target] : {std::pair("", "192.0.2.1"), std::pair("gre_1", "")}) {
+        errno = 0;
+        EXPECT_EQ(probe.send_for_tunnel(0, ifname, target, 1, ctx), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(Probes, status_of_given_form_is_the_line_with_the_target) {
+    LBTestICMP echo;
+    LBTestICMP6 echo6;
+    LBTestPING ping;
+    echo.target = echo6.target = ping.target = "192.0.2.1";
+    EXPECT_EQ(echo.status(ctx), "ping\tTarget: 192.0.2.1");
+    EXPECT_EQ(echo6.status(ctx6), "ping\tTarget: 192.0.2.1");
+    EXPECT_EQ(ping.status(ctx), "ping extended\tTarget: 192.0.2.1");
 }
 
 TEST_F(Probes, collecting_in_the_other_familys_context_does_nothing) {

@@ -129,6 +129,24 @@ TEST(NetlinkAnswers, error_without_a_positive_counterpart_is_reported_as_any_oth
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
+TEST(NetlinkAnswers, error_without_its_number_is_a_refusal_that_nobody_can_explain) {
+    const CapturedLog log;
+    Answer cut;
+    cut.bytes.resize(19);
+    NetlinkAnswer answer{};
+    neighbours_in(cut.done(NLMSG_ERROR), answer);
+    EXPECT_EQ(answer, NetlinkAnswer::refused);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(NetlinkAnswers, entry_shorter_than_its_header_is_passed_over) {
+    Answer cut;
+    cut.bytes.resize(24);
+    NetlinkAnswer answer{};
+    EXPECT_TRUE(neighbours_in(cut.done(), answer).empty());
+    EXPECT_EQ(answer, NetlinkAnswer::go_on);
+}
+
 TEST(NetlinkAnswers, lengths_that_do_not_fit_end_the_walk) {
     const Bytes whole = Answer().attribute(1, address).attribute(2, some_mac).done();
     NetlinkAnswer answer{};

@@ -82,6 +82,16 @@ TEST_F(Room, without_the_right_is_what_the_limit_of_the_machine_grants) {
     EXPECT_LT(granted.granted, granted.wanted);
 }
 
+TEST_F(Room, with_the_right_is_not_asked_for_within_the_limit_as_well) {
+    const int some = 1 << 20;
+    if (setsockopt(near.get(), SOL_SOCKET, SO_RCVBUFFORCE, &some, sizeof some) != 0) {
+        GTEST_SKIP() << "needs the right to go beyond the machine's limit";
+    }
+    const faults::FailCall counted(faults::Call::setsockopt, 0, 99);
+    host::make_room(near.get(), 1);
+    EXPECT_EQ(counted.calls(), 1);
+}
+
 TEST_F(Room, nothing_is_told_while_nothing_is_lost) {
     room.make(ipv4_probes, ns_name, 1);
     send(10);

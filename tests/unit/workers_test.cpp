@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <memory>
 
+#include "probe/lb_arp.h"
+#include "probe/lb_neighbor.h"
 #include "probe/lb_test.h"
 #include "unit/support/captured_log.h"
 #include "unit/support/faults.h"
@@ -73,6 +75,22 @@ TEST_F(Engine, makes_the_probes_of_both_families_in_the_namespace_ready) {
     EXPECT_EQ(lb->data.health.at("a").tests.at(1)->ns_name, "init4");
     EXPECT_EQ(lb->data.health6.at("b").tests6.at(1)->status(), "ping");
     EXPECT_EQ(lb->data.health.at("c").tests.at(1)->status(), "");
+}
+
+TEST_F(Engine, worker_has_the_prober_of_its_family_ready) {
+    const Worker worker4(*lb, "worker test", false);
+    const Worker worker6(*lb, "worker test", true);
+    EXPECT_EQ(worker4.ctx.lb, lb.get());
+    EXPECT_EQ(*worker6.ctx.ns_name, "worker test");
+    EXPECT_NE(worker4.ctx.arp, nullptr);
+    EXPECT_EQ(worker4.ctx.neighbor, nullptr);
+    EXPECT_NE(worker4.ctx.view, nullptr);
+    EXPECT_EQ(worker6.ctx.arp, nullptr);
+    EXPECT_NE(worker6.ctx.neighbor, nullptr);
+    EXPECT_EQ(worker6.ctx.view, &worker6.ctx.neighbor->view);
+    // A socket with root's rights, else the mark of a failed one; 0 is what nobody has set.
+    EXPECT_NE(LBArp::_send_sock.get("worker test"), 0);
+    EXPECT_NE(LBNeighbor::_send_sock.get("worker test"), 0);
 }
 
 TEST_F(Engine, namespace_without_a_file_is_reported) {

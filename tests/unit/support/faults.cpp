@@ -136,7 +136,8 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
 decltype(sendto) __real_sendto;
 ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* to,
                       socklen_t length) {
-    return through<Call::sendto>(__real_sendto, fd, data, size, flags, to, length);
+    return through<Call::sendto>(answering(&StandIns::sendto, __real_sendto), fd, data, size, flags,
+                                 to, length);
 }
 
 decltype(recv) __real_recv;
@@ -272,12 +273,14 @@ int __wrap_mnl_socket_bind(mnl_socket* socket, unsigned groups, pid_t port) {
 
 decltype(mnl_socket_sendto) __real_mnl_socket_sendto;
 ssize_t __wrap_mnl_socket_sendto(const mnl_socket* socket, const void* data, size_t size) {
-    return through<Call::mnl_socket_sendto>(__real_mnl_socket_sendto, socket, data, size);
+    return through<Call::mnl_socket_sendto>(
+        answering(&StandIns::mnl_socket_sendto, __real_mnl_socket_sendto), socket, data, size);
 }
 
 decltype(mnl_socket_recvfrom) __real_mnl_socket_recvfrom;
 ssize_t __wrap_mnl_socket_recvfrom(const mnl_socket* socket, void* data, size_t size) {
-    return through<Call::mnl_socket_recvfrom>(__real_mnl_socket_recvfrom, socket, data, size);
+    return through<Call::mnl_socket_recvfrom>(
+        answering(&StandIns::mnl_socket_recvfrom, __real_mnl_socket_recvfrom), socket, data, size);
 }
 
 decltype(nfct_new) __real_nfct_new;
@@ -293,7 +296,8 @@ const char* __wrap_inet_ntop(int family, const void* address, char* text, sockle
 
 decltype(sendmsg) __real_sendmsg;
 ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
-    return through<Call::sendmsg>(__real_sendmsg, fd, message, flags);
+    return through<Call::sendmsg>(answering(&StandIns::sendmsg, __real_sendmsg), fd, message,
+                                  flags);
 }
 
 decltype(recvmsg) __real_recvmsg;
@@ -303,12 +307,14 @@ ssize_t __wrap_recvmsg(int fd, msghdr* message, int flags) {
 
 decltype(sendmmsg) __real_sendmmsg;
 int __wrap_sendmmsg(int fd, mmsghdr* messages, unsigned count, int flags) {
-    return through<Call::sendmmsg>(__real_sendmmsg, fd, messages, count, flags);
+    return through<Call::sendmmsg>(answering(&StandIns::sendmmsg, __real_sendmmsg), fd, messages,
+                                   count, flags);
 }
 
 decltype(recvmmsg) __real_recvmmsg;
 int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned count, int flags, timespec* patience) {
-    return through<Call::recvmmsg>(__real_recvmmsg, fd, messages, count, flags, patience);
+    return through<Call::recvmmsg>(answering(&StandIns::recvmmsg, __real_recvmmsg), fd, messages,
+                                   count, flags, patience);
 }
 
 decltype(setns) __real_setns;

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <ifaddrs.h>
+#include <libmnl/libmnl.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -25,6 +27,14 @@ struct StandIns {
     int (*kill)(pid_t process, int signal) = nullptr;
     int (*ioctl)(int fd, unsigned long request, ...) = nullptr;
     int (*open)(const char* path, int flags, ...) = nullptr;
+    ssize_t (*mnl_socket_sendto)(const mnl_socket* socket, const void* data, size_t size) = nullptr;
+    ssize_t (*mnl_socket_recvfrom)(const mnl_socket* socket, void* data, size_t size) = nullptr;
+    ssize_t (*sendto)(int fd, const void* data, size_t size, int flags, const sockaddr* to,
+                      socklen_t length) = nullptr;
+    ssize_t (*sendmsg)(int fd, const msghdr* message, int flags) = nullptr;
+    int (*sendmmsg)(int fd, mmsghdr* messages, unsigned count, int flags) = nullptr;
+    int (*recvmmsg)(int fd, mmsghdr* messages, unsigned count, int flags,
+                    timespec* patience) = nullptr;
 };
 /// Takes effect for every thread, until the next call. `stand_ins` must live that long.
 void set_stand_ins(const StandIns& stand_ins);

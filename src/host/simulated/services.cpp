@@ -19,7 +19,7 @@ timespec monotonic_now() {
 }
 
 timespec wall_now() {
-    return at_us(Simulation::current().now_us() + Simulation::epoch_s * 1'000'000);
+    return at_us(Simulation::current().wall_us());
 }
 
 void sleep_ms(std::int64_t duration_ms) {

@@ -19,8 +19,8 @@
 #include "base/fd.h"
 #include "decision/route_text.h"
 #include "host/clock.h"
-#include "lbroute/processes.h"
 #include "shared/file_text.h"
+#include "shared/processes.h"
 
 namespace lbcheck {
 
@@ -163,11 +163,11 @@ RouterFacts router_of(const std::string& ns_name, bool is_ipv6) {
     router.pid_path = pid_path(ns_name, is_ipv6);
     router.pid_text = first_line(text_of(router.pid_path));
     const pid_t pid = atoi(router.pid_text.c_str());  // as the daemon reads it
-    router.is_running = pid > 0 && lbroute::is_running(pid);
+    router.is_running = pid > 0 && shared::is_running(pid);
     if (!router.is_running) {
         return router;
     }
-    router.process = lbroute::name_of(pid);
+    router.process = shared::process_name(pid);
     if (router.process == "bird" || router.process == "bird6") {
         ask_bird(pid, router);
     }

@@ -391,6 +391,7 @@ std::vector<LiveFinding> judge_live(const LiveFacts& facts) {
     judge_neighbour_table(facts, findings);
     judge_dumps(facts, findings);
     judge_units(facts, findings);
+    judge_rights(facts, findings);
     return findings.all;
 }
 

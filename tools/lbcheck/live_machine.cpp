@@ -14,7 +14,9 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
+#include <system_error>
 
 #include "base/fd.h"
 #include "decision/route_text.h"
@@ -118,6 +120,30 @@ void ask_bird(pid_t pid, RouterFacts& router) {
 }
 
 }  // namespace
+
+std::vector<PathRights> rights_of(const std::string& path, const std::string& use) {
+    std::vector<PathRights> rights;
+    std::error_code error;
+    std::filesystem::path at = std::filesystem::canonical(path, error);
+    while (!error && !at.empty()) {
+        struct stat found {};
+        if (stat(at.c_str(), &found) != 0) {
+            break;
+        }
+        constexpr unsigned all_bits = 07777;
+        rights.push_back({.path = at,
+                          .use = use,
+                          .is_above = !rights.empty(),
+                          .owner = found.st_uid,
+                          .group = found.st_gid,
+                          .mode = found.st_mode & all_bits});
+        if (at == at.parent_path()) {
+            break;
+        }
+        at = at.parent_path();
+    }
+    return rights;
+}
 
 QuietLog::QuietLog() : before_(set_log_sink([](int, const char*) {})) {}
 

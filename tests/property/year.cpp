@@ -94,7 +94,7 @@ class Course {
         events.push_back(event);
     }
 
-    /// About one in twelve hours, from half a minute to some hours long, and as many hiccups.
+    /// About one in twelve hours, from some twenty seconds to four hours long, and as many hiccups.
     void draw_outages(const lbsim::Uplink& uplink, std::size_t number) {
         struct Kind {
             Change change;

@@ -3,6 +3,12 @@ add_compile_options(
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Wold-style-cast
   -Wcast-qual -Wformat=2 -Wimplicit-fallthrough -Werror)
 
+# A 32-bit machine's clock reaches beyond 2038, and its time_t is the one that the sources reckon with. Debian 13 builds
+# everything for such machines so.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 include(CheckPIESupported)
 check_pie_supported()

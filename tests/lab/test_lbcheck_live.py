@@ -3,6 +3,7 @@ and processes; test_lbcheck_live_answers.py and test_lbcheck_live_routes.py go o
 """
 import os
 import shutil
+import subprocess
 
 from kit import Conf, main, ping
 from kit.routing_daemon import fragment_path, pid_path
@@ -67,6 +68,26 @@ class Links(Tour):
         look = self.assert_finds("error", "namespace blue: gi1_3 (IPv4)", "drops the answers while",
                                  "mend: ip netns exec blue sysctl -w")
         self.assert_finds("error", "no folder /var/vrfs/blue/usr/etc", "mend: mkdir -p /var/vrfs/blue/usr/etc", look=look)
+
+
+class Rights(Tour):
+    def test_folders_and_files_of_root_alone_are_ok(self):
+        self.assertEqual(len(self.look().with_words("ok rights: root alone may change the configuration and the folders")), 1)
+
+    def test_folders_that_others_may_write_are_told_with_the_command_that_mends(self):
+        os.makedirs("/run/lbroute")
+        os.chown("/run/lbroute", 1000, 1000)
+        os.chmod("/usr/etc", 0o777)
+        os.chown("/var/run", 0, 1000)
+        os.chmod("/var/run", 0o775)
+        look = self.assert_finds("error", "/run/lbroute: it belongs to user 1000", "(holds)")
+        self.assert_finds("error", "/usr/etc: every user may write there", "(fragments)", look=look)
+        self.assertEqual(look.with_words("ok rights"), [])
+
+        for line in [line for line in look.of("error") if "may decide over routes" in line]:
+            subprocess.run(line.partition("; mend: ")[2], shell=True, check=True)
+
+        self.assertEqual(len(self.look().with_words("ok rights")), 1)
 
 
 class ProcessNumbers(Tour):

@@ -14,6 +14,7 @@ from kit.lbcheck import Look
 from kit.lbroute import path_of, start
 from kit.newer_bird import NewerBird, newer_bird_binary, why_absent
 from kit.routing_daemon import bird_binary, next_hops, pid_path, why_no_bird
+from look_scene import take_rights_from_others
 from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, attach_two, two_uplinks
 from scenes6 import GATEWAY6, PREFIX6, ROUTER6, TARGET6
 
@@ -43,6 +44,7 @@ class RoutedTour(LabTest):
         super().setUp()
         self.router = self.lab.router
         attach_two(self.lab)
+        take_rights_from_others()
         for name in ("all", "default", "gi1_1", "gi1_2"):
             self.router.sysctl(f"ipv4/conf/{name}/rp_filter", "0")
 

@@ -57,7 +57,7 @@ class FarEnd {
         const std::int64_t now_ms = playing_->now_ms_;
         playing_->now_ms_ += std::exchange(playing_->later_ms_, 0);
         playing_->take_echo();
-        return {.tv_sec = now_ms / 1000, .tv_nsec = now_ms % 1000 * 1'000'000};
+        return {.tv_sec = now_ms / 1000, .tv_nsec = static_cast<long>(now_ms % 1000 * 1'000'000)};
     }
     void take_echo() {
         Bytes echo(100);

@@ -41,4 +41,20 @@ TEST_F(FileText, of_a_pipe_without_a_writer_is_not_waited_for) {
     EXPECT_EQ(shared::text_of_file(folder_ / "pipe", error_), "");
 }
 
+TEST_F(FileText, of_a_regular_file_has_a_bound) {
+    std::ofstream(folder_ / "file") << std::string(20'000, 'x');
+    EXPECT_EQ(shared::text_of_regular_file(folder_ / "file", 20'000, error_)->size(), 20'000U);
+    EXPECT_EQ(shared::text_of_regular_file(folder_ / "file", 19'999, error_), std::nullopt);
+    EXPECT_EQ(error_, EFBIG);
+}
+
+TEST_F(FileText, of_what_is_no_regular_file_is_refused_where_one_is_wanted) {
+    ASSERT_EQ(mkfifo((folder_ / "pipe").c_str(), 0600), 0);
+    for (const auto& [path, error] :
+         {std::pair(folder_ / "pipe", EINVAL), {folder_, EISDIR}, {folder_ / "none", ENOENT}}) {
+        EXPECT_EQ(shared::text_of_regular_file(path, 100, error_), std::nullopt);
+        EXPECT_EQ(error_, error);
+    }
+}
+
 }  // namespace

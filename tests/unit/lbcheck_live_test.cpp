@@ -63,6 +63,8 @@ LiveFacts good() {
     facts.neighbour_least[0] = 128;
     facts.neighbour_most[0] = 1024;
     facts.units = {{.name = "lb", .active = "active", .enabled = "enabled"}};
+    facts.rights = {{.path = "/run/lb", .use = "output", .mode = 0755},
+                    {.path = "/run", .use = "output", .is_above = true, .mode = 01777}};
     return facts;
 }
 
@@ -276,6 +278,22 @@ const std::vector<Row> rows{
      },
      "error   route 0.0.0.0/0 (IPv4): a route of others with a lower metric is used instead; mend: "
      "ip route del default via 192.0.2.99"},
+    {"folder_of_all", [](LiveFacts& f) { f.rights[0].mode = 01777; },
+     "error   /run/lb: every user may write there and so may decide over routes (output); mend: "
+     "chmod go-w /run/lb"},
+    {"folder_of_a_group", [](LiveFacts& f) { f.rights[0].mode = 0775, f.rights[0].group = 50; },
+     "error   /run/lb: group 50 may write there and so may decide over routes (output); mend: "
+     "chmod go-w /run/lb"},
+    {"folder_of_a_user", [](LiveFacts& f) { f.rights[0].owner = 1000; },
+     "error   /run/lb: it belongs to user 1000, who so may decide over routes (output); mend: "
+     "chown root:root /run/lb"},
+    {"folder_of_a_user_and_all",
+     [](LiveFacts& f) { f.rights[0].owner = 1000, f.rights[0].mode = 0777; },
+     "error   /run/lb: it belongs to user 1000, who so may decide over routes (output); mend: "
+     "chown root:root /run/lb && chmod go-w /run/lb"},
+    {"folder_above_in_which_all_may_rename", [](LiveFacts& f) { f.rights[1].mode = 0777; },
+     "error   /run: every user may write there and so may decide over routes (output); mend: "
+     "chmod go-w /run"},
     {"missing_namespace",
      [](LiveFacts& f) {
          f.namespaces.push_back(
@@ -287,9 +305,15 @@ const std::vector<Row> rows{
 TEST(Live, router_on_which_all_is_well) {
     const auto findings = lbcheck::judge_live(good());
     EXPECT_EQ(lbcheck::live_exit_status(findings, true), 0) << lbcheck::live_text(findings);
-    EXPECT_NE(lbcheck::live_text(findings).find("0 errors, 0 warnings, 0 not looked at, 9 ok\n"),
+    EXPECT_NE(lbcheck::live_text(findings).find("0 errors, 0 warnings, 0 not looked at, 10 ok\n"),
               std::string::npos)
         << lbcheck::live_text(findings);
+}
+
+TEST(Live, group_of_root_and_a_folder_above_that_keeps_files_of_others_are_well) {
+    LiveFacts facts = good();
+    facts.rights[0].mode = 0775;
+    EXPECT_EQ(lbcheck::live_exit_status(lbcheck::judge_live(facts), true), 0);
 }
 
 TEST(Live, each_failure_is_told_with_its_mend) {

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "lbroute/ownership.h"
-#include "lbroute/processes.h"
+#include "shared/processes.h"
 #include "unit/support/temporary_folder.h"
 
 namespace {
@@ -103,7 +103,7 @@ TEST_F(LbrouteOwnership, file_that_names_another_running_process_is_refused_by_i
     EXPECT_EQ(outcome.kind, Kind::refused);
     EXPECT_EQ(outcome.reason,
               above.file("var/run/routing6.pid") + " names process " + other.number() + " (" +
-                  lbroute::name_of(other.pid()) +
+                  shared::process_name(other.pid()) +
                   "), which is running; two routing daemons would undo each other's routes: stop "
                   "it first (kill " +
                   other.number() + ")");
@@ -135,8 +135,8 @@ TEST_F(LbrouteOwnership, number_of_a_thread_is_no_process) {
     pid_t thread_number = 0;
     std::thread([&thread_number] {
         thread_number = gettid();
-        EXPECT_FALSE(lbroute::is_running(thread_number));
-        EXPECT_TRUE(lbroute::is_running(getpid()));
+        EXPECT_FALSE(shared::is_running(thread_number));
+        EXPECT_TRUE(shared::is_running(getpid()));
     }).join();
 }
 
@@ -327,14 +327,14 @@ TEST_F(LbrouteOwnership, name_that_leads_elsewhere_is_no_namespace) {
 }
 
 TEST(LbrouteProcesses, start_is_told_of_running_processes_only) {
-    EXPECT_FALSE(lbroute::start_of(getpid()).empty());
+    EXPECT_FALSE(shared::start_of(getpid()).empty());
     OtherProcess other;
     const pid_t pid = other.pid();
-    EXPECT_FALSE(lbroute::start_of(pid).empty());
+    EXPECT_FALSE(shared::start_of(pid).empty());
     other.end();
-    EXPECT_EQ(lbroute::start_of(pid), "");
-    EXPECT_FALSE(lbroute::is_running(pid));
-    EXPECT_EQ(lbroute::name_of(pid), "name unknown");
+    EXPECT_EQ(shared::start_of(pid), "");
+    EXPECT_FALSE(shared::is_running(pid));
+    EXPECT_EQ(shared::process_name(pid), "name unknown");
 }
 
 }  // namespace

@@ -73,14 +73,45 @@ TEST_F(LineOutputTest, full_disk_loses_nothing) {
     output.flush();
     EXPECT_TRUE(output.is_waiting());
     EXPECT_FALSE(output.is_gone());
+    EXPECT_EQ(output.problem(),
+              "standard output cannot be written: No space left on device; 1 event was not told "
+              "there");
 }
 
-TEST_F(LineOutputTest, is_gone_with_its_reader) {
+TEST_F(LineOutputTest, is_gone_with_its_reader_without_a_word) {
     LineOutput output(writing_.get());
     reading_ = Fd();
     output.add("one");
     output.flush();
     EXPECT_TRUE(output.is_gone());
+    EXPECT_EQ(output.problem(), "");
+}
+
+TEST_F(LineOutputTest, is_gone_when_it_was_closed_and_says_so) {
+    const int number = writing_.get();
+    writing_ = Fd();
+    LineOutput output(number);
+    output.add("one");
+    output.add("two");
+    output.flush();
+    EXPECT_TRUE(output.is_gone());
+    EXPECT_EQ(output.problem(),
+              "standard output cannot be written: Bad file descriptor; 2 events were not told "
+              "there");
+}
+
+TEST_F(LineOutputTest, reader_that_reads_again_leaves_nothing_to_tell) {
+    LineOutput output(writing_.get());
+    output.add(std::string(200'000, 'x'));
+    output.flush();
+    EXPECT_EQ(output.problem(),
+              "standard output cannot be written: its reader does not read; 1 event was not told "
+              "there");
+    for (int i = 0; i < 10; ++i) {
+        read_all();
+        output.flush();
+    }
+    EXPECT_EQ(output.problem(), "");
 }
 
 TEST_F(LineOutputTest, is_given_up_once_more_waits_than_is_kept) {
@@ -89,6 +120,7 @@ TEST_F(LineOutputTest, is_given_up_once_more_waits_than_is_kept) {
     output.add(std::string(LineOutput::most_bytes, 'x'));
     output.flush();
     EXPECT_TRUE(output.is_gone());
+    EXPECT_NE(output.problem(), "");
 }
 
 }  // namespace

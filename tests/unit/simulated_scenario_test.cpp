@@ -86,6 +86,9 @@ TEST(Scenario, knows_what_can_happen_to_an_uplink) {
     EXPECT_EQ(event_of("1s u link up").change, Change::link_up);
     EXPECT_EQ(event_of("1s u nexthop dead").change, Change::nexthop_dead);
     EXPECT_EQ(event_of("1s u nexthop alive").change, Change::nexthop_alive);
+    EXPECT_EQ(event_of("1s clock forward 2h").clock_step_us, 7'200'000'000);
+    EXPECT_EQ(event_of("1s clock back 90s").clock_step_us, -90'000'000);
+    EXPECT_EQ(event_of("1s clock back 90s").change, Change::clock);
     EXPECT_EQ(event_of("1s u alive").change, Change::alive);
     EXPECT_EQ(event_of("1s u lease 198.51.100.254").router, "198.51.100.254");
     EXPECT_EQ(event_of("1s u lease none").router, "");
@@ -125,7 +128,11 @@ TEST(Scenario, names_line_and_word_of_an_error) {
     EXPECT_EQ(error_of("1s target here dead"), "1: 'here' the address of a target is wanted");
     EXPECT_EQ(error_of("1s target 203.0.113.1 link down"),
               "1: 'link' a target can be dead, alive or clean, or have a loss or a delay");
-    EXPECT_EQ(error_of("1s"), "1: '' an uplink is wanted, or 'target'");
+    EXPECT_EQ(error_of("1s"), "1: '' an uplink is wanted, or 'target', or 'clock'");
+    EXPECT_EQ(error_of("1s clock on 3s"), "1: 'on' 'back' or 'forward' is wanted");
+    EXPECT_EQ(error_of("1s clock back"),
+              "1: '' how far the clock is set is wanted, such as 10s, 2m, 1.5h or 900ms");
+    EXPECT_EQ(error_of("1s clock back 3s 4s"), "1: '4s' nothing more is understood on this line");
 }
 
 TEST(Scenario, tells_every_line_that_is_wrong) {
@@ -139,6 +146,7 @@ TEST(Scenario, is_held_against_the_configuration) {
         return errors.empty() ? std::string() : errors.front().word + ": " + errors.front().reason;
     };
     EXPECT_EQ(reason("1s gi1_1 ipv6 dead"), "");
+    EXPECT_EQ(reason("1s clock back 1h"), "");
     EXPECT_EQ(reason("1s gi1_9 dead"),
               "gi1_9: the configuration has no such uplink that a worker serves");
     EXPECT_EQ(reason("1s gi1_2 ipv6 dead"),

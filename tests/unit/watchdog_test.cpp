@@ -37,7 +37,10 @@ Texts heard_at(const std::string& address, const std::function<void()>& body) {
     return waiting_datagrams(manager);
 }
 
-TEST(Watchdog, ready_tells_the_own_process_id) {
+// The watchdog is opened once in a process and counts all workers that it ever had. The children
+// of these tests have one of their own only while this process has none: GoogleTest runs suites of
+// such a name (`...DeathTest`) before all others, of which some report as workers do.
+TEST(WatchdogDeathTest, ready_tells_the_own_process_id) {
     const Texts texts = heard_at(abstract_address(), [] {
         send_signal_live(1, 2);
         NotifySocket(std::getenv("NOTIFY_SOCKET")).send(std::to_string(getpid()));
@@ -46,16 +49,16 @@ TEST(Watchdog, ready_tells_the_own_process_id) {
     EXPECT_EQ(texts[0], "READY=1\nMAINPID=" + texts[1]);
 }
 
-TEST(Watchdog, child_takes_over_as_main_process) {
+TEST(WatchdogDeathTest, child_takes_over_as_main_process) {
     EXPECT_EQ(heard_at(abstract_address(), [] { send_signal_live(4711, 2); }),
               (Texts{"MAINPID=4711"}));
 }
 
-TEST(Watchdog, failed_fork_tells_nothing) {
+TEST(WatchdogDeathTest, failed_fork_tells_nothing) {
     EXPECT_EQ(heard_at(abstract_address(), [] { send_signal_live(-1, 2); }), Texts{});
 }
 
-TEST(Watchdog, path_of_a_socket_file_works_like_an_abstract_name) {
+TEST(WatchdogDeathTest, path_of_a_socket_file_works_like_an_abstract_name) {
     std::string directory = "/tmp/wan_lb-unit-XXXXXX";
     ASSERT_NE(mkdtemp(directory.data()), nullptr);
     const std::string path = directory + "/notify";
@@ -64,7 +67,7 @@ TEST(Watchdog, path_of_a_socket_file_works_like_an_abstract_name) {
     rmdir(directory.c_str());
 }
 
-TEST(Watchdog, keep_alive_of_a_single_worker_goes_on) {
+TEST(WatchdogDeathTest, keep_alive_of_a_single_worker_goes_on) {
     EXPECT_EQ(heard_at(abstract_address(),
                        [] {
                            wd_record timeout{};
@@ -76,7 +79,7 @@ TEST(Watchdog, keep_alive_of_a_single_worker_goes_on) {
               (Texts{"WATCHDOG=1", "WATCHDOG=1"}));
 }
 
-TEST(Watchdog, thread_that_stopped_reporting_silences_the_others) {
+TEST(WatchdogDeathTest, thread_that_stopped_reporting_silences_the_others) {
     EXPECT_EQ(heard_at(abstract_address(),
                        [] {
                            wd_record timeout{};
@@ -91,7 +94,7 @@ TEST(Watchdog, thread_that_stopped_reporting_silences_the_others) {
               (Texts{"WATCHDOG=1", "WATCHDOG=1"}));
 }
 
-TEST(Watchdog, silent_and_content_without_a_service_manager) {
+TEST(WatchdogDeathTest, silent_and_content_without_a_service_manager) {
     const ChildEnd end = run_in_child([] {
         unsetenv("NOTIFY_SOCKET");
         wd_record record{};
@@ -104,7 +107,7 @@ TEST(Watchdog, silent_and_content_without_a_service_manager) {
     EXPECT_EQ(end.standard_error, "");
 }
 
-TEST(Watchdog, keep_alive_from_another_namespace_reaches_the_abstract_name) {
+TEST(WatchdogDeathTest, keep_alive_from_another_namespace_reaches_the_abstract_name) {
     constexpr int not_permitted = 77;
     const std::string address = abstract_address();
     const Fd manager = bound_datagram_socket(address);
@@ -124,7 +127,7 @@ TEST(Watchdog, keep_alive_from_another_namespace_reaches_the_abstract_name) {
     EXPECT_EQ(waiting_datagrams(manager), (Texts{"MAINPID=4711", "WATCHDOG=1"}));
 }
 
-TEST(Watchdog, full_service_manager_does_not_block) {
+TEST(WatchdogDeathTest, full_service_manager_does_not_block) {
     const std::string address = abstract_address();
     const Fd manager = bound_datagram_socket(address);
     const ChildEnd end = run_in_child([&] {

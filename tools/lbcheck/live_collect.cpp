@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <set>
 
 #include "host/clock.h"
@@ -13,15 +14,20 @@
 #include "lbcheck/source.h"
 #include "lbroute/net_namespace.h"
 #include "lbroute/rtnetlink.h"
+#include "lbroute/state_folder.h"
 #include "lbroute/status.h"
 #include "lbshow/dump_files.h"
 #include "lbshow/freshness.h"
 #include "probe/lb_test.h"
 #include "probe/send_path.h"
+#include "shared/dump_file.h"
 
 namespace lbcheck {
 
 namespace {
+
+/// What lbwatch(8) runs where nobody says otherwise.
+constexpr const char* usual_hooks = "/etc/lb/hooks.d";
 
 /// The daemon's own way to learn next hops.
 void learn_next_hops(LBData& data, const std::string& ns_name, bool is_ipv6) {
@@ -216,6 +222,45 @@ bool is_lbroute_at_work(const LiveFacts& facts) {
     });
 }
 
+/// Everything once: what is ours before what is only above it.
+std::vector<PathRights> all_rights(const LiveFacts& facts) {
+    std::map<std::string, std::string> uses;  // by path
+    const auto add_file = [&uses](const std::string& path, const std::string& use) {
+        uses.emplace(path.substr(0, path.rfind('/') + 1), use);
+    };
+    uses.emplace(facts.configuration, "configuration");
+    add_file(facts.configuration, "configuration");
+    uses.emplace(facts.output_directory, "output");
+    uses.emplace(shared::dump_folder(facts.output_directory), "output");
+    uses.emplace(lbroute::StateFolder::usual_path, "holds");
+    uses.emplace(usual_hooks, "hooks");
+    for (const NamespaceFacts& space : facts.namespaces) {
+        for (const RouterFacts& router : space.routers) {
+            add_file(router.fragment_path, "fragments");
+            add_file(router.pid_path, "process numbers");
+        }
+        for (const UplinkFacts& uplink : space.uplinks) {
+            if (uplink.lease) {
+                add_file(uplink.lease->path, "leases");
+            }
+        }
+    }
+    std::map<std::string, PathRights> rights;
+    for (const auto& [path, use] : uses) {
+        for (PathRights& one : rights_of(path, use)) {
+            const auto [known, is_new] = rights.emplace(one.path, one);
+            if (!is_new && known->second.is_above && !one.is_above) {
+                known->second = std::move(one);
+            }
+        }
+    }
+    std::vector<PathRights> all;
+    for (auto& [path, one] : rights) {
+        all.push_back(std::move(one));
+    }
+    return all;
+}
+
 lbshow::Time now() {
     return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
 }
@@ -259,6 +304,7 @@ LiveFacts collect_facts(const std::string& configuration, const LBData& understo
         units.emplace_back("lbroute");
     }
     facts.units = units_of(units, facts.units_problem);
+    facts.rights = all_rights(facts);
     return facts;
 }
 

@@ -86,6 +86,16 @@ struct NamespaceFacts {
     Setting most_tracked{};
 };
 
+/// A file or folder that root's programs use, or one above it. Without symbolic links.
+struct PathRights {
+    std::string path;
+    std::string use;        ///< "output", "leases" ...
+    bool is_above = false;  ///< nothing of ours is put directly into it
+    unsigned owner = 0;     ///< user
+    unsigned group = 0;
+    unsigned mode = 0;  ///< as of chmod(1)
+};
+
 /// A unit of the service manager.
 struct UnitFacts {
     std::string name;
@@ -102,8 +112,9 @@ struct LiveFacts {
     std::string dumps_problem{};
     /// Uplinks of each family (4, 6) that the configuration has.
     std::map<int, int> configured{};
-    Setting neighbour_least[2]{};  ///< gc_thresh1 of IPv4, IPv6
-    Setting neighbour_most[2]{};   ///< gc_thresh3
+    Setting neighbour_least[2]{};      ///< gc_thresh1 of IPv4, IPv6
+    Setting neighbour_most[2]{};       ///< gc_thresh3
+    std::vector<PathRights> rights{};  ///< of what is there
     std::vector<UnitFacts> units{};
     std::string units_problem{};
     bool is_root = false;

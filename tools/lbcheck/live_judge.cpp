@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "lbshow/freshness.h"
+#include "shared/dump_file.h"
 
 namespace lbcheck {
 
@@ -316,9 +317,10 @@ void judge_dumps(const LiveFacts& facts, LiveFindings& findings) {
             findings.add(State::error, place, "there is none: the daemon does not serve the family",
                          "systemctl restart lb");
         } else if (dumped != nullptr && !is_configured && dumped->is_stale) {
-            findings.add(
-                State::warning, place, "they are of an earlier configuration, which had the family",
-                "rm " + facts.output_directory + "/wlb_dump/" + lbshow::outbounds_name(family));
+            findings.add(State::warning, place,
+                         "they are of an earlier configuration, which had the family",
+                         "rm " + shared::dump_folder(facts.output_directory) + "/" +
+                             lbshow::outbounds_name(family));
         } else if (dumped != nullptr && !is_configured) {
             findings.add(State::warning, place,
                          "the daemon runs with another configuration, which has the family",
@@ -389,6 +391,7 @@ std::vector<LiveFinding> judge_live(const LiveFacts& facts) {
     judge_neighbour_table(facts, findings);
     judge_dumps(facts, findings);
     judge_units(facts, findings);
+    judge_rights(facts, findings);
     return findings.all;
 }
 

@@ -31,5 +31,7 @@ void judge_routers(const NamespaceFacts& space, LiveFindings& findings);
 void judge_lbroute(const LiveFacts& facts, LiveFindings& findings);
 /// Whether the kernel routes as the fragments ask.
 void judge_routes(const LiveFacts& facts, const NamespaceFacts& space, LiveFindings& findings);
+/// Who else may change what root's programs write into, read or run.
+void judge_rights(const LiveFacts& facts, LiveFindings& findings);
 
 }  // namespace lbcheck

@@ -14,13 +14,15 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
+#include <system_error>
 
 #include "base/fd.h"
 #include "decision/route_text.h"
 #include "host/clock.h"
-#include "lbroute/processes.h"
 #include "shared/file_text.h"
+#include "shared/processes.h"
 
 namespace lbcheck {
 
@@ -119,6 +121,30 @@ void ask_bird(pid_t pid, RouterFacts& router) {
 
 }  // namespace
 
+std::vector<PathRights> rights_of(const std::string& path, const std::string& use) {
+    std::vector<PathRights> rights;
+    std::error_code error;
+    std::filesystem::path at = std::filesystem::canonical(path, error);
+    while (!error && !at.empty()) {
+        struct stat found {};
+        if (stat(at.c_str(), &found) != 0) {
+            break;
+        }
+        constexpr unsigned all_bits = 07777;
+        rights.push_back({.path = at,
+                          .use = use,
+                          .is_above = !rights.empty(),
+                          .owner = found.st_uid,
+                          .group = found.st_gid,
+                          .mode = found.st_mode & all_bits});
+        if (at == at.parent_path()) {
+            break;
+        }
+        at = at.parent_path();
+    }
+    return rights;
+}
+
 QuietLog::QuietLog() : before_(set_log_sink([](int, const char*) {})) {}
 
 Setting setting_of(const std::string& path) {
@@ -163,11 +189,11 @@ RouterFacts router_of(const std::string& ns_name, bool is_ipv6) {
     router.pid_path = pid_path(ns_name, is_ipv6);
     router.pid_text = first_line(text_of(router.pid_path));
     const pid_t pid = atoi(router.pid_text.c_str());  // as the daemon reads it
-    router.is_running = pid > 0 && lbroute::is_running(pid);
+    router.is_running = pid > 0 && shared::is_running(pid);
     if (!router.is_running) {
         return router;
     }
-    router.process = lbroute::name_of(pid);
+    router.process = shared::process_name(pid);
     if (router.process == "bird" || router.process == "bird6") {
         ask_bird(pid, router);
     }

@@ -35,6 +35,10 @@ RouterFacts router_of(const std::string& ns_name, bool is_ipv6);
 /// The service manager's units; a problem where there is no service manager.
 std::vector<UnitFacts> units_of(const std::vector<std::string>& names, std::string& problem);
 
+/// Rights of a file or folder and of all folders above it, up to the root; nothing where there is
+/// none. Symbolic links are followed: what they lead to counts.
+std::vector<PathRights> rights_of(const std::string& path, const std::string& use);
+
 /// What a command prints on both streams, at most a few kilobytes of it; it is ended after five
 /// seconds. The status is that of wait(2), or -1 where it could not be run or was ended.
 struct Said {

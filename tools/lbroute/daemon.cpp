@@ -23,10 +23,11 @@
 #include "lbroute/holds.h"
 #include "lbroute/journal.h"
 #include "lbroute/ownership.h"
-#include "lbroute/processes.h"
 #include "lbroute/served_namespace.h"
 #include "lbroute/site.h"
+#include "shared/dump_file.h"
 #include "shared/folder_watch.h"
+#include "shared/processes.h"
 
 namespace lbroute {
 
@@ -146,7 +147,7 @@ class Daemon {
         }
         ownership_.emplace(folder_);
         record_.pid = getpid();
-        record_.start = start_of(record_.pid);
+        record_.start = shared::start_of(record_.pid);
         record_.table = options_.table;
         record_.is_sticky = options_.is_sticky;
         record_.bird2_file = options_.bird2_file;
@@ -245,8 +246,8 @@ class Daemon {
         due_.configuration |= has_changed(options_.configuration);
         due_.holds |= has_changed(std::string(StateFolder::usual_path) + "/holds");
         for (const int family : {4, 6}) {
-            due_.dumps |= has_changed(site_.dump_folder() + "/wlb_ipv" + std::to_string(family) +
-                                      "_outbounds.bin");
+            due_.dumps |= has_changed(site_.dump_folder() + "/" +
+                                      shared::name_of(shared::outbounds_of(family)));
         }
         for (auto& [name, served] : served_) {
             for (const FragmentFile& file : served.kernel.fragments()) {

@@ -1,6 +1,6 @@
 #include "lbroute/daemon_record.h"
 
-#include "lbroute/processes.h"
+#include "shared/processes.h"
 #include <nlohmann/json.hpp>
 
 namespace lbroute {
@@ -14,7 +14,7 @@ constexpr const char* file_name = "status";
 }  // namespace
 
 bool DaemonRecord::is_running() const {
-    return pid > 0 && !start.empty() && start_of(pid) == start;
+    return pid > 0 && !start.empty() && shared::start_of(pid) == start;
 }
 
 void note_refusals(DaemonRecord& record, const std::string& namespace_name, const View& view) {

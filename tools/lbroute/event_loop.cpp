@@ -30,7 +30,7 @@ void EventLoop::wait(std::optional<std::int64_t> deadline_ms) {
         // A time of 0 would switch the timer off.
         const std::int64_t at = std::max<std::int64_t>(1, *deadline_ms);
         setting.it_value.tv_sec = at / 1000;
-        setting.it_value.tv_nsec = at % 1000 * 1'000'000;
+        setting.it_value.tv_nsec = static_cast<long>(at % 1000 * 1'000'000);
     }
     // Without its timer the loop looks around every second, so that no deadline is missed for good.
     constexpr int without_timer_ms = 1000;

@@ -1,14 +1,9 @@
 #include "lbroute/fragment_file.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <array>
 #include <cerrno>
 #include <cstring>
 
-#include "base/fd.h"
+#include "shared/file_text.h"
 
 namespace lbroute {
 
@@ -17,36 +12,6 @@ namespace {
 /// Far more than any router's destinations take.
 constexpr std::size_t longest_fragment = 64 * 1024 * 1024;
 
-/// The file's text, or an errno.
-int read_text(const std::string& path, std::string& text) {
-    // Not blocking, so that a pipe laid in the file's place does not hold the program.
-    const Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat found {};
-    if (!file.is_open() || fstat(file.get(), &found) != 0) {
-        return errno;
-    }
-    if (!S_ISREG(found.st_mode)) {
-        return S_ISDIR(found.st_mode) ? EISDIR : EINVAL;
-    }
-    std::array<char, 65536> buffer{};
-    while (true) {
-        const ssize_t length = read(file.get(), buffer.data(), buffer.size());
-        if (length < 0 && errno == EINTR) {
-            continue;
-        }
-        if (length < 0) {
-            return errno;
-        }
-        if (length == 0) {
-            return 0;
-        }
-        text.append(buffer.data(), static_cast<std::size_t>(length));
-        if (text.size() > longest_fragment) {
-            return EFBIG;
-        }
-    }
-}
-
 }  // namespace
 
 void FragmentFile::read(std::int64_t now_ms) {
@@ -54,9 +19,9 @@ void FragmentFile::read(std::int64_t now_ms) {
     is_current_ = false;
     is_missing_ = false;
     read_again_at_ms_.reset();
-    std::string text;
-    const int error = read_text(path_, text);
-    if (error != 0) {
+    int error = 0;
+    const auto text = shared::text_of_regular_file(path_, longest_fragment, error);
+    if (!text) {
         empty_since_ms_.reset();
         was_read_again_ = false;
         is_missing_ = error == ENOENT;
@@ -66,7 +31,7 @@ void FragmentFile::read(std::int64_t now_ms) {
         }
         return;
     }
-    take(parse_fragment(text, family_), now_ms);
+    take(parse_fragment(*text, family_), now_ms);
 }
 
 void FragmentFile::take(const FragmentReading& reading, std::int64_t now_ms) {

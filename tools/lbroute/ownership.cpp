@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "decision/route_text.h"
-#include "lbroute/processes.h"
+#include "shared/processes.h"
 #include <nlohmann/json.hpp>
 
 namespace lbroute {
@@ -95,7 +95,7 @@ std::optional<pid_t> number_in(std::string_view text) {
 }
 
 std::string refusal(const std::string& place, pid_t pid) {
-    return place + " process " + std::to_string(pid) + " (" + name_of(pid) +
+    return place + " process " + std::to_string(pid) + " (" + shared::process_name(pid) +
            "), which is running; two routing daemons would undo each other's routes: stop it first "
            "(kill " +
            std::to_string(pid) + ")";
@@ -111,7 +111,7 @@ std::array<std::string, 2> pid_paths(const std::string& root, const std::string&
 Ownership::Ownership(const StateFolder& folder, std::string root)
     : folder_(folder),
       root_(std::move(root)),
-      own_{.pid = getpid(), .start = start_of(getpid()), .files = {}} {}
+      own_{.pid = getpid(), .start = shared::start_of(getpid()), .files = {}} {}
 
 Outcome Ownership::begin() {
     std::string problem;
@@ -245,7 +245,7 @@ std::string Ownership::obstacle(const std::string& path, std::vector<std::string
                         number + "); it is written anew");
         return "";
     }
-    if (!is_running(*named)) {
+    if (!shared::is_running(*named)) {
         notes.push_back(path + " names process " + number +
                         ", which does not run; it is written anew");
         return "";
@@ -256,7 +256,7 @@ std::string Ownership::obstacle(const std::string& path, std::vector<std::string
 bool Ownership::is_predecessors(const std::string& path, pid_t named) const {
     for (const Instance& predecessor : predecessors_) {
         if (predecessor.pid != named ||
-            (is_running(named) && start_of(named) == predecessor.start)) {
+            (shared::is_running(named) && shared::start_of(named) == predecessor.start)) {
             continue;
         }
         for (const Written& file : predecessor.files) {

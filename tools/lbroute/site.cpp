@@ -8,6 +8,7 @@
 
 #include "config/lb_data_factory.h"
 #include "host/log.h"
+#include "shared/dump_file.h"
 #include "shared/file_text.h"
 
 namespace lbroute {
@@ -35,7 +36,8 @@ bool is_missing(int error) {
 }  // namespace
 
 Site::Site(std::string configuration, std::string output_directory)
-    : configuration_(std::move(configuration)), dump_folder_(output_directory + "/wlb_dump") {}
+    : configuration_(std::move(configuration)),
+      dump_folder_(shared::dump_folder(output_directory)) {}
 
 std::optional<Site::Stamp> Site::stamp_of(const std::string& path, int& error) {
     struct stat found {};
@@ -85,8 +87,7 @@ bool Site::read_dumps(std::int64_t now_ms) {
     bool is_cut = false;
     are_dumps_read_ = true;
     for (const int family : {4, 6}) {
-        const std::string path =
-            dump_folder_ + "/wlb_ipv" + std::to_string(family) + "_outbounds.bin";
+        const std::string path = dump_folder_ + "/" + shared::name_of(shared::outbounds_of(family));
         auto& dumped = dumped_[family == 4 ? 0 : 1];
         int error = 0;
         const auto text = shared::text_of_file(path, error);

@@ -5,10 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+#include "shared/file_text.h"
 
 namespace lbroute {
 
@@ -98,19 +99,14 @@ StateFolder::Content StateFolder::read(const std::string& name) const {
                            "rm " +
                            shown};
     }
-    std::string text;
-    std::array<char, 4096> piece{};
-    ssize_t got = 0;
-    while ((got = ::read(file.get(), piece.data(), piece.size())) > 0) {
-        text.append(piece.data(), static_cast<std::size_t>(got));
-        if (text.size() > largest_file) {
-            return {.text = {}, .problem = shown + " is larger than a megabyte"};
-        }
+    int error = 0;
+    const auto text = shared::rest_of(file, largest_file, error);
+    if (!text) {
+        return {.text = {},
+                .problem = error == EFBIG ? shown + " is larger than a megabyte"
+                                          : failure("read " + shown, error)};
     }
-    if (got < 0) {
-        return {.text = {}, .problem = failure("read " + shown, errno)};
-    }
-    return {.text = std::move(text), .problem = ""};
+    return {.text = *text, .problem = ""};
 }
 
 std::string StateFolder::write(const std::string& name, std::string_view text) const {

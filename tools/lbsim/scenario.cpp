@@ -142,6 +142,16 @@ void take_lease(Line& line, Event& event) {
     event.router = canonical(word);
 }
 
+void take_clock(Line& line, Event& event) {
+    event.change = Change::clock;
+    const std::string word = line.next();
+    if (word != "back" && word != "forward") {
+        line.fail(word, "'back' or 'forward' is wanted");
+    }
+    const std::int64_t step_us = take_duration(line, "how far the clock is set").value_or(0);
+    event.clock_step_us = word == "back" ? -step_us : step_us;
+}
+
 void take_change(Line& line, Event& event) {
     const bool is_of_target = !event.target.empty();
     const std::string word = line.next();
@@ -187,12 +197,14 @@ std::string take_target(Line& line) {
 
 Event take_event(Line& line, int number) {
     Event event{.at_us = take_duration(line, "a time").value_or(0), .line = number};
-    if (line.take("target")) {
+    if (line.take("clock")) {
+        take_clock(line, event);
+    } else if (line.take("target")) {
         event.target = take_target(line);
     } else {
         event.uplink = line.next();
         if (event.uplink.empty()) {
-            line.fail("an uplink is wanted, or 'target'");
+            line.fail("an uplink is wanted, or 'target', or 'clock'");
         }
         if (line.take("ipv4")) {
             event.family = Family::ipv4;
@@ -203,7 +215,9 @@ Event take_event(Line& line, int number) {
             event.target = take_target(line);
         }
     }
-    take_change(line, event);
+    if (event.change != Change::clock) {
+        take_change(line, event);
+    }
     if (!line.is_at_end()) {
         line.fail(line.next(), "nothing more is understood on this line");
     }
@@ -277,6 +291,9 @@ ParsedScenario parse_scenario(std::string_view text) {
 }
 
 bool concerns(const Event& event, const Uplink& uplink) {
+    if (event.change == Change::clock) {
+        return false;
+    }
     if (!event.uplink.empty() && event.uplink != uplink.name) {
         return false;
     }
@@ -291,6 +308,9 @@ std::vector<ScenarioError> check_scenario(const Scenario& events,
                                           const std::vector<Uplink>& uplinks) {
     std::vector<ScenarioError> errors;
     for (const Event& event : events) {
+        if (event.change == Change::clock) {
+            continue;
+        }
         const auto is_concerned = [&event](const Uplink& uplink) {
             return concerns(event, uplink);
         };

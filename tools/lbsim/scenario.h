@@ -26,6 +26,7 @@ enum class Change {
     nexthop_alive,
     lease,
     clean,
+    clock,      ///< the wall clock of the router is set, whatever its uplinks do
     unwatched,  ///< of a replayed uplink, in no scenario file: nobody knows how it was
     watched,    ///< and it is known again
 };
@@ -33,15 +34,16 @@ enum class Change {
 struct Event {
     std::int64_t at_us = 0;
     int line = 0;          ///< of the file; 0: it was drawn or made
-    std::string uplink{};  ///< empty: the target, through whatever uplink
+    std::string uplink{};  ///< empty: the target, through whatever uplink; or the clock
     Family family = Family::any;
     std::string target{};  ///< empty: the uplink as a whole
     Change change{};
     double of_hundred = 0;  ///< of `loss`, `duplicates` and `reorder`
     std::int64_t delay_ms = 0;
     std::int64_t jitter_ms = 0;
-    std::string router{};  ///< of `lease`; empty: the lease file goes
-    std::string text{};    ///< where and what, as written
+    std::string router{};            ///< of `lease`; empty: the lease file goes
+    std::int64_t clock_step_us = 0;  ///< of `clock`; negative: back
+    std::string text{};              ///< where and what, as written
 };
 /// In the order of their moments, and within one as they were written.
 using Scenario = std::vector<Event>;
@@ -70,7 +72,7 @@ std::string shown_duration(std::int64_t duration_us);
 /// An address as hosts print it; what is none stays as it is.
 std::string canonical(const std::string& address);
 
-/// Targets of both are canonical.
+/// Targets of both are canonical. The clock concerns no uplink.
 bool concerns(const Event& event, const Uplink& uplink);
 
 /// Each single failure in turn: every uplink, then every target, each given the time that its

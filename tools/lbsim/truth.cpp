@@ -72,6 +72,7 @@ void State::take(const Event& event) {
             is_nexthop_alive = true;
             break;
         case Change::lease:
+        case Change::clock:
             break;
         case Change::clean:
             *this = {};

@@ -196,6 +196,7 @@ void World::change_uplink(Place& place, const Event& event) {
         case Change::clean:
             clean(place);
             break;
+        case Change::clock:  // of no uplink
         case Change::unwatched:
         case Change::watched:
             break;  // it stays as it was before
@@ -248,6 +249,7 @@ void World::change_target(const Place& place, const Event& event) {
         case Change::nexthop_dead:
         case Change::nexthop_alive:
         case Change::lease:
+        case Change::clock:
         case Change::unwatched:
         case Change::watched:
             break;  // no scenario has them of a target
@@ -255,6 +257,10 @@ void World::change_target(const Place& place, const Event& event) {
 }
 
 void World::happen(const Event& event) {
+    if (event.change == Change::clock) {
+        machine_.step_wall_clock(event.clock_step_us);
+        return;
+    }
     for (Place& place : places_) {
         if (!concerns(event, place.uplink)) {
             continue;

@@ -1,5 +1,7 @@
 #include "lbwatch/commands.h"
 
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 
 #include "lbwatch/history_reader.h"
@@ -25,6 +27,38 @@ std::string no_time(const std::string& text) {
            "a time (2026-11-21T14:05, with a Z behind it for UTC)";
 }
 
+/// What a program tells once on standard output, and how that ended.
+class Answer {
+  public:
+    void add(const std::string& text) {
+        if (error_ == 0) {
+            errno = 0;
+            note(!(std::cout << text));
+        }
+    }
+    /// The exit status. A pipe whose reader has gone is nothing to complain of.
+    int end() {
+        if (error_ == 0) {
+            errno = 0;
+            note(!std::cout.flush());
+        }
+        if (error_ == 0 || error_ == EPIPE) {
+            return error_ == 0 ? 0 : 1;
+        }
+        return fail("standard output cannot be written: " + std::string(strerror(error_)));
+    }
+
+  private:
+    /// A stream does not tell why it failed; what the system said last is the best there is.
+    void note(bool has_failed) {
+        if (has_failed) {
+            error_ = errno == 0 ? EIO : errno;
+        }
+    }
+
+    int error_ = 0;
+};
+
 }  // namespace
 
 int watch(const WatchOptions& options) {
@@ -42,20 +76,19 @@ int tell_events(const EventsOptions& options) {
     if (history.problem().empty() && !options.uplink.empty() && !history.knows(options.uplink)) {
         return fail("the history knows no uplink called '" + options.uplink + "'");
     }
+    Answer answer;
     // Events of this very millisecond belong to "now".
     history.events({.since_ms = *since, .until_ms = *until + 1, .uplink = options.uplink},
-                   [&options](const Event& event) {
-                       if (options.as_json) {
-                           std::cout << json_of(event) << '\n';
-                       } else {
-                           std::cout << local_time(event.time_ms) << "  " << line_of(event) << '\n';
-                       }
+                   [&options, &answer](const Event& event) {
+                       answer.add(options.as_json
+                                      ? json_of(event) + "\n"
+                                      : local_time(event.time_ms) + "  " + line_of(event) + "\n");
                    });
-    std::cout << std::flush;
+    const int status = answer.end();
     if (!history.problem().empty()) {
         return fail(history.problem());
     }
-    return std::cout ? 0 : 1;
+    return status;
 }
 
 int report(const ReportOptions& options) {
@@ -81,11 +114,11 @@ int report(const ReportOptions& options) {
         const std::string problem = shared::write_output(options.html, html_of(made));
         return problem.empty() ? 0 : fail(problem);
     }
-    std::cout << (options.as_json  ? json_of(made) + "\n"
-                  : options.as_csv ? csv_of(made)
-                                   : text_of(made))
-              << std::flush;
-    return std::cout ? 0 : 1;
+    Answer answer;
+    answer.add(options.as_json  ? json_of(made) + "\n"
+               : options.as_csv ? csv_of(made)
+                                : text_of(made));
+    return answer.end();
 }
 
 }  // namespace lbwatch

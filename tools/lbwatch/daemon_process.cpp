@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "shared/file_text.h"
+#include "shared/processes.h"
 
 namespace lbwatch {
 
@@ -54,34 +55,9 @@ bool is_number(std::string_view text) {
     });
 }
 
-/// What proc(5)'s stat tells of a process.
-struct Origin {
-    pid_t parent = 0;
-    unsigned long long start = 0;  ///< in clock ticks since the machine started
-};
-Origin origin_of(const std::string& process) {
-    constexpr int name_field = 2;
-    constexpr int parent_field = 4;
-    constexpr int start_field = 22;
-    const std::string stat = shared::text_of_file(process + "/stat");
-    Origin origin;
-    // The name may hold spaces and parentheses: the fields are counted from its end.
-    std::size_t at = stat.rfind(')');
-    for (int field = name_field + 1; field <= start_field && at != std::string::npos; ++field) {
-        at = stat.find(' ', at + 1);
-        const char* text = at == std::string::npos ? "" : stat.c_str() + at;
-        if (field == parent_field) {
-            origin.parent = static_cast<pid_t>(strtol(text, nullptr, 10));
-        } else if (field == start_field) {
-            origin.start = strtoull(text, nullptr, 10);
-        }
-    }
-    return origin;
-}
-
 /// Every process called `lb` that names this directory.
-std::map<pid_t, Origin> processes_for(const std::string& wanted) {
-    std::map<pid_t, Origin> found;
+std::map<pid_t, shared::ProcessStat> processes_for(const std::string& wanted) {
+    std::map<pid_t, shared::ProcessStat> found;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
         const std::string name = entry.path().filename();
@@ -92,7 +68,8 @@ std::map<pid_t, Origin> processes_for(const std::string& wanted) {
         const std::string arguments = shared::text_of_file(process + "/cmdline");
         // One without arguments has ended, and waits for its parent.
         if (!arguments.empty() && without_links(directory_of(arguments)) == wanted) {
-            found.emplace(static_cast<pid_t>(std::stol(name)), origin_of(process));
+            const auto pid = static_cast<pid_t>(std::stol(name));
+            found.emplace(pid, shared::stat_of(pid).value_or(shared::ProcessStat{}));
         }
     }
     return found;
@@ -101,13 +78,13 @@ std::map<pid_t, Origin> processes_for(const std::string& wanted) {
 }  // namespace
 
 DaemonProcess find_daemon(const std::string& out_dir) {
-    const std::map<pid_t, Origin> candidates = processes_for(without_links(out_dir));
+    const std::map<pid_t, shared::ProcessStat> candidates = processes_for(without_links(out_dir));
     pid_t found = 0;
-    for (const auto& [pid, origin] : candidates) {
+    for (const auto& [pid, stat] : candidates) {
         // The daemon runs commands: until such a child becomes the command it looks like the
         // daemon, and its end, a moment later, would be taken for the daemon's.
-        const bool is_child_of_one = candidates.contains(origin.parent);
-        if (!is_child_of_one && (found == 0 || origin.start >= candidates.at(found).start)) {
+        const bool is_child_of_one = candidates.contains(stat.parent);
+        if (!is_child_of_one && (found == 0 || stat.start >= candidates.at(found).start)) {
             found = pid;
         }
     }

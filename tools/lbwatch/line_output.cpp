@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 namespace lbwatch {
 
@@ -16,13 +18,26 @@ void LineOutput::flush() {
         const ssize_t written = write(descriptor_, waiting_.data(), waiting_.size());
         if (written >= 0) {
             waiting_.erase(0, static_cast<std::size_t>(written));
-        } else if (errno == EPIPE || errno == EBADF) {
-            is_gone_ = true;
-        } else if (errno != EINTR) {
-            break;
+            continue;
         }
+        if (errno == EINTR) {
+            continue;
+        }
+        error_ = errno;
+        is_gone_ = error_ == EPIPE || error_ == EBADF;
+        break;
     }
     is_gone_ = is_gone_ || waiting_.size() > most_bytes;
+}
+
+std::string LineOutput::problem() const {
+    if (waiting_.empty() || error_ == EPIPE) {
+        return "";
+    }
+    const auto lines = std::count(waiting_.begin(), waiting_.end(), '\n');
+    return "standard output cannot be written: " +
+           std::string(error_ == EAGAIN ? "its reader does not read" : strerror(error_)) + "; " +
+           std::to_string(lines) + (lines == 1 ? " event was" : " events were") + " not told there";
 }
 
 }  // namespace lbwatch

@@ -86,6 +86,12 @@ int Watcher::run() {
     }
     keep(now(), true);
     end_hooks();
+    output_.flush();
+    if (const std::string problem = output_.problem(); !problem.empty()) {
+        notice(problem + (history_ == nullptr
+                              ? ""
+                              : "; lbwatch events --history " + options_.history + " tells them"));
+    }
     return output_.is_gone() ? 1 : 0;
 }
 

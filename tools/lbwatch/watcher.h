@@ -36,6 +36,8 @@ class Watcher {
     explicit Watcher(WatchOptions options);
 
     /// The exit status: 0 after SIGTERM or SIGINT, 1 where it cannot listen or the output is gone.
+    /// Standard error tells why, and which events the output did not take; not of a pipe whose
+    /// reader has gone.
     int run();
 
   private:

@@ -2,12 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
+#include <span>
 #include <utility>
 
 #include "base/fd.h"
+#include "shared/file_text.h"
 
 namespace shared {
 
@@ -21,26 +22,6 @@ bool is_same(const struct stat& one, const struct stat& other) {
 
 DumpBytes failed(int error) {
     return {.problem = DumpBytes::Problem::error, .error = error};
-}
-
-/// Fills the bytes from the file, as far as they reach; false after an error.
-bool fill(const Fd& file, std::vector<std::uint8_t>& bytes) {
-    std::size_t filled = 0;
-    while (filled < bytes.size()) {
-        const ssize_t got = read(file.get(), bytes.data() + filled, bytes.size() - filled);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0) {
-            return false;
-        }
-        if (got == 0) {
-            break;
-        }
-        filled += static_cast<std::size_t>(got);
-    }
-    bytes.resize(filled);
-    return true;
 }
 
 }  // namespace
@@ -83,8 +64,14 @@ DumpBytes read_dump(const std::string& path, std::size_t most, std::vector<std::
     }
     // One byte more shows a file that grows meanwhile.
     bytes.resize(size + 1);
+    int error = 0;
+    const auto filled = fill(file, std::as_writable_bytes(std::span(bytes)), error);
+    if (!filled) {
+        return failed(error);
+    }
+    bytes.resize(*filled);
     struct stat after {};
-    if (!fill(file, bytes) || fstat(file.get(), &after) != 0) {
+    if (fstat(file.get(), &after) != 0) {
         return failed(errno);
     }
     DumpBytes read{.bytes = std::move(bytes), .written = before.st_mtim};

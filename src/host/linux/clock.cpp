@@ -28,7 +28,8 @@ timespec wall_now() {
 }
 
 void sleep_ms(std::int64_t duration_ms) {
-    timespec left{.tv_sec = duration_ms / 1000, .tv_nsec = duration_ms % 1000 * 1'000'000};
+    timespec left{.tv_sec = duration_ms / 1000,
+                  .tv_nsec = static_cast<long>(duration_ms % 1000 * 1'000'000)};
     while (clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
     }
 }

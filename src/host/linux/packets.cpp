@@ -288,7 +288,7 @@ Woken wait_for_packet(int receiver, const Bell& bell, std::int64_t patience_us) 
         pollfd{.fd = receiver, .events = POLLIN, .revents = 0},
     };
     const timespec patience{.tv_sec = patience_us / 1'000'000,
-                            .tv_nsec = patience_us % 1'000'000 * 1000};
+                            .tv_nsec = static_cast<long>(patience_us % 1'000'000 * 1000)};
     const int ready = ppoll(waited.data(), waited.size(), &patience, nullptr);
     if (ready < 0) {
         return errno == EINTR ? Woken::interrupted : Woken::failed;

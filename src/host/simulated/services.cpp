@@ -9,7 +9,8 @@
 namespace {
 
 timespec at_us(std::int64_t moment_us) {
-    return {.tv_sec = moment_us / 1'000'000, .tv_nsec = moment_us % 1'000'000 * 1000};
+    return {.tv_sec = moment_us / 1'000'000,
+            .tv_nsec = static_cast<long>(moment_us % 1'000'000 * 1000)};
 }
 
 }  // namespace
@@ -19,7 +20,7 @@ timespec monotonic_now() {
 }
 
 timespec wall_now() {
-    return at_us(Simulation::current().now_us() + Simulation::epoch_s * 1'000'000);
+    return at_us(Simulation::current().wall_us());
 }
 
 void sleep_ms(std::int64_t duration_ms) {

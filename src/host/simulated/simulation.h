@@ -164,6 +164,9 @@ class Simulation {
     /// moment. It may happen while the daemon waits within one of its steps.
     void after_us(std::int64_t delay_us, std::function<void()> happens);
     static constexpr std::int64_t epoch_s = 1'800'000'000;  ///< wall clock when the machine began
+    /// Sets the wall clock forward, or back where it is negative; nothing else notices.
+    void step_wall_clock(std::int64_t step_us) { wall_offset_us_ += step_us; }
+    std::int64_t wall_us() const { return now_us_ + epoch_s * 1'000'000 + wall_offset_us_; }
 
     /// The namespace that the daemon's calls belong to; `host::enter_namespace` moves it. A driver
     /// of several workers sets it before each one's steps.
@@ -209,6 +212,7 @@ class Simulation {
                      Reply reply, bool is_ipv6);
 
     std::int64_t now_us_ = 1'000'000'000;
+    std::int64_t wall_offset_us_ = 0;
     std::uint64_t seed_ = 1;
     std::uint64_t fault_draws_ = 0;
     std::map<int, Socket> sockets_;

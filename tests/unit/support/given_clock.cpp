@@ -11,12 +11,12 @@ std::atomic<std::int64_t> given_wall_ms{0};
 
 timespec given_monotonic() {
     const std::int64_t now_ms = given_monotonic_ms;
-    return {.tv_sec = now_ms / 1000, .tv_nsec = now_ms % 1000 * 1'000'000};
+    return {.tv_sec = now_ms / 1000, .tv_nsec = static_cast<long>(now_ms % 1000 * 1'000'000)};
 }
 
 timespec given_wall() {
     const std::int64_t now_ms = given_wall_ms;
-    return {.tv_sec = now_ms / 1000, .tv_nsec = now_ms % 1000 * 1'000'000};
+    return {.tv_sec = now_ms / 1000, .tv_nsec = static_cast<long>(now_ms % 1000 * 1'000'000)};
 }
 
 }  // namespace

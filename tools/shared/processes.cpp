@@ -1,0 +1,66 @@
+#include "shared/processes.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <sstream>
+
+#include "shared/file_text.h"
+
+namespace shared {
+
+namespace {
+
+std::string proc_text(pid_t pid, const char* name) {
+    return text_of_file("/proc/" + std::to_string(pid) + "/" + name);
+}
+
+}  // namespace
+
+std::optional<ProcessStat> stat_of(pid_t pid) {
+    constexpr int parent_field = 4;
+    constexpr int start_field = 22;
+    const std::string text = proc_text(pid, "stat");
+    // The name may hold spaces and parentheses: the fields are counted from its end.
+    const std::size_t name_end = text.rfind(')');
+    if (name_end == std::string::npos) {
+        return std::nullopt;
+    }
+    std::istringstream fields(text.substr(name_end + 1));
+    ProcessStat stat;
+    fields >> stat.state >> stat.parent;
+    std::string skipped;
+    for (int field = parent_field + 1; field < start_field; ++field) {
+        fields >> skipped;
+    }
+    fields >> stat.start;
+    return fields ? std::make_optional(stat) : std::nullopt;
+}
+
+bool is_running(pid_t pid) {
+    const std::optional<ProcessStat> stat = stat_of(pid);
+    if (!stat) {
+        return kill(pid, 0) == 0 || errno == EPERM;
+    }
+    const bool is_process =
+        proc_text(pid, "status").find("\nTgid:\t" + std::to_string(pid) + "\n") !=
+        std::string::npos;
+    return is_process && stat->state != 'Z' && stat->state != 'X';
+}
+
+std::string start_of(pid_t pid) {
+    const std::optional<ProcessStat> stat = stat_of(pid);
+    return stat ? std::to_string(stat->start) : "";
+}
+
+std::string process_name(pid_t pid) {
+    std::string name = proc_text(pid, "comm");
+    if (name.ends_with('\n')) {
+        name.pop_back();
+    }
+    std::ranges::replace_if(
+        name, [](char c) { return c < ' ' || c > '~'; }, '?');
+    return name.empty() ? "name unknown" : name;
+}
+
+}  // namespace shared

@@ -282,10 +282,18 @@ const std::vector<Row> rows{
      "error   /run/lb: every user may write there and so may decide over routes (output); mend: "
      "chmod go-w /run/lb"},
     {"folder_of_a_group", [](LiveFacts& f) { f.rights[0].mode = 0775, f.rights[0].group = 50; },
-     "error   /run/lb: group 50 may write there and so may decide over routes (output); mend: "
+     "warning /run/lb: group 50 may write there and so may decide over routes (output); mend: "
      "chmod go-w /run/lb"},
+    {"configuration_of_a_user",
+     [](LiveFacts& f) {
+         f.configuration = "/home/admin/lb.conf";
+         f.rights.push_back(
+             {.path = "/home/admin", .use = "configuration", .owner = 1000, .mode = 0700});
+     },
+     "warning /home/admin: it belongs to user 1000, who so may decide over routes (configuration); "
+     "mend: install -m 644 /home/admin/lb.conf /etc/lb.conf"},
     {"folder_of_a_user", [](LiveFacts& f) { f.rights[0].owner = 1000; },
-     "error   /run/lb: it belongs to user 1000, who so may decide over routes (output); mend: "
+     "warning /run/lb: it belongs to user 1000, who so may decide over routes (output); mend: "
      "chown root:root /run/lb"},
     {"folder_of_a_user_and_all",
      [](LiveFacts& f) { f.rights[0].owner = 1000, f.rights[0].mode = 0777; },

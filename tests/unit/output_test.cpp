@@ -472,9 +472,9 @@ TEST_F(Files, without_a_context_nothing_is_dumped) {
 TEST_F(Files, unlock_that_fails_ends_the_write_without_a_report) {
     std::vector<LogLine> lines;
     {
-        // The eighth one: the folder's name, the paths and the outbounds dump were unlocked by
-        // then, and what is known of rewritten files around each.
-        const FailCall no_unlock(Call::pthread_mutex_unlock, EPERM, 8);
+        // The ninth one: what is known of the three files that may be due, the folder's name, the
+        // paths, the outbounds dump and twice the news of a rewritten file were unlocked by then.
+        const FailCall no_unlock(Call::pthread_mutex_unlock, EPERM, 9);
         output->write(data, ctx);
         lines = log.lines();
     }

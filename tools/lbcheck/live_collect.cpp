@@ -228,8 +228,8 @@ std::vector<PathRights> all_rights(const LiveFacts& facts) {
     const auto add_file = [&uses](const std::string& path, const std::string& use) {
         uses.emplace(path.substr(0, path.rfind('/') + 1), use);
     };
-    uses.emplace(facts.configuration, "configuration");
-    add_file(facts.configuration, "configuration");
+    uses.emplace(facts.configuration, configuration_use);
+    add_file(facts.configuration, configuration_use);
     uses.emplace(facts.output_directory, "output");
     uses.emplace(shared::dump_folder(facts.output_directory), "output");
     uses.emplace(lbroute::StateFolder::usual_path, "holds");

@@ -86,6 +86,8 @@ struct NamespaceFacts {
     Setting most_tracked{};
 };
 
+constexpr const char* configuration_use = "configuration";
+
 /// A file or folder that root's programs use, or one above it. Without symbolic links.
 struct PathRights {
     std::string path;

@@ -30,7 +30,11 @@ std::string who_writes(const PathRights& path) {
                : "group " + std::to_string(path.group) + " may write there and";
 }
 
-std::string mend_of(const PathRights& path) {
+/// A home directory is not taken from its user: the configuration leaves it.
+std::string mend_of(const PathRights& path, const LiveFacts& facts) {
+    if (path.owner != 0 && path.use == configuration_use) {
+        return "install -m 644 " + facts.configuration + " /etc/lb.conf";
+    }
     const std::string owner = path.owner != 0 ? "chown root:root " + path.path : "";
     const std::string mode = writable_by_others(path) != 0 ? "chmod go-w " + path.path : "";
     return owner + (owner.empty() || mode.empty() ? "" : " && ") + mode;
@@ -43,9 +47,11 @@ void judge_rights(const LiveFacts& facts, LiveFindings& findings) {
     for (const PathRights& path : facts.rights) {
         if (is_open(path)) {
             is_any_open = true;
-            findings.add(State::error, path.path,
+            // Known users may be trusted, and the router's owner knows whether they are.
+            const bool is_for_all = (path.mode & all_write) != 0;
+            findings.add(is_for_all ? State::error : State::warning, path.path,
                          who_writes(path) + " so may decide over routes (" + path.use + ")",
-                         mend_of(path));
+                         mend_of(path, facts));
         }
     }
     if (!is_any_open && !facts.rights.empty()) {

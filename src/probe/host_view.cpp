@@ -26,37 +26,19 @@ void HostView::begin_pass() {
     if (monitor_.has_changed()) {
         addresses_.reset();
         links_.clear();
-        primary_addresses_.clear();
         ends_.clear();
     }
 }
 
-namespace {
-
-/// The answer to a question about an interface, asked only where none is known yet.
-template <class Answer, class Ask, class IsGood>
-Answer ask_once(std::unordered_map<std::string, Answer>& known, const std::string& ifname, Ask ask,
-                IsGood is_good) {
-    if (const auto found = known.find(ifname); found != known.end()) {
-        return found->second;
-    }
-    const Answer answer = ask(ifname);
-    if (is_good(answer)) {
-        known.emplace(ifname, answer);
-    }
-    return answer;
-}
-
-}  // namespace
-
 host::Link HostView::link(const std::string& ifname) {
-    return ask_once(links_, ifname, host::ask_link,
-                    [](const host::Link& link) { return link.failed == host::Link::Step::none; });
-}
-
-host::PrimaryAddress HostView::primary_address(const std::string& ifname) {
-    return ask_once(primary_addresses_, ifname, host::primary_address,
-                    [](const host::PrimaryAddress& address) { return address.error == 0; });
+    if (const auto known = links_.find(ifname); known != links_.end()) {
+        return known->second;
+    }
+    const host::Link asked = host::ask_link(ifname);
+    if (asked.failed == host::Link::Step::none) {
+        links_.emplace(ifname, asked);
+    }
+    return asked;
 }
 
 const OwnEnd4* HostView::known_end(const std::string& ifname,

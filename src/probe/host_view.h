@@ -56,10 +56,9 @@ class HostView {
     /// The entry, as far as this pass has dumped the table already; else null.
     const MacAddress* known_neighbor(const std::string& address) const;
 
-    /// MAC and index of an interface, and its primary IPv4 address: asked once, as long as the host
-    /// announces no change. What cannot be had is asked again each time.
+    /// MAC and index of an interface: asked once, as long as the host announces no change. What
+    /// cannot be had is asked again each time.
     host::Link link(const std::string& ifname);
-    host::PrimaryAddress primary_address(const std::string& ifname);
 
     /// The own end that was kept for an interface and the source address of its configuration, as
     /// long as the host announces no change; else null.
@@ -92,7 +91,6 @@ class HostView {
     host::AddressMonitor monitor_;
     std::optional<Addresses> addresses_;
     std::unordered_map<std::string, host::Link> links_;
-    std::unordered_map<std::string, host::PrimaryAddress> primary_addresses_;
     struct KeptEnd {
         std::string source_address;
         OwnEnd4 end;

@@ -50,7 +50,7 @@ bool find_own_end(const std::string& ifname, const std::string& source_address, 
     }
     path.own.source_text = source_address;
     if (source_address.empty()) {
-        const host::PrimaryAddress own = view.primary_address(ifname);
+        const host::PrimaryAddress own = host::primary_address(ifname);
         if (own.error != 0) {
             view.outbox.send_waiting();
             path.error = own.error;

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,25 +19,6 @@ struct InterfaceAddress {
 };
 /// In the host's own order; nothing where the list cannot be read.
 std::optional<std::vector<InterfaceAddress>> interface_addresses();
-
-/// Tells whether interfaces or their addresses may have changed, by the host's announcements. One
-/// thread's own: what it knows of addresses stays good between two passes in which nothing was
-/// announced, so that a dump of all addresses is not needed in each.
-class AddressMonitor {
-  public:
-    AddressMonitor();
-    ~AddressMonitor();
-    AddressMonitor(AddressMonitor&&) noexcept;
-    AddressMonitor& operator=(AddressMonitor&&) noexcept;
-
-    /// True at the first call, and when something was announced since the last one. Where the
-    /// announcements cannot be had or were lost, it is always true. Never blocks.
-    bool has_changed();
-
-  private:
-    struct Subscription;
-    std::unique_ptr<Subscription> subscription_;
-};
 
 /// The first address of a host name or of an address in text, in one family. May ask name servers
 /// and so block.

@@ -22,11 +22,15 @@ std::atomic<std::uint64_t> entries_written{0};
 }  // namespace
 
 void HostView::begin_pass() {
-    neighbors_.reset();
-    if (monitor_.has_changed()) {
+    const host::Changes changes = monitor_.take();
+    if (changes.of_links) {
         addresses_.reset();
         links_.clear();
         ends_.clear();
+    }
+    if (changes.of_links || changes.of_neighbours) {
+        neighbors_.reset();
+        macs_.clear();
     }
 }
 
@@ -106,6 +110,17 @@ HostView::LinkLocal HostView::find_link_local(const std::string& ifname) {
     }
     return {.is_list_readable = true,
             .address = first == nullptr ? std::nullopt : std::make_optional(first->address)};
+}
+
+const MacAddress* HostView::known_mac(const std::string& ifname, const std::string& nexthop) const {
+    const auto found = macs_.find(ifname);
+    const bool is_known = found != macs_.end() && found->second.nexthop == nexthop;
+    return is_known ? &found->second.mac : nullptr;
+}
+
+void HostView::keep_mac(const std::string& ifname, const std::string& nexthop,
+                        const MacAddress& mac) {
+    macs_.insert_or_assign(ifname, KeptMac{.nexthop = nexthop, .mac = mac});
 }
 
 const MacAddress* HostView::known_neighbor(const std::string& address) const {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/addresses.h"
+#include "host/change_monitor.h"
 #include "host/connection_tracking.h"
 #include "host/links.h"
 #include "probe/outbox.h"
@@ -23,16 +24,16 @@ struct OwnEnd4 {
     Ipv4Bytes source{};
 };
 
-/// What one worker knows of its host in the present pass of probes: it is asked once, not once per
-/// uplink. One thread's own, in one network namespace.
+/// What one worker knows of its host: it is asked once, not once per uplink, and again where the
+/// host has announced a change before the present pass of probes. One thread's own, in one network
+/// namespace.
 class HostView {
   public:
     HostView() = default;
     HostView(const HostView&) = delete;
     HostView& operator=(const HostView&) = delete;
 
-    /// Starts a pass: neighbours may have changed since the last one, addresses where the host
-    /// announced it.
+    /// Starts a pass: forgets what the host announced a change of since the last one.
     void begin_pass();
 
     /// Whether `address` is, as text in dotted decimal, an IPv4 address of an interface whose name
@@ -49,12 +50,17 @@ class HostView {
     LinkLocal find_link_local(const std::string& ifname);
 
     /// 1 with the MAC in `mac`: the neighbour table has an entry for the address; 0: it has none;
-    /// -1: error, logged. The table is dumped once in a pass, and again when an address is missing
-    /// and an entry was written meanwhile: a dump per uplink would make a pass quadratic, and one
-    /// per advertisement would let a neighbour that floods them stall it.
+    /// -1: error, logged. The table is dumped after an announced change, and again when an address
+    /// is missing and an entry was written meanwhile: a dump per uplink would make a pass
+    /// quadratic, and one per advertisement would let a neighbour that floods them stall it.
     int find_neighbor(const std::string& address, unsigned char* mac);
-    /// The entry, as far as this pass has dumped the table already; else null.
+    /// The entry, as far as the table was dumped already; else null.
     const MacAddress* known_neighbor(const std::string& address) const;
+
+    /// The MAC that was kept for an IPv4 next hop of an interface, as long as the host announces no
+    /// change; else null.
+    const MacAddress* known_mac(const std::string& ifname, const std::string& nexthop) const;
+    void keep_mac(const std::string& ifname, const std::string& nexthop, const MacAddress& mac);
 
     /// MAC and index of an interface: asked once, as long as the host announces no change. What
     /// cannot be had is asked again each time.
@@ -88,7 +94,7 @@ class HostView {
 
     const Addresses* known_addresses();
 
-    host::AddressMonitor monitor_;
+    host::ChangeMonitor monitor_;
     std::optional<Addresses> addresses_;
     std::unordered_map<std::string, host::Link> links_;
     struct KeptEnd {
@@ -96,6 +102,11 @@ class HostView {
         OwnEnd4 end;
     };
     std::unordered_map<std::string, KeptEnd> ends_;
+    struct KeptMac {
+        std::string nexthop;
+        MacAddress mac{};
+    };
+    std::unordered_map<std::string, KeptMac> macs_;  // by interface
     std::optional<Neighbors> neighbors_;
 };
 

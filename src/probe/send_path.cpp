@@ -74,14 +74,18 @@ bool find_own_end(const std::string& ifname, const std::string& source_address, 
 // What comes before a line of the log, or before a question on the wire, leaves before it.
 FramePath4 find_frame_path4(const std::string& ifname, const std::string& source_address,
                             const std::string& nexthop, const std::string& target, context* ctx) {
-    Outbox& before = ctx->view->outbox;
+    HostView& view = *ctx->view;
+    Outbox& before = view.outbox;
     FramePath4 path;
-    if (!find_own_end(ifname, source_address, *ctx->view, path)) {
+    if (!find_own_end(ifname, source_address, view, path)) {
         return path;
     }
     ctx->arp->set_data(nexthop, path.own.source_text, ifname);
-    if (const auto known = ctx->arp->known_mac()) {
+    if (const MacAddress* kept = view.known_mac(ifname, nexthop)) {
+        path.next_hop_mac = *kept;
+    } else if (const auto known = ctx->arp->known_mac()) {
         path.next_hop_mac = *known;
+        view.keep_mac(ifname, nexthop, *known);
     } else {
         before.send_waiting();
         const LBArp::Mac mac = ctx->arp->find_mac();

@@ -101,6 +101,15 @@ class Arp(LabTest):
         self.lab.forget_neighbours("gi1_1")
         expect(lambda: any(frame.data[:6] == peer.mac for frame in peer.echo_frames()))
 
+    def test_entry_that_is_replaced_is_used_from_the_next_probe_on(self):
+        peer = self.attach(known=True)
+        self.lab.start(one_uplink())
+        expect(lambda: ACTIVE in self.lab.log.texts())
+        self.lab.router.ip(f"neigh replace {GATEWAY} lladdr 02:00:5e:20:00:99 dev gi1_1 nud permanent")
+        on_the_way = len(peer.echo_frames()) + 1
+        later = expect(lambda: peer.echo_frames()[on_the_way:])
+        self.assertEqual(later[0].data[:6].hex(":"), "02:00:5e:20:00:99")
+
     def test_next_hop_that_is_no_address_is_reported(self):
         peer = self.attach()
         self.lab.start(one_uplink(nexthop="gateway.example"))

@@ -121,6 +121,15 @@ class Neighbours(Ipv6Test):
         self.lab.forget_neighbours("gi1_1")
         expect(lambda: "02:00:5e:20:00:77" in self.entry())
 
+    def test_entry_that_is_replaced_is_used_from_the_next_probe_on(self):
+        peer = self.attach()
+        self.lab.start(one_uplink6())
+        expect(lambda: ACTIVE6 in self.lab.log.texts())
+        self.lab.router.ip(f"neigh replace {GATEWAY6} lladdr 02:00:5e:20:00:77 dev gi1_1 nud permanent")
+        on_the_way = len(peer.echo_frames()) + 1
+        later = expect(lambda: peer.echo_frames()[on_the_way:])
+        self.assertEqual(later[0].data[:6].hex(":"), "02:00:5e:20:00:77")
+
     def test_link_local_next_hop_is_found(self):
         peer = self.attach()
         peer.addresses.add("fe80::77")

@@ -5,8 +5,11 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
+#include <libmnl/libmnl.h>
+#include <linux/rtnetlink.h>
 
 #include <cerrno>
+#include <cstring>
 #include <deque>
 #include <string>
 
@@ -197,6 +200,91 @@ TEST(LinkLocalAddress, keeps_its_scope) {
 TEST(LinkLocalAddress, unreadable_list_is_told_apart_from_a_missing_address) {
     const FailCall no_list(Call::getifaddrs, ENOMEM);
     EXPECT_FALSE(HostView().find_link_local("eth1").is_list_readable);
+}
+
+/// A view whose host announces what the test wants, and has an empty table of IPv6 neighbours.
+struct Announced : testing::Test {
+    Announced() {
+        static constexpr faults::StandIns calls{.mnl_socket_recvfrom = receive};
+        waiting.clear();
+        faults::set_stand_ins(calls);
+        view.begin_pass();  // subscribes
+        learn();
+    }
+    ~Announced() override { faults::reset_stand_ins(); }
+
+    /// An announcement fits nowhere, and is cut; a dump has room.
+    static ssize_t receive(const mnl_socket* /*socket*/, void* data, size_t size) {
+        nlmsghdr message{};
+        message.nlmsg_len = sizeof message;
+        message.nlmsg_type = NLMSG_DONE;
+        const bool is_dump = size > 1024;
+        if (!is_dump && waiting.empty()) {
+            errno = EAGAIN;
+            return -1;
+        }
+        if (!is_dump) {
+            message.nlmsg_type = waiting.front();
+            waiting.pop_front();
+        }
+        std::memcpy(data, &message, sizeof message);
+        errno = ENOSPC;
+        return is_dump ? static_cast<ssize_t>(sizeof message) : -1;
+    }
+
+    void learn() {
+        view.keep_mac("eth0", "192.0.2.1", {2, 0, 0, 0, 0, 1});
+        unsigned char mac[6];
+        view.find_neighbor("2001:db8::1", mac);
+        view.has_source("lo", "127.0.0.1");
+    }
+    /// What is asked anew in the pass that follows these announcements.
+    std::string asked_after(std::deque<std::uint16_t> announcements) {
+        waiting = std::move(announcements);
+        const FailCall dumps(Call::sendmsg, 0, 99);
+        const FailCall lists(Call::getifaddrs, 0, 99);
+        view.begin_pass();
+        const bool is_mac_known = view.known_mac("eth0", "192.0.2.1") != nullptr;
+        learn();
+        return std::string(is_mac_known ? "" : "mac ") + (dumps.calls() == 0 ? "" : "neighbours ") +
+               (lists.calls() == 0 ? "" : "addresses ");
+    }
+
+    static inline std::deque<std::uint16_t> waiting;
+    HostView view;
+};
+
+TEST_F(Announced, nothing_keeps_all) {
+    EXPECT_EQ(asked_after({}), "");
+}
+
+TEST_F(Announced, neighbour_that_came_changed_or_went_has_neighbours_of_both_families_asked_anew) {
+    EXPECT_EQ(asked_after({RTM_NEWNEIGH}), "mac neighbours ");
+    EXPECT_EQ(asked_after({RTM_DELNEIGH}), "mac neighbours ");
+    EXPECT_EQ(asked_after({}), "");
+}
+
+TEST_F(Announced, link_or_address_has_all_asked_anew) {
+    for (const auto type : {RTM_NEWLINK, RTM_DELLINK, RTM_NEWADDR, RTM_DELADDR}) {
+        EXPECT_EQ(asked_after({static_cast<std::uint16_t>(type)}), "mac neighbours addresses ");
+    }
+    EXPECT_EQ(asked_after({RTM_NEWNEIGH, RTM_DELADDR, RTM_NEWNEIGH}), "mac neighbours addresses ");
+}
+
+TEST_F(Announced, what_was_lost_counts_as_everything) {
+    waiting = {RTM_NEWNEIGH};
+    const FailCall overrun(Call::mnl_socket_recvfrom, ENOBUFS, 2);
+    const FailCall lists(Call::getifaddrs, 0, 99);
+    view.begin_pass();
+    EXPECT_EQ(view.known_mac("eth0", "192.0.2.1"), nullptr);
+    view.has_source("lo", "127.0.0.1");
+    EXPECT_EQ(lists.calls(), 1);
+}
+
+TEST_F(Announced, mac_is_that_of_one_next_hop_on_one_interface) {
+    EXPECT_NE(view.known_mac("eth0", "192.0.2.1"), nullptr);
+    EXPECT_EQ(view.known_mac("eth0", "192.0.2.2"), nullptr);
+    EXPECT_EQ(view.known_mac("eth1", "192.0.2.1"), nullptr);
 }
 
 }  // namespace

@@ -129,6 +129,7 @@ void World::set_link(const Place& place, bool is_up) {
             return ns_name == place.uplink.ns_name && ifname == place.uplink.name;
         });
     }
+    machine_.announce_change();
 }
 
 void World::set_next_hop(const Place& place, bool is_alive) {

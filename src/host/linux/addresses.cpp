@@ -1,17 +1,12 @@
 #include "host/addresses.h"
 
 #include <ifaddrs.h>
-#include <libmnl/libmnl.h>
-#include <linux/rtnetlink.h>
 #include <netdb.h>
 #include <netinet/in.h>
 
-#include <array>
 #include <bit>
-#include <cerrno>
 #include <cstring>
-
-#include "host/linux/netlink.h"
+#include <memory>
 
 namespace host {
 
@@ -49,46 +44,6 @@ std::optional<std::vector<InterfaceAddress>> interface_addresses() {
         addresses.push_back(address);
     }
     return addresses;
-}
-
-/// A socket that hears of changes of links and addresses, rtnetlink(7).
-struct AddressMonitor::Subscription {
-    Netlink netlink;
-};
-
-AddressMonitor::AddressMonitor() = default;
-AddressMonitor::~AddressMonitor() = default;
-AddressMonitor::AddressMonitor(AddressMonitor&&) noexcept = default;
-AddressMonitor& AddressMonitor::operator=(AddressMonitor&&) noexcept = default;
-
-bool AddressMonitor::has_changed() {
-    if (subscription_ == nullptr) {
-        constexpr unsigned groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
-        Netlink netlink(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (netlink && mnl_socket_bind(netlink.get(), groups, MNL_SOCKET_AUTOPID) == 0) {
-            subscription_ = std::make_unique<Subscription>(Subscription{std::move(netlink)});
-        }
-        return true;
-    }
-    bool is_announced = false;
-    // That something was announced is enough: what does not fit is cut and told as ENOSPC.
-    std::array<char, 16> content;
-    while (true) {
-        const auto length =
-            mnl_socket_recvfrom(subscription_->netlink.get(), content.data(), content.size());
-        if (length > 0 || errno == ENOSPC) {
-            is_announced = true;
-        } else if (errno == ENOBUFS) {
-            is_announced = true;  // more than the queue holds; what is left follows
-        } else if (length == 0 || errno != EINTR) {
-            break;
-        }
-    }
-    if (errno != EAGAIN) {
-        subscription_.reset();
-        return true;
-    }
-    return is_announced;
 }
 
 Resolved resolve(const std::string& name, bool is_ipv6) {

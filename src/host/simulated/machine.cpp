@@ -6,6 +6,7 @@
 
 #include "base/address_text.h"
 #include "host/addresses.h"
+#include "host/change_monitor.h"
 #include "host/connection_tracking.h"
 #include "host/links.h"
 #include "host/namespaces.h"
@@ -95,22 +96,23 @@ std::optional<std::vector<InterfaceAddress>> interface_addresses() {
 }
 
 /// How many changes were announced when it was last asked.
-struct AddressMonitor::Subscription {
+struct ChangeMonitor::Subscription {
     std::uint64_t seen = 0;
 };
 
-AddressMonitor::AddressMonitor() = default;
-AddressMonitor::~AddressMonitor() = default;
-AddressMonitor::AddressMonitor(AddressMonitor&&) noexcept = default;
-AddressMonitor& AddressMonitor::operator=(AddressMonitor&&) noexcept = default;
+ChangeMonitor::ChangeMonitor() = default;
+ChangeMonitor::~ChangeMonitor() = default;
+ChangeMonitor::ChangeMonitor(ChangeMonitor&&) noexcept = default;
+ChangeMonitor& ChangeMonitor::operator=(ChangeMonitor&&) noexcept = default;
 
-bool AddressMonitor::has_changed() {
+Changes ChangeMonitor::take() {
     const std::uint64_t announced = machine().changes;
     if (subscription_ == nullptr) {
         subscription_ = std::make_unique<Subscription>(Subscription{announced});
-        return true;
+        return Changes::everything();
     }
-    return std::exchange(subscription_->seen, announced) != announced;
+    const bool is_announced = std::exchange(subscription_->seen, announced) != announced;
+    return is_announced ? Changes::everything() : Changes{};
 }
 
 Resolved resolve(const std::string& name, bool is_ipv6) {
@@ -156,7 +158,7 @@ ArpWritten write_arp_entry(const Ipv4Bytes& address, std::span<const std::uint8_
     }
     MacAddress mac{};
     std::copy_n(hardware.begin(), mac.size(), mac.begin());
-    machine().neighbours[{machine().namespace_in_force, ifname, to_text(address)}] = mac;
+    machine().set_neighbour(ifname, to_text(address), mac);
     return ArpWritten::written;
 }
 
@@ -179,7 +181,7 @@ bool write_neighbor(const std::string& address, const std::string& ifname, const
         !parse_ipv6(address)) {
         return false;
     }
-    machine().neighbours[{machine().namespace_in_force, ifname, address}] = mac;
+    machine().set_neighbour(ifname, address, mac);
     return true;
 }
 

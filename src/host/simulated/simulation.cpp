@@ -84,6 +84,12 @@ void Simulation::announce_change() {
     ++changes;
 }
 
+void Simulation::set_neighbour(const std::string& ifname, const std::string& address,
+                               const MacAddress& mac) {
+    neighbours[{namespace_in_force, ifname, address}] = mac;
+    announce_change();
+}
+
 Simulation::RoutingDaemon& Simulation::add_routing_daemon(int process, bool is_ipv6,
                                                           const std::string& ns_name) {
     const std::string root = ns_name.empty() ? "" : "/var/vrfs/" + ns_name + "/usr";

@@ -80,7 +80,7 @@ class Simulation {
     std::map<std::string, Namespace> namespaces{{"", {}}};
     /// Adds a link to a namespace, with an index and a MAC of its own.
     Link& add_link(const std::string& name, const std::string& ns_name = "");
-    /// Tells the daemon that links or addresses changed: it asks for them again.
+    /// Tells the daemon that links, addresses or neighbours changed: it asks for them again.
     void announce_change();
 
     /// The files of the machine by path. A routing daemon reads what it finds there.
@@ -200,7 +200,10 @@ class Simulation {
 
     /// Link-layer addresses that the machine knows: (namespace, interface, address) -> MAC.
     std::map<std::tuple<std::string, std::string, std::string>, MacAddress> neighbours;
-    std::uint64_t changes = 0;  ///< of links and addresses, announced so far
+    /// Enters one in the namespace in force, and announces it.
+    void set_neighbour(const std::string& ifname, const std::string& address,
+                       const MacAddress& mac);
+    std::uint64_t changes = 0;  ///< announced so far
     KeepAliveQuorum quorum;
     std::set<std::pair<std::string, std::string>> tracked_echoes;  ///< (source, destination)
 

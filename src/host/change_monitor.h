@@ -1,0 +1,34 @@
+#pragma once
+
+#include <memory>
+
+namespace host {
+
+/// What may have changed since the last look.
+struct Changes {
+    bool of_links = false;       ///< interfaces or their addresses
+    bool of_neighbours = false;  ///< entries of the tables of link-layer addresses, either family
+
+    static constexpr Changes everything() { return {.of_links = true, .of_neighbours = true}; }
+};
+
+/// Tells what the host has announced of the network namespace in which it was first asked. One
+/// thread's own: what that thread learnt of links, addresses and neighbours stays good between two
+/// passes in which nothing was announced, so that it need not ask in each.
+class ChangeMonitor {
+  public:
+    ChangeMonitor();
+    ~ChangeMonitor();
+    ChangeMonitor(ChangeMonitor&&) noexcept;
+    ChangeMonitor& operator=(ChangeMonitor&&) noexcept;
+
+    /// Everything at the first call; then what was announced since the last one. Where the
+    /// announcements cannot be had or were lost, everything. Never blocks.
+    Changes take();
+
+  private:
+    struct Subscription;
+    std::unique_ptr<Subscription> subscription_;
+};
+
+}  // namespace host

@@ -5,11 +5,14 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <string>
@@ -196,6 +199,28 @@ TEST(CrashReport, reader_of_standard_error_that_sleeps_does_not_keep_the_process
         step_on_the_signal(SIGBUS);
     });
     EXPECT_TRUE(died_of(end, SIGBUS)) << end.status;  // not of the time-out's SIGKILL
+}
+
+TEST(CrashReport, system_log_that_takes_nothing_does_not_keep_the_process_alive) {
+    const PrivateDevEnd end = run_in_child_with_private_dev([] {
+        unlink("/dev/log");
+        const Fd unread = bound_datagram_socket("/dev/log");
+        const Fd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        constexpr sockaddr_un log{AF_UNIX, "/dev/log"};
+        while (sendto(sender.get(), "", 0, 0, reinterpret_cast<const sockaddr*>(&log),
+                      sizeof log) == 0) {
+        }
+        if (!unread.is_open() || errno != EAGAIN) {
+            _exit(1);
+        }
+        install();
+        step_on_the_signal(SIGBUS);
+    });
+    if (!end.permitted) {
+        GTEST_SKIP() << "needs the right to have a /dev of its own";
+    }
+    EXPECT_TRUE(died_of(end, SIGBUS)) << end.status;  // not of the time-out's SIGKILL
+    EXPECT_THAT(end.standard_error, HasSubstr("(step_on_the_signal+0x"));
 }
 
 TEST(CrashReport, no_descriptor_is_left_to_a_shell_command) {

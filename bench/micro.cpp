@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "config/lb_data_factory.h"
+#include "config/own_records.h"
 #include "config/str_proc.h"
 #include "decision/lb_decision.h"
 #include "decision/route_text.h"
@@ -57,7 +58,8 @@ LBData loaded(std::int64_t uplinks) {
 /// A worker of the default namespace.
 struct Worker {
     std::string ns_name;
-    context ctx{.ns_name = &ns_name};
+    OwnRecords own;
+    context ctx{.ns_name = &ns_name, .own = &own};
 };
 
 void split_a_line(benchmark::State& state) {

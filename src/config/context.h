@@ -6,6 +6,7 @@ class HostView;
 class LoadBalance;
 class LBArp;
 class LBNeighbor;
+class OwnRecords;
 
 /// One worker: a network namespace and an address family. Built by the namespace thread, handed by
 /// pointer to every operation of the cycle, unchanged for the worker's life. Owns nothing.
@@ -15,5 +16,6 @@ struct context {
     LBNeighbor* neighbor = nullptr;  ///< set in an IPv6 context only
     bool ipv6 = false;
     std::string* ns_name = nullptr;  ///< empty: the default namespace
-    HostView* view = nullptr;        ///< what the worker knows of its host in this pass
+    HostView* view = nullptr;        ///< what the worker knows of its host
+    OwnRecords* own = nullptr;       ///< the records that the worker owns
 };

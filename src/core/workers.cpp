@@ -79,7 +79,7 @@ std::string namespace_file(const std::string& ns_name) {
 }
 
 Worker::Worker(LoadBalance& lb, const std::string& ns_name, bool is_ipv6) : name_(ns_name) {
-    ctx = {.lb = &lb, .ipv6 = is_ipv6, .ns_name = &name_};
+    ctx = {.lb = &lb, .ipv6 = is_ipv6, .ns_name = &name_, .own = &own_};
     if (is_ipv6) {
         neighbor_ = std::make_unique<LBNeighbor>();
         neighbor_->init(ns_name);

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "config/own_records.h"
 #include "core/load_balance.h"
 #include "host/watchdog.h"
 #include "probe/host_view.h"
@@ -49,6 +50,7 @@ class Worker {
 
   private:
     std::string name_;
+    OwnRecords own_;
     std::unique_ptr<LBArp> arp_;            // of an IPv4 worker
     std::unique_ptr<HostView> view_;        // of an IPv4 worker; an IPv6 worker's is its prober's
     std::unique_ptr<LBNeighbor> neighbor_;  // of an IPv6 worker

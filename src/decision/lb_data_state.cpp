@@ -5,16 +5,16 @@
 #include "config/interface_name.h"
 #include "config/lb_data.h"
 #include "config/live_state.h"
+#include "config/own_records.h"
 #include "host/clock.h"
 #include "host/log.h"
 #include "probe/lb_test.h"
 
 void LBData::reset_state_changed(context* ctx) {
-    for (auto& [name, record] : family(ctx->ipv6)) {
-        // The namespace first: others' interfaces are others' to read and write.
-        if (record.namespace_name == *ctx->ns_name && record.state_changed) {
+    for (LBHealth* record : ctx->own->interfaces(*this, *ctx)) {
+        if (record->state_changed) {
             const LiveStateWriter hold;
-            record.state_changed = false;
+            record->state_changed = false;
         }
     }
 }

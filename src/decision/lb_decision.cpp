@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "config/live_state.h"
+#include "config/own_records.h"
 #include "decision/route_text.h"
 #include "host/files.h"
 #include "host/log.h"
@@ -193,10 +194,8 @@ void hand_over(LBDecision& decision, const std::string& routes, context* ctx) {
 
 void LBDecision::run(LBData& data, context* ctx) {
     std::string routes;
-    for (auto rule = data.rules.begin(); rule != data.rules.end(); ++rule) {
-        if (rule->second.namespace_name == *ctx->ns_name) {
-            routes += routes_of(data, rule, ctx);
-        }
+    for (const RuleEntry rule : ctx->own->rules(data, *ctx)) {
+        routes += routes_of(data, rule, ctx);
     }
     if (remember(data, *ctx, routes)) {
         hand_over(*this, routes, ctx);

@@ -6,6 +6,7 @@
 #include "config/interface_name.h"
 #include "config/lb_data.h"
 #include "config/live_state.h"
+#include "config/own_records.h"
 #include "decision/lease_file.h"
 #include "host/clock.h"
 #include "host/files.h"
@@ -57,9 +58,9 @@ void learn(LBHealth& health, const std::string& address) {
 /// namespaces belong to other workers, and their interfaces cannot be asked from here.
 template <class Act>
 void for_each_learning(LBData& data, context* ctx, const char* word, Act act) {
-    for (auto& [name, health] : data.family(ctx->ipv6)) {
-        if (health.namespace_name == *ctx->ns_name && health.nexthop == word) {
-            act(health);
+    for (LBHealth* health : ctx->own->interfaces(data, *ctx)) {
+        if (health->nexthop == word) {
+            act(*health);
         }
     }
 }

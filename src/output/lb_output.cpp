@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "config/live_state.h"
+#include "config/own_records.h"
 #include "host/clock.h"
 #include "host/files.h"
 #include "host/log.h"
@@ -74,11 +75,9 @@ class RecordWriter {
 
 /// Whether an interface of the worker has become active or inactive in this cycle.
 bool has_changed_state(const LBData& data, const context& ctx) {
-    const auto& interfaces = data.family(ctx.ipv6);
-    return std::any_of(interfaces.begin(), interfaces.end(), [&ctx](const auto& entry) {
-        // The namespace first: only the worker's own may be read without a lock.
-        return entry.second.namespace_name == *ctx.ns_name && entry.second.state_changed;
-    });
+    const auto own = ctx.own->interfaces(data, ctx);
+    return std::any_of(own.begin(), own.end(),
+                       [](const LBHealth* health) { return health->state_changed; });
 }
 
 /// A full disk shows only when the buffer goes out.

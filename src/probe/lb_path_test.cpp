@@ -4,6 +4,7 @@
 #include <functional>
 #include <vector>
 
+#include "config/own_records.h"
 #include "probe/host_view.h"
 #include "probe/lb_test.h"
 #include "probe/reply_socket.h"
@@ -49,12 +50,8 @@ void LBHealth::recv_test(context* ctx) {
 void LBPathTest::start(LBData& data, context* ctx) {
     ctx->view->begin_pass();
 
-    std::vector<LBHealth*> records;
-    for (auto& [name, health] : data.family(ctx->ipv6)) {
-        if (health.namespace_name == *ctx->ns_name) {
-            records.push_back(&health);
-        }
-    }
+    const auto own = ctx->own->interfaces(data, *ctx);
+    std::vector<LBHealth*> records(own.begin(), own.end());
     std::sort(records.begin(), records.end(), std::less<>());  // B90: by their place in memory
     const ProbeFamily& family = ctx->ipv6 ? ipv6_probes : ipv4_probes;
     ReplyRoom& reply_room = ctx->view->reply_room;

@@ -35,4 +35,5 @@ TestContext::TestContext(bool ipv6, std::string ns_name) : name(std::move(ns_nam
     ctx.ipv6 = ipv6;
     ctx.ns_name = &name;
     ctx.view = &view;
+    ctx.own = &own;
 }

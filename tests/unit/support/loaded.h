@@ -3,6 +3,7 @@
 #include <string>
 
 #include "config/lb_data_factory.h"
+#include "config/own_records.h"
 #include "probe/host_view.h"
 
 /// A file of the test's own, removed with it.
@@ -39,6 +40,7 @@ struct TestContext {
 
     std::string name;
     HostView view;
+    OwnRecords own;
     context ctx;
     operator context*() { return &ctx; }
 };

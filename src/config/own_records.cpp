@@ -1,0 +1,35 @@
+#include "config/own_records.h"
+
+std::span<LBHealth* const> OwnRecords::interfaces(LBData& data, const context& ctx) {
+    find(data, ctx);
+    return interfaces_;
+}
+
+std::span<const LBHealth* const> OwnRecords::interfaces(const LBData& data, const context& ctx) {
+    find(const_cast<LBData&>(data), ctx);  // for those who may change the data
+    return interfaces_;
+}
+
+std::span<const OwnRecords::Rule> OwnRecords::rules(LBData& data, const context& ctx) {
+    find(data, ctx);
+    return rules_;
+}
+
+void OwnRecords::find(LBData& data, const context& ctx) {
+    if (data_ == &data) {
+        return;
+    }
+    data_ = &data;
+    interfaces_.clear();
+    rules_.clear();
+    for (auto& [name, health] : data.family(ctx.ipv6)) {
+        if (health.namespace_name == *ctx.ns_name) {
+            interfaces_.push_back(&health);
+        }
+    }
+    for (auto rule = data.rules.begin(); rule != data.rules.end(); ++rule) {
+        if (rule->second.namespace_name == *ctx.ns_name) {
+            rules_.push_back(rule);
+        }
+    }
+}

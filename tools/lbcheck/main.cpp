@@ -4,6 +4,7 @@
 
 #include "lbcheck/findings.h"
 #include "lbcheck/live_findings.h"
+#include "shared/standard_output.h"
 #include <CLI/CLI.hpp>
 
 namespace {
@@ -80,9 +81,9 @@ int main(int argc, char* argv[]) {
     }
     if (!options.is_live) {
         const int status = check_file(options);
-        return std::cout.flush() ? status : 2;
+        return shared::end_output("lbcheck") ? status : 2;
     }
     const int status = check_router(options);
     // The receivers of next hops' answers run on to the end: nothing is torn down beneath them.
-    std::_Exit(std::cout.flush() ? status : 2);
+    std::_Exit(shared::end_output("lbcheck") ? status : 2);
 }

@@ -8,6 +8,7 @@
 #include "lbroute/report.h"
 #include "lbroute/site.h"
 #include "lbroute/surroundings.h"
+#include "shared/standard_output.h"
 
 namespace lbroute {
 
@@ -133,7 +134,7 @@ int hold(const Options& options, const HoldRequest& request) {
     if (!daemon.is_running()) {
         std::cout << "lbroute does not run: the hold counts once it does\n";
     }
-    return std::cout.flush() ? 0 : 1;
+    return shared::end_output("lbroute") ? 0 : 1;
 }
 
 int release(const Options& /*options*/, const HoldRequest& request) {
@@ -163,8 +164,8 @@ int release(const Options& /*options*/, const HoldRequest& request) {
         return fail(request.interface + where(request) + " is not held");
     }
     std::cout << request.interface << where(request) << " is released in " << names_of(released)
-              << std::endl;
-    return 0;
+              << "\n";
+    return shared::end_output("lbroute") ? 0 : 1;
 }
 
 }  // namespace lbroute

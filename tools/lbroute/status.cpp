@@ -13,6 +13,7 @@
 #include "lbroute/site.h"
 #include "lbroute/steps.h"
 #include "lbroute/surroundings.h"
+#include "shared/standard_output.h"
 
 namespace lbroute {
 
@@ -169,8 +170,8 @@ Report report_of_now(Options options, bool chooses_table) {
 
 int show_status(const Options& options, bool chooses_table, bool as_json) {
     const Report report = report_of_now(options, chooses_table);
-    std::cout << (as_json ? report_json(report) : report_text(report)) << std::flush;
-    return report.agrees() && std::cout ? 0 : 1;
+    std::cout << (as_json ? report_json(report) : report_text(report));
+    return shared::end_output("lbroute") && report.agrees() ? 0 : 1;
 }
 
 int show_commands(const Options& options) {
@@ -185,8 +186,9 @@ int show_commands(const Options& options) {
         for (const std::string& left_out : made.left_out) {
             std::cerr << "lbroute: " << left_out << std::endl;
         }
-        std::cout << made.text << std::flush;
-        return is_whole && made.left_out.empty() && report.agrees() && std::cout ? 0 : 1;
+        std::cout << made.text;
+        const bool is_good = is_whole && made.left_out.empty() && report.agrees();
+        return shared::end_output("lbroute") && is_good ? 0 : 1;
     }
     for (const std::string& name : scene.site.uplinks().namespaces()) {
         ServedNamespace served(name, options);
@@ -215,7 +217,7 @@ int show_commands(const Options& options) {
             is_whole &= level == Level::notice;
         }
     }
-    return is_whole && std::cout.flush() ? 0 : 1;
+    return shared::end_output("lbroute") && is_whole ? 0 : 1;
 }
 
 }  // namespace lbroute

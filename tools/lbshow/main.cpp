@@ -13,6 +13,7 @@
 #include "lbshow/in_force.h"
 #include "lbshow/plain_text.h"
 #include "lbshow/views.h"
+#include "shared/standard_output.h"
 #ifdef LB_HISTORY
 #include "lbwatch/uplink_past.h"
 #endif
@@ -103,8 +104,8 @@ Status show(const Options& options) {
     if (!options.wants_stale || options.as_metrics) {
         lbshow::leave_out_stale(state);
     }
-    std::cout << shown(state, options) << std::flush;
-    if (!std::cout || !has_past) {
+    std::cout << shown(state, options);
+    if (!shared::end_output("lbshow") || !has_past) {
         return not_shown;
     }
     return lbshow::has_stale(state) ? stale : shown_well;

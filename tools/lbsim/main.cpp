@@ -14,6 +14,7 @@
 #include "lbsim/session.h"
 #include "lbsim/svg.h"
 #include "lbsim/tune.h"
+#include "shared/standard_output.h"
 #include <CLI/CLI.hpp>
 
 namespace {
@@ -156,11 +157,7 @@ Course course_of(const Options& options, const std::vector<Uplink>& uplinks) {
 }
 
 int end_of_output() {
-    std::cout.flush();
-    if (!std::cout) {
-        throw Unusable{"lbsim: standard output cannot be written\n"};
-    }
-    return 0;
+    return shared::end_output("lbsim") ? 0 : 2;
 }
 
 int tune(const Options& options) {

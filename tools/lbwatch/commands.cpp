@@ -1,7 +1,5 @@
 #include "lbwatch/commands.h"
 
-#include <cerrno>
-#include <cstring>
 #include <iostream>
 
 #include "lbwatch/history_reader.h"
@@ -11,6 +9,7 @@
 #include "lbwatch/report_page.h"
 #include "lbwatch/report_text.h"
 #include "shared/output_file.h"
+#include "shared/standard_output.h"
 
 namespace lbwatch {
 
@@ -21,43 +20,15 @@ int fail(const std::string& why) {
     return 1;
 }
 
+int end() {
+    return shared::end_output("lbwatch") ? 0 : 1;
+}
+
 std::string no_time(const std::string& text) {
     return "'" + text +
            "' is no time; write an age (90s, 15m, 12h, 1d, 2w), a date (2026-11-21) or "
            "a time (2026-11-21T14:05, with a Z behind it for UTC)";
 }
-
-/// What a program tells once on standard output, and how that ended.
-class Answer {
-  public:
-    void add(const std::string& text) {
-        if (error_ == 0) {
-            errno = 0;
-            note(!(std::cout << text));
-        }
-    }
-    /// The exit status. A pipe whose reader has gone is nothing to complain of.
-    int end() {
-        if (error_ == 0) {
-            errno = 0;
-            note(!std::cout.flush());
-        }
-        if (error_ == 0 || error_ == EPIPE) {
-            return error_ == 0 ? 0 : 1;
-        }
-        return fail("standard output cannot be written: " + std::string(strerror(error_)));
-    }
-
-  private:
-    /// A stream does not tell why it failed; what the system said last is the best there is.
-    void note(bool has_failed) {
-        if (has_failed) {
-            error_ = errno == 0 ? EIO : errno;
-        }
-    }
-
-    int error_ = 0;
-};
 
 }  // namespace
 
@@ -76,19 +47,16 @@ int tell_events(const EventsOptions& options) {
     if (history.problem().empty() && !options.uplink.empty() && !history.knows(options.uplink)) {
         return fail("the history knows no uplink called '" + options.uplink + "'");
     }
-    Answer answer;
     // Events of this very millisecond belong to "now".
     history.events({.since_ms = *since, .until_ms = *until + 1, .uplink = options.uplink},
-                   [&options, &answer](const Event& event) {
-                       answer.add(options.as_json
-                                      ? json_of(event) + "\n"
-                                      : local_time(event.time_ms) + "  " + line_of(event) + "\n");
+                   [&options](const Event& event) {
+                       std::cout << (options.as_json
+                                         ? json_of(event)
+                                         : local_time(event.time_ms) + "  " + line_of(event))
+                                 << "\n";
                    });
-    const int status = answer.end();
-    if (!history.problem().empty()) {
-        return fail(history.problem());
-    }
-    return status;
+    const int status = end();
+    return history.problem().empty() ? status : fail(history.problem());
 }
 
 int report(const ReportOptions& options) {
@@ -114,11 +82,10 @@ int report(const ReportOptions& options) {
         const std::string problem = shared::write_output(options.html, html_of(made));
         return problem.empty() ? 0 : fail(problem);
     }
-    Answer answer;
-    answer.add(options.as_json  ? json_of(made) + "\n"
-               : options.as_csv ? csv_of(made)
-                                : text_of(made));
-    return answer.end();
+    std::cout << (options.as_json  ? json_of(made) + "\n"
+                  : options.as_csv ? csv_of(made)
+                                   : text_of(made));
+    return end();
 }
 
 }  // namespace lbwatch

@@ -8,8 +8,6 @@ namespace host {
 struct Changes {
     bool of_links = false;       ///< interfaces or their addresses
     bool of_neighbours = false;  ///< entries of the tables of link-layer addresses, either family
-
-    static constexpr Changes everything() { return {.of_links = true, .of_neighbours = true}; }
 };
 
 /// Tells what the host has announced of the network namespace in which it was first asked. One
@@ -22,8 +20,8 @@ class ChangeMonitor {
     ChangeMonitor(ChangeMonitor&&) noexcept;
     ChangeMonitor& operator=(ChangeMonitor&&) noexcept;
 
-    /// Everything at the first call; then what was announced since the last one. Where the
-    /// announcements cannot be had or were lost, everything. Never blocks.
+    /// Both at the first call; then what was announced since the last one. What cannot be heard of,
+    /// or was announced and lost, counts as changed. Never blocks.
     Changes take();
 
   private:

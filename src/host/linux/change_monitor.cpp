@@ -4,6 +4,7 @@
 
 #include <linux/rtnetlink.h>
 
+#include <array>
 #include <cerrno>
 #include <utility>
 
@@ -11,9 +12,56 @@
 
 namespace host {
 
-/// A socket that hears the announcements.
+namespace {
+
+/// A socket that hears the announcements of some groups.
+class Announcements {
+  public:
+    explicit Announcements(unsigned groups) : groups_(groups) {}
+
+    /// Whether anything was announced since the last call; also true where that cannot be known.
+    bool take() {
+        if (netlink_ == nullptr) {
+            subscribe();
+            return true;
+        }
+        bool is_announced = false;
+        // That something was announced is enough: what does not fit is cut and told as ENOSPC.
+        std::array<char, 16> content;
+        while (true) {
+            const auto length = mnl_socket_recvfrom(netlink_.get(), content.data(), content.size());
+            if (length > 0 || (length < 0 && errno == ENOSPC)) {
+                is_announced = true;
+            } else if (length < 0 && errno == ENOBUFS) {
+                is_announced = true;  // more than the queue holds; what is left follows
+            } else if (length < 0 && errno == EAGAIN) {
+                return is_announced;
+            } else if (length == 0 || errno != EINTR) {
+                netlink_.reset();
+                return true;
+            }
+        }
+    }
+
+  private:
+    void subscribe() {
+        Netlink opened(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (opened && mnl_socket_bind(opened.get(), groups_, MNL_SOCKET_AUTOPID) == 0) {
+            netlink_ = std::move(opened);
+        }
+    }
+
+    unsigned groups_;
+    Netlink netlink_;
+};
+
+}  // namespace
+
+/// Two queues: neighbours may be announced by the hundred, and what the queue of links loses has
+/// everything asked anew.
 struct ChangeMonitor::Subscription {
-    Netlink netlink;
+    Announcements links{RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR};
+    Announcements neighbours{RTMGRP_NEIGH};
 };
 
 ChangeMonitor::ChangeMonitor() = default;
@@ -23,34 +71,10 @@ ChangeMonitor& ChangeMonitor::operator=(ChangeMonitor&&) noexcept = default;
 
 Changes ChangeMonitor::take() {
     if (subscription_ == nullptr) {
-        constexpr unsigned groups =
-            RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_NEIGH;
-        Netlink netlink(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (netlink && mnl_socket_bind(netlink.get(), groups, MNL_SOCKET_AUTOPID) == 0) {
-            subscription_ = std::make_unique<Subscription>(Subscription{std::move(netlink)});
-        }
-        return Changes::everything();
+        subscription_ = std::make_unique<Subscription>();
     }
-    Changes changes;
-    while (true) {
-        // Of what is announced its kind is enough: the rest is cut, which is told as ENOSPC.
-        nlmsghdr announced{};
-        const auto length =
-            mnl_socket_recvfrom(subscription_->netlink.get(), &announced, sizeof announced);
-        if (length > 0 || (length < 0 && errno == ENOSPC)) {
-            const bool is_of_neighbours =
-                announced.nlmsg_type == RTM_NEWNEIGH || announced.nlmsg_type == RTM_DELNEIGH;
-            changes.of_neighbours = changes.of_neighbours || is_of_neighbours;
-            changes.of_links = changes.of_links || !is_of_neighbours;
-        } else if (length < 0 && errno == ENOBUFS) {
-            changes = Changes::everything();  // more than the queue holds; what is left follows
-        } else if (length < 0 && errno == EAGAIN) {
-            return changes;
-        } else if (length == 0 || errno != EINTR) {
-            subscription_.reset();
-            return Changes::everything();
-        }
-    }
+    return {.of_links = subscription_->links.take(),
+            .of_neighbours = subscription_->neighbours.take()};
 }
 
 }  // namespace host

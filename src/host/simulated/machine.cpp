@@ -109,10 +109,10 @@ Changes ChangeMonitor::take() {
     const std::uint64_t announced = machine().changes;
     if (subscription_ == nullptr) {
         subscription_ = std::make_unique<Subscription>(Subscription{announced});
-        return Changes::everything();
+        return {.of_links = true, .of_neighbours = true};
     }
     const bool is_announced = std::exchange(subscription_->seen, announced) != announced;
-    return is_announced ? Changes::everything() : Changes{};
+    return {.of_links = is_announced, .of_neighbours = is_announced};
 }
 
 Resolved resolve(const std::string& name, bool is_ipv6) {

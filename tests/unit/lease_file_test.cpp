@@ -33,7 +33,10 @@ TEST(Lease, semicolon_is_dropped) {
 }
 
 TEST(Lease, value_that_ends_in_a_digit_is_kept_whole) {
-    EXPECT_EQ(ipv4("  option routers 10.0.0.12\n"), "10.0.0.12");
+    for (const char digit : std::string("0123456789")) {
+        const std::string router = std::string("10.0.0.1") + digit;
+        EXPECT_EQ(ipv4("  option routers " + router + "\n"), router);
+    }
 }
 
 TEST(Lease, first_line_with_routers_counts_however_many_leases_follow) {

@@ -23,13 +23,14 @@ def inside(namespace, *command, **options):
     return subprocess.Popen(["ip", "netns", "exec", namespace, *command], **options)
 
 
-def address(uplink):
-    return f"10.{uplink // 250}.{uplink % 250}"
+def end(uplink, host, ipv6=False):
+    """An address in the network of an uplink, as the kernel prints it: the uplink itself is host 2, its next hop 1."""
+    return f"fd00:{uplink + 1:x}::{host}" if ipv6 else f"10.{uplink // 250}.{uplink % 250}.{host}"
 
 
 def build_network(routers):
     """Namespaces by name with their uplinks: a veth pair each to `far`; on the router's end one macvlan per
-    uplink, with an address and a known next hop."""
+    uplink, with an address and a known next hop of each family."""
     for name in ("far", *routers):
         subprocess.run(["ip", "netns", "del", name], stderr=subprocess.DEVNULL, check=False)
         ip("netns", "add", name)
@@ -41,9 +42,10 @@ def build_network(routers):
         lines = ["link set lo up", "link set trunk up"]
         for i in uplinks:
             lines += [f"link add up{i} link trunk type macvlan mode private",
-                      f"addr add {address(i)}.2/24 dev up{i}", f"link set up{i} up",
-                      f"neigh add {address(i)}.1 lladdr {mac} dev up{i} nud permanent"]
-        lines += [f"route add 198.18.0.0/15 via {address(uplinks[0])}.1"]
+                      f"addr add {end(i, 2)}/24 dev up{i}", f"addr add {end(i, 2, True)}/64 dev up{i} nodad",
+                      f"link set up{i} up"]
+            lines += [f"neigh add {end(i, 1, ipv6)} lladdr {mac} dev up{i} nud permanent" for ipv6 in (False, True)]
+        lines += [f"route add 198.18.0.0/15 via {end(uplinks[0], 1)}"]
         ip("-n", name, batch=lines)
 
 
@@ -62,33 +64,35 @@ class Responder:
         self._process.wait()
 
 
-def target(uplink):
-    return f"198.18.{uplink // 250}.{uplink % 250 + 1}"
+def target(uplink, ipv6=False):
+    return f"2001:db8::{uplink + 1:x}" if ipv6 else f"198.18.{uplink // 250}.{uplink % 250 + 1}"
 
 
-def plain_ping(uplink):
-    return ["type ping {", f"target {target(uplink)}", "resp-time 3000", "}"]
+def plain_ping(uplink, ipv6=False):
+    return ["type ping {", f"target {target(uplink, ipv6)}", "resp-time 3000", "}"]
 
 
 EXTENDED_ECHOES = 10
 
 
-def extended_ping(uplink):
-    """One that runs in every cycle, with limits that no reply of the bench reaches."""
+def extended_ping(uplink, _ipv6):
+    """One that runs in every cycle, with limits that no reply of the bench reaches. IPv4 has it alone."""
     return ["type ping_ext {", f"target {target(uplink)}", "period 0", f"count {EXTENDED_ECHOES}", "timeout 1000",
             "loss 90", "rtt 900", "jitter 900", "}"]
 
 
-def write_conf(routers, path="/run/lb.conf", probe=plain_ping):
+def write_conf(routers, path="/run/lb.conf", probe=plain_ping, ipv6=False):
     """One probe for each uplink, one rule for each namespace; the first is the daemon's own."""
-    health, rules = [], []
+    health, rules, interface = [], [], "interface6" if ipv6 else "interface"
     for number, (name, uplinks) in enumerate(routers.items(), 1):
         inside_namespace = [f"namespace {name}"] if number > 1 else []
-        rules += [f"rule {number}_ipv4 {{", *inside_namespace, "target {", "address 203.0.113.0/24", "}"]
+        rules += [f"rule {number}_ipv{6 if ipv6 else 4} {{", *inside_namespace, "target {",
+                  f"address {'2001:db8:1::/48' if ipv6 else '203.0.113.0/24'}", "}"]
         for i in uplinks:
-            health += [f"interface up{i} {{", f"nexthop {address(i)}.1", "success-ct 1", "failure-ct 2",
-                       *inside_namespace, "rule 1 {", *probe(i), "}", "}"]
-            rules += [f"interface up{i} {{", "weight 1", "}"]
+            health += [f"{interface} up{i} {{", f"nexthop {end(i, 1, ipv6)}", "success-ct 1", "failure-ct 2",
+                       *([f"source_address {end(i, 2, True)}"] if ipv6 else []),
+                       *inside_namespace, "rule 1 {", *probe(i, ipv6), "}", "}"]
+            rules += [f"{interface} up{i} {{", "weight 1", "}"]
         rules += ["}"]
     pathlib.Path(path).write_text("\n".join(["health {", *health, "}", *rules]) + "\n", encoding="ascii")
 
@@ -163,11 +167,21 @@ def dropped_replies(namespace="router"):
 
 
 FRAGMENT = pathlib.Path("/usr/etc/routing-wlb.conf")
+FRAGMENT6 = pathlib.Path("/usr/etc/routing6-wlb.conf")
 
 
 def fragment_age():
-    """What a rewritten fragment has another of."""
-    return FRAGMENT.stat().st_mtime_ns if FRAGMENT.exists() else 0
+    """What a rewritten fragment of either family has another of."""
+    return [path.stat().st_mtime_ns for path in (FRAGMENT, FRAGMENT6) if path.exists()]
+
+
+def expect_all_active():
+    """A daemon whose uplinks have failed would be measured at something else."""
+    reports = [pathlib.Path(f"/run/load-balance/wlb_ipv{family}.out") for family in (4, 6)]
+    states = [line.split()[1] for path in reports if path.exists()
+              for line in path.read_text(encoding="ascii").splitlines() if line.strip().startswith("Status:")]
+    if not states or set(states) != {"active"}:
+        sys.exit(f"bench: {states.count('active')} of {len(states)} uplinks are active")
 
 
 def measure_daemon(seconds):
@@ -176,6 +190,7 @@ def measure_daemon(seconds):
         fragments = []
         work_ms = cycle_work_ms(daemon.keep_alives, seconds, lambda: fragments.append(fragment_age()))
         used, probes = cpu_s(daemon.pid) - before, probes_received() - sent
+        expect_all_active()
         return {"cpu_us_per_probe": used / probes * 1e6, "probes_per_s": probes / (time.monotonic() - began),
                 "cycle_ms": statistics.median(work_ms), "rss_mb": rss_mb(daemon.pid),
                 "dropped_replies": dropped_replies(),
@@ -204,11 +219,19 @@ def measure_floor(uplinks, seconds, *how):
     """The program of bench/floor.cpp on the same targets."""
     listed = subprocess.check_output(["ip", "-n", "far", "-j", "link", "show", "router"])
     mac = json.loads(listed)[0]["address"]
-    lines = "\n".join(f"up{i} {mac} {address(i)}.2 {target(i)}" for i in range(uplinks)) + "\n"
+    lines = "\n".join(f"up{i} {mac} {end(i, 2)} {target(i)}" for i in range(uplinks)) + "\n"
     floor = inside("router", str(BUILD / "bench_floor"), *how, stdin=subprocess.PIPE, text=True)
     floor.stdin.write(lines)
     floor.stdin.close()
     return cost_of(floor, seconds)
+
+
+def measure_ipv6(uplinks, seconds):
+    """The daemon alone, on IPv6 uplinks."""
+    build_network({"router": range(uplinks)})
+    write_conf({"router": range(uplinks)}, ipv6=True)
+    with Responder():
+        return measure_daemon(seconds)
 
 
 def measure_extended(uplinks, seconds):
@@ -226,7 +249,7 @@ def unrelated_frames(mac):
     """UDP, TCP and a foreign echo reply, as they reach the router."""
     def frame(protocol, payload):
         header = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 20 + len(payload), 0, 0, 64, protocol, 0,
-                             socket.inet_aton("198.18.0.1"), socket.inet_aton(f"{address(0)}.2"))
+                             socket.inet_aton("198.18.0.1"), socket.inet_aton(end(0, 2)))
         return mac + b"\2\0\0\0\0\1" + b"\x08\x00" + header + payload
     return [frame(17, struct.pack("!HHHH", 5001, 5001, 24, 0) + bytes(16)),
             frame(6, struct.pack("!HHIIBBHHH", 80, 50000, 1, 1, 0x50, 16, 512, 0, 0)),
@@ -267,9 +290,9 @@ def build_namespaces(count):
     far = ["link set lo up"]
     for i in range(count):
         ip("-n", f"vrf{i}", batch=[
-            f"link add up{i} type veth peer name far{i} netns far", f"addr add {address(i)}.2/24 dev up{i}",
-            f"addr add fd00:{i:x}::2/64 dev up{i} nodad", f"link set up{i} up", "link set lo up"])
-        far += [f"addr add {address(i)}.1/24 dev far{i}", f"addr add fd00:{i:x}::1/64 dev far{i} nodad",
+            f"link add up{i} type veth peer name far{i} netns far", f"addr add {end(i, 2)}/24 dev up{i}",
+            f"addr add {end(i, 2, True)}/64 dev up{i} nodad", f"link set up{i} up", "link set lo up"])
+        far += [f"addr add {end(i, 1)}/24 dev far{i}", f"addr add {end(i, 1, True)}/64 dev far{i} nodad",
                 f"link set far{i} up"]
     ip("-n", "far", batch=far)
 
@@ -277,8 +300,8 @@ def build_namespaces(count):
 def write_namespaces_conf(count, path="/run/lb.conf"):
     health, rules = [], []
     for i in range(count):
-        for family, nexthop in (("", f"{address(i)}.1"), ("6", f"fd00:{i:x}::1")):
-            source = [f"source_address fd00:{i:x}::2"] if family else []
+        for family, nexthop in (("", end(i, 1)), ("6", end(i, 1, True))):
+            source = [f"source_address {end(i, 2, True)}"] if family else []
             health += [f"interface{family} up{i} {{", f"nexthop {nexthop}", *source, "success-ct 1", "failure-ct 2",
                        f"namespace vrf{i}", "rule 1 {", "type ping {", "resp-time 3000", "}", "}", "}"]
             rules += [f"rule {i + 1}_ipv{family or 4} {{", f"namespace vrf{i}", "target {",
@@ -295,8 +318,8 @@ def measure_namespaces(count, seconds):
         before, began = cpu_s(daemon.pid), time.monotonic()
         time.sleep(seconds)
         share = (cpu_s(daemon.pid) - before) / (time.monotonic() - began) * 100
-        report = pathlib.Path("/run/load-balance/wlb_ipv6.out").read_text(encoding="ascii")
-        return {"percent": share, "active_ipv6": report.count("Status:  active")}
+        expect_all_active()
+        return {"percent": share}
 
 
 def measure_outage():

@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 
+#include "config/own_records.h"
 #include "host/clock.h"
 #include "lbcheck/live_echo.h"
 #include "lbcheck/live_judge.h"
@@ -32,7 +33,8 @@ constexpr const char* usual_hooks = "/etc/lb/hooks.d";
 /// The daemon's own way to learn next hops.
 void learn_next_hops(LBData& data, const std::string& ns_name, bool is_ipv6) {
     std::string name = ns_name;
-    context ctx{.ipv6 = is_ipv6, .ns_name = &name};
+    OwnRecords own;
+    context ctx{.ipv6 = is_ipv6, .ns_name = &name, .own = &own};
     const QuietLog quiet;
     data.update_dhcp_nexthop(&ctx);
     data.update_tunnel_nexthop(&ctx);

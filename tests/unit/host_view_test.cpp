@@ -216,11 +216,10 @@ struct Announced : testing::Test {
     ~Announced() override { faults::reset_stand_ins(); }
 
     static bool hears_of_neighbours(const mnl_socket* socket) {
-        std::uint32_t groups = 0;
-        socklen_t size = sizeof groups;
-        getsockopt(mnl_socket_get_fd(socket), SOL_NETLINK, NETLINK_LIST_MEMBERSHIPS, &groups,
-                   &size);
-        return (groups & RTMGRP_NEIGH) != 0;
+        sockaddr_nl own{};
+        socklen_t size = sizeof own;
+        getsockname(mnl_socket_get_fd(socket), reinterpret_cast<sockaddr*>(&own), &size);
+        return (own.nl_groups & RTMGRP_NEIGH) != 0;
     }
     /// An announcement fits nowhere, and is cut; the answer to a dump has room.
     static ssize_t receive(const mnl_socket* socket, void* data, size_t size) {

@@ -140,9 +140,11 @@ class Lbshow(LabTest):
         expect(lambda: active() == [True, True])
         self.peers[1].echo = silence
         expect(lambda: active() == [True, False])
-        with open(os.path.join(OUTPUT_DIRECTORY, "wlb_ipv4.out"), encoding="utf-8") as file:
-            dates = [line.split() for line in file if line.startswith("  Last Status Change:")]
-        self.assertEqual([date[-1] for date in dates], ["1970", "1970"])
+
+        def years():
+            with open(os.path.join(OUTPUT_DIRECTORY, "wlb_ipv4.out"), encoding="utf-8") as file:
+                return [line.split()[-1] for line in file if line.startswith("  Last Status Change:")]
+        expect(lambda: years() == ["1970", "1970"])  # shorter while it is being rewritten
 
     def test_missing_output_directory_is_reported(self):
         self.start()

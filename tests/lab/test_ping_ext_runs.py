@@ -3,6 +3,8 @@
     router                                        far
       gi1_1 192.0.2.10/24 ------------------------ scripted peer 192.0.2.1
 """
+import pathlib
+
 from kit import Conf, expect, main, ping_ext
 from kit import echo_policies as policy
 from kit.lab import OUTPUT_DIRECTORY
@@ -125,8 +127,8 @@ class Schedule(Pinging):
         self.expect_logged(ACTIVE)
         self.assertEqual({echo.destination for echo in peer.echo_requests()}, {GATEWAY})
         self.assertEqual(after_a_run(SUCCESS).target, GATEWAY)
-        with open(f"{OUTPUT_DIRECTORY}/wlb_ipv4.out", encoding="ascii") as report:
-            self.assertIn(f"Test:  ping extended\tTarget: {GATEWAY}\n", report.read())
+        report = pathlib.Path(OUTPUT_DIRECTORY, "wlb_ipv4.out")  # empty while it is being rewritten
+        expect(lambda: f"Test:  ping extended\tTarget: {GATEWAY}\n" in report.read_text(encoding="ascii"))
 
     def test_probe_without_a_target_waits_for_the_next_hop_to_be_learnt(self):
         peer = self.attach()

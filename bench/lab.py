@@ -28,9 +28,9 @@ def end(uplink, host, ipv6=False):
     return f"fd00:{uplink + 1:x}::{host}" if ipv6 else f"10.{uplink // 250}.{uplink % 250}.{host}"
 
 
-def build_network(routers):
+def build_network(routers, ipv6=False):
     """Namespaces by name with their uplinks: a veth pair each to `far`; on the router's end one macvlan per
-    uplink, with an address and a known next hop of each family."""
+    uplink, with an address and a known next hop."""
     for name in ("far", *routers):
         subprocess.run(["ip", "netns", "del", name], stderr=subprocess.DEVNULL, check=False)
         ip("netns", "add", name)
@@ -42,10 +42,11 @@ def build_network(routers):
         lines = ["link set lo up", "link set trunk up"]
         for i in uplinks:
             lines += [f"link add up{i} link trunk type macvlan mode private",
-                      f"addr add {end(i, 2)}/24 dev up{i}", f"addr add {end(i, 2, True)}/64 dev up{i} nodad",
-                      f"link set up{i} up"]
-            lines += [f"neigh add {end(i, 1, ipv6)} lladdr {mac} dev up{i} nud permanent" for ipv6 in (False, True)]
-        lines += [f"route add 198.18.0.0/15 via {end(uplinks[0], 1)}"]
+                      f"addr add {end(i, 2, ipv6)}{'/64' if ipv6 else '/24'} dev up{i}{' nodad' if ipv6 else ''}",
+                      f"link set up{i} up",
+                      f"neigh add {end(i, 1, ipv6)} lladdr {mac} dev up{i} nud permanent"]
+        if not ipv6:
+            lines += [f"route add 198.18.0.0/15 via {end(uplinks[0], 1)}"]  # fping's way
         ip("-n", name, batch=lines)
 
 
@@ -228,7 +229,7 @@ def measure_floor(uplinks, seconds, *how):
 
 def measure_ipv6(uplinks, seconds):
     """The daemon alone, on IPv6 uplinks."""
-    build_network({"router": range(uplinks)})
+    build_network({"router": range(uplinks)}, ipv6=True)
     write_conf({"router": range(uplinks)}, ipv6=True)
     with Responder():
         return measure_daemon(seconds)

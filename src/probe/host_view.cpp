@@ -30,7 +30,9 @@ void HostView::begin_pass() {
     }
     if (changes.of_links || changes.of_neighbours) {
         neighbors_.reset();
-        macs_.clear();
+        for (auto& [ifname, kept] : ends_) {
+            kept.nexthop.clear();
+        }
     }
 }
 
@@ -53,8 +55,8 @@ const OwnEnd4* HostView::known_end(const std::string& ifname,
 }
 
 void HostView::keep_end(const std::string& ifname, const std::string& source_address, OwnEnd4 end) {
-    ends_.insert_or_assign(ifname,
-                           KeptEnd{.source_address = source_address, .end = std::move(end)});
+    ends_.insert_or_assign(
+        ifname, KeptEnd{.source_address = source_address, .end = std::move(end), .nexthop = {}});
 }
 
 const HostView::Addresses* HostView::known_addresses() {
@@ -113,14 +115,18 @@ HostView::LinkLocal HostView::find_link_local(const std::string& ifname) {
 }
 
 const MacAddress* HostView::known_mac(const std::string& ifname, const std::string& nexthop) const {
-    const auto found = macs_.find(ifname);
-    const bool is_known = found != macs_.end() && found->second.nexthop == nexthop;
-    return is_known ? &found->second.mac : nullptr;
+    const auto found = ends_.find(ifname);
+    const bool is_known =
+        found != ends_.end() && !nexthop.empty() && found->second.nexthop == nexthop;
+    return is_known ? &found->second.nexthop_mac : nullptr;
 }
 
 void HostView::keep_mac(const std::string& ifname, const std::string& nexthop,
                         const MacAddress& mac) {
-    macs_.insert_or_assign(ifname, KeptMac{.nexthop = nexthop, .mac = mac});
+    if (const auto found = ends_.find(ifname); found != ends_.end()) {
+        found->second.nexthop = nexthop;
+        found->second.nexthop_mac = mac;
+    }
 }
 
 const MacAddress* HostView::known_neighbor(const std::string& address) const {

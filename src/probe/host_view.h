@@ -58,7 +58,7 @@ class HostView {
     const MacAddress* known_neighbor(const std::string& address) const;
 
     /// The MAC that was kept for an IPv4 next hop of an interface, as long as the host announces no
-    /// change; else null.
+    /// change; else null. It is kept beside the interface's own end, and not without one.
     const MacAddress* known_mac(const std::string& ifname, const std::string& nexthop) const;
     void keep_mac(const std::string& ifname, const std::string& nexthop, const MacAddress& mac);
 
@@ -100,13 +100,10 @@ class HostView {
     struct KeptEnd {
         std::string source_address;
         OwnEnd4 end;
+        std::string nexthop;  ///< empty: no MAC is kept
+        MacAddress nexthop_mac{};
     };
-    std::unordered_map<std::string, KeptEnd> ends_;
-    struct KeptMac {
-        std::string nexthop;
-        MacAddress mac{};
-    };
-    std::unordered_map<std::string, KeptMac> macs_;  // by interface
+    std::unordered_map<std::string, KeptEnd> ends_;  // by interface
     std::optional<Neighbors> neighbors_;
 };
 

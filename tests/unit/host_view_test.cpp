@@ -236,6 +236,7 @@ struct Announced : testing::Test {
     }
 
     void learn() {
+        view.keep_end("eth0", "", {});
         view.keep_mac("eth0", "192.0.2.1", {2, 0, 0, 0, 0, 1});
         unsigned char mac[6];
         view.find_neighbor("2001:db8::1", mac);

@@ -84,6 +84,30 @@ class Fragments(RouteTest):
         self.assertTrue(self.program.lines(fragment_path() + " line 4"))
 
 
+class Unwatched(RouteTest):
+    """The kernel gives no watches: containers on the same machine have used up what a user may have."""
+
+    def assert_follows_its_files(self, call, error):
+        self.write(route(DEFAULT, *GATEWAYS))
+        self.start(prefix=["strace", "-D", "-o", os.path.join(self.folder, "strace"), "-e", f"trace={call}",
+                           "-e", f"inject={call}:error={error}"])
+        self.expect_path({ONE: 1, TWO: 1, THREE: 1})
+        expect(lambda: self.program.lines("not all files that matter can be watched"))
+        run(self.router, "hold", "gi1_1", "-f", "/run/lb.conf", check=0)
+        self.expect_path({TWO: 1, THREE: 1})
+        self.write(route(DEFAULT, GATEWAYS[2]))  # and nobody tells
+        self.expect_path({THREE: 1})
+        told = self.program.lines("not all files that matter can be watched")
+        self.assertEqual(len(told), 1, self.program.log())
+        self.assertIn("sysctl fs.inotify", told[0])
+
+    def test_files_are_followed_without_watches(self):
+        self.assert_follows_its_files("inotify_add_watch", "ENOSPC")
+
+    def test_files_are_followed_without_inotify(self):
+        self.assert_follows_its_files("inotify_init1", "EMFILE")
+
+
 class Refusals(RouteTest):
     def test_next_hop_that_the_kernel_refuses_is_left_out_and_told_with_its_words(self):
         self.lab.write_conf(three_uplinks().interface("gi1_9", nexthop="10.77.0.1"))

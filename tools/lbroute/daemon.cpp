@@ -39,6 +39,8 @@ constexpr std::int64_t dumps_patience_ms = 1500;
 /// and less often, and soon again when the fragments change.
 constexpr std::int64_t first_retry_ms = 1000;
 constexpr std::int64_t longest_retry_ms = 30'000;
+/// How often files are looked at that cannot be watched.
+constexpr std::int64_t look_every_ms = 2'000;
 /// More changed routes than these are told as a number.
 constexpr std::size_t most_told_routes = 20;
 
@@ -90,17 +92,18 @@ class Daemon {
           bird_(options.bird2_file, options.birdc) {}
 
     int run() {
-        if (!loop_.is_open() || !signals_.is_open() || files_.descriptor() < 0) {
+        if (!loop_.is_open() || !signals_.is_open()) {
             journal_.say(Level::error,
-                         "no descriptors for signals, files or time: the limit of "
-                         "open files is too low");
+                         "no descriptors for signals or time: the limit of open files is too low");
             return 1;
         }
         if (!take_place()) {
             return 1;
         }
         loop_.watch(signals_.get());
-        loop_.watch(files_.descriptor());
+        if (files_.descriptor() >= 0) {
+            loop_.watch(files_.descriptor());
+        }
         loop_.watch(mounts_.get(), true);
         if (options_.flushes && options_.runs_once) {
             return flush_and_end();
@@ -207,10 +210,7 @@ class Daemon {
         }
         retry_at_ms_.reset();
         retry_after_ms_ = std::min(2 * retry_after_ms_, longest_retry_ms);
-        due_.configuration = due_.dumps = due_.holds = true;
-        for (const auto& [name, served] : served_) {
-            due_.fragments.insert(name);
-        }
+        look_at_all_files();
     }
 
     bool is_wanting() const {
@@ -231,14 +231,22 @@ class Daemon {
                 is_ending_ = true;
                 continue;
             }
-            due_.configuration = due_.dumps = due_.holds = true;
-            for (const auto& [name, served] : served_) {
-                due_.fragments.insert(name);
-            }
+            look_at_all_files();
+        }
+    }
+
+    void look_at_all_files() {
+        due_.configuration = due_.dumps = due_.holds = true;
+        for (const auto& [name, served] : served_) {
+            due_.fragments.insert(name);
         }
     }
 
     void take_file_changes() {
+        if (files_.is_blind() && look_at_ms_ <= boottime_ms()) {
+            look_at_ms_ = boottime_ms() + look_every_ms;
+            look_at_all_files();
+        }
         const shared::FolderWatch::Changes changes = files_.drain();
         const auto has_changed = [&](const std::string& path) {
             return changes.is_all || changes.paths.contains(path);
@@ -268,6 +276,9 @@ class Daemon {
         consider(site_.read_again_at_ms());
         consider(next_end_ms(holds_));
         consider(retry_at_ms_);
+        if (files_.is_blind()) {
+            consider(look_at_ms_);
+        }
         for (const auto& [name, served] : served_) {
             for (const FragmentFile& file : served.kernel.fragments()) {
                 consider(file.read_again_at_ms());
@@ -325,6 +336,7 @@ class Daemon {
             }
         }
         watch_files();
+        tell_of_watching();
         leave_record();
         if (!is_wanting()) {
             retry_after_ms_ = first_retry_ms;
@@ -332,6 +344,17 @@ class Daemon {
         } else if (!retry_at_ms_) {
             retry_at_ms_ = boottime_ms() + retry_after_ms_;
         }
+    }
+
+    void tell_of_watching() {
+        Journal::Problems problems;
+        if (files_.is_blind()) {
+            problems
+                ["not all files that matter can be watched; they are looked at every few "
+                 "seconds instead (sysctl fs.inotify tells the limits; raise "
+                 "max_user_watches or max_user_instances)"] = Level::warning;
+        }
+        journal_.tell("watch", problems);
     }
 
     void leave_record() {
@@ -637,6 +660,7 @@ class Daemon {
     Fd mounts_;
     EventLoop loop_;
     shared::FolderWatch files_;
+    std::int64_t look_at_ms_ = 0;  ///< while some file cannot be watched
     Site site_;
     Bird2File bird_;
     StateFolder folder_;

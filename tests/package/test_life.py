@@ -69,7 +69,7 @@ class Life(unittest.TestCase):
         subprocess.run(["lbcheck", "--strict", sample], check=True)
 
     def test_the_places_that_the_daemon_needs_are_made(self):
-        places = ("/run/load-balance", "/usr/etc", "/var/vrfs")
+        places = ("/run/load-balance", "/usr/etc", "/var/vrfs", "/var/db")
 
         self.assertEqual([place for place in places if not os.path.isdir(place)], [])
         self.assertEqual([pathlib.Path(path).read_text() for path in FRAGMENTS], ["", ""])

@@ -81,6 +81,24 @@ class Life(unittest.TestCase):
 
         self.assertEqual(pathlib.Path(FRAGMENTS[0]).read_text(), "protocol static {\n};\n")
 
+    @unittest.skipUnless(shutil.which("systemd-tmpfiles"), "systemd is not installed")
+    def test_process_numbers_from_before_the_machines_start_are_removed_then_and_only_then(self):
+        folders = [pathlib.Path(folder) for folder in ("/run", "/var/vrfs/blue/usr/var/run", "/var/vrfs/red/usr/var/run")]
+        numbers = [folder / name for folder in folders for name in ("routing.pid", "routing6.pid")]
+        others = [pathlib.Path("/run/other.pid"), folders[1] / "other.pid"]
+        self.addCleanup(shutil.rmtree, "/var/vrfs/blue")
+        self.addCleanup(shutil.rmtree, "/var/vrfs/red")
+        for path in (*numbers, *others):
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_text("1\n")
+
+        dpkg("--install", "--no-triggers", self.package)
+        subprocess.run(["systemd-tmpfiles", "--create", "--remove", "lb.conf"], check=True)
+        self.assertEqual([path for path in (*numbers, *others) if not path.exists()], [])
+
+        subprocess.run(["systemd-tmpfiles", "--create", "--remove", "--boot", "lb.conf"], check=True)
+        self.assertEqual([path for path in (*numbers, *others) if path.exists()], others)
+
     def test_installing_enables_no_service(self):
         self.assertEqual([path for path in ENABLED if os.path.lexists(path)], [])
 

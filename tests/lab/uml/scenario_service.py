@@ -114,7 +114,8 @@ def make_network():
 def make_units():
     make_targets()
     (UNITS / "routing.service").write_text(ROUTING_DAEMON)
-    shutil.copy("/usr/lib/systemd/system/lb.service", UNITS)
+    for unit in ("lb.service", "lbwatch-hooks.service"):
+        shutil.copy(f"/usr/lib/systemd/system/{unit}", UNITS)
     (UNITS / "dhcpcd.service").write_text(DHCPCD)
     (UNITS / DHCPCD_DROP_IN).parent.mkdir()
     shutil.copy(f"/usr/lib/systemd/system/{DHCPCD_DROP_IN}", UNITS / DHCPCD_DROP_IN)
@@ -240,6 +241,20 @@ class Service(unittest.TestCase):
         self.manager.control("start", "dhcpcd.service")
 
         self.assertIn("option routers 198.51.100.1;", LEASE.read_text())
+
+    def test_hooks_that_run_may_end_when_their_service_is_stopped(self):
+        hook = pathlib.Path("/etc/lb/hooks.d/slow")
+        hook.write_text("#!/bin/sh\necho $$ >>/run/hooks.begun\nsleep 2\necho $$ >>/run/hooks.ended\n")
+        hook.chmod(0o755)
+        self.addCleanup(hook.unlink)
+        fragment_is(FRAGMENT)
+        self.manager.control("start", "lbwatch-hooks.service")
+        begun = expect(lambda: routing_daemon.text_of("/run/hooks.begun"), 60, "a hook runs").split()
+
+        self.manager.control("stop", "lbwatch-hooks.service")
+
+        ended = (routing_daemon.text_of("/run/hooks.ended") or "").split()
+        self.assertEqual(set(begun) - set(ended), set())
 
     def test_a_daemon_that_was_killed_is_started_anew(self):
         first = self.manager.shown("lb.service", "MainPID")

@@ -139,6 +139,21 @@ class Life(unittest.TestCase):
 
         self.assertLess(float(re.search(r"exposure level for lbwatch.service: ([0-9.]+)", judged).group(1)), 2)
 
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd is not installed")
+    def test_the_manuals_drop_in_lets_the_watcher_listen_for_another_machine(self):
+        drop_in = re.search(r"^\[Service\]$.*?(?=^\.fi$)", MANUAL, re.MULTILINE | re.DOTALL).group(0).replace(r"\-", "-")
+        path = pathlib.Path("/etc/systemd/system/lbwatch.service.d/override.conf")
+        path.parent.mkdir()
+        self.addCleanup(shutil.rmtree, path.parent)
+        path.write_text(drop_in)
+
+        verified = subprocess.run(["systemd-analyze", "verify", "--recursive-errors=no", "lbwatch.service"],
+                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+
+        self.assertEqual((verified.stdout, verified.returncode), ("", 0))
+        self.assertIn("--listen 0.0.0.0:", drop_in)
+        self.assertRegex(drop_in, r"\nIPAddressAllow=\d")
+
     def test_the_watcher_has_a_user_of_its_own(self):
         self.assertTrue(output_of("getent", "passwd", "lbwatch").startswith("lbwatch:"))
 
@@ -217,5 +232,7 @@ class Life(unittest.TestCase):
 
 
 if __name__ == "__main__":
+    # The project may be out of sight there.
+    MANUAL = (pathlib.Path(sys.argv[1]) / "man/lbwatch.8").read_text()
     PACKAGE = enter_private_root(the_package(sys.argv[2]))
     unittest.main(argv=sys.argv[:1])

@@ -3,13 +3,19 @@
 
     test_hooks.py PROJECT
 """
+import http.server
 import pathlib
+import re
+import shutil
+import socketserver
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 
-HOOKS = pathlib.Path(sys.argv[1]).resolve() / "packaging/hooks"
+PROJECT = pathlib.Path(sys.argv[1]).resolve()
+HOOKS = PROJECT / "packaging/hooks"
 
 # What the hook mails of each change. "end" is mailed only to who was told of something bad before.
 NEWS, END, NOTHING = "news", "end", "nothing"
@@ -105,6 +111,73 @@ class Mail(unittest.TestCase):
         for other in ({}, {"uplink": "eth1"}, {"family": "ipv6"}, {"namespace": "b"}):
             self.assertEqual(self.happened("uplink", "unknown", "active", **other), "", other)
         self.assertNotEqual(self.happened("uplink", "unknown", "active", namespace="a/b"), "")
+
+
+class LocalServer(socketserver.ThreadingMixIn, socketserver.UnixStreamServer):
+    daemon_threads = True
+
+
+@unittest.skipUnless(shutil.which("curl"), "curl is not installed")
+class Webhook(unittest.TestCase):
+    EVENT = '{"event":"uplink","uplink":"eth0"}'
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.home = pathlib.Path(folder.name)
+        self.socket = str(self.home / "socket")
+        (self.home / ".curlrc").write_text(f'unix-socket = "{self.socket}"\n')
+
+    def serve(self, *answers):
+        """Gives the requests these answers, each a status and headers, the last one to all that follow; what they held."""
+        left, posted = list(answers), []
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_POST(self):  # pylint: disable=invalid-name
+                posted.append((self.rfile.read(int(self.headers["Content-Length"])).decode(), self.headers["Content-Type"]))
+                status, headers = left.pop(0) if len(left) > 1 else left[0]
+                self.send_response(status)
+                for name, value in headers.items():
+                    self.send_header(name, value)
+                self.end_headers()
+
+            def log_message(self, *_):  # pylint: disable=arguments-differ
+                pass
+
+        server = LocalServer(self.socket, Handler)
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        self.addCleanup(server.server_close)
+        self.addCleanup(server.shutdown)
+        return posted
+
+    def post(self):
+        """Runs the hook as lbwatch does, which kills what takes longer."""
+        return subprocess.run([HOOKS / "webhook"], input=self.EVENT, capture_output=True, text=True, check=False, timeout=30,
+                              env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": str(self.home),
+                                   "WEBHOOK_URL": "http://noc.example.org/lb"})
+
+    def test_object_is_posted_again_where_the_far_end_had_no_time(self):
+        posted = self.serve((503, {}), (200, {}))
+
+        done = self.post()
+
+        self.assertEqual((done.returncode, posted), (0, [(self.EVENT, "application/json")] * 2))
+
+    def test_far_end_that_asks_for_a_long_pause_is_told_as_a_failure(self):
+        posted = self.serve((503, {"Retry-After": "60"}))
+
+        done = self.post()
+
+        self.assertEqual((done.returncode, len(posted)), (22, 1), done.stderr)
+        self.assertIn("503", done.stderr)
+
+    def test_all_tries_fit_into_the_time_of_a_hook(self):
+        """Where nothing is ever answered: curl waits 1 s before the second try, and twice as long before each further one."""
+        script = (HOOKS / "webhook").read_text()
+        most_s, more = (int(re.search(rf"--{option} (\d+)", script).group(1)) for option in ("max-time", "retry"))
+        limit_s = int(re.search(r"After (\d+) s a hook is killed", (PROJECT / "man/lbwatch.8").read_text()).group(1))
+
+        self.assertLess((more + 1) * most_s + sum(2 ** number for number in range(more)), limit_s)
 
 
 if __name__ == "__main__":

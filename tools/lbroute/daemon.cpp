@@ -207,9 +207,14 @@ class Daemon {
         }
         retry_at_ms_.reset();
         retry_after_ms_ = std::min(2 * retry_after_ms_, longest_retry_ms);
+        look_at_everything();
+    }
+
+    void look_at_everything() {
         due_.configuration = due_.dumps = due_.holds = true;
-        for (const auto& [name, served] : served_) {
+        for (auto& [name, served] : served_) {
             due_.fragments.insert(name);
+            served.kernel.forget_foreign();
         }
     }
 
@@ -231,10 +236,7 @@ class Daemon {
                 is_ending_ = true;
                 continue;
             }
-            due_.configuration = due_.dumps = due_.holds = true;
-            for (const auto& [name, served] : served_) {
-                due_.fragments.insert(name);
-            }
+            look_at_everything();
         }
     }
 

@@ -104,6 +104,7 @@ TEST(DaemonRecord, is_read_as_it_was_written) {
     record.is_sticky = false;
     record.refused_hops[{"blue", "192.0.2.1", "gi1_1"}] = "no \"way\"\xff";
     record.refused_routes[{"", "10.0.0.0/8"}] = "taken";
+    record.not_served["blue"] = "no place";
     DaemonRecord read = parse_record(record_text(record));
     EXPECT_THAT(read.refused_hops.at({"blue", "192.0.2.1", "gi1_1"}), HasSubstr("no \"way\""));
     read.refused_hops = record.refused_hops;
@@ -231,6 +232,17 @@ TEST(KernelReport, tells_in_words_whether_the_kernel_agrees) {
     EXPECT_THAT(report_text(report), HasSubstr("not looked at: there is no namespace blue\n"));
     EXPECT_FALSE(report.agrees());
     EXPECT_THAT(report_json(report), HasSubstr("\"agrees\": false"));
+}
+
+TEST(KernelReport, namespace_that_is_not_served_is_no_agreement) {
+    Report report;
+    ReportedNamespace& blue = report.namespaces.emplace_back();
+    blue.name = "blue";
+    blue.not_served = "another has it";
+    blue.fragments.push_back({"/usr/etc/routing-wlb.conf", "read", {}});
+    EXPECT_THAT(report_text(report), HasSubstr("namespace blue\nnot served: another has it\n"));
+    EXPECT_FALSE(report.agrees());
+    EXPECT_THAT(report_json(report), HasSubstr("\"not_served\": \"another has it\""));
 }
 
 TEST(SpanText, has_the_two_greatest_units) {

@@ -448,7 +448,10 @@ class Daemon {
         journal_.tell("holds", problems);
         are_holds_read_ = problem.empty() && !reading.is_unread;
         if (!are_holds_read_) {
-            return false;  // what is held stays held
+            // What is held stays held, until its time is over.
+            const std::size_t before = holds_.size();
+            drop_ended(holds_, boottime_ms());
+            return holds_.size() != before;
         }
         const bool differs = reading.holds != holds_;
         holds_ = std::move(reading.holds);

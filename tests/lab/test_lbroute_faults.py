@@ -214,8 +214,10 @@ class Foreign(RouteTest):
         self.assertEqual(code, 1)
         self.assertTrue(told[0].endswith(command))
         self.program.hup()
+        self.assertEqual(self.program.lines(f"{PREFIX} via"), [])
         self.router.run(*command.split())
         self.expect_path({TWO: 1}, PREFIX)
+        self.assertEqual(len(expect(lambda: self.program.lines(f"{PREFIX} via"))), 1)
         self.assertEqual(status(self.router)[0], 0)
         self.assertEqual(len(self.program.lines("a route of others stands there")), 1)
 

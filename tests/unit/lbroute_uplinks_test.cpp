@@ -3,6 +3,7 @@
 #include "config/lb_data_factory.h"
 #include "lbroute/commands.h"
 #include "lbroute/daemon_record.h"
+#include "lbroute/findings.h"
 #include "lbroute/report.h"
 #include "lbroute/uplinks.h"
 #include "support/lbroute_scene.h"
@@ -219,6 +220,16 @@ TEST_F(Reports, shadowed_route_does_not_agree) {
         "route 0.0.0.0/0 multipath via 192.0.2.1 weight 1 via 198.51.100.1 weight 3 metric 50;\n");
     EXPECT_EQ(route.state, "shadowed");
     EXPECT_THAT(route.shadowed_by, ElementsAre("ip route del default metric 7 protocol dhcp"));
+}
+
+TEST(Findings, path_in_force_is_that_of_a_route_which_the_kernel_has) {
+    PlannedRoute route;
+    PlannedHop& hop = route.hops.emplace_back();
+    hop.gateway = address("192.0.2.1");
+    hop.interface = "gi1_1";
+    EXPECT_EQ(path_text(route), "via 192.0.2.1 dev gi1_1 weight 1");
+    route.refusal = place_is_taken;
+    EXPECT_EQ(path_text(route), no_path);
 }
 
 TEST(KernelReport, tells_in_words_whether_the_kernel_agrees) {

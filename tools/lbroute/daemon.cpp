@@ -482,13 +482,14 @@ class Daemon {
 
     bool is_for_bird() const { return !options_.bird2_file.empty(); }
 
-    /// Gives the routes to bird, once all of them are known; what is wrong with that.
-    Journal::Problems hand_to_bird(const Served& served, const ServedNamespace::Result& result) {
-        Journal::Problems problems;
+    /// Gives the routes to bird, once all of them are known, and adds what is wrong with that.
+    /// True where bird has taken them over.
+    bool hand_to_bird(const Served& served, const ServedNamespace::Result& result,
+                      Journal::Problems& problems) {
         const bool is_known =
             result.view.problem.empty() && !result.is_uncertain && served.kernel.knows_fragments();
         if (!is_known) {
-            return problems;
+            return false;
         }
         const Bird2Text made =
             bird2_text_of_plan(result.view.wanted.routes, served.kernel.fragments());
@@ -500,10 +501,11 @@ class Daemon {
                 ["routes of an earlier lbroute without --bird2 stand in the way of bird's: stop "
                  "lbroute, then lbroute --once --flush"] = Level::error;
         }
-        if (const std::string refusal = bird_.put(made.text); !refusal.empty()) {
+        const std::string refusal = bird_.put(made.text);
+        if (!refusal.empty()) {
             problems[refusal] = Level::error;
         }
-        return problems;
+        return refusal.empty();
     }
 
     void forget_flows(const std::string& name, Served& served,
@@ -539,16 +541,14 @@ class Daemon {
                              " ones: flows may move between uplinks when one leaves or returns");
         }
         Journal::Problems problems = problems_of(result.view, name);
-        if (is_for_bird()) {
-            problems.merge(hand_to_bird(served, result));
-        }
+        const bool is_handed_over = !is_for_bird() || hand_to_bird(served, result, problems);
         for (const std::string& failed : result.failed_removals) {
             problems["not removed: " + failed] = Level::warning;
         }
         journal_.tell("routes " + name, problems);
         served.is_good = std::ranges::all_of(
             problems, [](const auto& problem) { return problem.second >= Level::notice; });
-        if (!result.view.problem.empty()) {
+        if (!result.view.problem.empty() || !is_handed_over) {
             return;
         }
         std::map<std::string, std::string> paths;

@@ -229,8 +229,10 @@ class HandedToBird:
         self.write(fragment4(f"198.18.0.0/15 multipath via {FIRST} weight 1"))
         log = self.start_lbroute()
         expect(lambda: f"bird has not taken over {FILE}: " in log())
+        self.assertNotIn("IPv4 198.18.0.0/15 via", log())
         self.bird.start()
         expect(lambda: self.routes() == {"198.18.0.0/15": (0, {(FIRST, "gi1_1"): 1})})
+        expect(lambda: f"IPv4 198.18.0.0/15 via {FIRST} dev gi1_1 weight 1\n" in log())
 
     def test_bird_that_does_not_answer_holds_nothing_up_for_long(self):
         self.bird.start()

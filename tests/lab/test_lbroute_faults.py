@@ -238,10 +238,30 @@ class Foreign(RouteTest):
         self.assertEqual(code, 1)
         self.assertTrue(told[0].endswith(command))
         self.program.hup()
+        self.assertEqual(self.program.lines(f"{PREFIX} via"), [])
         self.router.run(*command.split())
         self.expect_path({TWO: 1}, PREFIX)
+        self.assertEqual(len(expect(lambda: self.program.lines(f"{PREFIX} via"))), 1)
         self.assertEqual(status(self.router)[0], 0)
         self.assertEqual(len(self.program.lines("a route of others stands there")), 1)
+
+    def test_route_of_others_that_the_kernel_drops_without_a_word_makes_room_at_once(self):
+        self.lab.uplink("gi1_9", "10.77.0.10/24", "10.77.0.1")
+        self.write(route(DEFAULT, GATEWAYS[0]))
+        for through, end in (("via 10.77.0.1", "link set gi1_9 down"),
+                             ("via 10.77.0.1 src 10.77.0.11", "address del 10.77.0.11/24 dev gi1_9"),
+                             ("nhid 77", "nexthop del id 77")):
+            with self.subTest(end=end):
+                self.router.ip("link set gi1_9 up")
+                self.router.ip("address replace 10.77.0.11/24 dev gi1_9")
+                self.router.ip("nexthop replace id 77 via 10.77.0.1 dev gi1_9")
+                self.router.ip(f"route add default {through} proto static")
+                self.start()
+                self.assertTrue(self.program.lines("a route of others stands there"))
+                self.router.ip(end)
+                self.expect_path({ONE: 1})
+                self.assertEqual(self.program.end(), 0)
+                self.router.ip("route del default proto 76")
 
     def test_route_of_others_in_the_place_of_an_ipv6_one_is_not_touched(self):
         self.router.sysctl("ipv6/conf/gi1_1/disable_ipv6", "0")

@@ -3,6 +3,7 @@
 #include "config/lb_data_factory.h"
 #include "lbroute/commands.h"
 #include "lbroute/daemon_record.h"
+#include "lbroute/findings.h"
 #include "lbroute/report.h"
 #include "lbroute/uplinks.h"
 #include "support/lbroute_scene.h"
@@ -104,6 +105,7 @@ TEST(DaemonRecord, is_read_as_it_was_written) {
     record.is_sticky = false;
     record.refused_hops[{"blue", "192.0.2.1", "gi1_1"}] = "no \"way\"\xff";
     record.refused_routes[{"", "10.0.0.0/8"}] = "taken";
+    record.not_served["blue"] = "no place";
     DaemonRecord read = parse_record(record_text(record));
     EXPECT_THAT(read.refused_hops.at({"blue", "192.0.2.1", "gi1_1"}), HasSubstr("no \"way\""));
     read.refused_hops = record.refused_hops;
@@ -220,6 +222,16 @@ TEST_F(Reports, shadowed_route_does_not_agree) {
     EXPECT_THAT(route.shadowed_by, ElementsAre("ip route del default metric 7 protocol dhcp"));
 }
 
+TEST(Findings, path_in_force_is_that_of_a_route_which_the_kernel_has) {
+    PlannedRoute route;
+    PlannedHop& hop = route.hops.emplace_back();
+    hop.gateway = address("192.0.2.1");
+    hop.interface = "gi1_1";
+    EXPECT_EQ(path_text(route), "via 192.0.2.1 dev gi1_1 weight 1");
+    route.refusal = place_is_taken;
+    EXPECT_EQ(path_text(route), no_path);
+}
+
 TEST(KernelReport, tells_in_words_whether_the_kernel_agrees) {
     Report report;
     report.namespaces.emplace_back();
@@ -231,6 +243,17 @@ TEST(KernelReport, tells_in_words_whether_the_kernel_agrees) {
     EXPECT_THAT(report_text(report), HasSubstr("not looked at: there is no namespace blue\n"));
     EXPECT_FALSE(report.agrees());
     EXPECT_THAT(report_json(report), HasSubstr("\"agrees\": false"));
+}
+
+TEST(KernelReport, namespace_that_is_not_served_is_no_agreement) {
+    Report report;
+    ReportedNamespace& blue = report.namespaces.emplace_back();
+    blue.name = "blue";
+    blue.not_served = "another has it";
+    blue.fragments.push_back({"/usr/etc/routing-wlb.conf", "read", {}});
+    EXPECT_THAT(report_text(report), HasSubstr("namespace blue\nnot served: another has it\n"));
+    EXPECT_FALSE(report.agrees());
+    EXPECT_THAT(report_json(report), HasSubstr("\"not_served\": \"another has it\""));
 }
 
 TEST(SpanText, has_the_two_greatest_units) {

@@ -22,7 +22,8 @@ set(NOT_EMULATED
   OnTheWire.*
   LbrouteFlows.kernel_that_does_not_answer_is_told
   LbrouteTranslatedFlows.*
-  # Next-hop objects: their messages are not translated.
+  # Links and next-hop objects: what asks for them is not translated.
+  LbcheckCollect.*
   LbrouteKernel.*
   # A process that a signal ends says nothing more: the emulator adds a line to its standard error.
   CrashReport.threads_that_crash_at_once_give_one_whole_report

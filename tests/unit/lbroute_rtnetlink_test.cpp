@@ -1,25 +1,18 @@
 // Steps and listings against the kernel itself, in a network namespace of the test's own. Skipped
 // without the right to make one.
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <linux/if_tun.h>
 #include <linux/rtnetlink.h>
-#include <net/if.h>
 #include <poll.h>
-#include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
 #include <functional>
-#include <thread>
 
-#include "base/fd.h"
 #include "lbroute/rtnetlink.h"
 #include "support/lbroute_scene.h"
+#include "unit/support/own_network.h"
 
 namespace lbroute {
 
@@ -29,50 +22,6 @@ using namespace scene;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
-
-/// A link of the namespace that the thread is in, as long as this lives: up, with these addresses.
-class TestLink {
-  public:
-    TestLink(const std::string& name, const std::string& ipv4)
-        : tunnel_(open("/dev/net/tun", O_RDWR | O_CLOEXEC)),
-          query_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        ifreq request = request_of(name);
-        request.ifr_flags = IFF_TUN | IFF_NO_PI;
-        is_made_ = ioctl(tunnel_.get(), TUNSETIFF, &request) == 0;
-        put_address(name, SIOCSIFADDR, ipv4);
-        put_address(name, SIOCSIFNETMASK, "255.255.255.0");
-        set_up(name, true);
-        index = static_cast<int>(if_nametoindex(name.c_str()));
-    }
-
-    bool is_made() const { return is_made_; }
-    void set_up(const std::string& name, bool is_up) const {
-        ifreq request = request_of(name);
-        request.ifr_flags = is_up ? IFF_UP | IFF_RUNNING : 0;
-        ioctl(query_.get(), SIOCSIFFLAGS, &request);
-    }
-
-    int index = 0;
-
-  private:
-    static ifreq request_of(const std::string& name) {
-        ifreq request{};
-        name.copy(request.ifr_name, sizeof request.ifr_name - 1);
-        return request;
-    }
-    void put_address(const std::string& name, unsigned long what, const std::string& text) const {
-        ifreq request = request_of(name);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        inet_pton(AF_INET, text.c_str(), &address.sin_addr);
-        std::memcpy(&request.ifr_addr, &address, sizeof address);
-        ioctl(query_.get(), what, &request);
-    }
-
-    Fd tunnel_;
-    Fd query_;
-    bool is_made_ = false;
-};
 
 class LbrouteKernel : public ::testing::Test {
   protected:
@@ -99,20 +48,12 @@ class LbrouteKernel : public ::testing::Test {
         }
     };
 
-    /// In a thread with a network of its own; only that thread leaves the process's.
     static void in_own_network(const std::function<void(Network&)>& body) {
-        bool is_possible = false;
-        std::thread([&] {
-            if (unshare(CLONE_NEWNET) != 0) {
-                return;
-            }
+        const bool is_possible = ::in_own_network([&body] {
             Network network;
-            is_possible = network.one.is_made() && network.two.is_made();
-            if (is_possible) {
-                EXPECT_EQ(network.problem, "");
-                body(network);
-            }
-        }).join();
+            EXPECT_EQ(network.problem, "");
+            body(network);
+        });
         if (!is_possible) {
             GTEST_SKIP() << "needs the right to make a network namespace with links";
         }
@@ -147,7 +88,7 @@ TEST_F(LbrouteKernel, links_and_addresses_are_listed) {
         EXPECT_EQ(found, 1);
         EXPECT_THAT(state.routes, IsEmpty()) << "the kernel's own are not ours";
         EXPECT_THAT(state.hops, IsEmpty());
-        network.two.set_up("wan2", false);
+        network.two.set_up(false);
         EXPECT_FALSE(network.state().link("wan2")->is_up);
     });
 }
@@ -293,7 +234,7 @@ TEST_F(LbrouteKernel, monitor_is_told_what_others_do_and_not_what_we_did) {
         pollfd waiting{.fd = monitor.descriptor(), .events = POLLIN, .revents = 0};
         EXPECT_EQ(poll(&waiting, 1, 0), 1);
         EXPECT_THAT(told(monitor), ElementsAre(RTM_DELROUTE, RTM_DELNEXTHOP, RTM_NEWNEXTHOP));
-        network.two.set_up("wan2", false);
+        network.two.set_up(false);
         const auto types = told(monitor);
         EXPECT_THAT(types, ::testing::Contains(RTM_NEWLINK));
         EXPECT_THAT(types, ::testing::Contains(RTM_DELROUTE)) << "the way to its network";

@@ -24,6 +24,7 @@ set(NOT_EMULATED
   LbrouteTranslatedFlows.*
   # Links and next-hop objects: what asks for them is not translated.
   LbcheckCollect.*
+  LbrouteCommands.*
   LbrouteKernel.*
   # A process that a signal ends says nothing more: the emulator adds a line to its standard error.
   CrashReport.threads_that_crash_at_once_give_one_whole_report

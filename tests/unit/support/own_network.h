@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "base/fd.h"
 
@@ -9,6 +10,8 @@
 /// one thread is in it, for as long as `body` runs: the process stays where it is. False where the
 /// right to make one with links in it is missing.
 bool in_own_network(const std::function<void()>& body);
+/// The same, and these folders of the machine are empty ones in memory meanwhile.
+bool in_own_network(const std::vector<std::string>& folders, const std::function<void()>& body);
 
 /// A tunnel device of the network that the thread is in, as long as this lives: up, with an IPv4
 /// address and a network of 24 bits.

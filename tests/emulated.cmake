@@ -25,6 +25,7 @@ set(NOT_EMULATED
   # Links and next-hop objects: what asks for them is not translated.
   LbcheckCollect.*
   LbrouteCommands.*
+  LbrouteDaemon.*
   LbrouteKernel.*
   # A process that a signal ends says nothing more: the emulator adds a line to its standard error.
   CrashReport.threads_that_crash_at_once_give_one_whole_report

@@ -232,6 +232,14 @@ class CommandLine(LabTest):
         for words in (("--watch", "nonsense"), ("--watch", "0"), ("--watch", "1e9")):
             self.assertEqual(lbshow(*words).returncode, 1, words)
 
+    def test_watch_into_a_full_disk_ends_and_tells_so(self):
+        self.put()
+        with open("/dev/full", "wb") as full:
+            done = subprocess.run([LBSHOW, "--watch", "0.1"], stdout=full, stderr=subprocess.PIPE, text=True, timeout=20,
+                                  check=False)
+        self.assertEqual(done.returncode, 1)
+        self.assertEqual(done.stderr, "lbshow: standard output cannot be written: No space left on device\n")
+
     def test_unknown_name_is_an_error(self):
         self.put()
         self.assert_refused("nothing is called 'eth9'", "interfaces", "eth9")

@@ -1,5 +1,6 @@
 """lbwatch whose standard output takes nothing more: it says so and why, but not to somebody who has stopped reading."""
 import os
+import pathlib
 import signal
 import subprocess
 
@@ -47,9 +48,23 @@ class Output(Scripted):
         process.send_signal(signal.SIGTERM)
 
         status, said = end_of(process)
-        self.assertEqual(status, 0)
+        self.assertEqual(status, 1)
         self.assertEqual(said, f"lbwatch: {FULL}; {len(self.told())} events were not told there; "
                                f"lbwatch events --history {HISTORY} tells them\n")
+
+    def test_history_that_could_not_be_written_is_counted_at_the_end(self):
+        self.daemon.start()
+        with open("/run/told", "wb") as told:
+            process = run_into(told, "run", "-o", OUTPUT_DIRECTORY, "--history", "/run/told/history.db",
+                               "--hooks", "none")
+        self.addCleanup(process.kill)
+        expect(lambda: pathlib.Path("/run/told").read_text(encoding="utf-8").count("-> active") == 2)
+
+        process.send_signal(signal.SIGTERM)
+
+        status, said = end_of(process)
+        self.assertEqual(status, 1)
+        self.assertRegex(said, r"goes on in memory[^\n]*\n(.*\n)*lbwatch: [1-9]\d* rows of /run/told/history.db are lost\n$")
 
     def test_reader_that_has_gone_ends_it_without_a_word(self):
         writer = closed_pipe()

@@ -121,7 +121,7 @@ int watch(const Options& options) {
         show(options);
         std::this_thread::sleep_for(std::chrono::duration<double>(options.pause_s));
     }
-    return 0;
+    return not_shown;
 }
 
 bool is_number(const std::string& word) {

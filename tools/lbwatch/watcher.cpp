@@ -87,12 +87,17 @@ int Watcher::run() {
     keep(now(), true);
     end_hooks();
     output_.flush();
-    if (const std::string problem = output_.problem(); !problem.empty()) {
-        notice(problem + (history_ == nullptr
-                              ? ""
-                              : "; lbwatch events --history " + options_.history + " tells them"));
+    const std::string untold = output_.problem();
+    const std::size_t unwritten = history_ == nullptr ? 0 : history_->waiting();
+    if (!untold.empty()) {
+        notice(untold + (history_ == nullptr || unwritten > 0
+                             ? ""
+                             : "; lbwatch events --history " + options_.history + " tells them"));
     }
-    return output_.is_gone() ? 1 : 0;
+    if (unwritten > 0) {
+        notice(std::to_string(unwritten) + " rows of " + options_.history + " are lost");
+    }
+    return output_.is_gone() || !untold.empty() || unwritten > 0 ? 1 : 0;
 }
 
 void Watcher::wait() {

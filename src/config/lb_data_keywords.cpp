@@ -57,8 +57,9 @@ bool is_interface_keyword(std::string_view key) {
     return key == "interface" || key == "interface6";
 }
 
+// B31: read by 64 bits, so that it is cut the same where a long has 32.
 int configured_number(const std::string& value) {
-    return static_cast<int>(static_cast<std::uint32_t>(strtoul(value.c_str(), nullptr, 10)));
+    return static_cast<int>(static_cast<std::uint32_t>(strtoull(value.c_str(), nullptr, 10)));
 }
 
 Handled LBDataFactory::process(const std::vector<std::string>& stack, int depth,

@@ -1,6 +1,7 @@
 #include "decision/lb_decision.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
@@ -95,7 +96,8 @@ void write_fragment(const std::string& path, const std::string& text) {
 /// with no number of a single process is not signalled: 0 and negative numbers would reach whole
 /// groups.
 void signal_reload(const std::string& pid_text) {
-    const long number = strtol(pid_text.c_str(), nullptr, 10);
+    // A long of 32 bits would end at a number that passes for a process's.
+    const std::int64_t number = strtoll(pid_text.c_str(), nullptr, 10);
     if (number > 0 && number <= std::numeric_limits<int>::max()) {
         host::signal_reload(static_cast<int>(number));
     }
@@ -193,6 +195,9 @@ void hand_over(LBDecision& decision, const std::string& routes, context* ctx) {
 }  // namespace
 
 void LBDecision::run(LBData& data, context* ctx) {
+    if (!ctx->own->is_routed_anew(data, *ctx)) {
+        return;
+    }
     std::string routes;
     for (const RuleEntry rule : ctx->own->rules(data, *ctx)) {
         routes += routes_of(data, rule, ctx);

@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <sstream>
 
+#include "lbcheck/live_echo.h"
 #include "lbcheck/live_findings.h"
 #include "lbcheck/live_judge.h"
 #include "lbcheck/live_lease.h"
@@ -11,6 +13,7 @@ namespace {
 
 using lbcheck::Echo;
 using lbcheck::LiveFacts;
+using lbcheck::reverse_path_drops_in;
 using lbcheck::UplinkFacts;
 
 UplinkFacts good_uplink() {
@@ -335,6 +338,28 @@ TEST(Live, each_failure_is_told_with_its_mend) {
         const bool is_error = std::string(row.line).starts_with("error");
         EXPECT_EQ(lbcheck::live_exit_status(findings, true), is_error ? 2 : 1);
     }
+}
+
+// Such a counter passes what a 32-bit machine's long holds within days of a flood.
+TEST(ReversePathDrops, are_counted_beyond_31_and_32_bits) {
+    const auto drops = [](const std::string& count) {
+        std::istringstream netstat(
+            "TcpExt: SyncookiesSent IPReversePathFilter TW\n"
+            "TcpExt: 5 " +
+            count +
+            " 7\n"
+            "IpExt: InNoRoutes\n"
+            "IpExt: 3\n");
+        return reverse_path_drops_in(netstat);
+    };
+    EXPECT_EQ(drops("2"), 2U);
+    EXPECT_EQ(drops("2147483648"), 2147483648U);
+    EXPECT_EQ(drops("9007199254740993"), 9007199254740993U);
+}
+
+TEST(ReversePathDrops, kernel_without_the_counter_dropped_none) {
+    std::istringstream netstat("IpExt: InNoRoutes\nIpExt: 3\n");
+    EXPECT_EQ(reverse_path_drops_in(netstat), 0U);
 }
 
 TEST(Lease, ends_with_the_last_one_of_the_database) {

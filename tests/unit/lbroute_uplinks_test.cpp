@@ -103,6 +103,7 @@ TEST(DaemonRecord, is_read_as_it_was_written) {
     record.is_sticky = false;
     record.refused_hops[{"blue", "192.0.2.1", "gi1_1"}] = "no \"way\"\xff";
     record.refused_routes[{"", "10.0.0.0/8"}] = "taken";
+    record.not_served["blue"] = "no place";
     DaemonRecord read = parse_record(record_text(record));
     EXPECT_THAT(read.refused_hops.at({"blue", "192.0.2.1", "gi1_1"}), HasSubstr("no \"way\""));
     read.refused_hops = record.refused_hops;

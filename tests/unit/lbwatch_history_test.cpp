@@ -299,6 +299,21 @@ TEST_F(LbwatchHistory, file_that_is_deleted_is_begun_anew) {
     EXPECT_EQ(told().size(), 1U);
 }
 
+TEST_F(LbwatchHistory, file_that_another_one_replaces_is_not_written_unseen) {
+    const auto backup = folder / "backup.db";
+    { const History made(backup, notice()); }
+    History history(path, notice());
+    history.add(event(1, "active", "failed"));
+    history.commit();
+    std::filesystem::rename(backup, path);
+    history.add(event(2, "failed", "active"));
+    EXPECT_TRUE(history.commit());
+    const auto kept = told();
+    ASSERT_EQ(kept.size(), 1U);
+    EXPECT_EQ(kept[0].to, "active");
+    EXPECT_EQ(notices.back(), path.string() + " is another file now, which is written from now on");
+}
+
 TEST_F(LbwatchHistory, rows_are_kept_as_long_as_they_are_wanted) {
     History history(path, notice());
     const std::int64_t now_ms = at(0).wall_ms;

@@ -10,9 +10,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <sstream>
 
 #include "base/address_text.h"
@@ -95,24 +97,9 @@ std::optional<std::uint32_t> identifier_in_datagram(std::span<const std::uint8_t
                             : identifier_in(datagram, (datagram[0] & 0x0fU) * word_bytes);
 }
 
-/// Packets that the reverse-path check of the namespace has dropped so far (TcpExt of
-/// /proc/net/netstat: a line of names, then one of numbers).
-long reverse_path_drops() {
-    std::ifstream file("/proc/thread-self/net/netstat");
-    std::string names;
-    std::string numbers;
-    while (std::getline(file, names) && std::getline(file, numbers)) {
-        std::istringstream name_words(names);
-        std::istringstream number_words(numbers);
-        std::string name;
-        std::string number;
-        while (name_words >> name && number_words >> number) {
-            if (name == "IPReversePathFilter") {
-                return std::stol(number);
-            }
-        }
-    }
-    return 0;
+std::uint64_t reverse_path_drops() {
+    std::ifstream counters("/proc/thread-self/net/netstat");
+    return reverse_path_drops_in(counters);
 }
 
 struct Pending {
@@ -161,7 +148,7 @@ class Echoes {
     }
 
     std::vector<Echo> run() {
-        const long drops_before = reverse_path_drops();
+        const std::uint64_t drops_before = reverse_path_drops();
         began_ms_ = now_ms();
         const std::int64_t end_ms = began_ms_ + patience_ms;
         while (now_ms() < end_ms && !all_ended()) {
@@ -173,7 +160,7 @@ class Echoes {
             take_witnessed();
             take_delivered();
         }
-        const long drops = reverse_path_drops() - drops_before;
+        const std::uint64_t drops = reverse_path_drops() - drops_before;
         std::vector<Echo> echoes;
         for (std::size_t i = 0; i < pending_.size(); ++i) {
             echoes.push_back(outcome(i, drops));
@@ -283,7 +270,7 @@ class Echoes {
         }
     }
 
-    Echo outcome(std::size_t at, long drops) const {
+    Echo outcome(std::size_t at, std::uint64_t drops) const {
         const Pending& one = pending_[at];
         Echo echo;
         echo.target = requests_[at].target;
@@ -318,6 +305,23 @@ class Echoes {
 };
 
 }  // namespace
+
+std::uint64_t reverse_path_drops_in(std::istream& netstat) {
+    std::string names;
+    std::string numbers;
+    while (std::getline(netstat, names) && std::getline(netstat, numbers)) {
+        std::istringstream name_words(names);
+        std::istringstream number_words(numbers);
+        std::string name;
+        std::string number;
+        while (name_words >> name && number_words >> number) {
+            if (name == "IPReversePathFilter") {
+                return strtoull(number.c_str(), nullptr, 10);
+            }
+        }
+    }
+    return 0;
+}
 
 std::vector<Echo> send_echoes(const std::string& ns_name, bool is_ipv6,
                               const std::vector<EchoRequest>& requests, std::string& problem) {

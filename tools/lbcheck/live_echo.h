@@ -1,6 +1,7 @@
 #pragma once
 
-#include <optional>
+#include <cstdint>
+#include <istream>
 #include <string>
 #include <vector>
 
@@ -24,5 +25,9 @@ struct EchoRequest {
 /// connection-tracking table. Its identifiers are none that a running daemon looks at.
 std::vector<Echo> send_echoes(const std::string& ns_name, bool is_ipv6,
                               const std::vector<EchoRequest>& requests, std::string& problem);
+
+/// Packets that the reverse-path check of a namespace has dropped so far, by its
+/// /proc/net/netstat (in TcpExt: a line of names, then one of numbers).
+std::uint64_t reverse_path_drops_in(std::istream& netstat);
 
 }  // namespace lbcheck

@@ -27,7 +27,7 @@ struct Echo {
     std::string target;
     std::string reason;
     /// Packets that the reverse-path check dropped meanwhile, in the whole namespace.
-    long reverse_path_drops = 0;
+    std::uint64_t reverse_path_drops = 0;
 };
 
 /// The lease file of an uplink whose next hop comes by DHCP.

@@ -144,6 +144,15 @@ void compare_bird2_file(const Options& options, const Scene& scene, Report& repo
     }
 }
 
+void note_not_served(Report& report) {
+    for (ReportedNamespace& one : report.namespaces) {
+        const auto reason = report.daemon.not_served.find(one.name);
+        if (reason != report.daemon.not_served.end()) {
+            one.not_served = reason->second;
+        }
+    }
+}
+
 }  // namespace
 
 Report report_of_now(Options options, bool chooses_table) {
@@ -164,6 +173,9 @@ Report report_of_now(Options options, bool chooses_table) {
         for (const std::string& name : scene.site.uplinks().namespaces()) {
             report.namespaces.push_back(look_at(name, options, scene));
         }
+    }
+    if (report.is_running) {
+        note_not_served(report);
     }
     return report;
 }

@@ -30,7 +30,7 @@ std::set<DumpFile> DumpWatch::drain() {
 bool DumpWatch::follow_folder() {
     struct stat found {};
     const bool is_there = stat(folder_.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
-    const unsigned long inode = is_there ? found.st_ino : 0;
+    const ino_t inode = is_there ? found.st_ino : 0;
     const bool is_another = inode != inode_;
     if (is_another) {
         inode_ = inode;

@@ -37,7 +37,7 @@ class DumpWatch {
     std::string folder_;
     Notice notice_;
     shared::FolderWatch watch_;
-    unsigned long inode_ = 0;  ///< of the folder; 0: there is none
+    ino_t inode_ = 0;  ///< of the folder; 0: there is none
     bool has_told_missing_ = false;
     bool has_told_blind_ = false;
     std::map<DumpFile, std::int64_t> written_ns_;  ///< of those that are there

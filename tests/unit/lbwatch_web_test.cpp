@@ -45,7 +45,7 @@ class LbwatchWeb : public testing::Test {
         ASSERT_TRUE(history.commit());
         View view;
         view.history = folder.file("history.db");
-        board.publish(view);
+        board.publish(view, now());
     }
     static int count_of(const std::string& text, const std::string& words) {
         int count = 0;
@@ -131,7 +131,7 @@ TEST_F(LbwatchWeb, page_is_made_anew_when_something_happened) {
     View view;
     view.uplinks[key("eth0")].state = UplinkState::active;
     EXPECT_THAT(body("/"), HasSubstr("<h1>0 of 0 uplinks active</h1>"));
-    board.publish(view);
+    board.publish(view, now());
     board.add(event("eth0", 0));
     EXPECT_THAT(body("/"), HasSubstr("<h1>1 of 1 uplinks active</h1>"));
     EXPECT_THAT(body("/"), HasSubstr("eth0 ipv4 active -&gt; failed"));
@@ -158,9 +158,9 @@ TEST_F(LbwatchWeb, page_shows_what_the_history_keeps) {
                           .end_ms = end_ms - minute_ms,
                           .reason = "of the history"}});
     });
-    View view = *board.view();
+    View view = *board.view(now());
     view.uplinks[key("eth0")].state = UplinkState::active;
-    board.publish(view);
+    board.publish(view, now());
     board.add(event("seen", 0));
     const std::string page = body("/");
     EXPECT_THAT(page, HasSubstr(", the last 24 hours</p>"));
@@ -172,7 +172,7 @@ TEST_F(LbwatchWeb, page_shows_what_the_history_keeps) {
 TEST_F(LbwatchWeb, page_goes_without_a_history_that_cannot_be_read) {
     View view;
     view.history = folder.file("missing.db");
-    board.publish(view);
+    board.publish(view, now());
     board.add(event("seen", 0));
     EXPECT_THAT(body("/"), HasSubstr(">seen ipv4 active"));
 }
@@ -210,7 +210,7 @@ TEST_F(LbwatchWeb, events_of_the_history_are_told_where_it_is_kept) {
 TEST_F(LbwatchWeb, events_of_this_run_are_told_where_the_history_cannot_be_read) {
     View view;
     view.history = folder.file("missing.db");
-    board.publish(view);
+    board.publish(view, now());
     board.add(event("seen", minute_ms));
     EXPECT_EQ(count_of(body("/api/events"), "\"uplink\":\"seen\""), 1);
 }
@@ -245,7 +245,7 @@ TEST_F(LbwatchWeb, report_needs_a_history_that_can_be_read) {
     EXPECT_EQ(body("/api/report"), "no history is kept\n");
     View view;
     view.history = folder.file("missing.db");
-    board.publish(view);
+    board.publish(view, now());
     EXPECT_THAT(get("/api/report"), StartsWith("HTTP/1.1 503 Service Unavailable\r\n"));
     EXPECT_THAT(body("/api/report"), HasSubstr(folder.file("missing.db")));
 }

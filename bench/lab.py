@@ -1,4 +1,5 @@
 """The bench's network, and what is measured in it. Runs inside the lab tests' sandbox."""
+import contextlib
 import json
 import os
 import pathlib
@@ -236,11 +237,15 @@ def measure_floor(uplinks, seconds, *how):
     return cost_of(floor, seconds)
 
 
-def measure_ipv6(uplinks, seconds):
-    """The daemon alone, on IPv6 uplinks."""
-    build_network({"router": range(uplinks)}, ipv6=True)
-    write_conf({"router": range(uplinks)}, ipv6=True)
-    with Responder():
+def measure_alone(uplinks, seconds, ipv6=False, is_busy=False):
+    """The daemon alone on uplinks of one family; `is_busy`: beside programs that take every processor."""
+    build_network({"router": range(uplinks)}, ipv6=ipv6)
+    write_conf({"router": range(uplinks)}, ipv6=ipv6)
+    with Responder(), contextlib.ExitStack() as stack:
+        for _ in range(os.cpu_count() if is_busy else 0):
+            load = subprocess.Popen([sys.executable, "-c", "while True: pass"])
+            stack.callback(load.wait)
+            stack.callback(load.kill)
         return measure_daemon(seconds)
 
 

@@ -11,7 +11,7 @@ from kit import expect, main
 from kit.disk import Disk
 from kit.lbroute import own_objects, own_routes, path_of, route, run, status
 from kit.routing_daemon import pid_path, text_of
-from route_scene import DEFAULT, GATEWAYS, ONE, TWO, RouteTest, three_uplinks
+from route_scene import DEFAULT, GATEWAYS, ONE, PREFIX, TWO, RouteTest, three_uplinks
 
 BLUE = ("192.0.2.1", "gi2_1")
 
@@ -100,6 +100,65 @@ class Namespaces(RouteTest):
         self.assertEqual(self.path(), {ONE: 1})
         run(self.router, "release", "gi2_1", "--namespace", "blue", check=0)
         self.expect_blue(blue, {BLUE: 1})
+
+    # What stays where it serves no more.
+
+    def leave(self, blue, *arguments):
+        """Leaves routes in blue, of which the configuration then knows nothing."""
+        blue.sysctl("ipv6/conf/gi2_1/disable_ipv6", "0")
+        blue.ip("address replace 2001:db8:1::10/64 dev gi2_1 nodad")
+        self.write(route(DEFAULT, GATEWAYS[0]), route(PREFIX, GATEWAYS[0]), namespace="blue")
+        self.write(route("::/0", "2001:db8:1::1"), namespace="blue", ipv6=True)
+        self.start(*arguments)
+        self.expect_blue(blue, {BLUE: 1})
+        self.assertEqual(len(own_routes(blue)), 3)
+        self.lab.write_conf(three_uplinks())
+        expect(lambda: self.program.lines("namespace blue is not served any more: its routes stay (3)"))
+
+    def test_routes_that_stay_in_a_namespace_are_told_and_end_with_the_command_that_is_told(self):
+        blue = self.make_blue()
+        for arguments in ((), ("--no-sticky",)):
+            with self.subTest(arguments=arguments):
+                self.lab.write_conf(self.with_blue())
+                self.leave(blue, *arguments)
+                code, shown = status(self.router)
+                left = next(one for one in shown["namespaces"] if one["name"] == "blue")
+                self.assertEqual((code, shown["agrees"], left["agrees"]), (1, False, False))
+                self.assertEqual([one["state"] for one in left["routes"]], 3 * ["leftover"])
+                told, = self.program.lines("is not served any more")
+                command = told.partition("which end with: ")[2]
+                self.assertTrue(left["not_served"].endswith(command), left)
+                subprocess.run(command, shell=True, check=True)
+                self.assert_nothing_of_ours(blue)
+                self.assertEqual(status(self.router)[0], 0)
+                self.program.end()
+
+    def test_flush_takes_away_what_stays_in_a_namespace_that_nobody_names(self):
+        blue = self.make_blue()
+        self.leave(blue)
+        for command in run(self.router, "-f", "/run/lb.conf", "--dry-run", "--flush",
+                           check=0).stdout.splitlines():
+            if " -n blue " in command:
+                self.router.run(*command.split())
+        self.assert_nothing_of_ours(blue)
+        self.lab.write_conf(self.with_blue())
+        self.expect_blue(blue, {BLUE: 1})
+        self.lab.write_conf(three_uplinks())
+        expect(lambda: len(self.program.lines("is not served any more")) == 2)
+        self.program.end()
+        run(self.router, "-f", "/run/lb.conf", "--once", "--flush", check=0)
+        self.assert_nothing_of_ours(blue)
+        self.assert_nothing_of_ours()
+
+    def test_second_name_of_the_own_namespace_is_no_other_one(self):
+        self.start()
+        with open("/var/run/netns/alias", "wb"):
+            pass
+        self.router.run("mount", "--bind", "/proc/self/ns/net", "/var/run/netns/alias")
+        code, shown = status(self.router)
+        self.assertNotIn("alias", [one["name"] for one in shown["namespaces"]])
+        self.make_blue()
+        expect(lambda: status(self.router)[0] == 0)
 
     # What keeps it from serving one namespace costs that one alone.
 

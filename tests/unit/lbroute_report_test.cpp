@@ -380,6 +380,27 @@ TEST(KernelReport, agrees_only_where_nothing_is_amiss) {
     EXPECT_FALSE(report.agrees());
 }
 
+TEST(KernelReport, namespace_that_is_not_served_is_no_agreement) {
+    Report report;
+    ReportedNamespace& blue = report.namespaces.emplace_back();
+    blue.name = "blue";
+    blue.not_served = "another has it";
+    blue.fragments.push_back({"/usr/etc/routing-wlb.conf", "read", {}});
+    EXPECT_THAT(report_text(report), HasSubstr("namespace blue\nnot served: another has it\n"));
+    EXPECT_FALSE(report.agrees());
+    EXPECT_THAT(report_json(report), HasSubstr("\"not_served\": \"another has it\""));
+}
+
+TEST(Findings, path_in_force_is_that_of_a_route_which_the_kernel_has) {
+    PlannedRoute route;
+    PlannedHop& hop = route.hops.emplace_back();
+    hop.gateway = address("192.0.2.1");
+    hop.interface = "gi1_1";
+    EXPECT_EQ(path_text(route), "via 192.0.2.1 dev gi1_1 weight 1");
+    route.refusal = place_is_taken;
+    EXPECT_EQ(path_text(route), no_path);
+}
+
 TEST(SpanText, has_the_two_greatest_units) {
     EXPECT_EQ(span_text(90'000), "1m 30s");
     EXPECT_EQ(span_text(0), "0s");

@@ -95,6 +95,19 @@ TEST(Commands, are_those_of_ip) {
     EXPECT_EQ(command_of(RemoveNextHop{5}, kernel, ""), "ip nexthop del id 5");
 }
 
+TEST(Commands, that_flush_are_those_that_have_something_to_take_away) {
+    KernelState own;
+    EXPECT_EQ(flush_commands(own, "blue"), "");
+    own.hops = {{1, address("192.0.2.1"), 11}};
+    own.routes.emplace_back().group_id = 1;
+    EXPECT_EQ(flush_commands(own, "blue"), "ip -n blue nexthop flush protocol 76");
+    own.hops.clear();
+    own.routes = {KernelRoute{}, KernelRoute{}};
+    own.routes[1].prefix = prefix("2001:db8::/32");
+    EXPECT_EQ(flush_commands(own, ""),
+              "ip route flush table all protocol 76; ip -6 route flush table all protocol 76");
+}
+
 TEST(DaemonRecord, is_read_as_it_was_written) {
     DaemonRecord record;
     record.pid = 12;

@@ -17,6 +17,7 @@
 #include "decision/route_text.h"
 #include "host/linux/notify_socket.h"
 #include "lbroute/bird2.h"
+#include "lbroute/commands.h"
 #include "lbroute/daemon_record.h"
 #include "lbroute/event_loop.h"
 #include "lbroute/findings.h"
@@ -384,14 +385,16 @@ class Daemon {
     /// `claims_again`: also those whose place could not be taken.
     void follow_namespaces(std::set<std::string>& to_read, bool claims_again) {
         const std::set<std::string> named = served_names();
-        std::erase_if(served_, [&](const auto& entry) {
-            const bool is_gone = !named.contains(entry.first);
-            if (is_gone) {
-                ownership_->release(entry.first);
-                record_.not_served.erase(entry.first);
+        Journal::Problems left_behind;
+        for (auto& [name, served] : served_) {
+            if (!named.contains(name)) {
+                ownership_->release(name);
+                record_.not_served.erase(name);
+                left_behind.merge(left_behind_in(served.kernel));
             }
-            return is_gone;
-        });
+        }
+        std::erase_if(served_, [&](const auto& entry) { return !named.contains(entry.first); });
+        journal_.tell("left namespaces", left_behind);
         for (const std::string& name : named) {
             const auto [entry, is_new] = served_.try_emplace(name, name, options_);
             Served& served = entry->second;
@@ -423,6 +426,29 @@ class Daemon {
                 served.paths.clear();
             }
         }
+    }
+
+    /// What stays in a namespace that is not served any more.
+    static Journal::Problems left_behind_in(ServedNamespace& kernel) {
+        std::string problem;
+        kernel.follow(problem);
+        if (!kernel.is_entered()) {
+            return {};
+        }
+        const Listing listing = kernel.list();
+        if (!listing.problem.empty()) {
+            return problems_of(
+                {.wanted = {}, .kernel = {}, .foreign = {}, .problem = listing.problem},
+                kernel.name());
+        }
+        Journal::Problems problems;
+        if (const std::size_t count = listing.state.routes.size(); count > 0) {
+            problems["namespace " + kernel.name() + " is not served any more: its routes stay (" +
+                     std::to_string(count) +
+                     "), which end with: " + flush_commands(listing.state, kernel.name())] =
+                Level::notice;
+        }
+        return problems;
     }
 
     /// The namespaces that are to be served.
@@ -655,25 +681,53 @@ class Daemon {
 
     int end(int status) {
         if (options_.flushes && !is_refused_) {
-            for (auto& [name, served] : served_) {
-                if (!served.kernel.is_entered() || is_for_bird()) {
-                    continue;
-                }
-                for (const std::string& failed : served.kernel.flush()) {
-                    journal_.say(Level::error, "not removed: " + failed);
-                    status = 1;
-                }
-            }
-            if (is_for_bird()) {
-                const std::string refusal = bird_.put(bird2_text({}, {}).text);
-                if (!refusal.empty()) {
-                    journal_.say(Level::error, refusal);
-                    status = 1;
-                }
+            for (const std::string& problem : is_for_bird() ? flush_bird() : flush_kernel()) {
+                journal_.say(Level::error, problem);
+                status = 1;
             }
         }
         ownership_->release_all();
         return status;
+    }
+
+    /// Takes all of our routes away, also in namespaces that the configuration does not name any
+    /// more; what could not be is told.
+    std::vector<std::string> flush_kernel() {
+        std::vector<std::string> problems;
+        const auto flush = [&problems](ServedNamespace& kernel) {
+            const std::string where =
+                kernel.name().empty() ? "" : "namespace " + kernel.name() + ": ";
+            for (const std::string& failed : kernel.flush()) {
+                problems.push_back(where + "not removed: " + failed);
+            }
+        };
+        std::set<std::string> names;
+        for (auto& [name, served] : served_) {
+            names.insert(name);
+            if (served.kernel.is_entered()) {
+                flush(served.kernel);
+            }
+        }
+        std::string problem;
+        for (const std::string& name : other_namespaces(names, problem)) {
+            ServedNamespace other(name, options_);
+            std::string not_entered;
+            other.follow(not_entered);
+            if (other.is_entered()) {
+                flush(other);
+            } else if (!not_entered.empty()) {
+                problems.push_back(not_entered);
+            }
+        }
+        if (!problem.empty()) {
+            problems.push_back(problem);
+        }
+        return problems;
+    }
+
+    std::vector<std::string> flush_bird() {
+        const std::string refusal = bird_.put(bird2_text({}, {}).text);
+        return refusal.empty() ? std::vector<std::string>{} : std::vector{refusal};
     }
 
     const Options& options_;

@@ -24,6 +24,7 @@ set(NOT_EMULATED
   LbrouteTranslatedFlows.*
   # Links and next-hop objects: what asks for them is not translated.
   LbcheckCollect.*
+  LbcheckEcho.*
   LbrouteCommands.*
   LbrouteDaemon.*
   LbrouteKernel.*

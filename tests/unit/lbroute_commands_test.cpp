@@ -10,13 +10,14 @@
 #include "lbroute/served_namespace.h"
 #include "lbroute/status.h"
 #include "support/lbroute_scene.h"
-#include "unit/support/own_network.h"
+#include "unit/support/lbroute_machine.h"
 #include "unit/support/temporary_folder.h"
 
 namespace lbroute {
 
 namespace {
 
+using namespace machine;
 using namespace scene;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -40,11 +41,6 @@ health {
     }
 }
 )";
-constexpr const char* both =
-    "protocol static {\nroute 10.0.0.0/8 multipath via 192.0.2.1 weight 1 via 198.51.100.1 weight "
-    "3;\n};\n";
-constexpr const char* first =
-    "protocol static {\nroute 10.0.0.0/8 multipath via 192.0.2.1 weight 1;\n};\n";
 
 /// What a command gave.
 struct Given {
@@ -61,22 +57,6 @@ class LbrouteCommands : public ::testing::Test {
         options.output_directory = folder.path();
     }
 
-    /// In a network with both links, where nothing has been routed or held yet.
-    void in_own_machine(const std::function<void()>& body) {
-        const bool is_possible = in_own_network({"/usr", "/run"}, [&] {
-            std::filesystem::create_directories("/usr/etc");
-            const TestLink one("wan1", "192.0.2.10");
-            const TestLink two("wan2", "198.51.100.10");
-            body();
-        });
-        if (!is_possible) {
-            GTEST_SKIP() << "needs the right to make a network and mounts of its own";
-        }
-    }
-
-    static void write_fragment(const std::string& text) {
-        std::ofstream("/usr/etc/routing-wlb.conf") << text;
-    }
     static Given given(const std::function<int()>& command) {
         ::testing::internal::CaptureStdout();
         ::testing::internal::CaptureStderr();

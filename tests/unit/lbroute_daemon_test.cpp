@@ -9,6 +9,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <thread>
 
 #include "lbroute/daemon.h"
@@ -16,23 +17,19 @@
 #include "lbroute/holds.h"
 #include "lbroute/rtnetlink.h"
 #include "support/lbroute_scene.h"
-#include "unit/support/own_network.h"
+#include "unit/support/lbroute_machine.h"
 #include "unit/support/temporary_folder.h"
 
 namespace lbroute {
 
 namespace {
 
+using namespace machine;
 using namespace scene;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-constexpr const char* both =
-    "protocol static {\nroute 10.0.0.0/8 multipath via 192.0.2.1 weight 1 via 198.51.100.1 weight "
-    "3;\n};\n";
-constexpr const char* first =
-    "protocol static {\nroute 10.0.0.0/8 multipath via 192.0.2.1 weight 1;\n};\n";
 constexpr const char* pid_file = "/run/routing.pid";
 
 class LbrouteDaemon : public ::testing::Test {
@@ -48,20 +45,6 @@ class LbrouteDaemon : public ::testing::Test {
     // The program ignores it from its start on.
     ~LbrouteDaemon() override { std::signal(SIGPIPE, SIG_DFL); }
 
-    void in_own_machine(const std::function<void()>& body) {
-        const bool is_possible = in_own_network({"/usr", "/run"}, [&] {
-            std::filesystem::create_directories("/usr/etc");
-            const TestLink one("wan1", "192.0.2.10");
-            const TestLink two("wan2", "198.51.100.10");
-            body();
-        });
-        if (!is_possible) {
-            GTEST_SKIP() << "needs the right to make a network and mounts of its own";
-        }
-    }
-    static void write_fragment(const std::string& text) {
-        std::ofstream("/usr/etc/routing-wlb.conf") << text;
-    }
     static KernelState state() {
         std::string problem;
         RouteSocket socket = RouteSocket::open(problem);

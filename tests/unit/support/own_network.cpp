@@ -53,13 +53,13 @@ bool in_own_network(const std::vector<std::string>& folders, const std::function
     return is_possible;
 }
 
-TestLink::TestLink(std::string name, const std::string& ipv4)
+TestLink::TestLink(std::string name, const std::string& ipv4, Kind kind)
     : name_(std::move(name)),
-      tunnel_(open("/dev/net/tun", O_RDWR | O_CLOEXEC)),
+      device_(open("/dev/net/tun", O_RDWR | O_CLOEXEC | O_NONBLOCK)),
       query_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     ifreq request = request_of(name_);
-    request.ifr_flags = IFF_TUN | IFF_NO_PI;
-    if (ioctl(tunnel_.get(), TUNSETIFF, &request) == 0) {
+    request.ifr_flags = kind == Kind::tunnel ? IFF_TUN | IFF_NO_PI : IFF_TAP | IFF_NO_PI;
+    if (ioctl(device_.get(), TUNSETIFF, &request) == 0) {
         put_address(SIOCSIFADDR, ipv4);
         put_address(SIOCSIFNETMASK, "255.255.255.0");
         set_up(true);

@@ -13,13 +13,17 @@ bool in_own_network(const std::function<void()>& body);
 /// The same, and these folders of the machine are empty ones in memory meanwhile.
 bool in_own_network(const std::vector<std::string>& folders, const std::function<void()>& body);
 
-/// A tunnel device of the network that the thread is in, as long as this lives: up, with an IPv4
-/// address and a network of 24 bits.
+/// A link of the network that the thread is in, as long as this lives: up, with an IPv4 address and
+/// a network of 24 bits. A tunnel carries packets, an Ethernet frames.
 class TestLink {
   public:
-    TestLink(std::string name, const std::string& ipv4);
+    enum class Kind { tunnel, ethernet };
+
+    TestLink(std::string name, const std::string& ipv4, Kind kind = Kind::tunnel);
 
     void set_up(bool is_up) const;
+    /// Reads what leaves by the link, a packet or frame each time, and writes what comes in.
+    int far_end() const { return device_.get(); }
 
     int index = 0;
 
@@ -27,6 +31,6 @@ class TestLink {
     void put_address(unsigned long request, const std::string& text) const;
 
     std::string name_;
-    Fd tunnel_;
+    Fd device_;
     Fd query_;
 };

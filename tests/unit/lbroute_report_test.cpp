@@ -201,16 +201,6 @@ TEST_F(Reports, refused_route_has_the_kernels_reason_where_it_differs) {
     EXPECT_EQ(route.hops.at(0).state, "missing");
 }
 
-TEST(Findings, path_in_force_is_that_of_a_route_which_the_kernel_has) {
-    PlannedRoute route;
-    PlannedHop& hop = route.hops.emplace_back();
-    hop.gateway = address("192.0.2.1");
-    hop.interface = "gi1_1";
-    EXPECT_EQ(path_text(route), "via 192.0.2.1 dev gi1_1 weight 1");
-    route.refusal = place_is_taken;
-    EXPECT_EQ(path_text(route), no_path);
-}
-
 TEST(KernelReport, tells_in_words_whether_the_kernel_agrees) {
     Report report;
     report.namespaces.emplace_back();
@@ -222,17 +212,6 @@ TEST(KernelReport, tells_in_words_whether_the_kernel_agrees) {
     EXPECT_THAT(report_text(report), HasSubstr("not looked at: there is no namespace blue\n"));
     EXPECT_FALSE(report.agrees());
     EXPECT_THAT(report_json(report), HasSubstr("\"agrees\": false"));
-}
-
-TEST(KernelReport, namespace_that_is_not_served_is_no_agreement) {
-    Report report;
-    ReportedNamespace& blue = report.namespaces.emplace_back();
-    blue.name = "blue";
-    blue.not_served = "another has it";
-    blue.fragments.push_back({"/usr/etc/routing-wlb.conf", "read", {}});
-    EXPECT_THAT(report_text(report), HasSubstr("namespace blue\nnot served: another has it\n"));
-    EXPECT_FALSE(report.agrees());
-    EXPECT_THAT(report_json(report), HasSubstr("\"not_served\": \"another has it\""));
 }
 
 /// A report with one of everything.

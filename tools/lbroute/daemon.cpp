@@ -415,9 +415,7 @@ class Daemon {
         }
         const Listing listing = kernel.list();
         if (!listing.problem.empty()) {
-            return problems_of(
-                {.wanted = {}, .kernel = {}, .foreign = {}, .problem = listing.problem},
-                kernel.name());
+            return problems_of_listing(listing.problem, kernel.name());
         }
         Journal::Problems problems;
         if (const std::size_t count = listing.state.routes.size(); count > 0) {

@@ -87,14 +87,19 @@ const char* word_of(Mode mode) {
     return "";
 }
 
+Journal::Problems problems_of_listing(const std::string& problem,
+                                      const std::string& namespace_name) {
+    const std::string where = namespace_name.empty() ? "" : "namespace " + namespace_name + ": ";
+    return {{where + "the kernel does not tell its " + problem + "; routes stay as they are",
+             Level::error}};
+}
+
 Journal::Problems problems_of(const View& view, const std::string& namespace_name) {
+    if (!view.problem.empty()) {
+        return problems_of_listing(view.problem, namespace_name);
+    }
     Journal::Problems problems;
     const std::string where = namespace_name.empty() ? "" : "namespace " + namespace_name + ": ";
-    if (!view.problem.empty()) {
-        problems[where + "the kernel does not tell its " + view.problem +
-                 "; routes stay as they are"] = Level::error;
-        return problems;
-    }
     for (const PlannedRoute& route : view.wanted.routes) {
         const std::string title = title_of(route, namespace_name);
         for (const PlannedHop& hop : route.hops) {

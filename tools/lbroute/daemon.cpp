@@ -230,7 +230,7 @@ class Daemon {
     }
 
     bool is_wanting() const {
-        return !site_.is_read() || !are_holds_read_ ||
+        return !site_.is_read() || !are_holds_read_ || !is_record_left_ ||
                std::ranges::any_of(served_, [](const auto& entry) {
                    const Served& served = entry.second;
                    return !served.kernel.is_entered() || !served.is_good ||
@@ -337,7 +337,7 @@ class Daemon {
             }
         }
         watch_files();
-        leave_record();
+        leave_record(due.configuration);
         if (!is_wanting()) {
             retry_after_ms_ = first_retry_ms;
             retry_at_ms_.reset();
@@ -346,8 +346,10 @@ class Daemon {
         }
     }
 
-    void leave_record() {
-        if (record_ != left_) {
+    /// `tries_again`: also what could not be written. Not at every wake: each try wakes us, by its
+    /// change of the folder.
+    void leave_record(bool tries_again) {
+        if (record_ != left_ || (tries_again && !is_record_left_)) {
             Journal::Problems problems;
             const std::string problem = write_record(folder_, record_);
             if (!problem.empty()) {
@@ -356,6 +358,7 @@ class Daemon {
             }
             journal_.tell("record", problems);
             left_ = record_;
+            is_record_left_ = problem.empty();
         }
     }
 
@@ -718,7 +721,8 @@ class Daemon {
     StateFolder folder_;
     std::optional<Ownership> ownership_;
     DaemonRecord record_;
-    DaemonRecord left_;  // as it was written
+    DaemonRecord left_;  // as it was written, or was to be
+    bool is_record_left_ = false;
     std::vector<Hold> holds_;
     bool are_holds_read_ = false;
     std::optional<std::int64_t> retry_at_ms_;

@@ -62,7 +62,7 @@ class Shadowed(RoutedTour):
         self.lab.run_daemon("-f", path)
         expect(lambda: len(path_of(self.router, PREFIX) or ()) == 2, within=20)
         self.router.ip(f"route add {PREFIX} via {GATEWAY} metric 50")
-        look = self.assert_finds("error", f"route {PREFIX} (IPv4): a route of others with a lower metric is used instead",
+        look = self.assert_finds("error", f"route {PREFIX} (IPv4): a route of others with a lower metric, or the same, is used",
                                  "ip route del")
         # The command is one that helps.
         self.router.run(*look.with_words("lower metric")[0].partition("; mend: ")[2].split())

@@ -1,9 +1,10 @@
 """lbroute makes the kernel's routes agree with the fragments (topology: route_scene.py)."""
 import os
 import signal
+import subprocess
 
 from kit import expect, main
-from kit.lbroute import fragment_text, own_objects, own_routes, route, run, standing, status
+from kit.lbroute import LBROUTE, fragment_text, own_objects, own_routes, route, run, standing, status
 from kit.routing_daemon import fragment_path, pid_path, text_of
 from route_scene import DEFAULT, GATEWAYS, ONE, PREFIX, THREE, TWO, RouteTest
 
@@ -197,6 +198,18 @@ class End(RouteTest):
                            check=0).stdout.splitlines():
             self.router.run(*command.split())
         self.assert_nothing_of_ours()
+
+    def test_rehearsal_of_a_flush_tells_of_a_kernel_that_does_not_answer(self):
+        self.write(route(DEFAULT, GATEWAYS[0]))
+        run(self.router, "-f", "/run/lb.conf", "--once", check=0)
+        without_answers = ("strace", "-o", "/dev/null", "-e", "inject=recvfrom:error=ENOBUFS")
+        done = subprocess.run(
+            self.router.command(*without_answers, LBROUTE, "-f", "/run/lb.conf", "--dry-run", "--flush"),
+            capture_output=True, text=True, timeout=60, check=False,
+            # Of a sanitizer build: leaks are not looked for in a traced process.
+            env={**os.environ, "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"})
+        self.assertEqual((done.returncode, done.stdout), (1, ""))
+        self.assertIn("the kernel does not tell its links: No buffer space available", done.stderr)
 
 
 if __name__ == "__main__":

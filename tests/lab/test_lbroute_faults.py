@@ -290,6 +290,29 @@ class Foreign(RouteTest):
         self.assertEqual(len(self.program.lines("is shadowed")), 1)
 
 
+    def test_route_of_others_with_the_same_metric_beside_ours_is_told(self):
+        self.router.sysctl("ipv6/conf/gi1_1/disable_ipv6", "0")
+        self.router.ip("address add 2001:db8:1::10/64 dev gi1_1 nodad")
+        self.write(route(DEFAULT, GATEWAYS[0]))
+        self.write(route("::/0", "2001:db8:1::1"), ipv6=True)
+        self.start()
+        for prefix, family, added, target in (
+                ("::/0", "-6", "append default via 2001:db8:1::9 proto ra metric 1024 pref high", "2001:db8:ff::1"),
+                (DEFAULT, "-4", "prepend default via 192.0.2.9 proto dhcp", "198.18.0.1")):
+            with self.subTest(prefix=prefix):
+                self.assertEqual(status(self.router)[0], 0)
+                self.router.ip(f"{family} route {added}")
+                self.assertIn(added.split()[3], self.router.ip(f"{family} route get {target}"))
+                title = f"{prefix} is shadowed by a route of others with the same metric"
+                told = expect(lambda title=title: self.program.lines(title))
+                code, shown = status(self.router)
+                self.assertEqual((code, shown_route(shown, prefix)["state"]), (1, "shadowed"))
+                command = shown_route(shown, prefix)["shadowed_by"][0]
+                self.assertTrue(told[0].endswith(command), told)
+                self.router.run(*command.split())
+                expect(lambda: status(self.router)[0] == 0)
+
+
 class Place(RouteTest):
     def test_second_one_refuses_and_changes_nothing(self):
         self.write(route(DEFAULT, GATEWAYS[0]))

@@ -54,6 +54,19 @@ class Status(RouteTest):
         code, shown = status(self.router)
         self.assertEqual((code, shown_route(shown, PREFIX)["state"]), (1, "leftover"))
 
+    def test_record_that_could_not_be_written_is_written_once_it_can_be(self):
+        self.write(route(DEFAULT, GATEWAYS[0]))
+        os.makedirs("/run/lbroute/status")
+        self.start()
+        self.assertTrue(self.program.lines("lbroute status will lack the kernel's reasons"))
+        self.assertFalse(status(self.router)[1]["running"])
+        before = self.program.processor_s()
+        time.sleep(1)  # its own tries do not wake it
+        self.assertLess(self.program.processor_s() - before, 0.5)
+        os.rmdir("/run/lbroute/status")
+        expect(lambda: status(self.router)[1]["running"])
+        self.assertEqual(len(self.program.lines("lbroute status will lack the kernel's reasons")), 1)
+
     def test_usage_errors_have_a_status_of_their_own(self):
         for words in (("--nonsense",), ("--table", "x"), ("--once", "--dry-run"), ("hold",)):
             self.assertEqual(run(self.router, *words).returncode, 2, words)

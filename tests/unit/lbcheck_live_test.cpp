@@ -279,8 +279,8 @@ const std::vector<Row> rows{
          route(f).state = "shadowed";
          route(f).shadowed_by = {"ip route del default via 192.0.2.99"};
      },
-     "error   route 0.0.0.0/0 (IPv4): a route of others with a lower metric is used instead; mend: "
-     "ip route del default via 192.0.2.99"},
+     "error   route 0.0.0.0/0 (IPv4): a route of others with a lower metric, or the same, is used "
+     "instead; mend: ip route del default via 192.0.2.99"},
     {"folder_of_all", [](LiveFacts& f) { f.rights[0].mode = 01777; },
      "error   /run/lb: every user may write there and so may decide over routes (output); mend: "
      "chmod go-w /run/lb"},

@@ -121,6 +121,24 @@ TEST_F(Reports, shadowed_route_does_not_agree) {
     EXPECT_THAT(route.shadowed_by, ElementsAre("ip route del default metric 7 protocol dhcp"));
 }
 
+TEST_F(Reports, route_of_others_beside_ours_of_the_same_metric_is_told) {
+    KernelRoute other;
+    other.prefix = prefix("0.0.0.0/0");
+    other.protocol = 9;
+    view.foreign = {other};
+    const ReportedRoute route = report(as_it_stands);
+    const std::string command = "ip route del default metric 0 protocol ra";
+    EXPECT_EQ(route.state, "shadowed");
+    EXPECT_EQ(route.in_place, "");
+    EXPECT_THAT(route.shadowed_by, ElementsAre(command));
+    const auto problems = problems_of(view, "");
+    ASSERT_EQ(problems.size(), 1U);
+    EXPECT_EQ(problems.begin()->first,
+              "IPv4 0.0.0.0/0 is shadowed by a route of others with the same metric, which ends "
+              "with: " +
+                  command);
+}
+
 TEST_F(Reports, small_weight_that_was_raised_for_its_buckets_is_as_asked) {
     constexpr const char* asked =
         "route 0.0.0.0/0 multipath via 192.0.2.1 weight 1 via 198.51.100.1 weight 2000;\n";

@@ -111,7 +111,8 @@ void judge_own(const NamespaceFacts& space, const lbroute::ReportedRoute& route,
     if (!route.in_place.empty()) {
         findings.add(State::error, place, "a route of others stands in its place", route.in_place);
     } else if (!route.shadowed_by.empty()) {
-        findings.add(State::error, place, "a route of others with a lower metric is used instead",
+        findings.add(State::error, place,
+                     "a route of others with a lower metric, or the same, is used instead",
                      all_of(route.shadowed_by));
     } else if (!route.agrees()) {
         findings.add(State::error, place,

@@ -233,7 +233,7 @@ class Daemon {
     }
 
     bool is_wanting() const {
-        return !site_.is_read() || !are_holds_read_ ||
+        return !site_.is_read() || !are_holds_read_ || !is_record_left_ ||
                std::ranges::any_of(served_, [](const auto& entry) {
                    const Served& served = entry.second;
                    return !served.kernel.is_entered() || !served.is_good ||
@@ -348,7 +348,7 @@ class Daemon {
         }
         watch_files();
         tell_of_watching();
-        leave_record();
+        leave_record(due.configuration);
         if (!is_wanting()) {
             retry_after_ms_ = first_retry_ms;
             retry_at_ms_.reset();
@@ -368,8 +368,10 @@ class Daemon {
         journal_.tell("watch", problems);
     }
 
-    void leave_record() {
-        if (record_ != left_) {
+    /// `tries_again`: also what could not be written. Not at every wake: each try wakes us, by its
+    /// change of the folder.
+    void leave_record(bool tries_again) {
+        if (record_ != left_ || (tries_again && !is_record_left_)) {
             Journal::Problems problems;
             const std::string problem = write_record(folder_, record_);
             if (!problem.empty()) {
@@ -378,6 +380,7 @@ class Daemon {
             }
             journal_.tell("record", problems);
             left_ = record_;
+            is_record_left_ = problem.empty();
         }
     }
 
@@ -437,9 +440,7 @@ class Daemon {
         }
         const Listing listing = kernel.list();
         if (!listing.problem.empty()) {
-            return problems_of(
-                {.wanted = {}, .kernel = {}, .foreign = {}, .problem = listing.problem},
-                kernel.name());
+            return problems_of_listing(listing.problem, kernel.name());
         }
         Journal::Problems problems;
         if (const std::size_t count = listing.state.routes.size(); count > 0) {
@@ -743,7 +744,8 @@ class Daemon {
     StateFolder folder_;
     std::optional<Ownership> ownership_;
     DaemonRecord record_;
-    DaemonRecord left_;  // as it was written
+    DaemonRecord left_;  // as it was written, or was to be
+    bool is_record_left_ = false;
     std::vector<Hold> holds_;
     bool are_holds_read_ = false;
     std::optional<std::int64_t> retry_at_ms_;

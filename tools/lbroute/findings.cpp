@@ -1,5 +1,7 @@
 #include "lbroute/findings.h"
 
+#include <algorithm>
+
 #include "lbroute/commands.h"
 
 namespace lbroute {
@@ -85,21 +87,28 @@ const char* word_of(Mode mode) {
     return "";
 }
 
+Journal::Problems problems_of_listing(const std::string& problem,
+                                      const std::string& namespace_name) {
+    const std::string where = namespace_name.empty() ? "" : "namespace " + namespace_name + ": ";
+    return {{where + "the kernel does not tell its " + problem + "; routes stay as they are",
+             Level::error}};
+}
+
 Journal::Problems problems_of(const View& view, const std::string& namespace_name) {
+    if (!view.problem.empty()) {
+        return problems_of_listing(view.problem, namespace_name);
+    }
     Journal::Problems problems;
     const std::string where = namespace_name.empty() ? "" : "namespace " + namespace_name + ": ";
-    if (!view.problem.empty()) {
-        problems[where + "the kernel does not tell its " + view.problem +
-                 "; routes stay as they are"] = Level::error;
-        return problems;
-    }
     for (const PlannedRoute& route : view.wanted.routes) {
         const std::string title = title_of(route, namespace_name);
         for (const PlannedHop& hop : route.hops) {
             add_hop_problem(problems, hop, where);
         }
+        const auto shadows = shadowing(route, view);
         const KernelRoute* other = standing_in_place(route, view.foreign);
-        if (!route.refusal.empty() && other != nullptr) {
+        const bool is_beside_ours = std::ranges::find(shadows, other) != shadows.end();
+        if (!route.refusal.empty() && other != nullptr && !is_beside_ours) {
             problems[title + " is not routed: a route of others stands there, which ends with: " +
                      removal_command(*other, view.kernel, namespace_name)] = Level::error;
         } else if (!route.refusal.empty()) {
@@ -108,10 +117,11 @@ Journal::Problems problems_of(const View& view, const std::string& namespace_nam
         } else if (route.routed().empty()) {
             problems[title + " is not routed: none of its next hops can be used"] = Level::error;
         }
-        for (const KernelRoute* shadow : shadowing(route, view.foreign)) {
-            problems[title +
-                     " is shadowed by a route of others with a lower metric, which ends "
-                     "with: " +
+        for (const KernelRoute* shadow : shadows) {
+            const char* const metric =
+                shadow->priority == route.priority ? "the same metric" : "a lower metric";
+            problems[title + " is shadowed by a route of others with " + metric +
+                     ", which ends with: " +
                      removal_command(*shadow, view.kernel, namespace_name)] = Level::warning;
         }
     }

@@ -20,6 +20,10 @@ std::string path_text(const PlannedRoute& route);
 const char* word_of(HopState state);
 const char* word_of(Mode mode);
 
+/// That the kernel did not tell what it has, as `Listing` and `View` give the problem.
+Journal::Problems problems_of_listing(const std::string& problem,
+                                      const std::string& namespace_name);
+
 /// Everything that keeps the kernel from routing as the fragments ask, and each cause as one line
 /// with the command that mends it where there is one.
 Journal::Problems problems_of(const View& view, const std::string& namespace_name);

@@ -202,8 +202,8 @@ std::string route_text(const ReportedRoute& route) {
     }
     for (const std::string& command : route.shadowed_by) {
         text +=
-            "    shadowed by a route of others with a lower metric, which ends with: " + command +
-            "\n";
+            "    shadowed by a route of others with a lower metric or the same, which ends with: " +
+            command + "\n";
     }
     return text;
 }
@@ -339,7 +339,7 @@ std::vector<ReportedRoute> reported_routes(const View& view, const DaemonRecord&
         if (!is_there && other != nullptr) {
             reported.in_place = removal_command(*other, view.kernel, namespace_name);
         }
-        for (const KernelRoute* shadow : shadowing(route, view.foreign)) {
+        for (const KernelRoute* shadow : shadowing(route, view)) {
             reported.shadowed_by.push_back(removal_command(*shadow, view.kernel, namespace_name));
         }
         if (reported.state == "ok" && !reported.shadowed_by.empty()) {

@@ -8,12 +8,17 @@
 
 namespace lbroute {
 
-std::vector<const KernelRoute*> shadowing(const PlannedRoute& route,
-                                          const std::vector<KernelRoute>& foreign) {
+std::vector<const KernelRoute*> shadowing(const PlannedRoute& route, const View& view) {
     std::vector<const KernelRoute*> found;
-    for (const KernelRoute& one : foreign) {
-        if (one.prefix == route.prefix && one.table == route.table &&
-            one.priority < route.priority) {
+    for (const KernelRoute& one : view.foreign) {
+        const bool is_before_ours =
+            one.prefix == route.prefix && one.table == route.table && one.priority < route.priority;
+        const bool is_beside_ours =
+            one.is_at_place_of(route.place()) &&
+            std::ranges::any_of(view.kernel.routes, [&one](const KernelRoute& ours) {
+                return ours.is_at_place_of(one);
+            });
+        if (is_before_ours || is_beside_ours) {
             found.push_back(&one);
         }
     }

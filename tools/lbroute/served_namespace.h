@@ -28,9 +28,10 @@ struct View {
     std::string problem;               ///< not empty: what could not be looked at
 };
 
-/// Routes of others that are used instead of one of ours: same prefix, lower metric.
-std::vector<const KernelRoute*> shadowing(const PlannedRoute& route,
-                                          const std::vector<KernelRoute>& foreign);
+/// Routes of others that are used instead of one of ours: same prefix, lower metric. Or the same
+/// metric, beside ours where it stands: which one is used then is the kernel's choice, by the order
+/// in which they came (IPv4), or by preference and what it knows of the neighbours (IPv6).
+std::vector<const KernelRoute*> shadowing(const PlannedRoute& route, const View& view);
 /// The route of others at the place of ours, null for none.
 const KernelRoute* standing_in_place(const PlannedRoute& route,
                                      const std::vector<KernelRoute>& foreign);

@@ -272,8 +272,12 @@ int show_commands(const Options& options) {
             problems[problem] = Level::error;
         } else if (options.flushes) {
             const Listing listing = served.list();
-            for (const Step& step : flush_steps(listing.state)) {
-                std::cout << command_of(step, listing.state, name) << "\n";
+            if (!listing.problem.empty()) {
+                problems = problems_of_listing(listing.problem, name);
+            } else {
+                for (const Step& step : flush_steps(listing.state)) {
+                    std::cout << command_of(step, listing.state, name) << "\n";
+                }
             }
         } else {
             for (const FragmentFile& file : served.fragments()) {

@@ -1,4 +1,5 @@
 """The bench's network, and what is measured in it. Runs inside the lab tests' sandbox."""
+import contextlib
 import json
 import os
 import pathlib
@@ -11,6 +12,7 @@ import time
 
 BUILD = pathlib.Path(__file__).resolve().parent.parent / "build"
 WARM_UP_S = 6
+FAR_MAC = "02:00:00:00:00:01"  # of the far end of all namespaces
 UNRELATED_PACKETS = 100_000
 
 
@@ -235,11 +237,15 @@ def measure_floor(uplinks, seconds, *how):
     return cost_of(floor, seconds)
 
 
-def measure_ipv6(uplinks, seconds):
-    """The daemon alone, on IPv6 uplinks."""
-    build_network({"router": range(uplinks)}, ipv6=True)
-    write_conf({"router": range(uplinks)}, ipv6=True)
-    with Responder():
+def measure_alone(uplinks, seconds, ipv6=False, is_busy=False):
+    """The daemon alone on uplinks of one family; `is_busy`: beside programs that take every processor."""
+    build_network({"router": range(uplinks)}, ipv6=ipv6)
+    write_conf({"router": range(uplinks)}, ipv6=ipv6)
+    with Responder(), contextlib.ExitStack() as stack:
+        for _ in range(os.cpu_count() if is_busy else 0):
+            load = subprocess.Popen([sys.executable, "-c", "while True: pass"])
+            stack.callback(load.wait)
+            stack.callback(load.kill)
         return measure_daemon(seconds)
 
 
@@ -292,17 +298,17 @@ def measure_unrelated(seconds):
 
 
 def build_namespaces(count):
-    """So many namespaces of the router with one uplink each, both families; the far end's kernel answers."""
+    """So many namespaces of the router with one uplink each, both families; the far ends are ports of one bridge."""
     for name in ["far", "router", *(f"vrf{i}" for i in range(count))]:
         subprocess.run(["ip", "netns", "del", name], stderr=subprocess.DEVNULL, check=False)
         ip("netns", "add", name)
-    far = ["link set lo up"]
+    far = [f"link add router address {FAR_MAC} type bridge", "link set router up"]
     for i in range(count):
         ip("-n", f"vrf{i}", batch=[
             f"link add up{i} type veth peer name far{i} netns far", f"addr add {end(i, 2)}/24 dev up{i}",
-            f"addr add {end(i, 2, True)}/64 dev up{i} nodad", f"link set up{i} up", "link set lo up"])
-        far += [f"addr add {end(i, 1)}/24 dev far{i}", f"addr add {end(i, 1, True)}/64 dev far{i} nodad",
-                f"link set far{i} up"]
+            f"addr add {end(i, 2, True)}/64 dev up{i} nodad", f"link set up{i} up", "link set lo up",
+            *(f"neigh add {end(i, 1, ipv6)} lladdr {FAR_MAC} dev up{i} nud permanent" for ipv6 in (False, True))])
+        far += [f"link set far{i} master router up"]
     ip("-n", "far", batch=far)
 
 
@@ -323,7 +329,7 @@ def measure_namespaces(count, seconds):
     """The share of a processor that so many namespaces take, both families, in percent."""
     build_namespaces(count)
     write_namespaces_conf(count)
-    with Daemon() as daemon:
+    with Responder(), Daemon() as daemon:
         before, began = cpu_s(daemon.pid), time.monotonic()
         time.sleep(seconds)
         share = (cpu_s(daemon.pid) - before) / (time.monotonic() - began) * 100

@@ -1,7 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <set>
+#include <unordered_map>
 
 /// Decides which of several workers' keep-alives go on to the watchdog: one does only when every
 /// worker that ever reported has reported since the last one that went on. A worker that stops
@@ -14,16 +15,22 @@ class KeepAliveQuorum {
 
     /// Takes one report; true where the keep-alive goes on.
     bool report(Worker worker) {
-        known_.insert(worker);
-        heard_.insert(worker);
-        if (heard_.size() < known_.size()) {
+        std::uint64_t& last_heard = last_heard_[worker];
+        if (last_heard != round_) {
+            last_heard = round_;
+            ++heard_;
+        }
+        if (heard_ < last_heard_.size()) {
             return false;
         }
-        heard_.clear();
+        ++round_;
+        heard_ = 0;
         return true;
     }
 
   private:
-    std::set<Worker> known_;  ///< ever reported
-    std::set<Worker> heard_;  ///< reported since the last keep-alive that went on
+    /// Of every worker that ever reported, the round of its last report.
+    std::unordered_map<Worker, std::uint64_t> last_heard_;
+    std::uint64_t round_ = 1;  ///< a round ends with the keep-alive that goes on
+    std::size_t heard_ = 0;    ///< how many reported in this round
 };

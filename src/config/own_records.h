@@ -21,10 +21,22 @@ class OwnRecords {
     std::span<const LBHealth* const> interfaces(const LBData& data, const context& ctx);
     std::span<const Rule> rules(LBData& data, const context& ctx);
 
+    /// Whether an interface has become active or inactive, or learnt another next hop, since the
+    /// last question; true for the first one. Nothing else changes the routes of a worker.
+    bool is_routed_anew(LBData& data, const context& ctx);
+
   private:
     void find(LBData& data, const context& ctx);
+
+    /// What an interface gives to the routes.
+    struct Routed {
+        bool active = false;
+        std::string nexthop;
+    };
 
     const LBData* data_ = nullptr;  ///< whose records these are
     std::vector<LBHealth*> interfaces_;
     std::vector<Rule> rules_;
+    std::vector<Routed> routed_;  ///< at the last question, by interface
+    bool was_asked_ = false;
 };

@@ -195,6 +195,9 @@ void hand_over(LBDecision& decision, const std::string& routes, context* ctx) {
 }  // namespace
 
 void LBDecision::run(LBData& data, context* ctx) {
+    if (!ctx->own->is_routed_anew(data, *ctx)) {
+        return;
+    }
     std::string routes;
     for (const RuleEntry rule : ctx->own->rules(data, *ctx)) {
         routes += routes_of(data, rule, ctx);

@@ -126,8 +126,9 @@ struct ReceiverWatch {
     std::function<bool()> on_readable;
     /// The wait itself failed, which ends the watch too.
     std::function<void()> on_wait_failed;
-    /// How long a host with threads lets a receiver rest between the first packet and the call, so
-    /// that it wakes once for all that come together. For receivers whose packets can wait.
+    /// For receivers whose packets can wait: how long a host with threads lets one rest before the
+    /// call, so that it wakes once for all that come together. The first packet for so long has the
+    /// call at once; mostly it is the only one.
     std::int64_t rest_ms = 0;
 };
 /// The work of a receiver's body: calls `on_readable` each time that packets are in. A host without

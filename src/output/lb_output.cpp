@@ -189,50 +189,72 @@ bool LBOutput::prepare_files(bool ipv6) {
 }
 
 void LBOutput::write(const LBData& data, context* ctx) {
-    const bool has_changed = has_changed_state(data, *ctx);
-    const Shared outbounds = ctx->ipv6 ? Shared::outbounds6 : Shared::outbounds4;
-    const Shared report = ctx->ipv6 ? Shared::report6 : Shared::report4;
-    const bool are_outbounds_due = is_due(outbounds, ctx, has_changed);
-    const bool are_rules_due = is_due(Shared::rules, ctx, has_changed);
-    const bool is_report_due = is_due(report, ctx, has_changed);
-    const bool is_any_due = are_outbounds_due || are_rules_due || is_report_due;
+    const ByFile<bool> due = look_for_due_files(ctx, has_changed_state(data, *ctx));
+    const auto is_due = [&due](Shared file) { return due[static_cast<std::size_t>(file)]; };
+    const bool is_any_due = std::find(due.begin(), due.end(), true) != due.end();
     if (!is_any_due || !prepare_files(ctx->ipv6)) {
         return;
     }
-    if (are_outbounds_due && write_outbounds(data, seconds_and_micros(wall_now()), ctx->ipv6)) {
-        note_rewritten(outbounds, ctx);
+    const std::size_t family = ctx->ipv6 ? 1 : 0;
+    if (is_due(Shared::outbounds)) {
+        const std::unique_lock writer(outbounds_writers_[family], std::try_to_lock);
+        if (writer.owns_lock()) {
+            rewrite(Shared::outbounds, ctx, [&] {
+                return write_outbounds(data, seconds_and_micros(wall_now()), ctx->ipv6);
+            });
+        }
     }
-    if (are_rules_due && !dump_shared_files(data, ctx)) {
+    if (is_due(Shared::rules) && !dump_shared_files(data, ctx)) {
         return;
     }
-    if (is_report_due && write_report(data, ctx)) {
-        note_rewritten(report, ctx);
+    if (is_due(Shared::report)) {
+        const std::unique_lock writer(report_writers_[family], std::try_to_lock);
+        if (writer.owns_lock()) {
+            rewrite(Shared::report, ctx, [&] { return write_report(data, ctx); });
+        }
     }
 }
 
-bool LBOutput::is_due(Shared file, const context* ctx, bool has_changed) {
+LBOutput::ByFile<bool> LBOutput::look_for_due_files(const context* ctx, bool has_changed) {
     const std::lock_guard guard(rewrites_lock_);
-    Rewrites& rewrites = rewrites_[static_cast<std::size_t>(file)];
-    Rewrites::Known& known = rewrites.by_worker[ctx];
-    known.has_news = known.has_news || has_changed;
-    const bool is_left_to_siblings = std::exchange(known.count, rewrites.count) != rewrites.count;
-    return known.has_news || !is_left_to_siblings;
+    ByFile<Known>& known = known_[ctx];
+    ByFile<bool> due{};
+    for (std::size_t file = 0; file < due.size(); ++file) {
+        const std::uint64_t rewrites = rewrites_of(static_cast<Shared>(file), ctx);
+        known[file].has_news = known[file].has_news || has_changed;
+        const bool is_left_to_siblings = std::exchange(known[file].rewrites, rewrites) != rewrites;
+        due[file] = known[file].has_news || !is_left_to_siblings;
+    }
+    return due;
 }
 
-void LBOutput::note_rewritten(Shared file, const context* ctx) {
-    const std::lock_guard guard(rewrites_lock_);
-    Rewrites& rewrites = rewrites_[static_cast<std::size_t>(file)];
-    rewrites.by_worker[ctx] = {.count = ++rewrites.count, .has_news = false};
+std::uint64_t& LBOutput::rewrites_of(Shared file, const context* ctx) {
+    // The rules are every worker's.
+    const std::size_t family = ctx->ipv6 && file != Shared::rules ? 1 : 0;
+    return rewrites_[family][static_cast<std::size_t>(file)];
 }
 
-/// False only where the mutex cannot be given back.
+template <class Write>
+void LBOutput::rewrite(Shared file, const context* ctx, Write write) {
+    {
+        const std::lock_guard guard(rewrites_lock_);
+        const Known& known = known_[ctx][static_cast<std::size_t>(file)];
+        if (!known.has_news && known.rewrites != rewrites_of(file, ctx)) {
+            return;
+        }
+    }
+    if (write()) {
+        const std::lock_guard guard(rewrites_lock_);
+        known_[ctx][static_cast<std::size_t>(file)] = {.rewrites = ++rewrites_of(file, ctx),
+                                                       .has_news = false};
+    }
+}
+
 bool LBOutput::dump_shared_files(const LBData& data, context* ctx) {
     if (pthread_mutex_trylock(&mutex) != 0) {
         return true;  // another worker is writing them
     }
-    if (write_rules_and_routes(data)) {
-        note_rewritten(Shared::rules, ctx);
-    }
+    rewrite(Shared::rules, ctx, [&] { return write_rules_and_routes(data); });
     const int rc = pthread_mutex_unlock(&mutex);
     if (rc != 0) {
         LOG_ERROR("wan_lb: <%s> mutex unlock error. PThread return code: %d", "write", rc);
@@ -241,10 +263,6 @@ bool LBOutput::dump_shared_files(const LBData& data, context* ctx) {
 }
 
 bool LBOutput::write_report(const LBData& data, context* ctx) {
-    const std::unique_lock writer(report_writers_[ctx->ipv6 ? 1 : 0], std::try_to_lock);
-    if (!writer.owns_lock()) {
-        return false;
-    }
     const std::string path = report_path(out_dir, ctx->ipv6);
     const File file = host::open_file(path, "w");
     if (file == nullptr) {
@@ -275,11 +293,7 @@ void LBOutput::dump_outbounds(const LBData& data, timeval now, context* ctx, int
     }
 }
 
-bool LBOutput::write_outbounds(const LBData& data, timeval now, bool is_ipv6) {
-    const std::unique_lock writer(outbounds_writers_[is_ipv6 ? 1 : 0], std::try_to_lock);
-    if (!writer.owns_lock()) {
-        return false;
-    }
+bool LBOutput::write_outbounds(const LBData& data, timeval now, bool is_ipv6) const {
     const std::string path = outbounds_path(out_dir, is_ipv6);
     const File file = host::open_file(path, "wb");
     if (file == nullptr) {
@@ -312,7 +326,7 @@ void LBOutput::dump_rules_and_routes(const LBData& data, context* ctx) {
     }
 }
 
-bool LBOutput::write_rules_and_routes(const LBData& data) {
+bool LBOutput::write_rules_and_routes(const LBData& data) const {
     const File rules_file = open_shared_file(rules_path(out_dir));
     if (rules_file == nullptr) {
         return false;

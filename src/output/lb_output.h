@@ -11,6 +11,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <unordered_map>
 
 #include "config/context.h"
 #include "config/lb_data.h"
@@ -40,7 +41,8 @@ class LBOutput {
     /// Writes one interface's record of the report.
     void single_write(std::map<std::string, LBHealth>::const_iterator entry, FILE* file,
                       timeval now, context* ctx);
-    /// Writes the outbounds dump of a family (1: IPv6); nothing without a context.
+    /// Writes the outbounds dump of a family (1: IPv6); the caller is its only writer. Nothing
+    /// without a context.
     void dump_outbounds(const LBData& data, timeval now, context* ctx, int ipv6);
     /// Writes the dumps of rules and routes; the caller holds `mutex`. Nothing without a context.
     void dump_rules_and_routes(const LBData& data, context* ctx);
@@ -54,34 +56,40 @@ class LBOutput {
     std::set<std::string> files6;  ///< written for IPv6 only; guarded by names_lock_
 
   private:
-    /// How often a file was rewritten without a fault, and what of that each worker knows.
-    struct Rewrites {
-        std::uint64_t count = 0;
-        struct Known {
-            std::uint64_t count = 0;
-            bool has_news = true;  ///< its own state may not be in the file yet
-        };
-        std::map<const context*, Known> by_worker;
+    /// What all workers of a family, or all workers, write.
+    enum class Shared : std::size_t { report, outbounds, rules, count };
+    template <class Value>
+    using ByFile = std::array<Value, static_cast<std::size_t>(Shared::count)>;
+    /// What a worker knows of a file that it shares.
+    struct Known {
+        std::uint64_t rewrites = 0;  ///< how many there had been at its last look
+        bool has_news = true;        ///< its own state may not be in the file yet
     };
-    enum class Shared : std::size_t { report4, report6, outbounds4, outbounds6, rules, count };
 
     /// Makes the directory of the dumps and notes what will be written; false, logged, where there
     /// can be none.
     bool prepare_files(bool ipv6);
+    /// False where the mutex cannot be given back.
     bool dump_shared_files(const LBData& data, context* ctx);
-    /// Each tells whether the file was rewritten to its end, which also a sibling's writing is not.
+    /// Each tells whether the file was rewritten to its end; the caller is its only writer.
     bool write_report(const LBData& data, context* ctx);
-    bool write_outbounds(const LBData& data, timeval now, bool is_ipv6);
-    bool write_rules_and_routes(const LBData& data);
+    bool write_outbounds(const LBData& data, timeval now, bool is_ipv6) const;
+    bool write_rules_and_routes(const LBData& data) const;
 
-    /// Whether the worker has to rewrite the file in this cycle.
-    bool is_due(Shared file, const context* ctx, bool has_changed);
-    void note_rewritten(Shared file, const context* ctx);
+    /// Which files the worker has to rewrite in this cycle.
+    ByFile<bool> look_for_due_files(const context* ctx, bool has_changed);
+    /// Has a due file rewritten by `write`, unless a sibling has done it since the worker's look.
+    /// The caller is the file's only writer.
+    template <class Write>
+    void rewrite(Shared file, const context* ctx, Write write);
 
     std::mutex names_lock_;
-    std::mutex rewrites_lock_;
-    std::array<Rewrites, static_cast<std::size_t>(Shared::count)>
-        rewrites_;                                 // guarded by rewrites_lock_
     std::array<std::mutex, 2> report_writers_;     // IPv4, IPv6; taken with try_lock only
     std::array<std::mutex, 2> outbounds_writers_;  // IPv4, IPv6; taken with try_lock only
+
+    /// How often a file was rewritten without a fault.
+    std::uint64_t& rewrites_of(Shared file, const context* ctx);
+    std::mutex rewrites_lock_;
+    std::array<ByFile<std::uint64_t>, 2> rewrites_{};          // guarded by rewrites_lock_
+    std::unordered_map<const context*, ByFile<Known>> known_;  // guarded by rewrites_lock_
 };

@@ -297,7 +297,7 @@ class Disks(ProgramTest):
     def test_read_only_one_keeps_the_old_file(self):
         self.disk.set_read_only(True)
         self.addCleanup(self.disk.set_read_only, False)
-        advice = f"make it writable, see: findmnt -T {DIRECTORY}"
+        advice = f"make it writable, for a service by ReadWritePaths={DIRECTORY}, see: findmnt -T {DIRECTORY}"
 
         self.check_stays("Read-only file system", advice)
         self.check(FAILED, f"lb-lease: {LEASE} stays as it was: Read-only file system; {advice}\n", "gi1_1", "--gone")

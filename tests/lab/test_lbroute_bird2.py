@@ -6,6 +6,7 @@
 """
 import json
 import os
+import shutil
 import subprocess
 import unittest
 
@@ -25,6 +26,16 @@ def fragment4(*routes):
 
 def fragment6(*routes):
     return "protocol static {\n" + "".join(f"route {route};\n" for route in routes) + "};\n"
+
+
+def capabilities_with_drop_in():
+    """As setpriv(1) takes them: those of the unit and of the drop-in that the operating guide gives for bird."""
+    with open(os.path.join(ROOT, "packaging/lbroute.service"), encoding="utf-8") as unit, \
+         open(os.path.join(ROOT, "docs/operating.md"), encoding="utf-8") as guide:
+        drop_in = guide.read().partition("and `sudo systemctl edit lbroute`:\n")[2].partition("\n\n`metric 0;`")[0]
+        lines = (unit.read() + drop_in).splitlines()
+    sets = [line.partition("=")[2].split() for line in map(str.strip, lines) if line.startswith("CapabilityBoundingSet=")]
+    return [f"+{name.removeprefix('CAP_').lower()}" for names in sets for name in names]
 
 
 class HandedToBird:
@@ -63,13 +74,13 @@ class HandedToBird:
             raise RuntimeError(f"lbroute {' '.join(words)}: {done.stdout}")
         return done
 
-    def start_lbroute(self, *words):
+    def start_lbroute(self, *words, prefix=(), file=FILE):
         log = os.path.join(self.folder, "lbroute.err")
-        with open(log, "ab") as file:
+        with open(log, "ab") as output:
             self.lbroute = subprocess.Popen(
-                self.lab.router.command(LBROUTE, "-f", self.conf, "--bird2", FILE,
+                self.lab.router.command(*prefix, LBROUTE, "-f", self.conf, "--bird2", file,
                                         "--birdc", self.bird.birdc_command(), *words),
-                stdout=file, stderr=file, stdin=subprocess.DEVNULL)
+                stdout=output, stderr=output, stdin=subprocess.DEVNULL)
         self.addCleanup(self.end_lbroute)
         return lambda: text_of(log) or ""
 
@@ -102,6 +113,24 @@ class HandedToBird:
         # Two would write the kernel's routes otherwise.
         self.assertEqual(self.lab.router.ip("route show proto 76"), "")
         self.assertEqual(self.lab.router.ip("nexthop show").count("proto 76"), 0)
+
+    def test_rights_of_the_service_with_its_drop_in_suffice_where_all_belongs_to_birds_user(self):
+        home = "/run/etc-bird"  # as /etc/bird of Debian's packages
+        file = os.path.join(home, "lbroute.conf")
+        os.mkdir(home, 0o750)
+        with open(file, "w", encoding="ascii"):
+            pass
+        self.bird = NewerBird(self.lab.router, self.folder, self.version, file, "daemon", home)
+        self.addCleanup(self.bird.close)
+        for path in (home, os.path.join(home, "bird.conf")):
+            shutil.chown(path, "daemon", "daemon")
+        self.write(fragment4(f"198.18.0.0/15 multipath via {FIRST} weight 1"))
+        self.bird.start()
+
+        self.start_lbroute(file=file, prefix=["setpriv", "--no-new-privs", "--inh-caps=-all",
+                                              f"--bounding-set=-all,{','.join(capabilities_with_drop_in())}"])
+
+        expect(lambda: self.routes() == {"198.18.0.0/15": (0, {(FIRST, "gi1_1"): 1})})
 
     def test_changed_fragment_reaches_the_kernel(self):
         self.write(fragment4(f"198.18.0.0/15 multipath via {FIRST} weight 1 via {SECOND} weight 3"))
@@ -200,8 +229,10 @@ class HandedToBird:
         self.write(fragment4(f"198.18.0.0/15 multipath via {FIRST} weight 1"))
         log = self.start_lbroute()
         expect(lambda: f"bird has not taken over {FILE}: " in log())
+        self.assertNotIn("IPv4 198.18.0.0/15 via", log())
         self.bird.start()
         expect(lambda: self.routes() == {"198.18.0.0/15": (0, {(FIRST, "gi1_1"): 1})})
+        expect(lambda: f"IPv4 198.18.0.0/15 via {FIRST} dev gi1_1 weight 1\n" in log())
 
     def test_bird_that_does_not_answer_holds_nothing_up_for_long(self):
         self.bird.start()

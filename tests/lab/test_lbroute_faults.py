@@ -84,6 +84,30 @@ class Fragments(RouteTest):
         self.assertTrue(self.program.lines(fragment_path() + " line 4"))
 
 
+class Unwatched(RouteTest):
+    """The kernel gives no watches: containers on the same machine have used up what a user may have."""
+
+    def assert_follows_its_files(self, call, error):
+        self.write(route(DEFAULT, *GATEWAYS))
+        self.start(prefix=["strace", "-D", "-o", os.path.join(self.folder, "strace"), "-e", f"trace={call}",
+                           "-e", f"inject={call}:error={error}"])
+        self.expect_path({ONE: 1, TWO: 1, THREE: 1})
+        expect(lambda: self.program.lines("not all files that matter can be watched"))
+        run(self.router, "hold", "gi1_1", "-f", "/run/lb.conf", check=0)
+        self.expect_path({TWO: 1, THREE: 1})
+        self.write(route(DEFAULT, GATEWAYS[2]))  # and nobody tells
+        self.expect_path({THREE: 1})
+        told = self.program.lines("not all files that matter can be watched")
+        self.assertEqual(len(told), 1, self.program.log())
+        self.assertIn("sysctl fs.inotify", told[0])
+
+    def test_files_are_followed_without_watches(self):
+        self.assert_follows_its_files("inotify_add_watch", "ENOSPC")
+
+    def test_files_are_followed_without_inotify(self):
+        self.assert_follows_its_files("inotify_init1", "EMFILE")
+
+
 class Refusals(RouteTest):
     def test_next_hop_that_the_kernel_refuses_is_left_out_and_told_with_its_words(self):
         self.lab.write_conf(three_uplinks().interface("gi1_9", nexthop="10.77.0.1"))
@@ -214,10 +238,30 @@ class Foreign(RouteTest):
         self.assertEqual(code, 1)
         self.assertTrue(told[0].endswith(command))
         self.program.hup()
+        self.assertEqual(self.program.lines(f"{PREFIX} via"), [])
         self.router.run(*command.split())
         self.expect_path({TWO: 1}, PREFIX)
+        self.assertEqual(len(expect(lambda: self.program.lines(f"{PREFIX} via"))), 1)
         self.assertEqual(status(self.router)[0], 0)
         self.assertEqual(len(self.program.lines("a route of others stands there")), 1)
+
+    def test_route_of_others_that_the_kernel_drops_without_a_word_makes_room_at_once(self):
+        self.lab.uplink("gi1_9", "10.77.0.10/24", "10.77.0.1")
+        self.write(route(DEFAULT, GATEWAYS[0]))
+        for through, end in (("via 10.77.0.1", "link set gi1_9 down"),
+                             ("via 10.77.0.1 src 10.77.0.11", "address del 10.77.0.11/24 dev gi1_9"),
+                             ("nhid 77", "nexthop del id 77")):
+            with self.subTest(end=end):
+                self.router.ip("link set gi1_9 up")
+                self.router.ip("address replace 10.77.0.11/24 dev gi1_9")
+                self.router.ip("nexthop replace id 77 via 10.77.0.1 dev gi1_9")
+                self.router.ip(f"route add default {through} proto static")
+                self.start()
+                self.assertTrue(self.program.lines("a route of others stands there"))
+                self.router.ip(end)
+                self.expect_path({ONE: 1})
+                self.assertEqual(self.program.end(), 0)
+                self.router.ip("route del default proto 76")
 
     def test_route_of_others_in_the_place_of_an_ipv6_one_is_not_touched(self):
         self.router.sysctl("ipv6/conf/gi1_1/disable_ipv6", "0")

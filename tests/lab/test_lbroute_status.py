@@ -1,5 +1,7 @@
 """What lbroute tells of the kernel, and uplinks that an operator holds (topology: route_scene.py)."""
 import json
+import os
+import time
 
 from kit import expect, main
 from kit.lbroute import route, run, shown_route, standing, status
@@ -94,6 +96,19 @@ class Hold(RouteTest):
         self.start()
         self.assertEqual(self.path(), {ONE: 1, THREE: 1})
         self.expect_path({ONE: 1, TWO: 1, THREE: 1})
+
+    def test_hold_ends_by_itself_though_the_file_of_holds_is_not_to_be_trusted(self):
+        self.start()
+        self.hold("hold", "gi1_3")
+        self.hold("hold", "gi1_2", "--for", "3s")
+        self.expect_path({ONE: 1})
+        os.chmod("/run/lbroute/holds", 0o666)
+        self.expect_path({ONE: 1, TWO: 1})  # the other hold has no end
+        self.assertTrue(self.program.lines("can be changed by other users"))
+        # It waits again, and is not busy with an end that lies in the past.
+        before = self.program.processor_s()
+        time.sleep(1)
+        self.assertLess(self.program.processor_s() - before, 0.5)
 
     def test_hold_and_release_of_what_is_not_there_are_errors(self):
         self.assertIn("no uplink is called eth9", self.hold("hold", "eth9", check=1).stderr)

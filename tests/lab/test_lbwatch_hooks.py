@@ -6,6 +6,7 @@ from kit import expect, main
 from lbwatch_scene import Scripted
 
 HOOKS = "/run/hooks.d"
+PROJECT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
 
 class Hooks(Scripted):
@@ -106,6 +107,32 @@ class Hooks(Scripted):
         expect(lambda: all(not os.path.exists(f"/proc/{child}")
                            or "Z" in self.lines(f"/proc/{child}/stat")[0].rpartition(")")[2].split()[0]
                            for child in self.lines("/run/children")))
+
+    def test_uplink_that_was_dead_from_the_start_is_mailed_and_so_is_its_end(self):
+        mail = os.path.join(PROJECT, "packaging/hooks/mail")
+        sendmail = self.hook("sendmail", "cat >> /run/mail\n", mode=0o644)
+        os.rename(sendmail, "/run/sendmail")
+        os.chmod("/run/sendmail", 0o755)
+        self.hook("mail", f"MAIL_TO=noc@example.org SENDMAIL=/run/sendmail MAIL_TOLD=/run/told exec {mail}\n")
+        self.daemon.fail(self.one)
+        self.one["targets"][0].update(result=0, failure=0)
+        self.daemon.start()
+        watch = self.watch("--hooks", HOOKS)
+        watch.expect_state("eth1", "active")
+        watch.expect_change("uplink", "absent", "unknown", uplink="eth0")
+
+        with self.daemon.lock:
+            self.daemon.fail(self.one)
+        watch.expect_change("uplink", "unknown", "failed", uplink="eth0")
+        with self.daemon.lock:
+            self.daemon.answer(self.one)
+        watch.expect_change("uplink", "failed", "active", uplink="eth0")
+
+        def told():
+            return [line.partition("] ")[2].partition(":")[0].partition(" after ")[0]
+                    for line in self.lines("/run/mail") if line.startswith("Subject: ")]
+        expect(lambda: len(told()) >= 2)
+        self.assertEqual(told(), ["eth0 ipv4 unknown -> failed", "eth0 ipv4 failed -> active"])
 
     def test_storm_is_held_and_the_latest_state_wins(self):
         self.hook("slow", 'sleep 0.5; echo "$LB_TIME $LB_EVENT $LB_TO" >> /run/slow.$LB_UPLINK\n')

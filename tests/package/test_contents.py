@@ -33,6 +33,7 @@ FILES = {
     "/usr/bin/lbsim": 0o755,
     "/usr/bin/lbshow": 0o755,
     "/usr/bin/lbwatch": 0o755,
+    "/usr/lib/systemd/system/dhcpcd.service.d/lb.conf": 0o644,
     "/usr/lib/systemd/system/lb.service": 0o644,
     "/usr/lib/systemd/system/lbroute.service": 0o644,
     "/usr/lib/systemd/system/lbwatch-hooks.service": 0o644,

@@ -69,7 +69,7 @@ class Life(unittest.TestCase):
         subprocess.run(["lbcheck", "--strict", sample], check=True)
 
     def test_the_places_that_the_daemon_needs_are_made(self):
-        places = ("/run/load-balance", "/usr/etc", "/var/vrfs")
+        places = ("/run/load-balance", "/usr/etc", "/var/vrfs", "/var/db")
 
         self.assertEqual([place for place in places if not os.path.isdir(place)], [])
         self.assertEqual([pathlib.Path(path).read_text() for path in FRAGMENTS], ["", ""])
@@ -80,6 +80,24 @@ class Life(unittest.TestCase):
         dpkg("--install", "--no-triggers", self.package)
 
         self.assertEqual(pathlib.Path(FRAGMENTS[0]).read_text(), "protocol static {\n};\n")
+
+    @unittest.skipUnless(shutil.which("systemd-tmpfiles"), "systemd is not installed")
+    def test_process_numbers_from_before_the_machines_start_are_removed_then_and_only_then(self):
+        folders = [pathlib.Path(folder) for folder in ("/run", "/var/vrfs/blue/usr/var/run", "/var/vrfs/red/usr/var/run")]
+        numbers = [folder / name for folder in folders for name in ("routing.pid", "routing6.pid")]
+        others = [pathlib.Path("/run/other.pid"), folders[1] / "other.pid"]
+        self.addCleanup(shutil.rmtree, "/var/vrfs/blue")
+        self.addCleanup(shutil.rmtree, "/var/vrfs/red")
+        for path in (*numbers, *others):
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_text("1\n")
+
+        dpkg("--install", "--no-triggers", self.package)
+        subprocess.run(["systemd-tmpfiles", "--create", "--remove", "lb.conf"], check=True)
+        self.assertEqual([path for path in (*numbers, *others) if not path.exists()], [])
+
+        subprocess.run(["systemd-tmpfiles", "--create", "--remove", "--boot", "lb.conf"], check=True)
+        self.assertEqual([path for path in (*numbers, *others) if path.exists()], others)
 
     def test_installing_enables_no_service(self):
         self.assertEqual([path for path in ENABLED if os.path.lexists(path)], [])
@@ -120,6 +138,21 @@ class Life(unittest.TestCase):
                            "/usr/lib/systemd/system/lbwatch.service")
 
         self.assertLess(float(re.search(r"exposure level for lbwatch.service: ([0-9.]+)", judged).group(1)), 2)
+
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd is not installed")
+    def test_the_manuals_drop_in_lets_the_watcher_listen_for_another_machine(self):
+        drop_in = re.search(r"^\[Service\]$.*?(?=^\.fi$)", MANUAL, re.MULTILINE | re.DOTALL).group(0).replace(r"\-", "-")
+        path = pathlib.Path("/etc/systemd/system/lbwatch.service.d/override.conf")
+        path.parent.mkdir()
+        self.addCleanup(shutil.rmtree, path.parent)
+        path.write_text(drop_in)
+
+        verified = subprocess.run(["systemd-analyze", "verify", "--recursive-errors=no", "lbwatch.service"],
+                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+
+        self.assertEqual((verified.stdout, verified.returncode), ("", 0))
+        self.assertIn("--listen 0.0.0.0:", drop_in)
+        self.assertRegex(drop_in, r"\nIPAddressAllow=\d")
 
     def test_the_watcher_has_a_user_of_its_own(self):
         self.assertTrue(output_of("getent", "passwd", "lbwatch").startswith("lbwatch:"))
@@ -199,5 +232,7 @@ class Life(unittest.TestCase):
 
 
 if __name__ == "__main__":
+    # The project may be out of sight there.
+    MANUAL = (pathlib.Path(sys.argv[1]) / "man/lbwatch.8").read_text()
     PACKAGE = enter_private_root(the_package(sys.argv[2]))
     unittest.main(argv=sys.argv[:1])

@@ -86,6 +86,9 @@ def wrong(project, programs, configuration_words, clang):
         options = options_of(programs / page.stem)
         if not options:
             yield f"{page.name}: the program tells no option"
+        # "Usage: lbshow [OPTIONS] ...", lb itself "lb -ftviodh"
+        if not re.search(rf"^(?:Usage: )?{page.stem} [\[-]", usage_of(programs / page.stem), re.M):
+            yield f"{page.name}: the program's usage does not begin with its name"
         yield from missing(page, options)
     for name in ("lbroute", "lbwatch"):
         for command in commands_of(programs / name):

@@ -299,6 +299,21 @@ TEST_F(LbwatchHistory, file_that_is_deleted_is_begun_anew) {
     EXPECT_EQ(told().size(), 1U);
 }
 
+TEST_F(LbwatchHistory, file_that_another_one_replaces_is_not_written_unseen) {
+    const auto backup = folder / "backup.db";
+    { const History made(backup, notice()); }
+    History history(path, notice());
+    history.add(event(1, "active", "failed"));
+    history.commit();
+    std::filesystem::rename(backup, path);
+    history.add(event(2, "failed", "active"));
+    EXPECT_TRUE(history.commit());
+    const auto kept = told();
+    ASSERT_EQ(kept.size(), 1U);
+    EXPECT_EQ(kept[0].to, "active");
+    EXPECT_EQ(notices.back(), path.string() + " is another file now, which is written from now on");
+}
+
 TEST_F(LbwatchHistory, rows_are_kept_as_long_as_they_are_wanted) {
     History history(path, notice());
     const std::int64_t now_ms = at(0).wall_ms;
@@ -451,6 +466,39 @@ TEST_F(LbwatchHistory, rows_that_wait_are_bounded) {
     std::filesystem::remove(folder / "file");
     EXPECT_TRUE(history.commit());
     EXPECT_NE(notices.back().find("; 1000 rows were lost"), std::string::npos);
+}
+
+TEST_F(LbwatchHistory, minutes_and_spans_that_wait_are_bounded_and_those_lost_are_counted) {
+    std::ofstream(folder / "file") << "x";
+    History history(folder / "file" / "history.db", notice());
+    std::vector<Minute> minutes;
+    for (int i = 0; i < 20'003; ++i) {
+        minutes.push_back(
+            {.minute = 1000 + i, .uplink = key("eth0"), .target = "a", .answered = 1});
+    }
+    history.add(std::move(minutes));
+    std::vector<Span> spans;
+    for (int i = 0; i < 5004; ++i) {
+        spans.push_back({.uplink = key("eth0"),
+                         .state = active,
+                         .begin_ms = i * std::int64_t{1000},
+                         .end_ms = i * std::int64_t{1000} + 900,
+                         .reason = ""});
+    }
+    history.add(std::move(spans));
+    EXPECT_FALSE(history.commit());
+    EXPECT_EQ(history.waiting(), 25'000U);
+    std::filesystem::remove(folder / "file");
+    EXPECT_TRUE(history.commit());
+    EXPECT_NE(notices.back().find("; 7 rows were lost"), std::string::npos) << notices.back();
+    HistoryReader reader((folder / "file" / "history.db").string());
+    const auto kept = reader.spans({.since_ms = 0, .until_ms = 10'000'000, .uplink = ""});
+    ASSERT_EQ(kept.size(), 5000U);
+    EXPECT_EQ(kept.front().begin_ms, 4000) << "the oldest go";
+    std::int64_t first = 0;
+    reader.minutes({.since_ms = 0, .until_ms = at(0).wall_ms, .uplink = ""},
+                   [&first](const Minute& one) { first = first == 0 ? one.minute : first; });
+    EXPECT_EQ(first, 1003);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "lbwatch/board.h"
 #include "lbwatch/metrics.h"
 
 namespace {
@@ -120,6 +121,25 @@ TEST(Metrics, count_the_active_uplinks_of_a_rule) {
 TEST(Metrics, of_a_daemon_that_was_never_seen_are_not_made_up) {
     EXPECT_EQ(samples_of(View{}, {.wall_ms = 0, .boot_ms = 10'000}),
               "lb_build_info{version=\"1.2\"} 1\nlb_up 0\n");
+}
+
+TEST(Metrics, of_a_watcher_that_stands_still_are_unknown_and_not_the_last_ones) {
+    Board board;
+    View view = one_uplink();
+    view.uplinks.begin()->second.state = UplinkState::active;
+    board.publish(view, {.wall_ms = 0, .boot_ms = 10'000});
+    board.confirm({.wall_ms = 0, .boot_ms = 20'000});
+    const auto says = [&board](const char* sample, std::int64_t boot_ms) {
+        const Moment now{.wall_ms = 0, .boot_ms = boot_ms};
+        return samples_of(*board.view(now), now).find(sample) != std::string::npos;
+    };
+    EXPECT_TRUE(says("lb_up 1\n", 50'000));
+    EXPECT_TRUE(says("state=\"active\"} 1\n", 50'000));
+    EXPECT_TRUE(says("lb_up 0\n", 50'001));
+    EXPECT_TRUE(says("state=\"active\"} 0\n", 50'001));
+    EXPECT_TRUE(says("state=\"unknown\"} 1\n", 50'001));
+    board.confirm({.wall_ms = 0, .boot_ms = 60'000});
+    EXPECT_TRUE(says("lb_up 1\n", 60'001));
 }
 
 }  // namespace

@@ -40,7 +40,8 @@ std::string advice(int error) {
         case EDQUOT:
             return "; make room there, see: df -h -i " + std::string(directory);
         case EROFS:
-            return "; make it writable, see: findmnt -T " + std::string(directory);
+            return "; make it writable, for a service by ReadWritePaths=" + std::string(directory) +
+                   ", see: findmnt -T " + directory;
         case EACCES:
         case EPERM:
             return "; run it as root";

@@ -2,6 +2,7 @@
 
 #include <linux/rtnetlink.h>
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -114,6 +115,26 @@ std::string text_of(const PathHop& hop, const KernelState& kernel, bool is_one_o
 std::string command_of(const Step& step, const KernelState& kernel,
                        const std::string& namespace_name) {
     return std::visit(Writer{kernel, namespace_name}, step);
+}
+
+std::string flush_commands(const KernelState& own, const std::string& namespace_name) {
+    const auto has_plain = [&own](Family family) {
+        return std::ranges::any_of(own.routes, [family](const KernelRoute& route) {
+            return route.group_id == 0 && route.prefix.address.family == family;
+        });
+    };
+    std::string text;
+    const auto add = [&](bool is_needed, const char* words) {
+        if (is_needed) {
+            text += (text.empty() ? "" : "; ") + ip(namespace_name) + words +
+                    protocol_name(own_protocol);
+        }
+    };
+    // Next hops first: with them the kernel takes their routes away, which ip(8) cannot flush.
+    add(!own.hops.empty() || !own.groups.empty(), "nexthop flush protocol ");
+    add(has_plain(Family::ipv4), "route flush table all protocol ");
+    add(has_plain(Family::ipv6), "-6 route flush table all protocol ");
+    return text;
 }
 
 std::string removal_command(const KernelRoute& foreign, const KernelState& kernel,

@@ -15,6 +15,9 @@ std::string command_of(const Step& step, const KernelState& kernel,
 std::string removal_command(const KernelRoute& foreign, const KernelState& kernel,
                             const std::string& namespace_name);
 
+/// The commands that take everything of our own away, in one line for a shell; empty for nothing.
+std::string flush_commands(const KernelState& own, const std::string& namespace_name);
+
 /// A routing protocol by the name that ip(8) has for it, else its number.
 std::string protocol_name(int protocol);
 

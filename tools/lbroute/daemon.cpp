@@ -17,6 +17,7 @@
 #include "decision/route_text.h"
 #include "host/linux/notify_socket.h"
 #include "lbroute/bird2.h"
+#include "lbroute/commands.h"
 #include "lbroute/daemon_record.h"
 #include "lbroute/event_loop.h"
 #include "lbroute/findings.h"
@@ -39,6 +40,8 @@ constexpr std::int64_t dumps_patience_ms = 1500;
 /// and less often, and soon again when the fragments change.
 constexpr std::int64_t first_retry_ms = 1000;
 constexpr std::int64_t longest_retry_ms = 30'000;
+/// How often files are looked at that cannot be watched.
+constexpr std::int64_t look_every_ms = 2'000;
 /// More changed routes than these are told as a number.
 constexpr std::size_t most_told_routes = 20;
 
@@ -90,17 +93,18 @@ class Daemon {
           bird_(options.bird2_file, options.birdc) {}
 
     int run() {
-        if (!loop_.is_open() || !signals_.is_open() || files_.descriptor() < 0) {
+        if (!loop_.is_open() || !signals_.is_open()) {
             journal_.say(Level::error,
-                         "no descriptors for signals, files or time: the limit of "
-                         "open files is too low");
+                         "no descriptors for signals or time: the limit of open files is too low");
             return 1;
         }
         if (!take_place()) {
             return 1;
         }
         loop_.watch(signals_.get());
-        loop_.watch(files_.descriptor());
+        if (files_.descriptor() >= 0) {
+            loop_.watch(files_.descriptor());
+        }
         loop_.watch(mounts_.get(), true);
         if (options_.flushes && options_.runs_once) {
             return flush_and_end();
@@ -121,7 +125,7 @@ class Daemon {
             }
         }
         notify_.send("STOPPING=1");
-        return end(is_refused_ ? 1 : 0);
+        return end(0);
     }
 
   private:
@@ -131,6 +135,7 @@ class Daemon {
         ServedNamespace kernel;
         std::optional<std::int64_t> uncertain_since_ms;
         std::map<std::string, std::string> paths;  ///< what was told of each route
+        bool is_claimed = false;                   ///< its process number files are ours
         bool is_shared = false;
         bool is_uncertain = false;
         bool is_good = false;  ///< everything that the fragments ask for is in force
@@ -154,12 +159,6 @@ class Daemon {
         return told(ownership_->begin());
     }
 
-    bool claim(const std::string& name) {
-        const bool is_ours = told(ownership_->claim(name));
-        is_refused_ |= !is_ours;
-        return is_ours;
-    }
-
     bool told(const Ownership::Outcome& outcome) const {
         for (const std::string& note : outcome.notes) {
             journal_.say(Level::notice, note);
@@ -168,6 +167,21 @@ class Daemon {
             journal_.say(Level::error, outcome.reason);
         }
         return outcome.kind == Ownership::Outcome::Kind::owned;
+    }
+
+    /// Takes the place of the routing daemon in one namespace, or has the record tell why not.
+    void claim(const std::string& name, Served& served) {
+        const bool is_start = name.empty() && !record_.not_served.contains(name);
+        const Ownership::Outcome outcome = ownership_->claim(name);
+        served.is_claimed = outcome.kind == Ownership::Outcome::Kind::owned;
+        if (!served.is_claimed) {
+            record_.not_served[name] = outcome.reason;
+            // Later it serves others, and is tried again.
+            is_refused_ = is_start && outcome.kind == Ownership::Outcome::Kind::refused;
+            return;
+        }
+        record_.not_served.erase(name);
+        told(outcome);
     }
 
     // What happened.
@@ -207,9 +221,14 @@ class Daemon {
         }
         retry_at_ms_.reset();
         retry_after_ms_ = std::min(2 * retry_after_ms_, longest_retry_ms);
+        look_at_everything();
+    }
+
+    void look_at_everything() {
         due_.configuration = due_.dumps = due_.holds = true;
-        for (const auto& [name, served] : served_) {
+        for (auto& [name, served] : served_) {
             due_.fragments.insert(name);
+            served.kernel.forget_foreign();
         }
     }
 
@@ -231,14 +250,15 @@ class Daemon {
                 is_ending_ = true;
                 continue;
             }
-            due_.configuration = due_.dumps = due_.holds = true;
-            for (const auto& [name, served] : served_) {
-                due_.fragments.insert(name);
-            }
+            look_at_everything();
         }
     }
 
     void take_file_changes() {
+        if (files_.is_blind() && look_at_ms_ <= boottime_ms()) {
+            look_at_ms_ = boottime_ms() + look_every_ms;
+            look_at_everything();
+        }
         const shared::FolderWatch::Changes changes = files_.drain();
         const auto has_changed = [&](const std::string& path) {
             return changes.is_all || changes.paths.contains(path);
@@ -268,6 +288,9 @@ class Daemon {
         consider(site_.read_again_at_ms());
         consider(next_end_ms(holds_));
         consider(retry_at_ms_);
+        if (files_.is_blind()) {
+            consider(look_at_ms_);
+        }
         for (const auto& [name, served] : served_) {
             for (const FragmentFile& file : served.kernel.fragments()) {
                 consider(file.read_again_at_ms());
@@ -308,11 +331,10 @@ class Daemon {
         std::set<std::string> to_route = due.routes;
         std::set<std::string> to_read = due.fragments;
         if (due.configuration || due.namespaces) {
-            follow_namespaces(to_read);
+            follow_namespaces(to_read, due.configuration);
         }
         watch_files();  // with the fragments of namespaces that have just come
         if (is_refused_) {
-            is_ending_ = true;
             return;
         }
         for (const std::string& name : to_read) {
@@ -325,6 +347,7 @@ class Daemon {
             }
         }
         watch_files();
+        tell_of_watching();
         leave_record();
         if (!is_wanting()) {
             retry_after_ms_ = first_retry_ms;
@@ -332,6 +355,17 @@ class Daemon {
         } else if (!retry_at_ms_) {
             retry_at_ms_ = boottime_ms() + retry_after_ms_;
         }
+    }
+
+    void tell_of_watching() {
+        Journal::Problems problems;
+        if (files_.is_blind()) {
+            problems
+                ["not all files that matter can be watched; they are looked at every few "
+                 "seconds instead (sysctl fs.inotify tells the limits; raise "
+                 "max_user_watches or max_user_instances)"] = Level::warning;
+        }
+        journal_.tell("watch", problems);
     }
 
     void leave_record() {
@@ -348,38 +382,73 @@ class Daemon {
     }
 
     /// Namespaces come and go with the configuration, and with their names below /var/run/netns.
-    void follow_namespaces(std::set<std::string>& to_read) {
+    /// `claims_again`: also those whose place could not be taken.
+    void follow_namespaces(std::set<std::string>& to_read, bool claims_again) {
         const std::set<std::string> named = served_names();
-        std::erase_if(served_, [&](const auto& entry) {
-            const bool is_gone = !named.contains(entry.first);
-            if (is_gone) {
-                ownership_->release(entry.first);
+        Journal::Problems left_behind;
+        for (auto& [name, served] : served_) {
+            if (!named.contains(name)) {
+                ownership_->release(name);
+                record_.not_served.erase(name);
+                left_behind.merge(left_behind_in(served.kernel));
             }
-            return is_gone;
-        });
+        }
+        std::erase_if(served_, [&](const auto& entry) { return !named.contains(entry.first); });
+        journal_.tell("left namespaces", left_behind);
         for (const std::string& name : named) {
-            if (!served_.contains(name) && !claim(name)) {
-                return;
-            }
             const auto [entry, is_new] = served_.try_emplace(name, name, options_);
+            Served& served = entry->second;
+            const bool is_to_claim = !served.is_claimed && (is_new || claims_again);
+            if (is_to_claim) {
+                claim(name, served);
+            }
             std::string problem;
-            const bool has_changed = entry->second.kernel.follow(problem);
+            const bool has_changed = served.is_claimed && served.kernel.follow(problem);
             Journal::Problems problems;
-            if (!problem.empty()) {
+            if (!served.is_claimed) {
+                problems[(name.empty() ? "the default namespace" : "namespace " + name) +
+                         " is not served: " + record_.not_served[name]] = Level::error;
+            } else if (!problem.empty()) {
                 problems[problem] = Level::error;
-            } else if (!entry->second.kernel.is_entered()) {
+            } else if (!served.kernel.is_entered()) {
                 problems["namespace " + name + " is not there: its routes wait for it"] =
                     Level::notice;
             }
             journal_.tell("namespace " + name, problems);
-            if (has_changed && entry->second.kernel.is_entered()) {
-                loop_.watch(entry->second.kernel.monitor_descriptor());
+            if (has_changed && served.kernel.is_entered()) {
+                loop_.watch(served.kernel.monitor_descriptor());
             }
-            if (has_changed || is_new) {
+            if (is_refused_) {
+                return;
+            }
+            if (has_changed || (is_to_claim && served.is_claimed)) {
                 to_read.insert(name);
-                entry->second.paths.clear();
+                served.paths.clear();
             }
         }
+    }
+
+    /// What stays in a namespace that is not served any more.
+    static Journal::Problems left_behind_in(ServedNamespace& kernel) {
+        std::string problem;
+        kernel.follow(problem);
+        if (!kernel.is_entered()) {
+            return {};
+        }
+        const Listing listing = kernel.list();
+        if (!listing.problem.empty()) {
+            return problems_of(
+                {.wanted = {}, .kernel = {}, .foreign = {}, .problem = listing.problem},
+                kernel.name());
+        }
+        Journal::Problems problems;
+        if (const std::size_t count = listing.state.routes.size(); count > 0) {
+            problems["namespace " + kernel.name() + " is not served any more: its routes stay (" +
+                     std::to_string(count) +
+                     "), which end with: " + flush_commands(listing.state, kernel.name())] =
+                Level::notice;
+        }
+        return problems;
     }
 
     /// The namespaces that are to be served.
@@ -427,7 +496,10 @@ class Daemon {
         journal_.tell("holds", problems);
         are_holds_read_ = problem.empty() && !reading.is_unread;
         if (!are_holds_read_) {
-            return false;  // what is held stays held
+            // What is held stays held, until its time is over.
+            const std::size_t before = holds_.size();
+            drop_ended(holds_, boottime_ms());
+            return holds_.size() != before;
         }
         const bool differs = reading.holds != holds_;
         holds_ = std::move(reading.holds);
@@ -458,13 +530,14 @@ class Daemon {
 
     bool is_for_bird() const { return !options_.bird2_file.empty(); }
 
-    /// Gives the routes to bird, once all of them are known; what is wrong with that.
-    Journal::Problems hand_to_bird(const Served& served, const ServedNamespace::Result& result) {
-        Journal::Problems problems;
+    /// Gives the routes to bird, once all of them are known, and adds what is wrong with that.
+    /// True where bird has taken them over.
+    bool hand_to_bird(const Served& served, const ServedNamespace::Result& result,
+                      Journal::Problems& problems) {
         const bool is_known =
             result.view.problem.empty() && !result.is_uncertain && served.kernel.knows_fragments();
         if (!is_known) {
-            return problems;
+            return false;
         }
         const Bird2Text made =
             bird2_text_of_plan(result.view.wanted.routes, served.kernel.fragments());
@@ -476,10 +549,11 @@ class Daemon {
                 ["routes of an earlier lbroute without --bird2 stand in the way of bird's: stop "
                  "lbroute, then lbroute --once --flush"] = Level::error;
         }
-        if (const std::string refusal = bird_.put(made.text); !refusal.empty()) {
+        const std::string refusal = bird_.put(made.text);
+        if (!refusal.empty()) {
             problems[refusal] = Level::error;
         }
-        return problems;
+        return refusal.empty();
     }
 
     void forget_flows(const std::string& name, Served& served,
@@ -515,16 +589,14 @@ class Daemon {
                              " ones: flows may move between uplinks when one leaves or returns");
         }
         Journal::Problems problems = problems_of(result.view, name);
-        if (is_for_bird()) {
-            problems.merge(hand_to_bird(served, result));
-        }
+        const bool is_handed_over = !is_for_bird() || hand_to_bird(served, result, problems);
         for (const std::string& failed : result.failed_removals) {
             problems["not removed: " + failed] = Level::warning;
         }
         journal_.tell("routes " + name, problems);
         served.is_good = std::ranges::all_of(
             problems, [](const auto& problem) { return problem.second >= Level::notice; });
-        if (!result.view.problem.empty()) {
+        if (!result.view.problem.empty() || !is_handed_over) {
             return;
         }
         std::map<std::string, std::string> paths;
@@ -580,7 +652,7 @@ class Daemon {
             gather();
             work();
         }
-        bool is_good = !is_refused_;
+        bool is_good = true;
         for (const auto& [name, served] : served_) {
             is_good &= served.is_good;
             for (const FragmentFile& file : served.kernel.fragments()) {
@@ -603,31 +675,59 @@ class Daemon {
     int flush_and_end() {
         site_.read_configuration();
         std::set<std::string> ignored;
-        follow_namespaces(ignored);
-        return end(is_refused_ ? 1 : 0);
+        follow_namespaces(ignored, false);
+        return end(record_.not_served.empty() ? 0 : 1);
     }
 
     int end(int status) {
         if (options_.flushes && !is_refused_) {
-            for (auto& [name, served] : served_) {
-                if (!served.kernel.is_entered() || is_for_bird()) {
-                    continue;
-                }
-                for (const std::string& failed : served.kernel.flush()) {
-                    journal_.say(Level::error, "not removed: " + failed);
-                    status = 1;
-                }
-            }
-            if (is_for_bird()) {
-                const std::string refusal = bird_.put(bird2_text({}, {}).text);
-                if (!refusal.empty()) {
-                    journal_.say(Level::error, refusal);
-                    status = 1;
-                }
+            for (const std::string& problem : is_for_bird() ? flush_bird() : flush_kernel()) {
+                journal_.say(Level::error, problem);
+                status = 1;
             }
         }
         ownership_->release_all();
         return status;
+    }
+
+    /// Takes all of our routes away, also in namespaces that the configuration does not name any
+    /// more; what could not be is told.
+    std::vector<std::string> flush_kernel() {
+        std::vector<std::string> problems;
+        const auto flush = [&problems](ServedNamespace& kernel) {
+            const std::string where =
+                kernel.name().empty() ? "" : "namespace " + kernel.name() + ": ";
+            for (const std::string& failed : kernel.flush()) {
+                problems.push_back(where + "not removed: " + failed);
+            }
+        };
+        std::set<std::string> names;
+        for (auto& [name, served] : served_) {
+            names.insert(name);
+            if (served.kernel.is_entered()) {
+                flush(served.kernel);
+            }
+        }
+        std::string problem;
+        for (const std::string& name : other_namespaces(names, problem)) {
+            ServedNamespace other(name, options_);
+            std::string not_entered;
+            other.follow(not_entered);
+            if (other.is_entered()) {
+                flush(other);
+            } else if (!not_entered.empty()) {
+                problems.push_back(not_entered);
+            }
+        }
+        if (!problem.empty()) {
+            problems.push_back(problem);
+        }
+        return problems;
+    }
+
+    std::vector<std::string> flush_bird() {
+        const std::string refusal = bird_.put(bird2_text({}, {}).text);
+        return refusal.empty() ? std::vector<std::string>{} : std::vector{refusal};
     }
 
     const Options& options_;
@@ -637,6 +737,7 @@ class Daemon {
     Fd mounts_;
     EventLoop loop_;
     shared::FolderWatch files_;
+    std::int64_t look_at_ms_ = 0;  ///< while some file cannot be watched
     Site site_;
     Bird2File bird_;
     StateFolder folder_;
@@ -650,7 +751,7 @@ class Daemon {
     std::map<std::string, Served> served_;
     Due due_;
     bool is_ending_ = false;
-    bool is_refused_ = false;  // another routing daemon has one of the places
+    bool is_refused_ = false;  // at the start, another routing daemon has the default namespace
 };
 
 }  // namespace

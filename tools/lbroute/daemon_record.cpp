@@ -65,7 +65,7 @@ std::string record_text(const DaemonRecord& record) {
     const json text{
         {"pid", record.pid},          {"start", record.start},           {"table", record.table},
         {"sticky", record.is_sticky}, {"bird2_file", record.bird2_file}, {"refused_hops", hops},
-        {"refused_routes", routes}};
+        {"refused_routes", routes},   {"not_served", record.not_served}};
     return text.dump(1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
@@ -86,6 +86,7 @@ DaemonRecord parse_record(const std::string& text) {
         for (const json& one : read.at("refused_routes")) {
             record.refused_routes[{one.at("namespace"), one.at("prefix")}] = one.at("reason");
         }
+        record.not_served = read.at("not_served").get<std::map<std::string, std::string>>();
     } catch (const json::exception&) {
         return {};
     }

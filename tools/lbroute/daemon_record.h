@@ -12,7 +12,7 @@
 #include "lbroute/state_folder.h"
 
 /// What the running program leaves for `lbroute status` in the state folder's file `status`: what
-/// only it can know, the kernel's refusals and its own options.
+/// only it can know: the kernel's refusals, the namespaces it does not serve, and its own options.
 namespace lbroute {
 
 struct DaemonRecord {
@@ -25,6 +25,8 @@ struct DaemonRecord {
     std::map<std::tuple<std::string, std::string, std::string>, std::string> refused_hops;
     /// (namespace, prefix) -> why the kernel refuses it
     std::map<std::pair<std::string, std::string>, std::string> refused_routes;
+    /// namespace -> why the place of its routing daemon could not be taken
+    std::map<std::string, std::string> not_served;
 
     bool is_running() const;  ///< its process lives
 

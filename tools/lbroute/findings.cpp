@@ -45,6 +45,9 @@ std::string title_of(const PlannedRoute& route, const std::string& namespace_nam
 
 std::string path_text(const PlannedRoute& route) {
     std::string text;
+    if (!route.refusal.empty()) {
+        return no_path;
+    }
     for (const PlannedHop* hop : route.routed()) {
         text +=
             (text.empty() ? "" : ", ") + hop_text(*hop) + " weight " + std::to_string(hop->weight);

@@ -12,7 +12,8 @@ namespace lbroute {
 std::string title_of(const PlannedRoute& route, const std::string& namespace_name);
 
 inline constexpr const char* no_path = "no next hop";
-/// "via 192.0.2.1 dev gi1_1 weight 2, via ...", of the hops that are routed; or `no_path`.
+/// "via 192.0.2.1 dev gi1_1 weight 2, via ...", of the hops that are routed; or `no_path`, also
+/// where the kernel refuses the route.
 std::string path_text(const PlannedRoute& route);
 
 /// One word for a state: "routed", "held", "no carrier", "refused" and so on.

@@ -10,11 +10,19 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 namespace lbroute {
 
+namespace {
+
+constexpr const char* folder = "/var/run/netns";
+constexpr const char* own_path = "/proc/thread-self/ns/net";
+
+}  // namespace
+
 std::string namespace_path(const std::string& name) {
-    return "/var/run/netns/" + name;
+    return std::string(folder) + "/" + name;
 }
 
 std::optional<NamespaceIdentity> namespace_identity(const std::string& name) {
@@ -32,12 +40,41 @@ std::optional<NamespaceIdentity> namespace_identity(const std::string& name) {
     return NamespaceIdentity{found.st_dev, found.st_ino};
 }
 
+std::vector<std::string> other_namespaces(const std::set<std::string>& names,
+                                          std::string& problem) {
+    std::set<NamespaceIdentity> known;
+    struct stat own {};
+    if (stat(own_path, &own) == 0) {
+        known.insert({own.st_dev, own.st_ino});
+    }
+    for (const std::string& name : names) {
+        if (const auto identity = namespace_identity(name)) {
+            known.insert(*identity);
+        }
+    }
+    std::vector<std::string> others;
+    std::error_code error;
+    std::filesystem::directory_iterator entries(folder, error);
+    while (!error && entries != std::filesystem::directory_iterator()) {
+        const std::string name = entries->path().filename();
+        const auto identity = namespace_identity(name);
+        if (identity && known.insert(*identity).second) {
+            others.push_back(name);
+        }
+        entries.increment(error);
+    }
+    if (error && error != std::errc::no_such_file_or_directory) {
+        problem = std::string(folder) + " cannot be read: " + error.message();
+    }
+    return others;
+}
+
 NamespaceVisit::NamespaceVisit(const std::string& name) {
     if (name.empty()) {
         return;
     }
     const std::string path = namespace_path(name);
-    Fd home(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+    Fd home(open(own_path, O_RDONLY | O_CLOEXEC));
     const Fd there(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!home.is_open() || !there.is_open() || setns(there.get(), CLONE_NEWNET) != 0) {
         problem_ = path + " cannot be entered: " + strerror(errno);

@@ -2,8 +2,11 @@
 
 #include <sys/types.h>
 
+#include <compare>
 #include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "base/fd.h"
 
@@ -17,12 +20,16 @@ struct NamespaceIdentity {
     dev_t device = 0;
     ino_t inode = 0;
 
-    bool operator==(const NamespaceIdentity&) const = default;
+    auto operator<=>(const NamespaceIdentity&) const = default;
 };
 
 /// The namespace that has the name now; none where there is none. The default one (the empty name)
 /// always is there.
 std::optional<NamespaceIdentity> namespace_identity(const std::string& name);
+
+/// A name of each namespace that is there beside the own one and those with these names. One that
+/// was bound to a second name is no other. The cause of a failure goes into `problem`.
+std::vector<std::string> other_namespaces(const std::set<std::string>& names, std::string& problem);
 
 /// The calling thread is in a namespace as long as this lives. Sockets opened meanwhile stay there.
 class [[nodiscard]] NamespaceVisit {

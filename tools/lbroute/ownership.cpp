@@ -141,9 +141,11 @@ Outcome Ownership::begin() {
 
 Outcome Ownership::claim(const std::string& namespace_name) {
     if (namespace_name.find('/') != std::string::npos || namespace_name == "..") {
-        return {.kind = Outcome::Kind::failed,
-                .reason = "'" + namespace_name + "' is no name of a namespace",
-                .notes = {}};
+        return {
+            .kind = Outcome::Kind::failed,
+            .reason = "'" + namespace_name +
+                      "' is no name of a namespace; lbcheck tells where the configuration has it",
+            .notes = {}};
     }
     Outcome outcome;
     const auto paths = pid_paths(root_, namespace_name);

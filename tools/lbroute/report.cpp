@@ -216,6 +216,9 @@ std::string namespace_text(const ReportedNamespace& one) {
     if (!one.problem.empty()) {
         text += "not looked at: " + one.problem + "\n";
     }
+    if (!one.not_served.empty()) {
+        text += "not served: " + one.not_served + "\n";
+    }
     for (const ReportedFragment& fragment : one.fragments) {
         if (fragment.state != "read") {
             text += fragment.path + ": " + fragment.state + "\n";
@@ -277,17 +280,15 @@ json json_of(const ReportedNamespace& one) {
     for (const ReportedRoute& route : one.routes) {
         routes.push_back(json_of(route));
     }
-    return {{"name", one.name},
-            {"agrees", one.agrees()},
-            {"problem", one.problem},
-            {"fragments", fragments},
-            {"routes", routes}};
+    return {{"name", one.name},       {"agrees", one.agrees()},
+            {"problem", one.problem}, {"not_served", one.not_served},
+            {"fragments", fragments}, {"routes", routes}};
 }
 
 }  // namespace
 
 bool ReportedNamespace::agrees() const {
-    return problem.empty() &&
+    return problem.empty() && not_served.empty() &&
            std::ranges::all_of(fragments,
                                [](const ReportedFragment& one) {
                                    return one.problems.empty() &&

@@ -47,7 +47,8 @@ struct ReportedFragment {
 
 struct ReportedNamespace {
     std::string name;
-    std::string problem;  ///< what could not be looked at
+    std::string problem;     ///< what could not be looked at
+    std::string not_served;  ///< why the running program leaves it alone; empty where it serves it
     std::vector<ReportedFragment> fragments;
     std::vector<ReportedRoute> routes;
 

@@ -89,14 +89,22 @@ bool ServedNamespace::take_announcements() {
                 return;
             }
             case RTM_NEWNEXTHOP:
-            case RTM_DELNEXTHOP:
                 matters |= is_own_next_hop(*message);
                 return;
+            case RTM_DELNEXTHOP:
+                forget_foreign();
+                matters |= !knows_foreign_ || is_own_next_hop(*message);
+                return;
             default:
+                forget_foreign();
                 matters = true;
         }
     });
     return matters;
+}
+
+void ServedNamespace::forget_foreign() {
+    knows_foreign_ &= foreign_.empty();
 }
 
 Wanted ServedNamespace::plan(const Surroundings& surroundings, const KernelState& kernel,

@@ -49,6 +49,9 @@ class ServedNamespace {
     int monitor_descriptor() const { return monitor_.descriptor(); }
     /// Takes the kernel's announcements; true where one of them matters to our routes.
     bool take_announcements();
+    /// Has the routes of others read anew, where there are any. A new one is always announced, but
+    /// with its link, address or next-hop object the kernel drops one without a word.
+    void forget_foreign();
 
     std::array<FragmentFile, 2>& fragments() { return fragments_; }
     const std::array<FragmentFile, 2>& fragments() const { return fragments_; }

@@ -117,6 +117,56 @@ ReportedNamespace look_at(const std::string& name, const Options& options, const
     return reported_one;
 }
 
+/// What stays in a namespace that the configuration does not name; none where nothing does.
+std::optional<ReportedNamespace> left_behind_in(const std::string& name, const Options& options,
+                                                std::string& problem) {
+    ServedNamespace other(name, options);
+    other.follow(problem);
+    if (!other.is_entered()) {
+        return std::nullopt;
+    }
+    Listing listing = other.list();
+    if (!listing.problem.empty()) {
+        problem = "namespace " + name + ": the kernel does not tell its " + listing.problem;
+        return std::nullopt;
+    }
+    if (listing.state.routes.empty()) {
+        return std::nullopt;
+    }
+    ReportedNamespace shown;
+    shown.name = name;
+    shown.not_served = "the configuration does not name it; its routes end with: " +
+                       flush_commands(listing.state, name);
+    View view;
+    view.kernel = std::move(listing.state);
+    shown.routes = reported_routes(view, {}, name,
+                                   [&](std::uint32_t group) { return other.buckets_of(group); });
+    return shown;
+}
+
+/// Looks into every namespace that the configuration does not name.
+void add_left_behind(const Options& options, const std::set<std::string>& named, Report& report) {
+    std::string problem;
+    std::vector<std::string> unseen;
+    for (const std::string& name : other_namespaces(named, problem)) {
+        std::string cause;
+        if (auto shown = left_behind_in(name, options, cause)) {
+            report.namespaces.push_back(std::move(*shown));
+        } else if (!cause.empty()) {
+            unseen.push_back(cause);
+        }
+    }
+    if (!problem.empty()) {
+        report.problems.push_back(problem);
+    }
+    if (!unseen.empty()) {
+        report.problems.push_back(
+            "namespaces that the configuration does not name cannot be "
+            "looked at (" +
+            std::to_string(unseen.size()) + "), the first: " + unseen[0]);
+    }
+}
+
 /// The text that bird is to have by the fragments of now.
 Bird2Text text_for_bird(const Options& options, const Scene& scene, Report& report) {
     ServedNamespace served("", options);
@@ -144,6 +194,15 @@ void compare_bird2_file(const Options& options, const Scene& scene, Report& repo
     }
 }
 
+void note_not_served(Report& report) {
+    for (ReportedNamespace& one : report.namespaces) {
+        const auto reason = report.daemon.not_served.find(one.name);
+        if (reason != report.daemon.not_served.end()) {
+            one.not_served = reason->second;
+        }
+    }
+}
+
 }  // namespace
 
 Report report_of_now(Options options, bool chooses_table) {
@@ -161,9 +220,14 @@ Report report_of_now(Options options, bool chooses_table) {
     if (report.is_running && !scene.daemon.bird2_file.empty()) {
         compare_bird2_file(options, scene, report);
     } else {
-        for (const std::string& name : scene.site.uplinks().namespaces()) {
+        const std::set<std::string> named = scene.site.uplinks().namespaces();
+        for (const std::string& name : named) {
             report.namespaces.push_back(look_at(name, options, scene));
         }
+        add_left_behind(options, named, report);
+    }
+    if (report.is_running) {
+        note_not_served(report);
     }
     return report;
 }
@@ -190,7 +254,17 @@ int show_commands(const Options& options) {
         const bool is_good = is_whole && made.left_out.empty() && report.agrees();
         return shared::end_output("lbroute") && is_good ? 0 : 1;
     }
-    for (const std::string& name : scene.site.uplinks().namespaces()) {
+    const std::set<std::string> named = scene.site.uplinks().namespaces();
+    std::vector<std::string> names(named.begin(), named.end());
+    if (options.flushes) {
+        std::string problem;
+        std::ranges::copy(other_namespaces(named, problem), std::back_inserter(names));
+        if (!problem.empty()) {
+            std::cerr << "lbroute: " << problem << std::endl;
+            is_whole = false;
+        }
+    }
+    for (const std::string& name : names) {
         ServedNamespace served(name, options);
         const std::string problem = prepare(served);
         Journal::Problems problems;

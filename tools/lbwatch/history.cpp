@@ -81,6 +81,14 @@ std::string problem_of_place(const std::string& path) {
     return S_ISREG(found.st_mode) ? "" : "it is no regular file";
 }
 
+/// The device and the number of a file; nothing where there is none.
+std::optional<std::pair<dev_t, ino_t>> file_at(const std::string& path) {
+    struct stat found {};
+    return stat(path.c_str(), &found) == 0
+               ? std::make_optional(std::make_pair(found.st_dev, found.st_ino))
+               : std::nullopt;
+}
+
 bool is_error(int code) {
     return code != SQLITE_OK && code != SQLITE_DONE && code != SQLITE_ROW;
 }
@@ -119,9 +127,14 @@ bool History::open() {
         fail(SQLITE_CANTOPEN, problem);
         return false;
     }
-    constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-    database_ = std::make_unique<Database>(path_, flags);
-    if (database_->is_open() && prepare()) {
+    const auto begin = [this] {
+        constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+        database_ = std::make_unique<Database>(path_, flags);
+        const bool is_ready = database_->is_open() && prepare();
+        file_ = file_at(path_);
+        return is_ready;
+    };
+    if (begin()) {
         return true;
     }
     if (is_refused_) {
@@ -131,8 +144,7 @@ bool History::open() {
     const int code = database_->code();
     if (is_damage(code)) {
         move_aside(database_->error());
-        database_ = std::make_unique<Database>(path_, flags);
-        if (database_->is_open() && prepare()) {
+        if (begin()) {
             return true;
         }
     }
@@ -225,15 +237,22 @@ void History::add(std::vector<Span> spans) {
     }
 }
 
+void History::follow_file() {
+    if (database_ == nullptr || file_at(path_) == file_) {
+        return;
+    }
+    notice_(path_ + (file_at(path_) ? " is another file now, which is written from now on"
+                                    : " is gone; a new one is begun"));
+    // The log beside it belongs to the file that was there, and would be read into the new one.
+    database_->run("PRAGMA wal_checkpoint(TRUNCATE)");
+    database_.reset();
+}
+
 bool History::commit() {
     if (waiting() == 0) {
         return true;
     }
-    // A file that was deleted or put in place of ours would be written by nobody's reader.
-    if (database_ != nullptr && access(path_.c_str(), F_OK) != 0) {
-        notice_(path_ + " is gone; a new one is begun");
-        database_.reset();
-    }
+    follow_file();
     int code = SQLITE_CANTOPEN;
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (database_ == nullptr && !open()) {

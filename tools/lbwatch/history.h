@@ -1,11 +1,14 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/fd.h"
@@ -56,6 +59,10 @@ class History {
     /// Writes what waits, in one transaction; true where nothing is left waiting.
     bool commit();
 
+    /// Lets go of a file that was deleted, or that another one has taken the place of: what goes to
+    /// it no reader finds. Soon is better: until then its log lies beside the new file.
+    void follow_file();
+
     /// Deletes what is older than it is kept, and the oldest of more rows than that.
     void forget_old(std::int64_t now_ms, const MostRows& most = {});
 
@@ -80,6 +87,7 @@ class History {
     Notice notice_;
     Fd lock_;
     std::unique_ptr<Database> database_;
+    std::optional<std::pair<dev_t, ino_t>> file_;  ///< that the database is in
     bool is_refused_ = false;  ///< a newer version's, or another run's: never touched
     bool is_failing_ = false;
     bool has_told_most_ = false;  ///< that there are more rows than are kept

@@ -146,6 +146,7 @@ void Watcher::second_hand(const Moment& now) {
     if (was_clean && !dirty_.empty()) {
         read_at_boot_ms_ = now.boot_ms;
     }
+    board_.confirm(now);
     output_.flush();
     const auto evidence = [&] {
         searched_boot_ms_ = 0;
@@ -164,6 +165,9 @@ void Watcher::second_hand(const Moment& now) {
     if (minute != last_minute_) {
         keep(now, false);
         last_minute_ = minute;
+    }
+    if (history_ != nullptr) {
+        history_->follow_file();
     }
     if (history_ != nullptr && history_->waiting() > 0 &&
         now.boot_ms - written_again_boot_ms_ >= write_again_ms) {
@@ -228,7 +232,8 @@ void Watcher::publish() {
                     .rules = session_.world().rules(),
                     .daemon = session_.daemon().state(),
                     .last_written_boot_ms = session_.daemon().last_written_boot_ms(),
-                    .history = options_.history == "none" ? "" : options_.history});
+                    .history = options_.history == "none" ? "" : options_.history},
+                   now());
 }
 
 /// What the hooks have been told of they may end, within a few seconds.

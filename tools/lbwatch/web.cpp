@@ -106,11 +106,11 @@ class Web::Routes : public httplib::Server {
             answer.set_content(page_script, "text/javascript; charset=utf-8");
         });
         Get("/metrics", [this](const auto&, auto& answer) {
-            answer.set_content(metrics_of(*board_.view(), version_, now()),
+            answer.set_content(metrics_of(*board_.view(now()), version_, now()),
                                "text/plain; version=0.0.4; charset=utf-8");
         });
         Get("/api/state", [this](const auto&, auto& answer) {
-            answer.set_content(json_of(*board_.view(), now()) + "\n", "application/json");
+            answer.set_content(json_of(*board_.view(now()), now()) + "\n", "application/json");
         });
         Get("/api/events", [this](const auto& asked, auto& answer) { events(asked, answer); });
         Get("/api/report", [this](const auto& asked, auto& answer) { report(asked, answer); });
@@ -155,7 +155,7 @@ class Web::Routes : public httplib::Server {
     }
 
     std::string make_page(const Moment& at) const {
-        const auto view = board_.view();
+        const auto view = board_.view(at);
         Report day;
         day.since_ms = at.wall_ms - day_ms;
         day.until_ms = at.wall_ms;
@@ -212,7 +212,7 @@ class Web::Routes : public httplib::Server {
         if (!read_selection(asked, answer, selection)) {
             return;
         }
-        const auto view = board_.view();
+        const auto view = board_.view(now());
         std::deque<Event> found;
         std::string problem = "no history is kept";
         if (!view->history.empty()) {
@@ -246,7 +246,7 @@ class Web::Routes : public httplib::Server {
         if (!read_selection(asked, answer, selection)) {
             return;
         }
-        const auto view = board_.view();
+        const auto view = board_.view(now());
         if (view->history.empty()) {
             text_answer(answer, 503, "no history is kept");
             return;

@@ -22,7 +22,7 @@ constexpr std::uint32_t of_folder = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | I
 FolderWatch::FolderWatch() : inotify_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {}
 
 void FolderWatch::watch(const std::set<std::string>& folders) {
-    if (folders != folders_) {
+    if (folders != folders_ || is_blind_) {
         folders_ = folders;
         refresh();
     }
@@ -37,6 +37,7 @@ bool FolderWatch::sees(const std::string& folder) const {
 void FolderWatch::refresh() {
     std::map<int, Watched> before;
     before.swap(watched_);
+    is_blind_ = false;
     for (const std::string& folder : folders_) {
         add(folder, true);
     }
@@ -62,6 +63,7 @@ void FolderWatch::add(const std::string& folder, bool is_own) {
             }
             return;
         }
+        is_blind_ |= errno != ENOENT && errno != ENOTDIR;
         const std::string above = std::filesystem::path(at).parent_path();
         if (above == at || above.empty()) {
             return;

@@ -15,6 +15,7 @@ class FolderWatch {
   public:
     FolderWatch();
 
+    /// -1 where the kernel gives none.
     int descriptor() const { return inotify_.get(); }
 
     /// From now on exactly these folders.
@@ -22,6 +23,10 @@ class FolderWatch {
 
     /// Whether changes in this folder are noticed: it is there, and the kernel gave a watch.
     bool sees(const std::string& folder) const;
+
+    /// Whether some folder, or the one above it that is there, has no watch: the kernel's limits
+    /// (sysctl fs.inotify) are reached, or the folder may not be read. Each `watch` tries again.
+    bool is_blind() const { return is_blind_; }
 
     struct Changes {
         std::set<std::string> paths;  ///< files that were written, renamed or removed
@@ -37,6 +42,7 @@ class FolderWatch {
 
     Fd inotify_;
     std::set<std::string> folders_;
+    bool is_blind_ = false;
     struct Watched {
         std::string folder;
         bool is_own = false;  ///< one that was asked for, not one above it

@@ -131,6 +131,11 @@ class Lbroute:
         with open(f"/proc/{self.pid}/status", encoding="ascii") as file:
             return int(next(line for line in file if line.startswith("voluntary_ctxt")).split()[1])
 
+    def processor_s(self):
+        """Seconds of a processor that it took so far."""
+        with open(f"/proc/{self.pid}/stat", encoding="ascii") as file:
+            return sum(map(int, file.read().rpartition(")")[2].split()[11:13])) / os.sysconf("SC_CLK_TCK")
+
     def is_asleep(self):
         with open(f"/proc/{self.pid}/stat", encoding="ascii") as file:
             return file.read().rpartition(")")[2].split()[0] == "S"

@@ -44,14 +44,16 @@ include "{included}";
 
 
 class NewerBird:
-    """A bird in a namespace, started when the test says so. `included` is the file of lbroute's."""
+    """A bird in a namespace, started when the test says so. `included` is the file of lbroute's. With `user` bird runs as that
+    user and group, and has its configuration and its control socket in the folder `home`, which belongs to them."""
 
-    def __init__(self, namespace, folder, version, included):
+    def __init__(self, namespace, folder, version, included, user="", home=""):
         self._namespace = namespace
         self._program = newer_bird_binary(version)
-        self._conf = os.path.join(folder, "bird.conf")
+        self._conf = os.path.join(home or folder, "bird.conf")
         self._log_path = os.path.join(folder, "bird.err")
-        self._control = "/run/newer-bird.ctl"
+        self._control = os.path.join(home or "/run", "newer-bird.ctl")
+        self._as_user = ["-u", user, "-g", user] if user else []
         self._process = None
         self.write_conf(_CONF.format(included=included))
 
@@ -72,7 +74,7 @@ class NewerBird:
             os.unlink(self._control)
         with open(self._log_path, "ab") as log:
             self._process = subprocess.Popen(
-                self._namespace.command(self._program, "-f", "-c", self._conf, "-s", self._control),
+                self._namespace.command(self._program, "-f", "-c", self._conf, "-s", self._control, *self._as_user),
                 stdout=log, stderr=log, stdin=subprocess.DEVNULL)
         expect(lambda: self.birdc("show", "status").find("Daemon is up") >= 0,
                what="bird is ready: " + (text_of(self._log_path) or ""))

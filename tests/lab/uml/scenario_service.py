@@ -37,6 +37,32 @@ User=daemon
 ExecStart=/usr/bin/python3 -I -S {RECORDER_FOR_ALL} {routing_daemon.fragment_path()} {HUPS}
 ExecStartPost=+/bin/sh -c 'echo $MAINPID > {routing_daemon.pid_path()}'
 """
+# As Debian 12 and 13 confine dhcpcd.service, whose package would start a client on every interface of this machine. In the
+# client's place is what it starts at a new lease.
+DHCPCD = """[Service]
+Type=oneshot
+Environment=reason=BOUND interface=gi1_2 "new_routers=198.51.100.1"
+ExecStart=/usr/lib/dhcpcd/dhcpcd-run-hooks
+RuntimeDirectory=dhcpcd
+ProtectSystem=strict
+ReadWritePaths=-/var/lib/dhcpcd /run/dhcpcd -/etc/dhcpcd.conf -/etc/resolv.conf
+ProtectHome=true
+PrivateDevices=true
+ProtectClock=true
+ProtectKernelModules=true
+ProtectKernelLogs=true
+ProtectControlGroups=true
+RestrictNamespaces=true
+LockPersonality=true
+MemoryDenyWriteExecute=true
+RestrictRealtime=true
+RestrictSUIDSGID=true
+SystemCallFilter=@system-service chroot
+SystemCallErrorNumber=EPERM
+SystemCallArchitectures=native
+"""
+DHCPCD_DROP_IN = "dhcpcd.service.d/lb.conf"
+LEASE = pathlib.Path("/var/db/dhclient_gi1_2.leases")
 # The first cycle comes before the first look at the leases.
 NO_LEASE_READ_YET = "%WAN-W-ERR: <check_arp_exist> Inet_aton() failed Invalid argument(22)"
 FRAGMENT = ("protocol static {\ncheck link 1;\n"
@@ -80,7 +106,7 @@ def make_network():
     link("gi1_1", peers[0], ["192.0.2.2/24", "2001:db8:1::2/64"], ["192.0.2.1/24", f"{PEER6}/64"])
     link("gi1_2", peers[1], ["198.51.100.2/24"], ["198.51.100.1/24"])
     link("gi1_3", peers[2], ["203.0.113.2/24"], ["203.0.113.1/24"], blue.name)
-    pathlib.Path("/var/db/dhclient_gi1_2.leases").write_text("lease {\n  option routers 198.51.100.1;\n}\n")
+    LEASE.write_text("lease {\n  option routers 198.51.100.1;\n}\n")
     routing_daemon.make_directories("blue")
     return [blue, *peers]
 
@@ -88,7 +114,11 @@ def make_network():
 def make_units():
     make_targets()
     (UNITS / "routing.service").write_text(ROUTING_DAEMON)
-    shutil.copy("/usr/lib/systemd/system/lb.service", UNITS)
+    for unit in ("lb.service", "lbwatch-hooks.service"):
+        shutil.copy(f"/usr/lib/systemd/system/{unit}", UNITS)
+    (UNITS / "dhcpcd.service").write_text(DHCPCD)
+    (UNITS / DHCPCD_DROP_IN).parent.mkdir()
+    shutil.copy(f"/usr/lib/systemd/system/{DHCPCD_DROP_IN}", UNITS / DHCPCD_DROP_IN)
     shutil.copy(HUP_RECORDER, RECORDER_FOR_ALL)
     RECORDER_FOR_ALL.chmod(0o644)
 
@@ -201,6 +231,30 @@ class Service(unittest.TestCase):
 
     def test_nothing_can_be_mounted_there(self):
         self.assertNotEqual(self.in_the_units_place("mount -t tmpfs none /mnt"), 0)
+
+    @unittest.skipUnless(os.path.exists("/usr/lib/dhcpcd/dhcpcd-run-hooks"), "dhcpcd is not installed")
+    def test_a_lease_can_be_told_from_where_dhcpcd_may_write(self):
+        before = LEASE.read_text()
+        self.addCleanup(LEASE.write_text, before)
+        LEASE.unlink()
+
+        self.manager.control("start", "dhcpcd.service")
+
+        self.assertIn("option routers 198.51.100.1;", LEASE.read_text())
+
+    def test_hooks_that_run_may_end_when_their_service_is_stopped(self):
+        hook = pathlib.Path("/etc/lb/hooks.d/slow")
+        hook.write_text("#!/bin/sh\necho $$ >>/run/hooks.begun\nsleep 2\necho $$ >>/run/hooks.ended\n")
+        hook.chmod(0o755)
+        self.addCleanup(hook.unlink)
+        fragment_is(FRAGMENT)
+        self.manager.control("start", "lbwatch-hooks.service")
+        begun = expect(lambda: routing_daemon.text_of("/run/hooks.begun"), 60, "a hook runs").split()
+
+        self.manager.control("stop", "lbwatch-hooks.service")
+
+        ended = (routing_daemon.text_of("/run/hooks.ended") or "").split()
+        self.assertEqual(set(begun) - set(ended), set())
 
     def test_a_daemon_that_was_killed_is_started_anew(self):
         first = self.manager.shown("lb.service", "MainPID")

@@ -144,7 +144,7 @@ TEST_F(LbrouteDaemon, follows_fragments_holds_and_the_kernel_until_it_is_ended) 
     in_own_machine([this] {
         write_fragment(first);
         ::testing::internal::CaptureStderr();
-        const int status = beside([this] {
+        const int status = beside([] {
             EXPECT_TRUE(within([] { return hops() == 1; }));
             write_fragment(both);
             EXPECT_TRUE(within([] { return hops() == 2; }));

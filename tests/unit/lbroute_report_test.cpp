@@ -293,9 +293,11 @@ TEST(KernelReport, shows_everything_in_columns) {
               "gone\n"
               "    refused: no way\n"
               "    in its place stands a route of others, which ends with: ip route del one\n"
-              "    shadowed by a route of others with a lower metric, which ends with: ip route "
+              "    shadowed by a route of others with a lower metric or the same, which ends with: "
+              "ip route "
               "del two\n"
-              "    shadowed by a route of others with a lower metric, which ends with: ip route "
+              "    shadowed by a route of others with a lower metric or the same, which ends with: "
+              "ip route "
               "del three\n"
               "The kernel does not route as the fragments ask.\n");
 }

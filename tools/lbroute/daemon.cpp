@@ -17,12 +17,12 @@
 #include "decision/route_text.h"
 #include "host/linux/notify_socket.h"
 #include "lbroute/bird2.h"
-#include "lbroute/commands.h"
 #include "lbroute/daemon_record.h"
 #include "lbroute/event_loop.h"
 #include "lbroute/findings.h"
 #include "lbroute/holds.h"
 #include "lbroute/journal.h"
+#include "lbroute/left_behind.h"
 #include "lbroute/ownership.h"
 #include "lbroute/served_namespace.h"
 #include "lbroute/site.h"
@@ -431,27 +431,6 @@ class Daemon {
         }
     }
 
-    /// What stays in a namespace that is not served any more.
-    static Journal::Problems left_behind_in(ServedNamespace& kernel) {
-        std::string problem;
-        kernel.follow(problem);
-        if (!kernel.is_entered()) {
-            return {};
-        }
-        const Listing listing = kernel.list();
-        if (!listing.problem.empty()) {
-            return problems_of_listing(listing.problem, kernel.name());
-        }
-        Journal::Problems problems;
-        if (const std::size_t count = listing.state.routes.size(); count > 0) {
-            problems["namespace " + kernel.name() + " is not served any more: its routes stay (" +
-                     std::to_string(count) +
-                     "), which end with: " + flush_commands(listing.state, kernel.name())] =
-                Level::notice;
-        }
-        return problems;
-    }
-
     /// The namespaces that are to be served.
     std::set<std::string> served_names() {
         std::set<std::string> names = site_.uplinks().namespaces();
@@ -691,38 +670,17 @@ class Daemon {
         return status;
     }
 
-    /// Takes all of our routes away, also in namespaces that the configuration does not name any
-    /// more; what could not be is told.
+    /// Also in namespaces that the configuration does not name any more.
     std::vector<std::string> flush_kernel() {
         std::vector<std::string> problems;
-        const auto flush = [&problems](ServedNamespace& kernel) {
-            const std::string where =
-                kernel.name().empty() ? "" : "namespace " + kernel.name() + ": ";
-            for (const std::string& failed : kernel.flush()) {
-                problems.push_back(where + "not removed: " + failed);
-            }
-        };
         std::set<std::string> names;
         for (auto& [name, served] : served_) {
             names.insert(name);
             if (served.kernel.is_entered()) {
-                flush(served.kernel);
+                std::ranges::move(flush(served.kernel), std::back_inserter(problems));
             }
         }
-        std::string problem;
-        for (const std::string& name : other_namespaces(names, problem)) {
-            ServedNamespace other(name, options_);
-            std::string not_entered;
-            other.follow(not_entered);
-            if (other.is_entered()) {
-                flush(other);
-            } else if (!not_entered.empty()) {
-                problems.push_back(not_entered);
-            }
-        }
-        if (!problem.empty()) {
-            problems.push_back(problem);
-        }
+        std::ranges::move(flush_others(names, options_), std::back_inserter(problems));
         return problems;
     }
 

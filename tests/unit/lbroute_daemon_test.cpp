@@ -158,7 +158,7 @@ TEST_F(LbrouteDaemon, follows_fragments_holds_and_the_kernel_until_it_is_ended) 
                 add_hold(holds, {.namespace_name = "",
                                  .interface = "wan2",
                                  .family = Family::ipv4,
-                                 .until_ms = boottime_ms() + 500,
+                                 .until_ms = boottime_ms() + 2'000,
                                  .is_forced = false});
             });
             EXPECT_TRUE(within([] { return hops() == 1; }));

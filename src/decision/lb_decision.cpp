@@ -65,8 +65,8 @@ void publish_choice(LBDecision::RuleEntry rule, const std::string& prefix,
 
 /// Remembers the routes of the worker's namespace and family, before they are written (B102); false
 /// when they are those of its last run, or none in the first one (B101). Workers of all namespaces
-/// add their entries to one map, so even finding an entry takes the lock: shared in the many cycles
-/// that change nothing.
+/// add their entries to one map, so even finding an entry takes the lock: shared where an interface
+/// has changed, but no route.
 bool remember(LBData& data, const context& ctx, const std::string& routes) {
     auto& last_routes = ctx.ipv6 ? data.last_routes6 : data.last_routes4;
     {

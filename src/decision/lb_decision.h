@@ -7,8 +7,9 @@
 #include "config/lb_data.h"
 
 /// Turns the state of a worker's interfaces into multipath routes and hands them to the routing
-/// daemon. Without a state of its own: what it remembers between cycles lives in `LBData`. Each
-/// worker runs it for its own namespace and family.
+/// daemon. Without a state of its own: what it remembers between cycles lives in `LBData`, and in
+/// the worker's `OwnRecords` what the routes were made from. Each worker runs it for its own
+/// namespace and family.
 class LBDecision {
   public:
     /// Interface name -> weight: the interfaces that may carry a rule's traffic now.
@@ -17,10 +18,10 @@ class LBDecision {
     using RuleEntry = std::map<std::string, LBRule>::iterator;
     using TargetEntry = std::map<std::string, int>::iterator;
 
-    /// The whole decision. Where the routes of the namespace changed since the last run, the
-    /// fragment is rewritten, the routing daemon gets SIGHUP, and the kernel's route cache is
-    /// flushed. The new text is remembered first: a failed write is not tried again until the
-    /// routes change (B102).
+    /// The whole decision; nothing where all of the worker's interfaces are as they were. Where the
+    /// routes of the namespace changed since the last run, the fragment is rewritten, the routing
+    /// daemon gets SIGHUP, and the kernel's route cache is flushed. The new text is remembered
+    /// first: a failed write is not tried again until the routes change (B102).
     void run(LBData& data, context* ctx);
 
     /// The active members of a rule with their weights; of a failover rule only the heaviest, among

@@ -121,6 +121,20 @@ TEST(Mistakes, two_next_hops_in_a_block) {
               "that of line 5\n");
 }
 
+TEST(Mistakes, two_targets_of_a_probe) {
+    Uplink uplink{.probe = "type ping {\ntarget 198.51.100.1\ntarget 198.51.100.2\n}\n"};
+    EXPECT_EQ(found_in(uplink),
+              "warning: 'target 198.51.100.1': never asked, as a later target of its probe "
+              "replaces it: give it a rule with a number of its own\n");
+    uplink.in_interface = "check_all\n";
+    EXPECT_EQ(found_in(uplink),
+              "error: 'target 198.51.100.1': never asked, as a later target of its probe replaces "
+              "it, and with check_all the uplink stays down: give it a rule with a number of its "
+              "own\n");
+    uplink.probe = "type ping {\ntarget 198.51.100.1\ntarget 198.51.100.1\n}\n";
+    EXPECT_EQ(found_in(uplink), "") << "one and the same";
+}
+
 TEST(Mistakes, two_uplinks_with_one_next_hop) {
     const Uplink first;
     const Uplink second{.name = "gi1_2", .prefix = "10.0.0.0/8"};

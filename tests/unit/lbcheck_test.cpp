@@ -116,9 +116,12 @@ TEST(Check, addresses_that_do_not_parse_are_errors) {
               "5 error 'nexthop 2001:db8::1' not an address of the interface's family");
     EXPECT_EQ(found_in(conf("source_address eth0\n")),
               "6 error 'source_address eth0' not an address of the interface's family");
-    EXPECT_EQ(found_in(conf("", "target example.org\n")),
-              "9 error 'target example.org' not an address of the interface's family: the probe is "
-              "never sent");
+    EXPECT_EQ(
+        found_in(conf("", "target example.org\n")),
+        "8 warning 'target 198.51.100.1' never asked, as a later target of its probe replaces "
+        "it: give it a rule with a number of its own\n"
+        "9 error 'target example.org' not an address of the interface's family: the probe is "
+        "never sent");
     EXPECT_EQ(found_in(conf("", "", "target {\naddress 10.0.0.0\n}\n")),
               "21 error 'address 10.0.0.0' not a prefix of the rule's family");
     EXPECT_EQ(found_in(conf("", "", "target {\naddress 10.0.0.0/33\n}\n")),
@@ -256,9 +259,12 @@ TEST(Check, member_or_destination_declared_twice_is_told) {
 }
 
 TEST(Check, probe_dropped_by_a_repeated_number_is_told) {
-    EXPECT_EQ(found_in(conf("rule 1 {\ntype ping_ext {\ntarget 198.51.100.9\n}\n}\n")),
-              "12 warning 'type ping_ext' the number of this rule has a probe already: this one is "
-              "dropped, its lines act on the first");
+    EXPECT_EQ(
+        found_in(conf("rule 1 {\ntype ping_ext {\ntarget 198.51.100.9\n}\n}\n")),
+        "8 warning 'target 198.51.100.9' never asked, as a later target of its probe replaces "
+        "it: give it a rule with a number of its own\n"
+        "12 warning 'type ping_ext' the number of this rule has a probe already: this one is "
+        "dropped, its lines act on the first");
 }
 
 TEST(Check, probes_of_one_target_are_told) {

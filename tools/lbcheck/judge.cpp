@@ -185,6 +185,23 @@ class Judge {
                     "probe " + std::to_string(number) + " has the target of another one");
             }
         });
+        judge_replaced_targets(place, health, targets);
+    }
+
+    /// B37: the loader remembers a target whose probe has got another one, and it stays down.
+    void judge_replaced_targets(const std::string& place, const LBHealth& health,
+                                const std::set<std::string>& probed) {
+        for (const auto& [target, verdict] : health.history.last_resp) {
+            if (probed.contains(target)) {
+                continue;
+            }
+            const std::string text = "target " + target;
+            const std::string never = "never asked, as a later target of its probe replaces it";
+            const std::string mend = ": give it a rule with a number of its own";
+            add(place + " " + text, health.check_all ? Severity::error : Severity::warning, text,
+                never + (health.check_all ? ", and with check_all the uplink stays down" : "") +
+                    mend);
+        }
     }
 
     void judge_rule(const std::string& name, const LBRule& rule) {

@@ -166,7 +166,10 @@ void Watcher::note_place(const HandledStatement& statement) {
         interface_ = value;
         next_hop_line_ = 0;
         is_ipv6_ = key == "interface6";
-        places_.try_emplace(key + " " + value, line_);
+        interface_place_ = key + " " + value;
+        places_.try_emplace(interface_place_, line_);
+    } else if (is_health(statement) && key == "target") {
+        places_.try_emplace(interface_place_ + " target " + value, line_);
     } else if (!is_health(statement) && (key == "rule" || handled == Handled::strayed)) {
         rule_ = value;
         places_.try_emplace("rule " + value, line_);

@@ -26,8 +26,8 @@ class Watcher : public LoadObserver {
     /// The file was read to its end, or as far as the loader goes.
     void end();
 
-    /// The line of "interface NAME" and "interface6 NAME" below health, of "rule NAME" and of
-    /// "rule NAME interface NAME"; 0 for what was never declared.
+    /// The line of "interface NAME" and "interface6 NAME" below health, of "interface NAME target
+    /// ADDRESS", of "rule NAME" and of "rule NAME interface NAME"; 0 for what was never declared.
     int line_of(const std::string& place) const;
 
   private:
@@ -51,6 +51,7 @@ class Watcher : public LoadObserver {
     int opened_line_ = 0;         // of the outermost block that is open
     std::string opened_text_;
     std::string interface_;  // the latest below health
+    std::string interface_place_;
     bool is_ipv6_ = false;
     int next_hop_line_ = 0;  // of its block; 0 while it has none
     std::string rule_;       // the latest rule

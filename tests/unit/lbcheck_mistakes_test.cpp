@@ -72,6 +72,26 @@ TEST(Mistakes, host_bits_in_a_prefix) {
     EXPECT_EQ(lbcheck::problem_of_prefix(AF_INET6, "2001:db8::1/128"), "");
 }
 
+TEST(Mistakes, destination_in_two_spellings) {
+    Uplink uplink{.in_target = "address 0.0.0.0/00\n"};
+    EXPECT_EQ(found_in(uplink),
+              "warning: 'rule 1_ipv4': routes 0.0.0.0/0 also as 0.0.0.0/00: the routing daemon is "
+              "given both\n");
+    uplink = {.family = "6",
+              .nexthop = "2001:db8::1",
+              .in_interface = source6,
+              .probe = probe6,
+              .prefix = "2001:DB8:5::/48"};
+    const std::string once = uplink.health() + uplink.rule("1");
+    uplink.prefix = "2001:db8:5::/48";
+    EXPECT_EQ(found_in(once + uplink.rule("2")),
+              "warning: 'rule 2_ipv6': routes 2001:db8:5::/48 as rule 1_ipv6 does, written "
+              "2001:DB8:5::/48: the routing daemon is given both\n");
+    uplink.prefix = "2001:db8:5::/49";
+    EXPECT_EQ(found_in(once + uplink.rule("2")), "");
+    EXPECT_EQ(lbcheck::canonical_prefix(AF_INET, "here"), "here");
+}
+
 TEST(Mistakes, next_hop_that_the_kernel_prints_otherwise) {
     EXPECT_EQ(found_in(Uplink{.family = "6",
                               .nexthop = "2001:DB8:1:0::1",

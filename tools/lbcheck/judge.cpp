@@ -4,6 +4,7 @@
 #include <map>
 #include <set>
 #include <tuple>
+#include <utility>
 
 #include "lbcheck/timing.h"
 #include "lbcheck/values.h"
@@ -230,11 +231,19 @@ class Judge {
 
     void judge_prefix(const std::string& place, const LBRule& rule, const std::string& prefix,
                       bool is_ipv6) {
-        const auto [first, is_new] =
-            routed_by_.try_emplace({rule.namespace_name, is_ipv6, prefix}, place);
-        if (!is_new) {
-            warn(place, "routes " + prefix + " as " + first->second +
-                            " does: the routing daemon is given both");
+        const auto [first, is_new] = routed_by_.try_emplace(
+            {rule.namespace_name, is_ipv6, canonical_prefix(family_of(is_ipv6), prefix)},
+            std::pair{place, prefix});
+        if (is_new) {
+            return;
+        }
+        const auto& [other, spelling] = first->second;
+        const std::string both = ": the routing daemon is given both";
+        if (other == place) {
+            warn(place, "routes " + spelling + " also as " + prefix + both);
+        } else {
+            warn(place, "routes " + prefix + " as " + other + " does" +
+                            (spelling == prefix ? "" : ", written " + spelling) + both);
         }
     }
 
@@ -265,8 +274,10 @@ class Judge {
     std::vector<Finding>& findings_;
     const WorkByNamespace work_;
     const std::set<std::pair<std::string, bool>> members_;
-    /// Namespace, family and prefix of each destination so far, with the first rule that has it.
-    std::map<std::tuple<std::string, bool, std::string>, std::string> routed_by_;
+    /// Namespace, family and prefix of each destination so far, with the first rule that has it and
+    /// how it is written there.
+    std::map<std::tuple<std::string, bool, std::string>, std::pair<std::string, std::string>>
+        routed_by_;
     /// Namespace, family and next hop of each uplink so far, with the first that has it.
     std::map<std::tuple<std::string, bool, std::string>, std::string> uplink_by_next_hop_;
 };

@@ -79,6 +79,16 @@ constexpr const char* no_neighbour = "no neighbour has this address: nothing is 
 
 }  // namespace
 
+std::string canonical_prefix(int family, const std::string& text) {
+    if (!is_prefix(family, text)) {
+        return text;
+    }
+    const std::size_t slash = text.find('/');
+    const std::string address = text.substr(0, slash);
+    return (family == AF_INET ? text_of(*parse_ipv4(address)) : text_of(*parse_ipv6(address))) +
+           "/" + std::to_string(std::stoi(text.substr(slash + 1)));
+}
+
 std::string problem_of_prefix(int family, const std::string& text) {
     if (!is_prefix(family, text)) {
         return "not a prefix of the rule's family";

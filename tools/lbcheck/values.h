@@ -11,6 +11,8 @@ namespace lbcheck {
 bool is_address(int family, const std::string& text);
 /// ADDRESS/LENGTH of the family.
 bool is_prefix(int family, const std::string& text);
+/// ADDRESS/LENGTH of the family as the kernel prints it; what is none stays as it is.
+std::string canonical_prefix(int family, const std::string& text);
 /// Why a routing daemon refuses the destination ADDRESS/LENGTH of that family, with what to write
 /// instead; empty for one that it takes.
 std::string problem_of_prefix(int family, const std::string& text);

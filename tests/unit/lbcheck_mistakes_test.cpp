@@ -175,6 +175,27 @@ TEST(Mistakes, tunnel_that_is_none_by_name) {
     EXPECT_EQ(found_in(Uplink{.name = "gre_1", .nexthop = "tunnel"}), "");
 }
 
+TEST(Mistakes, probes_that_a_tunnel_or_modem_cannot_send) {
+    for (const char* name : {"gre1", "ip4ip4_1", "modem0"}) {
+        EXPECT_EQ(found_in(Uplink{.family = "6",
+                                  .name = name,
+                                  .nexthop = "2001:db8::1",
+                                  .in_interface = source6,
+                                  .probe = probe6,
+                                  .prefix = "::/0"}),
+                  std::string("warning: 'interface6 ") + name +
+                      "': a tunnel or modem by its name: its IPv6 probes leave as Ethernet frames, "
+                      "which neither can send; use an Ethernet interface for IPv6\n");
+    }
+    const std::string ping =
+        "type ping_ext {\ntarget 198.51.100.1\ncount 5\ntimeout 1000\nloss 50\nperiod 10\n}\n";
+    EXPECT_EQ(found_in(Uplink{.name = "modem0", .probe = ping}),
+              "warning: 'type ping_ext': a modem by its name: extended pings leave as Ethernet "
+              "frames, which it cannot send; write type ping\n");
+    EXPECT_EQ(found_in(Uplink{.name = "modem0"}), "");
+    EXPECT_EQ(found_in(Uplink{.name = "gre1", .probe = ping}), "");
+}
+
 TEST(Mistakes, link_local_next_hop) {
     EXPECT_EQ(found_in(Uplink{.family = "6",
                               .nexthop = "fe80::1",

@@ -231,11 +231,29 @@ void Watcher::judge_acted(const HandledStatement& statement, const std::string& 
     if (!bad_name.empty()) {
         add(Severity::error, text, bad_name);
     }
+    if (is_health(statement)) {
+        judge_way_of_echoes(key, value, text);
+    }
     if (!is_health(statement) && key == "metric") {
         add(Severity::warning, text,
             "bird 1.6 refuses the whole fragment for it; lbroute takes it, also with --bird2");
     }
     judge_address(statement, text);
+}
+
+/// B45, B46: some echoes leave as frames also where the interface's name tells of none.
+void Watcher::judge_way_of_echoes(const std::string& key, const std::string& value,
+                                  const std::string& text) {
+    if (key == "interface6" && echoes_through_tunnel(value)) {
+        add(Severity::warning, text,
+            "a tunnel or modem by its name: its IPv6 probes leave as Ethernet frames, which "
+            "neither can send; use an Ethernet interface for IPv6");
+    } else if (key == "type" && value == "ping_ext" && echoes_through_tunnel(interface_) &&
+               !pings_through_tunnel(interface_)) {
+        add(Severity::warning, text,
+            "a modem by its name: extended pings leave as Ethernet frames, which it cannot send; "
+            "write type ping");
+    }
 }
 
 void Watcher::judge_address(const HandledStatement& statement, const std::string& text) {

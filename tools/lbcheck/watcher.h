@@ -35,6 +35,8 @@ class Watcher : public LoadObserver {
     void note_place(const HandledStatement& statement);
     void judge_ignored(const HandledStatement& statement, const std::string& text);
     void judge_acted(const HandledStatement& statement, const std::string& text);
+    void judge_way_of_echoes(const std::string& key, const std::string& value,
+                             const std::string& text);
     void judge_address(const HandledStatement& statement, const std::string& text);
     void judge_next_hop(const std::string& value, const std::string& text);
     void judge_limit(const std::string& key, const std::string& value, const std::string& text);

@@ -144,6 +144,7 @@ int HostView::find_neighbor(const std::string& address, unsigned char* mac) {
         neighbors_.reset();
         if (const auto dumped = host::dump_neighbors()) {
             neighbors_.emplace(Neighbors{.macs = {}, .written_before = written});
+            // B141: by its address alone, whatever its interface.
             for (const host::Neighbor& neighbor : *dumped) {
                 neighbors_->macs.try_emplace(neighbor.address, neighbor.mac);
             }

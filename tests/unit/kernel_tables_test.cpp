@@ -18,6 +18,7 @@
 #include "host/links.h"
 #include "host/linux/neighbor_netlink.h"
 #include "host/neighbours.h"
+#include "probe/host_view.h"
 #include "probe/lb_arp.h"
 #include "unit/support/captured_log.h"
 #include "unit/support/faults.h"
@@ -252,8 +253,16 @@ constexpr std::size_t neighbour_header = sizeof(ndmsg);
 const MacAddress some_mac{2, 0, 0, 0, 0, 9};
 
 /// An entry of the table, as a dump tells it.
-Bytes neighbour_entry(const Bytes& address, const Bytes& mac) {
+Bytes neighbour_entry(const Bytes& address, const Bytes& mac, int interface_index = 0) {
+    const ndmsg header{.ndm_family = AF_INET6,
+                       .ndm_pad1 = 0,
+                       .ndm_pad2 = 0,
+                       .ndm_ifindex = interface_index,
+                       .ndm_state = 0,
+                       .ndm_flags = 0,
+                       .ndm_type = 0};
     Bytes body(neighbour_header);
+    std::memcpy(body.data(), &header, sizeof header);
     const auto attribute = [&body](std::uint16_t type, const Bytes& value) {
         const std::array<std::uint16_t, 2> head{static_cast<std::uint16_t>(4 + value.size()), type};
         const auto* first = reinterpret_cast<const std::uint8_t*>(head.data());
@@ -295,6 +304,16 @@ TEST_F(NeighbourTable, is_asked_for_all_ipv6_entries) {
     EXPECT_EQ(message.type, RTM_GETNEIGH);
     EXPECT_EQ(message.flags, NLM_F_REQUEST | NLM_F_DUMP);
     EXPECT_EQ(message.family_header, (Bytes{AF_INET6, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST_F(NeighbourTable, address_on_two_links_has_the_hardware_address_of_the_first) {
+    const Bytes link_local{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    kernel.answers = {neighbour_entry(link_local, {2, 0, 0, 0, 0, 1}, 7),
+                      neighbour_entry(link_local, {2, 0, 0, 0, 0, 2}, 8), end};
+    HostView view;
+    MacAddress mac{};
+    EXPECT_EQ(view.find_neighbor("fe80::1", mac.data()), 1);
+    EXPECT_EQ(mac, (MacAddress{2, 0, 0, 0, 0, 1}));
 }
 
 TEST_F(NeighbourTable, entries_in_one_answer_are_all_read) {

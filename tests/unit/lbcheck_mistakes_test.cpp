@@ -206,6 +206,26 @@ TEST(Mistakes, link_local_next_hop) {
               "--bird2 too), other routing daemons do not know its interface\n");
 }
 
+TEST(Mistakes, link_local_next_hop_of_two_uplinks) {
+    Uplink uplink{.family = "6",
+                  .nexthop = "fe80::1",
+                  .in_interface = source6,
+                  .probe = probe6,
+                  .prefix = "2001:db8:1::/48"};
+    const std::string first = uplink.health() + uplink.rule("1");
+    uplink.name = "gi1_2";
+    uplink.prefix = "2001:db8:2::/48";
+    const std::string error =
+        "error: 'interface6 gi1_2': has the next hop of interface6 gi1_1: "
+        "the daemon finds one hardware address for both, so probes reach one "
+        "gateway only unless both have that; give one of them a global next "
+        "hop\n";
+    EXPECT_NE(found_in(first + uplink.health() + uplink.rule("2")).find(error), std::string::npos);
+    uplink.nexthop = "fe80::2";
+    EXPECT_EQ(found_in(first + uplink.health() + uplink.rule("2")).find("error"),
+              std::string::npos);
+}
+
 TEST(Mistakes, metric) {
     EXPECT_EQ(found_in(Uplink{.in_target = "metric 10\n"}),
               "warning: 'metric 10': bird 1.6 refuses the whole fragment for it; lbroute takes it, "

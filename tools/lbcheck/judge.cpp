@@ -132,14 +132,22 @@ class Judge {
 
     void judge_shared_next_hop(const std::string& place, const LBHealth& health, bool is_ipv6) {
         const bool is_learnt = health.nexthop == "dhcp" || health.nexthop == "tunnel";
-        if (is_learnt || health.nexthop.empty() || is_link_local(health.nexthop)) {
+        if (is_learnt || health.nexthop.empty()) {
             return;
         }
         const auto [first, is_new] = uplink_by_next_hop_.try_emplace(
             {health.namespace_name, is_ipv6, health.nexthop}, place);
-        if (!is_new) {
-            warn(place, "has the next hop of " + first->second +
-                            ": a route through it does not tell which of them is meant");
+        if (is_new) {
+            return;
+        }
+        const std::string shared = "has the next hop of " + first->second;
+        if (is_link_local(health.nexthop)) {  // B141
+            add(place, Severity::error, place,
+                shared +
+                    ": the daemon finds one hardware address for both, so probes reach one gateway "
+                    "only unless both have that; give one of them a global next hop");
+        } else {
+            warn(place, shared + ": a route through it does not tell which of them is meant");
         }
     }
 

@@ -25,9 +25,9 @@ Scenario scenario_of(const std::string& text) {
     return parsed.events;
 }
 
-std::string truth_text(const std::string& scenario) {
+std::string truth_text(const std::string& scenario, const Uplink& uplink = one_uplink()) {
     std::string text;
-    for (const Stretch& stretch : truth_of(one_uplink(), scenario_of(scenario))) {
+    for (const Stretch& stretch : truth_of(uplink, scenario_of(scenario))) {
         text += std::to_string(stretch.from_us / s) +
                 (stretch.condition == Condition::good       ? " good, "
                  : stretch.condition == Condition::impaired ? " impaired, "
@@ -48,6 +48,23 @@ TEST(Truth, is_dead_while_any_cause_lasts) {
               "0 good, 5 dead, 8 good, ");
     EXPECT_EQ(truth_text("5s gi1_1 nexthop dead\n9s gi1_1 clean"), "0 good, 5 dead, 9 good, ");
     EXPECT_EQ(truth_text("5s gi1_1 loss 100%"), "0 good, 5 dead, ");
+}
+
+TEST(Truth, of_a_link_is_no_better_where_one_family_is_clean) {
+    EXPECT_EQ(
+        truth_text("5s gi1_1 link down\n6s gi1_1 dead\n7s gi1_1 ipv4 clean\n9s gi1_1 link up"),
+        "0 good, 5 dead, 9 good, ");
+}
+
+TEST(Truth, is_good_again_with_the_router_of_a_new_lease) {
+    Uplink uplink = one_uplink();
+    uplink.nexthop = "dhcp";
+    const std::string dead = "5s gi1_1 nexthop dead\n";
+    EXPECT_EQ(truth_text(dead + "7s gi1_1 lease 198.51.100.254", uplink),
+              "0 good, 5 dead, 7 good, ");
+    EXPECT_EQ(truth_text(dead + "7s gi1_1 lease none", uplink), "0 good, 5 dead, ");
+    EXPECT_EQ(truth_text(dead + "7s gi1_1 lease fe80::1", uplink), "0 good, 5 dead, ");
+    EXPECT_EQ(truth_text(dead + "7s gi1_1 lease 198.51.100.254"), "0 good, 5 dead, ");
 }
 
 TEST(Truth, is_impaired_where_something_passes) {

@@ -304,6 +304,11 @@ bool concerns(const Event& event, const Uplink& uplink) {
                                              event.target) != uplink.targets.end();
 }
 
+bool takes_lease(const Event& event, const Uplink& uplink) {
+    return uplink.nexthop == "dhcp" &&
+           (event.router.empty() || parse_ipv6(event.router).has_value() == uplink.is_ipv6);
+}
+
 std::vector<ScenarioError> check_scenario(const Scenario& events,
                                           const std::vector<Uplink>& uplinks) {
     std::vector<ScenarioError> errors;
@@ -327,11 +332,9 @@ std::vector<ScenarioError> check_scenario(const Scenario& events,
             errors.push_back(
                 {event.line, event.uplink, "the configuration does not have it in this family"});
         } else if (event.change == Change::lease) {
-            const bool is_ipv6 = parse_ipv6(event.router).has_value();
             const bool has_lease =
                 std::any_of(uplinks.begin(), uplinks.end(), [&](const Uplink& uplink) {
-                    return is_concerned(uplink) && uplink.nexthop == "dhcp" &&
-                           (event.router.empty() || uplink.is_ipv6 == is_ipv6);
+                    return is_concerned(uplink) && takes_lease(event, uplink);
                 });
             if (!has_lease) {
                 errors.push_back({event.line, event.uplink,

@@ -75,6 +75,9 @@ std::string canonical(const std::string& address);
 /// Targets of both are canonical. The clock concerns no uplink.
 bool concerns(const Event& event, const Uplink& uplink);
 
+/// Whether a lease is one for the uplink, which it concerns: of its family, and learnt by dhcp.
+bool takes_lease(const Event& event, const Uplink& uplink);
+
 /// Each single failure in turn: every uplink, then every target, each given the time that its
 /// slowest verdict takes, and the same to recover.
 Scenario single_failures(const std::vector<Uplink>& uplinks);

@@ -20,11 +20,11 @@ struct State {
     std::set<std::string> cut_targets;
     std::set<std::string> lossy_targets;
 
-    void take(const Event& event);
+    void take(const Event& event, const Uplink& uplink);
     Condition condition(const Uplink& uplink) const;
 };
 
-void State::take(const Event& event) {
+void State::take(const Event& event, const Uplink& uplink) {
     if (!event.target.empty()) {
         if (event.uplink.empty()) {
             return;  // of the target, not of the uplink
@@ -72,11 +72,19 @@ void State::take(const Event& event) {
             is_nexthop_alive = true;
             break;
         case Change::lease:
+            // The new router answers, whatever became of the one before.
+            is_nexthop_alive =
+                is_nexthop_alive || (!event.router.empty() && takes_lease(event, uplink));
+            break;
         case Change::clock:
             break;
-        case Change::clean:
+        case Change::clean: {
+            const bool is_link_meant = event.family == Family::any;
+            const bool was_link_up = is_link_up;
             *this = {};
+            is_link_up = is_link_meant || was_link_up;
             break;
+        }
         case Change::unwatched:
             is_watched = false;
             break;
@@ -110,7 +118,7 @@ Truth truth_of(const Uplink& uplink, const Scenario& events) {
         if (!concerns(event, uplink)) {
             continue;
         }
-        state.take(event);
+        state.take(event, uplink);
         const Condition condition = state.condition(uplink);
         if (truth.back().from_us == event.at_us) {
             truth.back().condition = condition;

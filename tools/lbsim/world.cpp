@@ -27,7 +27,7 @@ std::string lease_text(const std::string& router, bool is_ipv6) {
 const Event* first_lease(const Uplink& uplink, const Scenario& scenario) {
     const auto found = std::find_if(scenario.begin(), scenario.end(), [&](const Event& event) {
         return event.at_us == 0 && event.change == Change::lease && concerns(event, uplink) &&
-               (event.router.empty() || parse_ipv6(event.router).has_value() == uplink.is_ipv6);
+               takes_lease(event, uplink);
     });
     return found == scenario.end() ? nullptr : &*found;
 }
@@ -188,9 +188,7 @@ void World::change_uplink(Place& place, const Event& event) {
             set_next_hop(place, true);
             break;
         case Change::lease:
-            if (place.uplink.nexthop == "dhcp" &&
-                (event.router.empty() ||
-                 parse_ipv6(event.router).has_value() == place.uplink.is_ipv6)) {
+            if (takes_lease(event, place.uplink)) {
                 set_router(place, event.router);
             }
             break;

@@ -223,6 +223,33 @@ TEST(SimulatedRun, takes_out_an_uplink_whose_link_or_next_hop_goes) {
     EXPECT_EQ(changes_of(story, "gi1_1"), "6 up, 26 down, 48 up, 66 down, 85 up, ");
 }
 
+TEST(SimulatedRun, takes_out_a_tunnel_whose_next_hop_goes) {
+    const Story story = story_of("20s gre1 nexthop dead\n40s gre1 nexthop alive", 1, R"(
+health {
+    interface gre1 {
+        nexthop tunnel
+        success-ct 2
+        failure-ct 2
+        rule 1 {
+            type ping {
+                target 203.0.113.1
+                resp-time 2000
+            }
+        }
+    }
+}
+rule 1_ipv4 {
+    interface gre1 {
+        weight 1
+    }
+    target {
+        address 0.0.0.0/0
+    }
+}
+)");
+    EXPECT_EQ(changes_of(story, "gre1"), "3 up, 25 down, 44 up, ");
+}
+
 TEST(SimulatedRun, is_not_misled_by_duplicates) {
     EXPECT_EQ(changes_of(story_of("2s gi1_1 duplicates 100%\n60s gi1_2 alive"), "gi1_1"), "6 up, ");
 }

@@ -356,7 +356,16 @@ int Simulation::take_echo(const Socket& socket, const std::string& to,
     }
     const auto from = parse_ipv4(to);
     const auto request = read_at<IcmpEcho>(message, 0);
-    if (from) {
+    // No MAC tells which next hop is meant: one of the family that forwards is enough, and a
+    // tunnel that was given none leads to its targets by itself.
+    bool has_next_hop = false;
+    bool is_forwarded = false;
+    for (const auto& [address, hop] : link->second.next_hops) {
+        const bool is_of_family = parse_ipv4(address).has_value();
+        has_next_hop = has_next_hop || is_of_family;
+        is_forwarded = is_forwarded || (is_of_family && hop.forwards);
+    }
+    if (from && (is_forwarded || !has_next_hop)) {
         answer_echo(
             socket.ns_name, socket.bound_to, to,
             [&from, &request] { return reply_datagram(*from, request); }, false);

@@ -39,7 +39,7 @@ class Simulation {
     struct NextHop {
         MacAddress mac{};
         bool answers = true;   ///< ARP requests or neighbour solicitations
-        bool forwards = true;  ///< what is sent to its MAC
+        bool forwards = true;  ///< what is sent to its MAC, or into its tunnel
     };
     /// What happens to the echoes of one family behind a link. Shares are drawn from the seed, the
     /// link, the target and the moment alone: whoever asks at one moment meets the same, in

@@ -84,12 +84,10 @@ class Course {
         return least_s + static_cast<std::int64_t>(dice_() % count);
     }
 
+    /// Of no family: each name is one of one family only, and a link is of both.
     void enter(std::int64_t at_us, const lbsim::Uplink& uplink, Change change, const char* text) {
-        lbsim::Event event{.at_us = at_us,
-                           .uplink = uplink.name,
-                           .family = uplink.is_ipv6 ? lbsim::Family::ipv6 : lbsim::Family::ipv4,
-                           .change = change};
-        event.text = uplink.name + " " + lbsim::family_word(uplink.is_ipv6) + " " + text;
+        lbsim::Event event{.at_us = at_us, .uplink = uplink.name, .change = change};
+        event.text = uplink.name + " " + text;
         event.of_hundred = change == Change::loss ? 100 : 0;
         events.push_back(event);
     }

@@ -217,6 +217,14 @@ TEST(SimulatedRun, reaches_every_target_again_through_an_uplink_that_is_clean) {
               "6 up, 26 down, 63 up, ");
 }
 
+TEST(SimulatedRun, leaves_alone_what_is_of_the_other_family_too_where_one_is_clean) {
+    EXPECT_EQ(changes_of(story_of("20s gi1_1 link down\n40s gi1_1 ipv6 clean"), "gi1_1"),
+              "6 up, 26 down, ");
+    EXPECT_EQ(
+        changes_of(story_of("20s gi1_1 target 203.0.113.1 dead\n40s gi1_1 ipv6 clean"), "gi1_1"),
+        "6 up, 26 down, ");
+}
+
 TEST(SimulatedRun, takes_out_an_uplink_whose_link_or_next_hop_goes) {
     const Story story =
         story_of("20s gi1_1 link down\n40s gi1_1 link up\n60s gi1_1 nexthop dead\n80s gi1_1 clean");

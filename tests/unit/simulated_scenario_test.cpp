@@ -122,6 +122,8 @@ TEST(Scenario, names_line_and_word_of_an_error) {
     EXPECT_EQ(error_of("1s u loss 130%"), "1: '130%' a share is wanted, from 0% to 100%");
     EXPECT_EQ(error_of("1s u loss"), "1: '' a share is wanted, from 0% to 100%");
     EXPECT_EQ(error_of("1s u link sideways"), "1: 'sideways' 'down' or 'up' is wanted");
+    EXPECT_EQ(error_of("1s u ipv6 link down"),
+              "1: 'link' a link goes down and up for both families: leave out 'ipv4' or 'ipv6'");
     EXPECT_EQ(error_of("1s u lease here"),
               "1: 'here' the address of the lease's router is wanted, or 'none'");
     EXPECT_EQ(error_of("1s u dead now"), "1: 'now' nothing more is understood on this line");

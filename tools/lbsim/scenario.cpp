@@ -174,6 +174,8 @@ void take_change(Line& line, Event& event) {
         take_share(line, event, Change::duplicates);
     } else if (word == "reorder") {
         take_share(line, event, Change::reorder);
+    } else if (word == "link" && event.family != Family::any) {
+        line.fail(word, "a link goes down and up for both families: leave out 'ipv4' or 'ipv6'");
     } else if (word == "link") {
         take_either(line, event, {"down", Change::link_down}, {"up", Change::link_up});
     } else if (word == "nexthop") {

@@ -140,10 +140,13 @@ void World::set_next_hop(const Place& place, bool is_alive) {
     }
 }
 
-void World::clean(Place& place) {
+void World::clean(Place& place, bool is_link_meant) {
     link_of(place).weather[place.uplink.is_ipv6 ? 1 : 0] = {};
-    set_link(place, true);
-    for (auto& [address, target] : machine_.namespaces[place.uplink.ns_name].targets) {
+    if (is_link_meant) {
+        set_link(place, true);
+    }
+    for (const std::string& address : place.uplink.targets) {
+        Simulation::Target& target = target_of(place, address);
         target.cut_links.erase(place.uplink.name);
         target.lossy_links.erase(place.uplink.name);
     }
@@ -193,7 +196,7 @@ void World::change_uplink(Place& place, const Event& event) {
             }
             break;
         case Change::clean:
-            clean(place);
+            clean(place, event.family == Family::any);
             break;
         case Change::clock:  // of no uplink
         case Change::unwatched:

@@ -38,7 +38,8 @@ class World {
     void happen(const Event& event);
     void change_uplink(Place& place, const Event& event);
     void change_target(const Place& place, const Event& event);
-    void clean(Place& place);
+    /// The link stays as it is where only one of its families is meant.
+    void clean(Place& place, bool is_link_meant);
     void set_link(const Place& place, bool is_up);
     void set_next_hop(const Place& place, bool is_alive);
 

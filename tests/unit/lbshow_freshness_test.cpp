@@ -155,6 +155,19 @@ TEST(Freshness, ends_for_an_interface_that_its_worker_judges_no_more) {
               "(systemctl restart lb)\n");
 }
 
+TEST(Freshness, is_not_lent_by_a_date_that_a_clock_set_back_left_in_the_future) {
+    lbshow::State state = two_families();
+    state.interfaces[0].since_success_s = 16;
+    state.interfaces[0].since_failure_s = -5000;
+    lbshow::judge_freshness(state, written + seconds(1), std::nullopt);
+    EXPECT_TRUE(state.interfaces[0].is_stale);
+    // Just after the step its own state has such a date, up to the next judgement.
+    state.interfaces[0].since_success_s = -5000;
+    state.interfaces[0].since_failure_s = 400;
+    lbshow::judge_freshness(state, written + seconds(1), std::nullopt);
+    EXPECT_FALSE(state.interfaces[0].is_stale);
+}
+
 TEST(Freshness, of_an_interface_that_was_never_judged_is_its_familys) {
     lbshow::State state = two_families();
     state.interfaces[0].is_active = false;

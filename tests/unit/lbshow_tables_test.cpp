@@ -46,6 +46,12 @@ TEST(Tables, with_a_history_tell_since_when_and_how_many_flaps) {
     EXPECT_TRUE(has("  never      > 1d2h  2\n"));
 }
 
+TEST(Tables, age_of_a_date_in_the_future_has_a_minus) {
+    lbshow::State state = judged();
+    state.interfaces[0].since_failure_s = -93'600;
+    EXPECT_NE(lbshow::tables(state, {}, false).find("6s       -1d2h\n"), std::string::npos);
+}
+
 TEST(Tables, are_coloured_without_losing_their_alignment) {
     lbshow::Selection interfaces_only{.interfaces = true, .rules = false, .routes = false};
     const std::string text = lbshow::tables(judged(), interfaces_only, true);

@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <cstdint>
+#include <cstdlib>
 
 #include "lbshow/freshness.h"
 #include "lbshow/plain_text.h"
@@ -35,7 +37,14 @@ const char* shown_result(Result result) {
 }
 
 std::string age(const std::optional<int>& seconds) {
-    return seconds ? length(static_cast<unsigned>(*seconds)) : "never";
+    if (!seconds) {
+        return "never";
+    }
+    // A date in the future, of before the clock was set back.
+    const auto size = static_cast<unsigned>(std::abs(std::int64_t{*seconds}));
+    std::string text = *seconds < 0 ? "-" : "";
+    text += length(size);
+    return text;
 }
 
 /// "> 3d2h" where nobody saw it begin.

@@ -9,13 +9,14 @@ import shutil
 import unittest
 
 from kit import Conf, LabTest, expect, main, ping
+from kit import echo_policies as policy
 from kit.lab import OUTPUT_DIRECTORY
 from kit.lbcheck import Look
 from kit.lbroute import path_of, start
 from kit.newer_bird import NewerBird, newer_bird_binary, why_absent
 from kit.routing_daemon import bird_binary, next_hops, pid_path, why_no_bird
 from look_scene import take_rights_from_others
-from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, attach_two, two_uplinks
+from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, TARGET, attach_two, one_uplink, two_uplinks
 from scenes6 import GATEWAY6, PREFIX6, ROUTER6, TARGET6
 
 DUMPS = os.path.join(OUTPUT_DIRECTORY, "wlb_dump")
@@ -43,7 +44,7 @@ class RoutedTour(LabTest):
     def setUp(self):
         super().setUp()
         self.router = self.lab.router
-        attach_two(self.lab)
+        self.peers = attach_two(self.lab)
         take_rights_from_others()
         for name in ("all", "default", "gi1_1", "gi1_2"):
             self.router.sysctl(f"ipv4/conf/{name}/rp_filter", "0")
@@ -85,6 +86,8 @@ class OfLbroute(RoutedTour):
         self.assert_finds("ok", f"route {PREFIX} (IPv4): the kernel routes as the fragment asks", look=look)
         self.assert_finds("ok", "routing daemon of IPv4", "(lbroute)", look=look)
         self.assert_finds("ok", "dumps of IPv4: they are of now", look=look)
+        for name in ("gi1_1", "gi1_2"):
+            self.assert_finds("ok", f"{name} (IPv4): the daemon holds it for active", look=look)
 
     def test_daemon_that_is_dead_and_what_it_left_of_an_earlier_configuration(self):
         # The first dumps follow the first fragment.
@@ -107,6 +110,35 @@ class OfLbroute(RoutedTour):
                           "systemctl restart lbroute")
         self.router.ip(f"route add {PREFIX} via {GATEWAY}")
         self.assert_finds("error", f"route {PREFIX} (IPv4): a route of others stands in its place", "ip route del")
+
+
+class HeldForFailed(RoutedTour):
+    """What the daemon found, of which one echo of the checker's own may tell nothing."""
+
+    def test_uplink_that_a_second_target_keeps_down(self):
+        silent = "198.51.100.99"
+        self.peers[0].echo = policy.only_to({TARGET})
+        start(self.lab)
+        self.lab.start(one_uplink(probes=[ping(TARGET, 300), ping(silent, 300)], check_all=True))
+        words = ("gi1_1 (IPv4): the daemon holds it for failed", f"no answer of {silent}; mend: ping -I gi1_1 {silent}")
+        expect(lambda: Look(self.router).with_words(*words), within=15)
+        look = self.assert_finds("error", *words)
+        self.assertEqual(look.status, 2)
+        self.assert_finds("ok", f"{TARGET} answers through it", look=look)
+
+        self.peers[0].echo = policy.answer
+        expect(lambda: Look(self.router).with_words("ok gi1_1 (IPv4): the daemon holds it for active"), within=15)
+
+    def test_uplink_that_came_into_the_configuration_after_the_start(self):
+        start(self.lab)
+        self.lab.start(one_uplink())
+        expect(lambda: len(path_of(self.router, PREFIX) or ()) == 1, within=20)
+        self.lab.write_conf(two_uplinks())
+        look = self.assert_finds("error", "gi1_2 (IPv4): the daemon runs with another configuration, which has no such uplink",
+                                 "mend: systemctl restart lb")
+        self.assertEqual(look.status, 2)
+        self.assert_finds("warning", "rules: the daemon runs with other rules", look=look)
+        self.assertEqual(look.with_words("gi1_1", "another configuration"), [])
 
 
 @unittest.skipUnless(bird_binary(), why_no_bird())

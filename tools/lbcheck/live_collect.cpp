@@ -1,10 +1,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
+#include <chrono>
+#include <cstdint>
 #include <map>
 #include <set>
+#include <span>
+#include <thread>
 
 #include "config/own_records.h"
 #include "host/clock.h"
@@ -19,6 +21,7 @@
 #include "lbroute/status.h"
 #include "lbshow/dump_files.h"
 #include "lbshow/freshness.h"
+#include "output/records.h"
 #include "probe/lb_test.h"
 #include "probe/send_path.h"
 #include "shared/dump_file.h"
@@ -54,6 +57,44 @@ Lease lease_of(const LBHealth& health) {
     return lease;
 }
 
+template <class Record>
+std::span<const std::uint8_t> bytes_of(const std::optional<Record>& record) {
+    if (!record) {
+        return {};
+    }
+    return {reinterpret_cast<const std::uint8_t*>(&*record), sizeof(Record)};
+}
+
+/// As the daemon writes it, and as `lbshow` reads it.
+std::optional<lbshow::Interface> expected_of(const LBHealth& health) {
+    const auto read =
+        lbshow::read_interfaces(bytes_of(outbound_record(health, 0)), health.ipv6 ? 6 : 4, false);
+    return read.items.empty() ? std::nullopt : std::make_optional(read.items.front());
+}
+
+void expect_rules(const LBData& data, LiveFacts& facts) {
+    for (const auto& [name, rule] : data.rules) {
+        const auto key = read_rule_key(name);
+        if (!key) {
+            return;  // B123
+        }
+        for (lbshow::Rule& one :
+             lbshow::read_rules(bytes_of(rule_record(*key, rule)), false).items) {
+            facts.expected_rules.push_back(std::move(one));
+        }
+        int position = 0;
+        for (const auto& [prefix, metric] : rule.targets) {
+            if (++position > static_cast<int>(record::most_entries)) {
+                break;
+            }
+            const auto written = route_record(*key, rule, prefix, metric, position);
+            for (lbshow::Route& one : lbshow::read_routes(bytes_of(written), false).items) {
+                facts.expected_routes.push_back(std::move(one));
+            }
+        }
+    }
+}
+
 /// A namespace while it is looked at, from within.
 class NamespaceLook {
   public:
@@ -81,10 +122,16 @@ class NamespaceLook {
         learn_next_hops(data_, facts_.name, is_ipv6);
         const std::size_t first = facts_.uplinks.size();
         std::vector<const LBHealth*> healths;
+        const bool is_served = std::ranges::any_of(
+            facts_.routers,
+            [is_ipv6](const RouterFacts& router) { return router.is_ipv6 == is_ipv6; });
         for (const auto& [name, health] : data_.family(is_ipv6)) {
             if (health.namespace_name == facts_.name) {
                 healths.push_back(&health);
                 facts_.uplinks.push_back(look_at_uplink(health));
+                if (is_served) {
+                    facts_.uplinks.back().expected = expected_of(health);
+                }
             }
         }
         ask_targets(is_ipv6, first, healths);
@@ -103,6 +150,7 @@ class NamespaceLook {
         uplink.configured_next_hop = health.nexthop;
         uplink.next_hop = health.effective_nexthop();
         uplink.source_address = health.source_address;
+        uplink.needs_all_targets = health.check_all;
         uplink.is_tunnel = !health.ipv6 && echoes_through_tunnel(health.name);
         if (health.nexthop == "dhcp") {
             uplink.lease = lease_of(health);
@@ -267,6 +315,22 @@ lbshow::Time now() {
     return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
 }
 
+/// Dumps that are not of this configuration are read again for some cycles: a daemon that was
+/// restarted just now has not written its own yet, and files are rewritten in place.
+void read_dumps(LiveFacts& facts) {
+    constexpr int looks = 16;
+    constexpr std::chrono::milliseconds pause(200);
+    for (int look = 1;; ++look) {
+        facts.dumps = {};
+        facts.dumps_problem = lbshow::read_state(facts.output_directory, false, facts.dumps);
+        lbshow::judge_freshness(facts.dumps, now(), std::nullopt);
+        if (look == looks || are_of_this_configuration(facts)) {
+            return;
+        }
+        std::this_thread::sleep_for(pause);
+    }
+}
+
 }  // namespace
 
 LiveFacts collect_facts(const std::string& configuration, const LBData& understood,
@@ -293,8 +357,8 @@ LiveFacts collect_facts(const std::string& configuration, const LBData& understo
     for (const std::string& name : names) {
         facts.namespaces.push_back(look_at(name, data, work, facts.routes));
     }
-    facts.dumps_problem = lbshow::read_state(output_directory, false, facts.dumps);
-    lbshow::judge_freshness(facts.dumps, now(), std::nullopt);
+    expect_rules(understood, facts);
+    read_dumps(facts);
     for (const std::size_t at : {0U, 1U}) {
         const std::string folder =
             std::string("net/ipv") + (at == 0 ? "4" : "6") + "/neigh/default/gc_thresh";

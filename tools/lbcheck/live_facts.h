@@ -56,6 +56,10 @@ struct UplinkFacts {
     Setting reverse_path_all{};
     Setting reverse_path_own{};
     std::optional<Lease> lease{};
+    /// What the dumps of a daemon with this configuration tell of it; none where no worker serves
+    /// it.
+    std::optional<lbshow::Interface> expected{};
+    bool needs_all_targets = false;
     std::optional<Echo> echo{};  ///< none: it could not be asked, see `Namespace::echo_problem`
 };
 
@@ -112,6 +116,9 @@ struct LiveFacts {
     lbroute::Report routes{};
     lbshow::State dumps{};
     std::string dumps_problem{};
+    /// What the dumps of a daemon with this configuration tell of its rules.
+    std::vector<lbshow::Rule> expected_rules{};
+    std::vector<lbshow::Route> expected_routes{};
     /// Uplinks of each family (4, 6) that the configuration has.
     std::map<int, int> configured{};
     Setting neighbour_least[2]{};      ///< gc_thresh1 of IPv4, IPv6

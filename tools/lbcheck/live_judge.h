@@ -22,6 +22,8 @@ struct LiveFindings {
 inline std::string in_namespace(const std::string& name) {
     return name.empty() ? "" : "namespace " + name + ": ";
 }
+/// "namespace blue: gi1_1 (IPv4)".
+std::string place_of(const NamespaceFacts& space, const UplinkFacts& uplink);
 /// The command as it is typed outside of the namespace.
 std::string within(const std::string& namespace_name, const std::string& command);
 
@@ -31,6 +33,10 @@ void judge_routers(const NamespaceFacts& space, LiveFindings& findings);
 void judge_lbroute(const LiveFacts& facts, LiveFindings& findings);
 /// Whether the kernel routes as the fragments ask.
 void judge_routes(const LiveFacts& facts, const NamespaceFacts& space, LiveFindings& findings);
+/// Whether the daemon lives, with this configuration, and which uplinks it holds for failed.
+void judge_dumps(const LiveFacts& facts, LiveFindings& findings);
+/// Whether the dumps are those of a daemon that read this configuration at its start.
+bool are_of_this_configuration(const LiveFacts& facts);
 /// Who else may change what root's programs write into, read or run.
 void judge_rights(const LiveFacts& facts, LiveFindings& findings);
 

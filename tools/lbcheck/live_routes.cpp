@@ -104,6 +104,19 @@ bool is_served_by_lbroute(const NamespaceFacts& space, bool is_ipv6) {
     });
 }
 
+/// Of a fragment that could be read.
+bool is_without_routes(const lbroute::ReportedNamespace& reported, const RouterFacts& router) {
+    const bool is_read =
+        std::ranges::any_of(reported.fragments, [&](const lbroute::ReportedFragment& one) {
+            return one.path == router.fragment_path && one.state == "read" && one.problems.empty();
+        });
+    const auto family = router.is_ipv6 ? lbroute::Family::ipv6 : lbroute::Family::ipv4;
+    return is_read &&
+           std::ranges::none_of(reported.routes, [family](const lbroute::ReportedRoute& one) {
+               return one.family == family && one.state != "leftover";
+           });
+}
+
 /// A route of lbroute, as `lbroute status` has it.
 void judge_own(const NamespaceFacts& space, const lbroute::ReportedRoute& route,
                LiveFindings& findings) {
@@ -226,6 +239,12 @@ void judge_routes(const LiveFacts& facts, const NamespaceFacts& space, LiveFindi
             }
         }
         for (const RouterFacts& router : space.routers) {
+            if (is_without_routes(reported, router)) {
+                findings.add(
+                    State::warning, place,
+                    router.fragment_path + " holds no route: no uplink of a rule is active",
+                    "lbshow interfaces");
+            }
             if (!router.has_fragment) {
                 findings.add(State::unknown, place,
                              router.fragment_path +

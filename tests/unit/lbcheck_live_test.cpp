@@ -120,6 +120,7 @@ void fail(LiveFacts& facts, const std::vector<std::size_t>& probes) {
 void route_by_bird(LiveFacts& facts, const char* gateway, std::uint32_t priority = 0) {
     router(facts).process = "bird";
     router(facts).version = "BIRD version 1.6.8";
+    router(facts).has_judged = true;
     lbroute::KernelRoute made;
     made.prefix = {.address = *lbroute::Address::parse("0.0.0.0", lbroute::Family::ipv4),
                    .length = 0};
@@ -335,6 +336,23 @@ const std::vector<Row> rows{
      "error   routing daemon of IPv4: /var/run/routing.pid names process 812 (bird), which refuses "
      "its configuration with the fragment in it: line 4, syntax error; mend: correct what it names "
      "in the configuration of lb (lbcheck finds it), or let lbroute route"},
+    {"bird_that_may_not_be_asked",
+     [](LiveFacts& f) {
+         route_by_bird(f, "192.0.2.1");
+         router(f).version.clear();
+         router(f).has_judged = false;
+         f.is_root = false;
+     },
+     "unknown routing daemon of IPv4: /var/run/routing.pid names process 812 (bird), which could "
+     "not be asked whether it takes the fragment; mend: run it as root"},
+    {"bird_that_hangs_when_it_is_asked",
+     [](LiveFacts& f) {
+         route_by_bird(f, "192.0.2.1");
+         router(f).has_judged = false;
+     },
+     "unknown routing daemon of IPv4: /var/run/routing.pid names process 812 (bird), which could "
+     "not be asked whether it takes the fragment; mend: look into its log: bird -p, with its own "
+     "-c, says what it refuses"},
     {"bird_of_the_other_family",
      [](LiveFacts& f) {
          route_by_bird(f, "192.0.2.1");

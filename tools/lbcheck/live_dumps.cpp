@@ -233,7 +233,8 @@ void judge_dumps(const LiveFacts& facts, LiveFindings& findings) {
         }
     }
     if (are_rules_told(facts) && !are_rules_same(facts)) {
-        findings.add(State::warning, "rules", "the daemon runs with other rules than the configuration has",
+        findings.add(State::warning, "rules",
+                     "the daemon runs with other rules than the configuration has",
                      "systemctl restart lb");
     }
     for (const lbshow::Interface& one : facts.dumps.unjudged) {

@@ -72,9 +72,10 @@ struct RouterFacts {
     std::string pid_path;
     std::string pid_text;  ///< empty: there is no such file, or nothing in it
     bool is_running = false;
-    std::string process;  ///< the command's name
-    std::string version;  ///< of bird: its own word; empty for others
-    std::string refusal;  ///< what bird says of its configuration with the fragment in it
+    std::string process;      ///< the command's name
+    std::string version;      ///< of bird: its own word; empty for others, and where it said none
+    bool has_judged = false;  ///< bird said whether it takes its configuration with the fragment
+    std::string refusal;      ///< what it says against it; empty where it takes it
 };
 
 struct NamespaceFacts {

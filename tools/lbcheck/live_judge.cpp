@@ -334,7 +334,7 @@ std::vector<LiveFinding> judge_live(const LiveFacts& facts) {
             UplinkJudge(space, uplink, findings).judge();
         }
         judge_tracking(space, findings);
-        judge_routers(space, findings);
+        judge_routers(facts, space, findings);
         judge_routes(facts, space, findings);
     }
     judge_lbroute(facts, findings);

@@ -28,7 +28,7 @@ std::string place_of(const NamespaceFacts& space, const UplinkFacts& uplink);
 std::string within(const std::string& namespace_name, const std::string& command);
 
 /// Who takes the fragments: folder, process, kind, and what it says of the fragment.
-void judge_routers(const NamespaceFacts& space, LiveFindings& findings);
+void judge_routers(const LiveFacts& facts, const NamespaceFacts& space, LiveFindings& findings);
 /// What a running lbroute has to tell beside its routes.
 void judge_lbroute(const LiveFacts& facts, LiveFindings& findings);
 /// Whether the kernel routes as the fragments ask.

@@ -7,7 +7,7 @@ namespace lbcheck {
 
 namespace {
 
-enum class Kind { lbroute, bird, newer_bird, other_family, unknown };
+enum class Kind { lbroute, bird, newer_bird, silent_bird, other_family, unknown };
 
 Kind kind_of(const RouterFacts& router) {
     if (router.process == "lbroute") {
@@ -16,19 +16,26 @@ Kind kind_of(const RouterFacts& router) {
     if (router.process != "bird" && router.process != "bird6") {
         return Kind::unknown;
     }
-    if (!router.version.empty() && router.version.find(" 1.") == std::string::npos) {
+    if (router.version.empty()) {
+        return Kind::silent_bird;
+    }
+    if (router.version.find(" 1.") == std::string::npos) {
         return Kind::newer_bird;
     }
     // Of bird 1.6 each family has a program of its own; a later one has both in one.
     const bool is_of_family = (router.process == "bird6") == router.is_ipv6;
-    return is_of_family ? Kind::bird : Kind::other_family;
+    if (!is_of_family) {
+        return Kind::other_family;
+    }
+    return router.has_judged ? Kind::bird : Kind::silent_bird;
 }
 
 std::string folder_of(const std::string& path) {
     return path.substr(0, path.rfind('/'));
 }
 
-void judge_router(const NamespaceFacts& space, const RouterFacts& router, LiveFindings& findings) {
+void judge_router(const LiveFacts& facts, const NamespaceFacts& space, const RouterFacts& router,
+                  LiveFindings& findings) {
     const std::string place =
         in_namespace(space.name) +
         (router.is_ipv6 ? "routing daemon of IPv6" : "routing daemon of IPv4");
@@ -71,6 +78,13 @@ void judge_router(const NamespaceFacts& space, const RouterFacts& router, LiveFi
             findings.add(State::error, place,
                          process + ", " + router.version + ", which cannot read fragments",
                          "let lbroute translate: lbroute --bird2 FILE");
+            return;
+        case Kind::silent_bird:
+            findings.add(State::unknown, place,
+                         process + ", which could not be asked whether it takes the fragment",
+                         facts.is_root ? "look into its log: " + router.process +
+                                             " -p, with its own -c, says what it refuses"
+                                       : "run it as root");
             return;
         case Kind::other_family:
             findings.add(State::error, place, process + ", which is of the other family",
@@ -201,9 +215,9 @@ void judge_others(const NamespaceFacts& space, const lbroute::ReportedRoute& wan
 
 }  // namespace
 
-void judge_routers(const NamespaceFacts& space, LiveFindings& findings) {
+void judge_routers(const LiveFacts& facts, const NamespaceFacts& space, LiveFindings& findings) {
     for (const RouterFacts& router : space.routers) {
-        judge_router(space, router, findings);
+        judge_router(facts, space, router, findings);
     }
 }
 

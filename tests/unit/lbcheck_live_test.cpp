@@ -151,6 +151,22 @@ const std::vector<Row> rows{
     {"no_address", [](LiveFacts& f) { uplink(f).addresses.clear(); },
      "error   gi1_1 (IPv4): it has no address of the family; mend: ip address add ADDRESS/LENGTH "
      "dev gi1_1"},
+    {"source_that_is_not_its_own",
+     [](LiveFacts& f) {
+         uplink(f).source_address = uplink(f).expected->source_address = dumped(f).source_address =
+             "192.0.2.99";
+     },
+     "error   gi1_1 (IPv4): source_address 192.0.2.99 is on no interface whose name begins with "
+     "gi1_1 or vrrp; mend: correct source_address, or: ip address add 192.0.2.99/LENGTH dev gi1_1"},
+    {"ipv6_source_that_nobody_has",
+     [](LiveFacts& f) {
+         uplink(f).is_ipv6 = true;
+         uplink(f).source_address = uplink(f).expected->source_address = dumped(f).source_address =
+             "2001:DB8::9";
+     },
+     "warning gi1_1 (IPv6): source_address 2001:DB8::9 is on no interface: nobody takes the "
+     "answers "
+     "to it; mend: correct source_address, or: ip address add 2001:DB8::9/LENGTH dev gi1_1"},
     {"strict_reverse_path_check", [](LiveFacts& f) { uplink(f).reverse_path_all = 1; },
      "error   gi1_1 (IPv4): the reverse-path check drops the answers while no route leads through "
      "it (rp_filter 1); mend: sysctl -w net.ipv4.conf.all.rp_filter=0 "
@@ -460,6 +476,18 @@ TEST(Live, a_cause_that_was_found_is_not_told_again_as_the_daemons_verdict) {
     const std::string text = lbcheck::live_text(lbcheck::judge_live(facts));
     EXPECT_NE(text.find("it is down"), std::string::npos) << text;
     EXPECT_EQ(text.find("holds it for failed"), std::string::npos) << text;
+}
+
+TEST(Live, source_that_the_daemon_finds_elsewhere_or_does_not_use_is_well) {
+    for (const bool is_tunnel : {false, true}) {
+        LiveFacts facts = good();
+        uplink(facts).source_address = uplink(facts).expected->source_address =
+            dumped(facts).source_address = "192.0.2.77";
+        uplink(facts).is_source_found = !is_tunnel;
+        uplink(facts).is_tunnel = is_tunnel;
+        const auto findings = lbcheck::judge_live(facts);
+        EXPECT_EQ(lbcheck::live_exit_status(findings, true), 0) << lbcheck::live_text(findings);
+    }
 }
 
 TEST(Live, stale_dumps_tell_nothing_of_uplinks_and_rules) {

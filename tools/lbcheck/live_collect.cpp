@@ -22,6 +22,7 @@
 #include "lbshow/dump_files.h"
 #include "lbshow/freshness.h"
 #include "output/records.h"
+#include "probe/host_view.h"
 #include "probe/lb_test.h"
 #include "probe/send_path.h"
 #include "shared/dump_file.h"
@@ -171,6 +172,7 @@ class NamespaceLook {
         uplink.is_up = link->is_up;
         uplink.has_carrier = link->has_carrier;
         look_at_addresses(uplink, link->index);
+        uplink.is_source_found = is_source_found(uplink);
         uplink.reverse_path_all = setting_of("net/ipv4/conf/all/rp_filter");
         uplink.reverse_path_own = setting_of("net/ipv4/conf/" + health.name + "/rp_filter");
         return uplink;
@@ -189,6 +191,19 @@ class NamespaceLook {
             uplink.is_next_hop_on_link =
                 uplink.is_next_hop_on_link || (next_hop && one.network.contains(*next_hop));
         }
+    }
+
+    /// IPv4: by the daemon's own rule (B59). In IPv6 it sends from any source, in any spelling.
+    bool is_source_found(const UplinkFacts& uplink) {
+        if (!uplink.is_ipv6) {
+            const QuietLog quiet;
+            return view_.has_source(uplink.interface, uplink.source_address);
+        }
+        const auto source = lbroute::Address::parse(uplink.source_address, lbroute::Family::ipv6);
+        return source && std::ranges::any_of(kernel_.state.addresses,
+                                             [&source](const lbroute::LinkAddress& one) {
+                                                 return one.address == *source;
+                                             });
     }
 
     /// One target each: the first that lies behind the next hop, else the next hop itself.
@@ -239,6 +254,7 @@ class NamespaceLook {
     const lbroute::Report& routes_;
     lbroute::RouteSocket socket_;
     lbroute::Listing kernel_;
+    HostView view_;
 };
 
 NamespaceFacts look_at(const std::string& name, LBData& data, const WorkByNamespace& work,

@@ -59,14 +59,24 @@ class UplinkJudge {
             return false;
         }
         const bool lacks_own = uplink_.addresses.empty() && !uplink_.is_tunnel;
-        const bool lacks_source = !uplink_.source_address.empty() &&
-                                  std::find(uplink_.addresses.begin(), uplink_.addresses.end(),
-                                            uplink_.source_address) == uplink_.addresses.end();
-        if (lacks_source) {
+        // On a tunnel the kernel chooses the source.
+        const bool lacks_source =
+            !uplink_.source_address.empty() && !uplink_.is_tunnel && !uplink_.is_source_found;
+        const std::string source_mend =
+            "correct source_address, or: " +
+            command("ip address add " + uplink_.source_address + "/LENGTH dev " + name);
+        if (lacks_source && !uplink_.is_ipv6) {
             add(State::error,
-                "source_address " + uplink_.source_address + " is not among its addresses",
-                command("ip address add " + uplink_.source_address + "/LENGTH dev " + name));
+                "source_address " + uplink_.source_address +
+                    " is on no interface whose name begins with " + name + " or vrrp",
+                source_mend);
             return false;
+        }
+        if (lacks_source) {
+            add(State::warning,
+                "source_address " + uplink_.source_address +
+                    " is on no interface: nobody takes the answers to it",
+                source_mend);
         }
         if (lacks_own) {
             add(State::error, "it has no address of the family",

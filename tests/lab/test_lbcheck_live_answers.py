@@ -83,6 +83,11 @@ class Leases(Tour):
     def test_lease_that_is_missing(self):
         self.assert_finds("error", "gi1_1", f"{LEASE} cannot be read: No such file", "lb-lease gi1_1 ROUTER")
 
+    def test_pipe_in_the_place_of_a_lease_holds_nobody_up(self):
+        os.mkfifo(LEASE)
+        self.assert_finds("error", "gi1_1", f"{LEASE} cannot be read: it is no regular file",
+                          "lb-lease gi1_1 ROUTER")
+
     def test_lease_in_a_form_that_the_daemon_does_not_read(self):
         self.lease(f"ROUTER={GATEWAY}\n")
         self.assert_finds("error", "gi1_1", "the daemon finds no router in it", "lb-lease gi1_1 ROUTER")

@@ -1,8 +1,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <set>
 #include <span>
@@ -14,7 +16,6 @@
 #include "lbcheck/live_judge.h"
 #include "lbcheck/live_lease.h"
 #include "lbcheck/live_machine.h"
-#include "lbcheck/source.h"
 #include "lbroute/net_namespace.h"
 #include "lbroute/rtnetlink.h"
 #include "lbroute/state_folder.h"
@@ -26,6 +27,7 @@
 #include "probe/lb_test.h"
 #include "probe/send_path.h"
 #include "shared/dump_file.h"
+#include "shared/file_text.h"
 
 namespace lbcheck {
 
@@ -49,9 +51,12 @@ Lease lease_of(const LBHealth& health) {
     lease.path = std::string(health.ipv6 ? "/var/db/dhcp6_client" : "/var/db/dhclient_") +
                  health.name + ".leases";
     constexpr std::size_t most_bytes = 1U << 20U;
-    const Source source = read_source(lease.path, most_bytes);
-    lease.error = source.problem;
-    if (const auto end_s = end_of_lease(source.bytes)) {
+    int error = 0;
+    const auto text = shared::text_of_regular_file(lease.path, most_bytes, error);
+    if (!text) {
+        lease.error = error == EINVAL ? "it is no regular file" : strerror(error);
+    }
+    if (const auto end_s = end_of_lease(text.value_or(""))) {
         lease.ended_for_s = wall_now().tv_sec - *end_s;
     }
     lease.router = health.nexthop_addr;
@@ -227,7 +232,11 @@ class NamespaceLook {
         if (requests.empty()) {
             return;
         }
-        const auto echoes = send_echoes(facts_.name, is_ipv6, requests, facts_.echo_problem);
+        std::string problem;
+        const auto echoes = send_echoes(facts_.name, is_ipv6, requests, problem);
+        if (!problem.empty()) {
+            facts_.echo_problem = problem;  // the other family's stays
+        }
         for (std::size_t i = 0; i < echoes.size(); ++i) {
             facts_.uplinks[places[i]].echo = echoes[i];
         }

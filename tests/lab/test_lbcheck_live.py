@@ -1,5 +1,5 @@
 """A tour of the failures that no log tells: each on a real kernel, found by one command with its mend. Here links, services
-and processes; test_lbcheck_live_answers.py and test_lbcheck_live_routes.py go on (topology: look_scene.py).
+and processes; test_lbcheck_live_answers.py, _routes.py and _verdicts.py go on (topology: look_scene.py).
 """
 import os
 import shutil

@@ -8,15 +8,14 @@ import os
 import shutil
 import unittest
 
-from kit import Conf, LabTest, expect, main, ping
-from kit import echo_policies as policy
+from kit import Conf, expect, main, ping
 from kit.lab import OUTPUT_DIRECTORY
 from kit.lbcheck import Look
 from kit.lbroute import path_of, start
 from kit.newer_bird import NewerBird, newer_bird_binary, why_absent
 from kit.routing_daemon import bird_binary, next_hops, pid_path, why_no_bird
-from look_scene import take_rights_from_others
-from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, TARGET, attach_two, one_uplink, two_uplinks
+from look_scene import RoutedTour
+from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, two_uplinks
 from scenes6 import GATEWAY6, PREFIX6, ROUTER6, TARGET6
 
 DUMPS = os.path.join(OUTPUT_DIRECTORY, "wlb_dump")
@@ -38,22 +37,6 @@ def with_metric(lab, metric):
     with open(path, "w", encoding="ascii") as file:
         file.write(text)
     return path
-
-
-class RoutedTour(LabTest):
-    def setUp(self):
-        super().setUp()
-        self.router = self.lab.router
-        self.peers = attach_two(self.lab)
-        take_rights_from_others()
-        for name in ("all", "default", "gi1_1", "gi1_2"):
-            self.router.sysctl(f"ipv4/conf/{name}/rp_filter", "0")
-
-    def assert_finds(self, state, *words, look=None):
-        look = look or Look(self.router)
-        found = [line for line in look.with_words(*words) if line.startswith(state + " ")]
-        self.assertEqual(len(found), 1, "\n".join(look.lines))
-        return look
 
 
 class Shadowed(RoutedTour):
@@ -110,35 +93,6 @@ class OfLbroute(RoutedTour):
                           "systemctl restart lbroute")
         self.router.ip(f"route add {PREFIX} via {GATEWAY}")
         self.assert_finds("error", f"route {PREFIX} (IPv4): a route of others stands in its place", "ip route del")
-
-
-class HeldForFailed(RoutedTour):
-    """What the daemon found, of which one echo of the checker's own may tell nothing."""
-
-    def test_uplink_that_a_second_target_keeps_down(self):
-        silent = "198.51.100.99"
-        self.peers[0].echo = policy.only_to({TARGET})
-        start(self.lab)
-        self.lab.start(one_uplink(probes=[ping(TARGET, 300), ping(silent, 300)], check_all=True))
-        words = ("gi1_1 (IPv4): the daemon holds it for failed", f"no answer of {silent}; mend: ping -I gi1_1 {silent}")
-        expect(lambda: Look(self.router).with_words(*words), within=15)
-        look = self.assert_finds("error", *words)
-        self.assertEqual(look.status, 2)
-        self.assert_finds("ok", f"{TARGET} answers through it", look=look)
-
-        self.peers[0].echo = policy.answer
-        expect(lambda: Look(self.router).with_words("ok gi1_1 (IPv4): the daemon holds it for active"), within=15)
-
-    def test_uplink_that_came_into_the_configuration_after_the_start(self):
-        start(self.lab)
-        self.lab.start(one_uplink())
-        expect(lambda: len(path_of(self.router, PREFIX) or ()) == 1, within=20)
-        self.lab.write_conf(two_uplinks())
-        look = self.assert_finds("error", "gi1_2 (IPv4): the daemon runs with another configuration, which has no such uplink",
-                                 "mend: systemctl restart lb")
-        self.assertEqual(look.status, 2)
-        self.assert_finds("warning", "rules: the daemon runs with other rules", look=look)
-        self.assertEqual(look.with_words("gi1_1", "another configuration"), [])
 
 
 @unittest.skipUnless(bird_binary(), why_no_bird())

@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <set>
 #include <span>
 #include <thread>
+#include <utility>
 
 #include "config/own_records.h"
 #include "host/clock.h"

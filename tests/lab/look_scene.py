@@ -46,3 +46,21 @@ class Tour(LabTest):
         """gi1_1 with another next hop."""
         self.lab.write_conf(Conf().interface("gi1_1", nexthop=nexthop, probes=[ping(TARGET, 300)])
                             .rule("1_ipv4", {"gi1_1": 1}, {PREFIX: None}))
+
+
+class RoutedTour(LabTest):
+    """With daemons that a test starts."""
+
+    def setUp(self):
+        super().setUp()
+        self.router = self.lab.router
+        self.peers = attach_two(self.lab)
+        take_rights_from_others()
+        for name in ("all", "default", "gi1_1", "gi1_2"):
+            self.router.sysctl(f"ipv4/conf/{name}/rp_filter", "0")
+
+    def assert_finds(self, state, *words, look=None):
+        look = look or Look(self.router)
+        found = [line for line in look.with_words(*words) if line.startswith(state + " ")]
+        self.assertEqual(len(found), 1, "\n".join(look.lines))
+        return look

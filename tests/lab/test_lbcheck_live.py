@@ -1,5 +1,5 @@
 """A tour of the failures that no log tells: each on a real kernel, found by one command with its mend. Here links, services
-and processes; test_lbcheck_live_answers.py and test_lbcheck_live_routes.py go on (topology: look_scene.py).
+and processes; test_lbcheck_live_answers.py, _routes.py and _verdicts.py go on (topology: look_scene.py).
 """
 import os
 import shutil
@@ -8,7 +8,7 @@ import subprocess
 from kit import Conf, main, ping
 from kit.routing_daemon import fragment_path, pid_path
 from look_scene import Tour
-from scenes import GATEWAY, GATEWAY_2, PREFIX, TARGET, TARGET_2, two_uplinks
+from scenes import GATEWAY, GATEWAY_2, PREFIX, TARGET, TARGET_2, one_uplink, two_uplinks
 
 
 class Links(Tour):
@@ -52,7 +52,16 @@ class Links(Tour):
 
     def test_source_address_that_is_not_its_own(self):
         self.lab.write_conf(two_uplinks(source="192.0.2.99"))
-        self.assert_finds("error", "gi1_1", "source_address 192.0.2.99 is not among its addresses", "ip address add")
+        self.assert_finds("error", "gi1_1", "source_address 192.0.2.99 is on no interface whose name begins with gi1_1 or vrrp",
+                          "ip address add")
+
+    def test_source_address_of_a_vrrp_interface(self):
+        self.router.ip("link add vrrp1 type veth peer name peer1")
+        self.router.ip("address add 192.0.2.99/32 dev vrrp1")
+        self.router.ip("link set vrrp1 up")
+        self.lab.write_conf(one_uplink(source="192.0.2.99"))
+        look = self.assert_finds("ok", f"gi1_1 (IPv4): next hop {GATEWAY} is known, {TARGET} answers through it")
+        self.assertEqual(look.with_words("source_address"), [])
 
     def test_namespace_that_is_not_there(self):
         self.lab.write_conf(two_uplinks(namespace="blue"))

@@ -52,10 +52,11 @@ class Answers(Tour):
 
     def test_ipv6_uplink(self):
         self.lab.uplink("gi1_3", address6=ROUTER6 + "/64", gateway6=GATEWAY6)
-        self.lab.write_conf(Conf().interface("gi1_3", nexthop=GATEWAY6, source=ROUTER6, ipv6=True,
+        self.lab.write_conf(Conf().interface("gi1_3", nexthop=GATEWAY6, source=ROUTER6.upper(), ipv6=True,
                                              probes=[ping("2001:db8:53::1")])
                             .rule("1_ipv6", interfaces6={"gi1_3": 1}, targets={"2001:db8:100::/48": None}))
-        self.assert_finds("ok", "gi1_3 (IPv6)", "2001:db8:53::1 answers through it")
+        look = self.assert_finds("ok", "gi1_3 (IPv6)", "2001:db8:53::1 answers through it")
+        self.assertEqual(look.with_words("source_address"), [])
         self.router.run("nft", "add table inet strict; add chain inet strict input { type filter hook input priority 0;"
                                " policy drop; }; add rule inet strict input icmpv6 type { nd-neighbor-solicit,"
                                " nd-neighbor-advert } accept")
@@ -81,6 +82,11 @@ class Leases(Tour):
 
     def test_lease_that_is_missing(self):
         self.assert_finds("error", "gi1_1", f"{LEASE} cannot be read: No such file", "lb-lease gi1_1 ROUTER")
+
+    def test_pipe_in_the_place_of_a_lease_holds_nobody_up(self):
+        os.mkfifo(LEASE)
+        self.assert_finds("error", "gi1_1", f"{LEASE} cannot be read: it is no regular file",
+                          "lb-lease gi1_1 ROUTER")
 
     def test_lease_in_a_form_that_the_daemon_does_not_read(self):
         self.lease(f"ROUTER={GATEWAY}\n")

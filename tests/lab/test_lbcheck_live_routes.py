@@ -8,14 +8,14 @@ import os
 import shutil
 import unittest
 
-from kit import Conf, LabTest, expect, main, ping
+from kit import Conf, expect, main, ping
 from kit.lab import OUTPUT_DIRECTORY
 from kit.lbcheck import Look
 from kit.lbroute import path_of, start
 from kit.newer_bird import NewerBird, newer_bird_binary, why_absent
 from kit.routing_daemon import bird_binary, next_hops, pid_path, why_no_bird
-from look_scene import take_rights_from_others
-from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, attach_two, two_uplinks
+from look_scene import RoutedTour
+from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, two_uplinks
 from scenes6 import GATEWAY6, PREFIX6, ROUTER6, TARGET6
 
 DUMPS = os.path.join(OUTPUT_DIRECTORY, "wlb_dump")
@@ -37,22 +37,6 @@ def with_metric(lab, metric):
     with open(path, "w", encoding="ascii") as file:
         file.write(text)
     return path
-
-
-class RoutedTour(LabTest):
-    def setUp(self):
-        super().setUp()
-        self.router = self.lab.router
-        attach_two(self.lab)
-        take_rights_from_others()
-        for name in ("all", "default", "gi1_1", "gi1_2"):
-            self.router.sysctl(f"ipv4/conf/{name}/rp_filter", "0")
-
-    def assert_finds(self, state, *words, look=None):
-        look = look or Look(self.router)
-        found = [line for line in look.with_words(*words) if line.startswith(state + " ")]
-        self.assertEqual(len(found), 1, "\n".join(look.lines))
-        return look
 
 
 class Shadowed(RoutedTour):
@@ -85,6 +69,8 @@ class OfLbroute(RoutedTour):
         self.assert_finds("ok", f"route {PREFIX} (IPv4): the kernel routes as the fragment asks", look=look)
         self.assert_finds("ok", "routing daemon of IPv4", "(lbroute)", look=look)
         self.assert_finds("ok", "dumps of IPv4: they are of now", look=look)
+        for name in ("gi1_1", "gi1_2"):
+            self.assert_finds("ok", f"{name} (IPv4): the daemon holds it for active", look=look)
 
     def test_daemon_that_is_dead_and_what_it_left_of_an_earlier_configuration(self):
         # The first dumps follow the first fragment.

@@ -59,10 +59,27 @@ LiveFacts good() {
     hop.state = "routed";
     route.hops.push_back(hop);
     routes.routes.push_back(route);
+    routes.fragments.push_back({.path = router.fragment_path, .state = "read", .problems = {}});
     facts.routes.namespaces.push_back(routes);
     lbshow::Family dumped;
     dumped.limit_s = 15;
     facts.dumps.families.push_back(dumped);
+    lbshow::Interface known;
+    known.name = "gi1_1";
+    known.nexthop = "192.0.2.1";
+    known.nexthop_from = "configured";
+    known.success_ct = known.failure_ct = 2;
+    known.probes = {{.position = 1, .target = "203.0.113.53"},
+                    {.position = 2, .target = "203.0.113.54"}};
+    facts.namespaces[0].uplinks[0].expected = known;
+    known.is_active = true;
+    for (lbshow::Probe& probe : known.probes) {
+        probe.last_result = lbshow::Result::answered;
+        probe.success_run = 2;
+    }
+    facts.dumps.interfaces.push_back(known);
+    facts.expected_rules = facts.dumps.rules = {{.number = 1, .members = {{"gi1_1", 4, 1}}}};
+    facts.expected_routes = facts.dumps.routes = {{.rule_number = 1, .prefix = "0.0.0.0/0"}};
     facts.neighbour_least[0] = 128;
     facts.neighbour_most[0] = 1024;
     facts.units = {{.name = "lb", .active = "active", .enabled = "enabled"}};
@@ -86,10 +103,24 @@ lbcheck::RouterFacts& router(LiveFacts& facts) {
 lbroute::ReportedRoute& route(LiveFacts& facts) {
     return facts.routes.namespaces[0].routes[0];
 }
+lbshow::Interface& dumped(LiveFacts& facts) {
+    return facts.dumps.interfaces[0];
+}
+/// The daemon has seen losses enough of some of the targets, by their positions from 0.
+void fail(LiveFacts& facts, const std::vector<std::size_t>& probes) {
+    dumped(facts).is_active = false;
+    for (const std::size_t at : probes) {
+        lbshow::Probe& probe = dumped(facts).probes[at];
+        probe.last_result = lbshow::Result::timed_out;
+        probe.success_run = 0;
+        probe.failure_run = 2;
+    }
+}
 /// Another routing daemon has made this of the route.
 void route_by_bird(LiveFacts& facts, const char* gateway, std::uint32_t priority = 0) {
     router(facts).process = "bird";
     router(facts).version = "BIRD version 1.6.8";
+    router(facts).has_judged = true;
     lbroute::KernelRoute made;
     made.prefix = {.address = *lbroute::Address::parse("0.0.0.0", lbroute::Family::ipv4),
                    .length = 0};
@@ -120,6 +151,22 @@ const std::vector<Row> rows{
     {"no_address", [](LiveFacts& f) { uplink(f).addresses.clear(); },
      "error   gi1_1 (IPv4): it has no address of the family; mend: ip address add ADDRESS/LENGTH "
      "dev gi1_1"},
+    {"source_that_is_not_its_own",
+     [](LiveFacts& f) {
+         uplink(f).source_address = uplink(f).expected->source_address = dumped(f).source_address =
+             "192.0.2.99";
+     },
+     "error   gi1_1 (IPv4): source_address 192.0.2.99 is on no interface whose name begins with "
+     "gi1_1 or vrrp; mend: correct source_address, or: ip address add 192.0.2.99/LENGTH dev gi1_1"},
+    {"ipv6_source_that_nobody_has",
+     [](LiveFacts& f) {
+         uplink(f).is_ipv6 = true;
+         uplink(f).source_address = uplink(f).expected->source_address = dumped(f).source_address =
+             "2001:DB8::9";
+     },
+     "warning gi1_1 (IPv6): source_address 2001:DB8::9 is on no interface: nobody takes the "
+     "answers "
+     "to it; mend: correct source_address, or: ip address add 2001:DB8::9/LENGTH dev gi1_1"},
     {"strict_reverse_path_check", [](LiveFacts& f) { uplink(f).reverse_path_all = 1; },
      "error   gi1_1 (IPv4): the reverse-path check drops the answers while no route leads through "
      "it (rp_filter 1); mend: sysctl -w net.ipv4.conf.all.rp_filter=0 "
@@ -223,6 +270,68 @@ const std::vector<Row> rows{
      [](LiveFacts& f) { f.dumps.families.push_back({.family = 6, .limit_s = 15}); },
      "warning dumps of IPv6: the daemon runs with another configuration, which has the family; "
      "mend: systemctl restart lb"},
+    {"uplink_held_for_failed",
+     [](LiveFacts& f) {
+         fail(f, {0, 1});
+     },
+     "error   gi1_1 (IPv4): the daemon holds it for failed: no answer of 203.0.113.53, no answer "
+     "of 203.0.113.54; mend: ping -I gi1_1 203.0.113.53; where it answers there: systemctl restart "
+     "lb, else give a target that answers"},
+    {"uplink_held_for_failed_for_one_of_all_targets",
+     [](LiveFacts& f) {
+         f.namespaces[0].name = f.routes.namespaces[0].name = "blue";
+         uplink(f).needs_all_targets = true;
+         fail(f, {1});
+     },
+     "error   namespace blue: gi1_1 (IPv4): the daemon holds it for failed: no answer of "
+     "203.0.113.54; mend: ip netns exec blue ping -I gi1_1 203.0.113.54; where it answers there: "
+     "systemctl restart lb, else give a target that answers"},
+    {"uplink_held_for_failed_for_a_limit",
+     [](LiveFacts& f) {
+         fail(f, {0, 1});
+         const lbshow::Quality limits{.loss_limit = 10, .rtt_limit = 50, .jitter_limit = 20};
+         uplink(f).expected->probes[0].quality = dumped(f).probes[0].quality = limits;
+         dumped(f).probes[0].quality->rtt_ms = 50;
+         uplink(f).expected->probes.pop_back();
+         dumped(f).probes.pop_back();
+     },
+     "error   gi1_1 (IPv4): the daemon holds it for failed: 203.0.113.53 is beyond a limit of its "
+     "ping_ext; mend: lbshow interfaces gi1_1 tells what was measured: correct the limits, or ask "
+     "the provider"},
+    {"uplink_of_which_one_target_answers_again", [](LiveFacts& f) { fail(f, {1}); },
+     "unknown gi1_1 (IPv4): the daemon has not found it active yet; mend: look again after some "
+     "seconds; where it stays so: lbshow interfaces gi1_1"},
+    {"uplink_whose_losses_are_too_few_for_a_verdict",
+     [](LiveFacts& f) {
+         fail(f, {0, 1});
+         dumped(f).probes[0].failure_run = 1;
+     },
+     "unknown gi1_1 (IPv4): the daemon has not found it active yet; mend: look again after some "
+     "seconds; where it stays so: lbshow interfaces gi1_1"},
+    {"uplink_that_the_daemon_has_just_begun_with",
+     [](LiveFacts& f) { dumped(f) = *uplink(f).expected; },
+     "unknown gi1_1 (IPv4): the daemon has not found it active yet; mend: look again after some "
+     "seconds; where it stays so: lbshow interfaces gi1_1"},
+    {"uplink_that_the_daemon_does_not_know", [](LiveFacts& f) { f.dumps.interfaces.clear(); },
+     "error   gi1_1 (IPv4): the daemon runs with another configuration, which has no such uplink; "
+     "mend: systemctl restart lb"},
+    {"uplink_with_another_next_hop", [](LiveFacts& f) { dumped(f).nexthop = "192.0.2.2"; },
+     "warning gi1_1 (IPv4): the daemon runs with another configuration of it; mend: systemctl "
+     "restart lb"},
+    {"uplink_with_another_target",
+     [](LiveFacts& f) { dumped(f).probes[1].target = "203.0.113.99"; },
+     "warning gi1_1 (IPv4): the daemon runs with another configuration of it; mend: systemctl "
+     "restart lb"},
+    {"rules_of_an_earlier_configuration",
+     [](LiveFacts& f) { f.dumps.rules[0].members[0].weight = 7; },
+     "warning rules: the daemon runs with other rules than the configuration has; mend: systemctl "
+     "restart lb"},
+    {"destination_that_the_daemon_does_not_know", [](LiveFacts& f) { f.dumps.routes.clear(); },
+     "warning rules: the daemon runs with other rules than the configuration has; mend: systemctl "
+     "restart lb"},
+    {"fragment_without_a_route", [](LiveFacts& f) { f.routes.namespaces[0].routes.clear(); },
+     "warning routes: /usr/etc/routing-wlb.conf holds no route: no uplink of a rule is active; "
+     "mend: lbshow interfaces"},
     {"no_dumps_yet",
      [](LiveFacts& f) { f.dumps_problem = "/run/lb/wlb_dump: No such file or directory"; },
      "unknown dumps: /run/lb/wlb_dump: No such file or directory; mend: systemctl enable --now lb, "
@@ -243,6 +352,23 @@ const std::vector<Row> rows{
      "error   routing daemon of IPv4: /var/run/routing.pid names process 812 (bird), which refuses "
      "its configuration with the fragment in it: line 4, syntax error; mend: correct what it names "
      "in the configuration of lb (lbcheck finds it), or let lbroute route"},
+    {"bird_that_may_not_be_asked",
+     [](LiveFacts& f) {
+         route_by_bird(f, "192.0.2.1");
+         router(f).version.clear();
+         router(f).has_judged = false;
+         f.is_root = false;
+     },
+     "unknown routing daemon of IPv4: /var/run/routing.pid names process 812 (bird), which could "
+     "not be asked whether it takes the fragment; mend: run it as root"},
+    {"bird_that_hangs_when_it_is_asked",
+     [](LiveFacts& f) {
+         route_by_bird(f, "192.0.2.1");
+         router(f).has_judged = false;
+     },
+     "unknown routing daemon of IPv4: /var/run/routing.pid names process 812 (bird), which could "
+     "not be asked whether it takes the fragment; mend: look into its log: bird -p, with its own "
+     "-c, says what it refuses"},
     {"bird_of_the_other_family",
      [](LiveFacts& f) {
          route_by_bird(f, "192.0.2.1");
@@ -316,7 +442,7 @@ const std::vector<Row> rows{
 TEST(Live, router_on_which_all_is_well) {
     const auto findings = lbcheck::judge_live(good());
     EXPECT_EQ(lbcheck::live_exit_status(findings, true), 0) << lbcheck::live_text(findings);
-    EXPECT_NE(lbcheck::live_text(findings).find("0 errors, 0 warnings, 0 not looked at, 10 ok\n"),
+    EXPECT_NE(lbcheck::live_text(findings).find("0 errors, 0 warnings, 0 not looked at, 11 ok\n"),
               std::string::npos)
         << lbcheck::live_text(findings);
 }
@@ -325,6 +451,55 @@ TEST(Live, group_of_root_and_a_folder_above_that_keeps_files_of_others_are_well)
     LiveFacts facts = good();
     facts.rights[0].mode = 0775;
     EXPECT_EQ(lbcheck::live_exit_status(lbcheck::judge_live(facts), true), 0);
+}
+
+TEST(Live, what_the_daemon_learns_is_no_other_configuration) {
+    LiveFacts facts = good();
+    for (lbshow::Interface* one : {&*uplink(facts).expected, &dumped(facts)}) {
+        one->family = 6;
+        one->nexthop_from = "dhcp";
+    }
+    facts.dumps.families[0].family = 6;
+    facts.configured = {{6, 1}};
+    uplink(facts).expected->nexthop.clear();
+    uplink(facts).expected->probes[0].target.clear();
+    dumped(facts).source_address = "fe80::1";
+    EXPECT_TRUE(lbcheck::are_of_this_configuration(facts));
+    dumped(facts).failure_ct = 9;
+    EXPECT_FALSE(lbcheck::are_of_this_configuration(facts));
+}
+
+TEST(Live, a_cause_that_was_found_is_not_told_again_as_the_daemons_verdict) {
+    LiveFacts facts = good();
+    fail(facts, {0, 1});
+    uplink(facts).is_up = false;
+    const std::string text = lbcheck::live_text(lbcheck::judge_live(facts));
+    EXPECT_NE(text.find("it is down"), std::string::npos) << text;
+    EXPECT_EQ(text.find("holds it for failed"), std::string::npos) << text;
+}
+
+TEST(Live, source_that_the_daemon_finds_elsewhere_or_does_not_use_is_well) {
+    for (const bool is_tunnel : {false, true}) {
+        LiveFacts facts = good();
+        uplink(facts).source_address = uplink(facts).expected->source_address =
+            dumped(facts).source_address = "192.0.2.77";
+        uplink(facts).is_source_found = !is_tunnel;
+        uplink(facts).is_tunnel = is_tunnel;
+        const auto findings = lbcheck::judge_live(facts);
+        EXPECT_EQ(lbcheck::live_exit_status(findings, true), 0) << lbcheck::live_text(findings);
+    }
+}
+
+TEST(Live, stale_dumps_tell_nothing_of_uplinks_and_rules) {
+    LiveFacts facts = good();
+    fail(facts, {0, 1});
+    facts.dumps.families[0].is_stale = true;
+    facts.dumps.families[0].age_s = 27;
+    facts.dumps.rules.clear();
+    const std::string text = lbcheck::live_text(lbcheck::judge_live(facts));
+    EXPECT_EQ(text.find("the daemon holds it"), std::string::npos) << text;
+    EXPECT_EQ(text.find("the daemon runs with"), std::string::npos) << text;
+    EXPECT_TRUE(lbcheck::are_of_this_configuration(facts));
 }
 
 TEST(Live, each_failure_is_told_with_its_mend) {

@@ -2,9 +2,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <set>
+#include <span>
+#include <thread>
+#include <utility>
 
 #include "config/own_records.h"
 #include "host/clock.h"
@@ -12,16 +18,18 @@
 #include "lbcheck/live_judge.h"
 #include "lbcheck/live_lease.h"
 #include "lbcheck/live_machine.h"
-#include "lbcheck/source.h"
 #include "lbroute/net_namespace.h"
 #include "lbroute/rtnetlink.h"
 #include "lbroute/state_folder.h"
 #include "lbroute/status.h"
 #include "lbshow/dump_files.h"
 #include "lbshow/freshness.h"
+#include "output/records.h"
+#include "probe/host_view.h"
 #include "probe/lb_test.h"
 #include "probe/send_path.h"
 #include "shared/dump_file.h"
+#include "shared/file_text.h"
 
 namespace lbcheck {
 
@@ -45,13 +53,54 @@ Lease lease_of(const LBHealth& health) {
     lease.path = std::string(health.ipv6 ? "/var/db/dhcp6_client" : "/var/db/dhclient_") +
                  health.name + ".leases";
     constexpr std::size_t most_bytes = 1U << 20U;
-    const Source source = read_source(lease.path, most_bytes);
-    lease.error = source.problem;
-    if (const auto end_s = end_of_lease(source.bytes)) {
+    int error = 0;
+    const auto text = shared::text_of_regular_file(lease.path, most_bytes, error);
+    if (!text) {
+        lease.error = error == EINVAL ? "it is no regular file" : strerror(error);
+    }
+    if (const auto end_s = end_of_lease(text.value_or(""))) {
         lease.ended_for_s = wall_now().tv_sec - *end_s;
     }
     lease.router = health.nexthop_addr;
     return lease;
+}
+
+template <class Record>
+std::span<const std::uint8_t> bytes_of(const std::optional<Record>& record) {
+    if (!record) {
+        return {};
+    }
+    return {reinterpret_cast<const std::uint8_t*>(&*record), sizeof(Record)};
+}
+
+/// As the daemon writes it, and as `lbshow` reads it.
+std::optional<lbshow::Interface> expected_of(const LBHealth& health) {
+    const auto read =
+        lbshow::read_interfaces(bytes_of(outbound_record(health, 0)), health.ipv6 ? 6 : 4, false);
+    return read.items.empty() ? std::nullopt : std::make_optional(read.items.front());
+}
+
+void expect_rules(const LBData& data, LiveFacts& facts) {
+    for (const auto& [name, rule] : data.rules) {
+        const auto key = read_rule_key(name);
+        if (!key) {
+            return;  // B123
+        }
+        for (lbshow::Rule& one :
+             lbshow::read_rules(bytes_of(rule_record(*key, rule)), false).items) {
+            facts.expected_rules.push_back(std::move(one));
+        }
+        int position = 0;
+        for (const auto& [prefix, metric] : rule.targets) {
+            if (++position > static_cast<int>(record::most_entries)) {
+                break;
+            }
+            const auto written = route_record(*key, rule, prefix, metric, position);
+            for (lbshow::Route& one : lbshow::read_routes(bytes_of(written), false).items) {
+                facts.expected_routes.push_back(std::move(one));
+            }
+        }
+    }
 }
 
 /// A namespace while it is looked at, from within.
@@ -81,10 +130,16 @@ class NamespaceLook {
         learn_next_hops(data_, facts_.name, is_ipv6);
         const std::size_t first = facts_.uplinks.size();
         std::vector<const LBHealth*> healths;
+        const bool is_served = std::ranges::any_of(
+            facts_.routers,
+            [is_ipv6](const RouterFacts& router) { return router.is_ipv6 == is_ipv6; });
         for (const auto& [name, health] : data_.family(is_ipv6)) {
             if (health.namespace_name == facts_.name) {
                 healths.push_back(&health);
                 facts_.uplinks.push_back(look_at_uplink(health));
+                if (is_served) {
+                    facts_.uplinks.back().expected = expected_of(health);
+                }
             }
         }
         ask_targets(is_ipv6, first, healths);
@@ -103,6 +158,7 @@ class NamespaceLook {
         uplink.configured_next_hop = health.nexthop;
         uplink.next_hop = health.effective_nexthop();
         uplink.source_address = health.source_address;
+        uplink.needs_all_targets = health.check_all;
         uplink.is_tunnel = !health.ipv6 && echoes_through_tunnel(health.name);
         if (health.nexthop == "dhcp") {
             uplink.lease = lease_of(health);
@@ -123,6 +179,7 @@ class NamespaceLook {
         uplink.is_up = link->is_up;
         uplink.has_carrier = link->has_carrier;
         look_at_addresses(uplink, link->index);
+        uplink.is_source_found = is_source_found(uplink);
         uplink.reverse_path_all = setting_of("net/ipv4/conf/all/rp_filter");
         uplink.reverse_path_own = setting_of("net/ipv4/conf/" + health.name + "/rp_filter");
         return uplink;
@@ -141,6 +198,19 @@ class NamespaceLook {
             uplink.is_next_hop_on_link =
                 uplink.is_next_hop_on_link || (next_hop && one.network.contains(*next_hop));
         }
+    }
+
+    /// IPv4: by the daemon's own rule (B59). In IPv6 it sends from any source, in any spelling.
+    bool is_source_found(const UplinkFacts& uplink) {
+        if (!uplink.is_ipv6) {
+            const QuietLog quiet;
+            return view_.has_source(uplink.interface, uplink.source_address);
+        }
+        const auto source = lbroute::Address::parse(uplink.source_address, lbroute::Family::ipv6);
+        return source && std::ranges::any_of(kernel_.state.addresses,
+                                             [&source](const lbroute::LinkAddress& one) {
+                                                 return one.address == *source;
+                                             });
     }
 
     /// One target each: the first that lies behind the next hop, else the next hop itself.
@@ -164,7 +234,11 @@ class NamespaceLook {
         if (requests.empty()) {
             return;
         }
-        const auto echoes = send_echoes(facts_.name, is_ipv6, requests, facts_.echo_problem);
+        std::string problem;
+        const auto echoes = send_echoes(facts_.name, is_ipv6, requests, problem);
+        if (!problem.empty()) {
+            facts_.echo_problem = problem;  // the other family's stays
+        }
         for (std::size_t i = 0; i < echoes.size(); ++i) {
             facts_.uplinks[places[i]].echo = echoes[i];
         }
@@ -191,6 +265,7 @@ class NamespaceLook {
     const lbroute::Report& routes_;
     lbroute::RouteSocket socket_;
     lbroute::Listing kernel_;
+    HostView view_;
 };
 
 NamespaceFacts look_at(const std::string& name, LBData& data, const WorkByNamespace& work,
@@ -267,6 +342,22 @@ lbshow::Time now() {
     return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
 }
 
+/// Dumps that are not of this configuration are read again for some cycles: a daemon that was
+/// restarted just now has not written its own yet, and files are rewritten in place.
+void read_dumps(LiveFacts& facts) {
+    constexpr int looks = 16;
+    constexpr std::chrono::milliseconds pause(200);
+    for (int look = 1;; ++look) {
+        facts.dumps = {};
+        facts.dumps_problem = lbshow::read_state(facts.output_directory, false, facts.dumps);
+        lbshow::judge_freshness(facts.dumps, now(), std::nullopt);
+        if (look == looks || are_of_this_configuration(facts)) {
+            return;
+        }
+        std::this_thread::sleep_for(pause);
+    }
+}
+
 }  // namespace
 
 LiveFacts collect_facts(const std::string& configuration, const LBData& understood,
@@ -293,8 +384,8 @@ LiveFacts collect_facts(const std::string& configuration, const LBData& understo
     for (const std::string& name : names) {
         facts.namespaces.push_back(look_at(name, data, work, facts.routes));
     }
-    facts.dumps_problem = lbshow::read_state(output_directory, false, facts.dumps);
-    lbshow::judge_freshness(facts.dumps, now(), std::nullopt);
+    expect_rules(understood, facts);
+    read_dumps(facts);
     for (const std::size_t at : {0U, 1U}) {
         const std::string folder =
             std::string("net/ipv") + (at == 0 ? "4" : "6") + "/neigh/default/gc_thresh";

@@ -44,6 +44,7 @@ struct UplinkFacts {
     std::string configured_next_hop;                ///< an address, "dhcp" or "tunnel"
     std::string next_hop;                           ///< in force; empty while none is known
     std::string source_address;                     ///< configured; empty: the interface's own
+    bool is_source_found = false;                   ///< by the daemon's rules; see live_collect.cpp
     bool is_tunnel = false;                         ///< by its name: probes leave without a frame
     std::vector<std::string> similar_interfaces{};  ///< that are there, where this one is not
     bool exists = false;
@@ -56,6 +57,10 @@ struct UplinkFacts {
     Setting reverse_path_all{};
     Setting reverse_path_own{};
     std::optional<Lease> lease{};
+    /// What the dumps of a daemon with this configuration tell of it; none where no worker serves
+    /// it.
+    std::optional<lbshow::Interface> expected{};
+    bool needs_all_targets = false;
     std::optional<Echo> echo{};  ///< none: it could not be asked, see `Namespace::echo_problem`
 };
 
@@ -68,9 +73,10 @@ struct RouterFacts {
     std::string pid_path;
     std::string pid_text;  ///< empty: there is no such file, or nothing in it
     bool is_running = false;
-    std::string process;  ///< the command's name
-    std::string version;  ///< of bird: its own word; empty for others
-    std::string refusal;  ///< what bird says of its configuration with the fragment in it
+    std::string process;      ///< the command's name
+    std::string version;      ///< of bird: its own word; empty for others, and where it said none
+    bool has_judged = false;  ///< bird said whether it takes its configuration with the fragment
+    std::string refusal;      ///< what it says against it; empty where it takes it
 };
 
 struct NamespaceFacts {
@@ -112,6 +118,9 @@ struct LiveFacts {
     lbroute::Report routes{};
     lbshow::State dumps{};
     std::string dumps_problem{};
+    /// What the dumps of a daemon with this configuration tell of its rules.
+    std::vector<lbshow::Rule> expected_rules{};
+    std::vector<lbshow::Route> expected_routes{};
     /// Uplinks of each family (4, 6) that the configuration has.
     std::map<int, int> configured{};
     Setting neighbour_least[2]{};      ///< gc_thresh1 of IPv4, IPv6

@@ -1,16 +1,18 @@
-// Uplinks, machine and dumps; routes and those who make them: live_routes.cpp.
+// Uplinks and machine; the daemon by its dumps: live_dumps.cpp; routes and those who make them:
+// live_routes.cpp.
 
 #include "lbcheck/live_judge.h"
 
 #include <algorithm>
 
-#include "lbshow/freshness.h"
-#include "shared/dump_file.h"
-
 namespace lbcheck {
 
 std::string within(const std::string& namespace_name, const std::string& command) {
     return (namespace_name.empty() ? "" : "ip netns exec " + namespace_name + " ") + command;
+}
+
+std::string place_of(const NamespaceFacts& space, const UplinkFacts& uplink) {
+    return in_namespace(space.name) + uplink.interface + (uplink.is_ipv6 ? " (IPv6)" : " (IPv4)");
 }
 
 namespace {
@@ -33,8 +35,7 @@ class UplinkJudge {
 
   private:
     void add(State state, const std::string& text, const std::string& mend = "") {
-        const std::string family = uplink_.is_ipv6 ? " (IPv6)" : " (IPv4)";
-        findings_.add(state, in_namespace(space_.name) + uplink_.interface + family, text, mend);
+        findings_.add(state, place_of(space_, uplink_), text, mend);
     }
     std::string command(const std::string& words) const { return within(space_.name, words); }
 
@@ -58,14 +59,24 @@ class UplinkJudge {
             return false;
         }
         const bool lacks_own = uplink_.addresses.empty() && !uplink_.is_tunnel;
-        const bool lacks_source = !uplink_.source_address.empty() &&
-                                  std::find(uplink_.addresses.begin(), uplink_.addresses.end(),
-                                            uplink_.source_address) == uplink_.addresses.end();
-        if (lacks_source) {
+        // On a tunnel the kernel chooses the source.
+        const bool lacks_source =
+            !uplink_.source_address.empty() && !uplink_.is_tunnel && !uplink_.is_source_found;
+        const std::string source_mend =
+            "correct source_address, or: " +
+            command("ip address add " + uplink_.source_address + "/LENGTH dev " + name);
+        if (lacks_source && !uplink_.is_ipv6) {
             add(State::error,
-                "source_address " + uplink_.source_address + " is not among its addresses",
-                command("ip address add " + uplink_.source_address + "/LENGTH dev " + name));
+                "source_address " + uplink_.source_address +
+                    " is on no interface whose name begins with " + name + " or vrrp",
+                source_mend);
             return false;
+        }
+        if (lacks_source) {
+            add(State::warning,
+                "source_address " + uplink_.source_address +
+                    " is on no interface: nobody takes the answers to it",
+                source_mend);
         }
         if (lacks_own) {
             add(State::error, "it has no address of the family",
@@ -294,57 +305,6 @@ void judge_neighbour_table(const LiveFacts& facts, LiveFindings& findings) {
     }
 }
 
-const lbshow::Family* family_of(const lbshow::State& dumps, int family) {
-    for (const lbshow::Family& one : dumps.families) {
-        if (one.family == family) {
-            return &one;
-        }
-    }
-    return nullptr;
-}
-
-void judge_dumps(const LiveFacts& facts, LiveFindings& findings) {
-    if (!facts.dumps_problem.empty()) {
-        findings.add(State::unknown, "dumps", facts.dumps_problem,
-                     "systemctl enable --now lb, where it does not run yet");
-        return;
-    }
-    for (const int family : {4, 6}) {
-        const bool is_configured = facts.configured.contains(family);
-        const lbshow::Family* dumped = family_of(facts.dumps, family);
-        const std::string place = "dumps of IPv" + std::to_string(family);
-        if (dumped == nullptr && is_configured) {
-            findings.add(State::error, place, "there is none: the daemon does not serve the family",
-                         "systemctl restart lb");
-        } else if (dumped != nullptr && !is_configured && dumped->is_stale) {
-            findings.add(State::warning, place,
-                         "they are of an earlier configuration, which had the family",
-                         "rm " + shared::dump_folder(facts.output_directory) + "/" +
-                             lbshow::outbounds_name(family));
-        } else if (dumped != nullptr && !is_configured) {
-            findings.add(State::warning, place,
-                         "the daemon runs with another configuration, which has the family",
-                         "systemctl restart lb");
-        } else if (dumped != nullptr && dumped->age_s < -lbshow::clock_tolerance_s) {
-            findings.add(State::error, place,
-                         "they are from the future: the clock was set back, and the daemon has not "
-                         "written since",
-                         "systemctl restart lb");
-        } else if (dumped != nullptr && dumped->is_stale) {
-            findings.add(State::error, place,
-                         "they were written " + std::to_string(dumped->age_s) +
-                             " s ago: the daemon does not run, or hangs",
-                         "systemctl restart lb");
-        } else if (dumped != nullptr) {
-            findings.add(State::ok, place, "they are of now");
-        }
-    }
-    for (const lbshow::Interface& one : facts.dumps.unjudged) {
-        findings.add(State::error, one.name + " (IPv" + std::to_string(one.family) + ")",
-                     "its worker stands still: nobody judges it", "systemctl restart lb");
-    }
-}
-
 void judge_units(const LiveFacts& facts, LiveFindings& findings) {
     if (!facts.units_problem.empty()) {
         findings.add(State::unknown, "services", facts.units_problem);
@@ -384,7 +344,7 @@ std::vector<LiveFinding> judge_live(const LiveFacts& facts) {
             UplinkJudge(space, uplink, findings).judge();
         }
         judge_tracking(space, findings);
-        judge_routers(space, findings);
+        judge_routers(facts, space, findings);
         judge_routes(facts, space, findings);
     }
     judge_lbroute(facts, findings);

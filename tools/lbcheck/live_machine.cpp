@@ -114,7 +114,8 @@ void ask_bird(pid_t pid, RouterFacts& router) {
         check.insert(check.end(), {"-c", *(option + 1)});
     }
     const Said said = say(check);
-    if (said.status > 0) {
+    router.has_judged = said.status >= 0 && WIFEXITED(said.status);
+    if (router.has_judged && said.status > 0) {
         router.refusal = said.text.empty() ? "without a reason" : first_line(said.text);
     }
 }

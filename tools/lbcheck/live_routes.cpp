@@ -7,7 +7,7 @@ namespace lbcheck {
 
 namespace {
 
-enum class Kind { lbroute, bird, newer_bird, other_family, unknown };
+enum class Kind { lbroute, bird, newer_bird, silent_bird, other_family, unknown };
 
 Kind kind_of(const RouterFacts& router) {
     if (router.process == "lbroute") {
@@ -16,19 +16,26 @@ Kind kind_of(const RouterFacts& router) {
     if (router.process != "bird" && router.process != "bird6") {
         return Kind::unknown;
     }
-    if (!router.version.empty() && router.version.find(" 1.") == std::string::npos) {
+    if (router.version.empty()) {
+        return Kind::silent_bird;
+    }
+    if (router.version.find(" 1.") == std::string::npos) {
         return Kind::newer_bird;
     }
     // Of bird 1.6 each family has a program of its own; a later one has both in one.
     const bool is_of_family = (router.process == "bird6") == router.is_ipv6;
-    return is_of_family ? Kind::bird : Kind::other_family;
+    if (!is_of_family) {
+        return Kind::other_family;
+    }
+    return router.has_judged ? Kind::bird : Kind::silent_bird;
 }
 
 std::string folder_of(const std::string& path) {
     return path.substr(0, path.rfind('/'));
 }
 
-void judge_router(const NamespaceFacts& space, const RouterFacts& router, LiveFindings& findings) {
+void judge_router(const LiveFacts& facts, const NamespaceFacts& space, const RouterFacts& router,
+                  LiveFindings& findings) {
     const std::string place =
         in_namespace(space.name) +
         (router.is_ipv6 ? "routing daemon of IPv6" : "routing daemon of IPv4");
@@ -72,6 +79,13 @@ void judge_router(const NamespaceFacts& space, const RouterFacts& router, LiveFi
                          process + ", " + router.version + ", which cannot read fragments",
                          "let lbroute translate: lbroute --bird2 FILE");
             return;
+        case Kind::silent_bird:
+            findings.add(State::unknown, place,
+                         process + ", which could not be asked whether it takes the fragment",
+                         facts.is_root ? "look into its log: " + router.process +
+                                             " -p, with its own -c, says what it refuses"
+                                       : "run it as root");
+            return;
         case Kind::other_family:
             findings.add(State::error, place, process + ", which is of the other family",
                          router.is_ipv6 ? "write the number of bird6 there"
@@ -102,6 +116,19 @@ bool is_served_by_lbroute(const NamespaceFacts& space, bool is_ipv6) {
     return std::none_of(space.routers.begin(), space.routers.end(), [&](const RouterFacts& one) {
         return one.is_ipv6 == is_ipv6 && one.is_running && one.process != "lbroute";
     });
+}
+
+/// Of a fragment that could be read.
+bool is_without_routes(const lbroute::ReportedNamespace& reported, const RouterFacts& router) {
+    const bool is_read =
+        std::ranges::any_of(reported.fragments, [&](const lbroute::ReportedFragment& one) {
+            return one.path == router.fragment_path && one.state == "read" && one.problems.empty();
+        });
+    const auto family = router.is_ipv6 ? lbroute::Family::ipv6 : lbroute::Family::ipv4;
+    return is_read &&
+           std::ranges::none_of(reported.routes, [family](const lbroute::ReportedRoute& one) {
+               return one.family == family && one.state != "leftover";
+           });
 }
 
 /// A route of lbroute, as `lbroute status` has it.
@@ -188,9 +215,9 @@ void judge_others(const NamespaceFacts& space, const lbroute::ReportedRoute& wan
 
 }  // namespace
 
-void judge_routers(const NamespaceFacts& space, LiveFindings& findings) {
+void judge_routers(const LiveFacts& facts, const NamespaceFacts& space, LiveFindings& findings) {
     for (const RouterFacts& router : space.routers) {
-        judge_router(space, router, findings);
+        judge_router(facts, space, router, findings);
     }
 }
 
@@ -226,6 +253,12 @@ void judge_routes(const LiveFacts& facts, const NamespaceFacts& space, LiveFindi
             }
         }
         for (const RouterFacts& router : space.routers) {
+            if (is_without_routes(reported, router)) {
+                findings.add(
+                    State::warning, place,
+                    router.fragment_path + " holds no route: no uplink of a rule is active",
+                    "lbshow interfaces");
+            }
             if (!router.has_fragment) {
                 findings.add(State::unknown, place,
                              router.fragment_path +

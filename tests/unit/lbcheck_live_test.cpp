@@ -461,8 +461,7 @@ TEST(Live, what_the_daemon_learns_is_no_other_configuration) {
     }
     facts.dumps.families[0].family = 6;
     facts.configured = {{6, 1}};
-    uplink(facts).expected->nexthop.clear();
-    uplink(facts).expected->probes[0].target.clear();
+    uplink(facts).expected->nexthop = uplink(facts).expected->probes[0].target = "fe80::77";
     dumped(facts).source_address = "fe80::1";
     EXPECT_TRUE(lbcheck::are_of_this_configuration(facts));
     dumped(facts).failure_ct = 9;

@@ -37,15 +37,18 @@ const lbshow::Interface* dumped_of(const LiveFacts& facts, const lbshow::Interfa
     return found == facts.dumps.interfaces.end() ? nullptr : &*found;
 }
 
-bool is_same(const lbshow::Probe& expected, const lbshow::Probe& dumped) {
+bool has_same_limits(const lbshow::Probe& expected, const lbshow::Probe& dumped) {
     const auto limits_of = [](const lbshow::Probe& probe) {
         const lbshow::Quality quality = probe.quality.value_or(lbshow::Quality{});
         return std::tuple(probe.quality.has_value(), quality.loss_limit, quality.rtt_limit,
                           quality.jitter_limit);
     };
-    // Without a target of its own it asks the next hop, which may be learnt.
-    return (expected.target.empty() || expected.target == dumped.target) &&
-           limits_of(expected) == limits_of(dumped);
+    return limits_of(expected) == limits_of(dumped);
+}
+
+/// Without a target of its own a probe asks the next hop.
+bool asks_learnt_hop(const lbshow::Interface& expected, const lbshow::Probe& probe) {
+    return expected.nexthop_from != "configured" && probe.target == expected.nexthop;
 }
 
 /// Apart from what the daemon learns while it runs: the next hop of a lease or tunnel, and the
@@ -58,10 +61,12 @@ bool is_same(const lbshow::Interface& expected, const lbshow::Interface& dumped)
     return settings_of(expected) == settings_of(dumped) &&
            (expected.nexthop_from != "configured" || expected.nexthop == dumped.nexthop) &&
            (is_source_learnt || expected.source_address == dumped.source_address) &&
-           std::ranges::equal(expected.probes, dumped.probes,
-                              [](const lbshow::Probe& one, const lbshow::Probe& other) {
-                                  return is_same(one, other);
-                              });
+           std::ranges::equal(
+               expected.probes, dumped.probes,
+               [&expected](const lbshow::Probe& one, const lbshow::Probe& other) {
+                   return has_same_limits(one, other) &&
+                          (asks_learnt_hop(expected, one) || one.target == other.target);
+               });
 }
 
 bool is_same(const lbshow::Rule& expected, const lbshow::Rule& dumped) {

@@ -25,6 +25,7 @@ struct Content {
     Time written{};
     std::string problem{};  ///< why it cannot be read; empty: it was
     bool is_missing = false;
+    bool is_rewritten = false;  ///< meanwhile
 };
 
 /// Some file systems carry times beyond what milliseconds can count.
@@ -59,7 +60,8 @@ Content content_of(const std::string& path) {
     return {.bytes = std::move(read.bytes),
             .written = written_at(read.written),
             .problem = problem_of(read),
-            .is_missing = is_missing};
+            .is_missing = is_missing,
+            .is_rewritten = read.is_rewritten};
 }
 
 /// Whether the dump may be missing: a family's own.
@@ -85,7 +87,9 @@ std::string append_dump(shared::DumpFile file, Presence presence, State& state,
         }
         Read<Item> answer = read(content.bytes);
         const bool may_be_empty = std::is_same_v<Item, Route> && !content.is_missing;
-        const bool is_whole = !answer.is_truncated && !content.bytes.empty();
+        // One that was cut between two records shows only by its having changed meanwhile.
+        const bool is_whole =
+            !answer.is_truncated && !content.bytes.empty() && !content.is_rewritten;
         if (!is_whole && attempt < tries) {
             std::this_thread::sleep_for(pause);
             continue;

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <thread>
 #include <utility>
 
@@ -35,6 +36,13 @@ bool hide(const std::vector<std::string>& folders) {
     });
 }
 
+/// Links have IPv6, but make no address for themselves: the kernel would announce it some time
+/// later.
+bool give_links_no_ipv6_address() {
+    std::ofstream mode("/proc/sys/net/ipv6/conf/default/addr_gen_mode");
+    return (mode << 1 << std::endl).good();
+}
+
 }  // namespace
 
 bool in_own_network(const std::function<void()>& body) {
@@ -45,7 +53,8 @@ bool in_own_network(const std::vector<std::string>& folders, const std::function
     bool is_possible = false;
     std::thread([&] {
         is_possible = unshare(CLONE_NEWNET | (folders.empty() ? 0 : CLONE_NEWNS)) == 0 &&
-                      hide(folders) && TestLink("try", "192.0.2.1").index != 0;
+                      hide(folders) && give_links_no_ipv6_address() &&
+                      TestLink("try", "192.0.2.1").index != 0;
         if (is_possible) {
             body();
         }

@@ -238,11 +238,12 @@ void History::add(std::vector<Span> spans) {
 }
 
 void History::follow_file() {
-    if (database_ == nullptr || file_at(path_) == file_) {
+    const auto there = file_at(path_);
+    if (database_ == nullptr || there == file_) {
         return;
     }
-    notice_(path_ + (file_at(path_) ? " is another file now, which is written from now on"
-                                    : " is gone; a new one is begun"));
+    notice_(path_ + (there ? " is another file now, which is written from now on"
+                           : " is gone; a new one is begun"));
     // The log beside it belongs to the file that was there, and would be read into the new one.
     database_->run("PRAGMA wal_checkpoint(TRUNCATE)");
     database_.reset();

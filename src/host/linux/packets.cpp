@@ -14,6 +14,7 @@
 #include <bit>
 #include <cerrno>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -304,24 +305,20 @@ DetachedStart start_receiver_thread(ThreadBody body, void* argument) {
 }
 
 void watch_receiver(int receiver, const ReceiverWatch& watch) {
-    const auto now_ms = [] {
-        const timespec now = monotonic_now();
-        return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
-    };
     pollfd readable{.fd = receiver, .events = POLLIN, .revents = 0};
-    std::int64_t last_call_ms = now_ms() - watch.rest_ms;
+    std::optional<timespec> last_call;
     while (true) {
         if (poll(&readable, 1, -1) <= 0 || (readable.revents & POLLNVAL) != 0) {
             watch.on_wait_failed();
             return;
         }
-        if (now_ms() - last_call_ms < watch.rest_ms) {
+        if (last_call && elapsed_ms(*last_call, monotonic_now()) < watch.rest_ms) {
             sleep_ms(watch.rest_ms);
         }
         if (!watch.on_readable()) {
             return;
         }
-        last_call_ms = now_ms();
+        last_call = monotonic_now();
     }
 }
 

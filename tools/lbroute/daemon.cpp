@@ -10,21 +10,16 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <memory>
 #include <set>
 
 #include "decision/route_text.h"
 #include "host/linux/notify_socket.h"
-#include "lbroute/bird2.h"
 #include "lbroute/daemon_record.h"
 #include "lbroute/event_loop.h"
-#include "lbroute/findings.h"
 #include "lbroute/holds.h"
 #include "lbroute/journal.h"
-#include "lbroute/left_behind.h"
-#include "lbroute/ownership.h"
-#include "lbroute/served_namespace.h"
+#include "lbroute/namespaces.h"
+#include "lbroute/routing.h"
 #include "lbroute/site.h"
 #include "shared/dump_file.h"
 #include "shared/folder_watch.h"
@@ -34,16 +29,12 @@ namespace lbroute {
 
 namespace {
 
-/// How long the daemon's dumps are waited for where they alone tell whose a next hop is.
-constexpr std::int64_t dumps_patience_ms = 1500;
 /// What failed for a reason of which nothing tells that it is over is tried again: soon, then less
 /// and less often, and soon again when the fragments change.
 constexpr std::int64_t first_retry_ms = 1000;
 constexpr std::int64_t longest_retry_ms = 30'000;
 /// How often files are looked at that cannot be watched.
 constexpr std::int64_t look_every_ms = 2'000;
-/// More changed routes than these are told as a number.
-constexpr std::size_t most_told_routes = 20;
 
 std::string folder_of(const std::string& path) {
     const std::string folder = std::filesystem::path(path).parent_path();
@@ -83,14 +74,23 @@ struct Due {
 
 class Daemon {
   public:
-    explicit Daemon(const Options& options)
+    /// The folder is open.
+    Daemon(const Options& options, Journal& journal, const StateFolder& folder)
         : options_(options),
-          journal_(is_journal()),
+          journal_(journal),
+          folder_(folder),
           notify_(getenv("NOTIFY_SOCKET")),
           signals_(open_signals()),
           mounts_(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)),
           site_(options.configuration, options.output_directory),
-          bird_(options.bird2_file, options.birdc) {}
+          namespaces_(options, folder, journal, loop_),
+          routing_(options, journal) {
+        record_.pid = getpid();
+        record_.start = shared::start_of(record_.pid);
+        record_.table = options.table;
+        record_.is_sticky = options.is_sticky;
+        record_.bird2_file = options.bird2_file;
+    }
 
     int run() {
         if (!loop_.is_open() || !signals_.is_open()) {
@@ -98,7 +98,7 @@ class Daemon {
                          "no descriptors for signals or time: the limit of open files is too low");
             return 1;
         }
-        if (!take_place()) {
+        if (!namespaces_.begin()) {
             return 1;
         }
         loop_.watch(signals_.get());
@@ -110,7 +110,7 @@ class Daemon {
             return flush_and_end();
         }
         work();
-        if (is_refused_) {
+        if (namespaces_.is_refused()) {
             return end(1);
         }
         notify_.send("READY=1");
@@ -129,61 +129,6 @@ class Daemon {
     }
 
   private:
-    struct Served {
-        explicit Served(const std::string& name, const Options& options) : kernel(name, options) {}
-
-        ServedNamespace kernel;
-        std::optional<std::int64_t> uncertain_since_ms;
-        std::map<std::string, std::string> paths;  ///< what was told of each route
-        bool is_claimed = false;                   ///< its process number files are ours
-        bool is_shared = false;
-        bool is_uncertain = false;
-        bool is_good = false;  ///< everything that the fragments ask for is in force
-    };
-
-    // The place of the routing daemon.
-
-    bool take_place() {
-        std::string problem;
-        folder_ = StateFolder::open(StateFolder::usual_path, StateFolder::IfMissing::make, problem);
-        if (!folder_.is_open()) {
-            journal_.say(Level::error, problem);
-            return false;
-        }
-        ownership_.emplace(folder_);
-        record_.pid = getpid();
-        record_.start = shared::start_of(record_.pid);
-        record_.table = options_.table;
-        record_.is_sticky = options_.is_sticky;
-        record_.bird2_file = options_.bird2_file;
-        return told(ownership_->begin());
-    }
-
-    bool told(const Ownership::Outcome& outcome) const {
-        for (const std::string& note : outcome.notes) {
-            journal_.say(Level::notice, note);
-        }
-        if (outcome.kind != Ownership::Outcome::Kind::owned) {
-            journal_.say(Level::error, outcome.reason);
-        }
-        return outcome.kind == Ownership::Outcome::Kind::owned;
-    }
-
-    /// Takes the place of the routing daemon in one namespace, or has the record tell why not.
-    void claim(const std::string& name, Served& served) {
-        const bool is_start = name.empty() && !record_.not_served.contains(name);
-        const Ownership::Outcome outcome = ownership_->claim(name);
-        served.is_claimed = outcome.kind == Ownership::Outcome::Kind::owned;
-        if (!served.is_claimed) {
-            record_.not_served[name] = outcome.reason;
-            // Later it serves others, and is tried again.
-            is_refused_ = is_start && outcome.kind == Ownership::Outcome::Kind::refused;
-            return;
-        }
-        record_.not_served.erase(name);
-        told(outcome);
-    }
-
     // What happened.
 
     void gather() {
@@ -191,7 +136,7 @@ class Daemon {
         take_file_changes();
         due_.namespaces = true;  // costs a few stat(2), and mountinfo tells nothing but "changed"
         const std::int64_t now = boottime_ms();
-        for (auto& [name, served] : served_) {
+        for (auto& [name, served] : namespaces_.served()) {
             if (served.kernel.is_entered() && served.kernel.take_announcements()) {
                 due_.routes.insert(name);
             }
@@ -200,8 +145,7 @@ class Daemon {
                     due_.fragments.insert(name);
                 }
             }
-            if (served.uncertain_since_ms &&
-                *served.uncertain_since_ms + dumps_patience_ms <= now) {
+            if (served.uncertain_until_ms && *served.uncertain_until_ms <= now) {
                 due_.routes.insert(name);
             }
         }
@@ -226,7 +170,7 @@ class Daemon {
 
     void look_at_everything() {
         due_.configuration = due_.dumps = due_.holds = true;
-        for (auto& [name, served] : served_) {
+        for (auto& [name, served] : namespaces_.served()) {
             due_.fragments.insert(name);
             served.kernel.forget_foreign();
         }
@@ -234,7 +178,7 @@ class Daemon {
 
     bool is_wanting() const {
         return !site_.is_read() || !are_holds_read_ || !is_record_left_ ||
-               std::ranges::any_of(served_, [](const auto& entry) {
+               std::ranges::any_of(namespaces_.served(), [](const auto& entry) {
                    const Served& served = entry.second;
                    return !served.kernel.is_entered() || !served.is_good ||
                           std::ranges::any_of(
@@ -269,7 +213,7 @@ class Daemon {
             due_.dumps |= has_changed(site_.dump_folder() + "/" +
                                       shared::name_of(shared::outbounds_of(family)));
         }
-        for (auto& [name, served] : served_) {
+        for (auto& [name, served] : namespaces_.served()) {
             for (const FragmentFile& file : served.kernel.fragments()) {
                 if (has_changed(file.path())) {
                     due_.fragments.insert(name);
@@ -279,6 +223,7 @@ class Daemon {
     }
 
     std::optional<std::int64_t> next_deadline_ms() const {
+        const std::int64_t now = boottime_ms();
         std::optional<std::int64_t> earliest;
         const auto consider = [&earliest](const std::optional<std::int64_t>& time) {
             if (time && (!earliest || *time < *earliest)) {
@@ -291,19 +236,15 @@ class Daemon {
         if (files_.is_blind()) {
             consider(look_at_ms_);
         }
-        for (const auto& [name, served] : served_) {
+        for (const auto& [name, served] : namespaces_.served()) {
             for (const FragmentFile& file : served.kernel.fragments()) {
                 consider(file.read_again_at_ms());
             }
-            if (served.uncertain_since_ms && !is_over(*served.uncertain_since_ms)) {
-                consider(*served.uncertain_since_ms + dumps_patience_ms);
+            if (served.uncertain_until_ms && *served.uncertain_until_ms > now) {
+                consider(served.uncertain_until_ms);
             }
         }
         return earliest;
-    }
-
-    static bool is_over(std::int64_t since_ms) {
-        return boottime_ms() >= since_ms + dumps_patience_ms;
     }
 
     // What is to be done.
@@ -331,18 +272,18 @@ class Daemon {
         std::set<std::string> to_route = due.routes;
         std::set<std::string> to_read = due.fragments;
         if (due.configuration || due.namespaces) {
-            follow_namespaces(to_read, due.configuration);
+            to_read.merge(namespaces_.follow(served_names(), due.configuration));
         }
         watch_files();  // with the fragments of namespaces that have just come
-        if (is_refused_) {
+        if (namespaces_.is_refused()) {
             return;
         }
         for (const std::string& name : to_read) {
             read_fragments(name);
             to_route.insert(name);
         }
-        for (auto& [name, served] : served_) {
-            if (is_for_all || to_route.contains(name)) {
+        for (auto& [name, served] : namespaces_.served()) {
+            if (served.kernel.is_entered() && (is_for_all || to_route.contains(name))) {
                 route(name, served);
             }
         }
@@ -354,6 +295,13 @@ class Daemon {
             retry_at_ms_.reset();
         } else if (!retry_at_ms_) {
             retry_at_ms_ = boottime_ms() + retry_after_ms_;
+        }
+    }
+
+    void route(const std::string& name, Served& served) {
+        const auto result = routing_.route(served, surroundings_of(name, site_.uplinks(), holds_));
+        if (result.is_whole()) {
+            note_refusals(record_, name, result.view);
         }
     }
 
@@ -371,6 +319,7 @@ class Daemon {
     /// `tries_again`: also what could not be written. Not at every wake: each try wakes us, by its
     /// change of the folder.
     void leave_record(bool tries_again) {
+        record_.not_served = namespaces_.not_served();
         if (record_ != left_ || (tries_again && !is_record_left_)) {
             Journal::Problems problems;
             const std::string problem = write_record(folder_, record_);
@@ -384,57 +333,10 @@ class Daemon {
         }
     }
 
-    /// Namespaces come and go with the configuration, and with their names below /var/run/netns.
-    /// `claims_again`: also those whose place could not be taken.
-    void follow_namespaces(std::set<std::string>& to_read, bool claims_again) {
-        const std::set<std::string> named = served_names();
-        Journal::Problems left_behind;
-        for (auto& [name, served] : served_) {
-            if (!named.contains(name)) {
-                ownership_->release(name);
-                record_.not_served.erase(name);
-                left_behind.merge(left_behind_in(served.kernel));
-            }
-        }
-        std::erase_if(served_, [&](const auto& entry) { return !named.contains(entry.first); });
-        journal_.tell("left namespaces", left_behind);
-        for (const std::string& name : named) {
-            const auto [entry, is_new] = served_.try_emplace(name, name, options_);
-            Served& served = entry->second;
-            const bool is_to_claim = !served.is_claimed && (is_new || claims_again);
-            if (is_to_claim) {
-                claim(name, served);
-            }
-            std::string problem;
-            const bool has_changed = served.is_claimed && served.kernel.follow(problem);
-            Journal::Problems problems;
-            if (!served.is_claimed) {
-                problems[(name.empty() ? "the default namespace" : "namespace " + name) +
-                         " is not served: " + record_.not_served[name]] = Level::error;
-            } else if (!problem.empty()) {
-                problems[problem] = Level::error;
-            } else if (!served.kernel.is_entered()) {
-                problems["namespace " + name + " is not there: its routes wait for it"] =
-                    Level::notice;
-            }
-            journal_.tell("namespace " + name, problems);
-            if (has_changed && served.kernel.is_entered()) {
-                loop_.watch(served.kernel.monitor_descriptor());
-            }
-            if (is_refused_) {
-                return;
-            }
-            if (has_changed || (is_to_claim && served.is_claimed)) {
-                to_read.insert(name);
-                served.paths.clear();
-            }
-        }
-    }
-
     /// The namespaces that are to be served.
     std::set<std::string> served_names() {
         std::set<std::string> names = site_.uplinks().namespaces();
-        if (!is_for_bird()) {
+        if (!routing_.is_for_bird()) {
             return names;
         }
         names.erase("");
@@ -448,8 +350,8 @@ class Daemon {
     }
 
     void read_fragments(const std::string& name) {
-        const auto found = served_.find(name);
-        if (found == served_.end()) {
+        const auto found = namespaces_.served().find(name);
+        if (found == namespaces_.served().end()) {
             return;
         }
         for (FragmentFile& file : found->second.kernel.fragments()) {
@@ -457,7 +359,7 @@ class Daemon {
             file.read(boottime_ms());
             journal_.tell(file.path(), file.problems());
             if (file.in_force() != before) {
-                found->second.uncertain_since_ms.reset();
+                found->second.uncertain_until_ms.reset();
             }
         }
     }
@@ -486,132 +388,11 @@ class Daemon {
         return differs;
     }
 
-    void route(const std::string& name, Served& served) {
-        if (!served.kernel.is_entered()) {
-            return;
-        }
-        const bool guesses = served.uncertain_since_ms && is_over(*served.uncertain_since_ms);
-        const Surroundings surroundings = surroundings_of(name, site_.uplinks(), holds_);
-        const auto result = is_for_bird() ? served.kernel.plan_for_others(surroundings, guesses)
-                                          : served.kernel.put_into_force(surroundings, guesses);
-        if (!result.is_uncertain && !guesses) {
-            served.uncertain_since_ms.reset();
-        } else if (!served.uncertain_since_ms) {
-            served.uncertain_since_ms = boottime_ms();
-        }
-        served.is_shared = result.is_shared;
-        served.is_uncertain = result.is_uncertain;
-        tell_changes(name, served, result);
-        forget_flows(name, served, result.abandoned);
-        if (result.is_whole()) {
-            note_refusals(record_, name, result.view);
-        }
-    }
-
-    bool is_for_bird() const { return !options_.bird2_file.empty(); }
-
-    /// Gives the routes to bird, once all of them are known, and adds what is wrong with that.
-    /// True where bird has taken them over.
-    bool hand_to_bird(const Served& served, const ServedNamespace::Result& result,
-                      Journal::Problems& problems) {
-        const bool is_known =
-            result.view.problem.empty() && !result.is_uncertain && served.kernel.knows_fragments();
-        if (!is_known) {
-            return false;
-        }
-        const Bird2Text made =
-            bird2_text_of_plan(result.view.wanted.routes, served.kernel.fragments());
-        for (const std::string& left_out : made.left_out) {
-            problems[left_out] = Level::warning;
-        }
-        if (!result.view.kernel.routes.empty()) {
-            problems
-                ["routes of an earlier lbroute without --bird2 stand in the way of bird's: stop "
-                 "lbroute, then lbroute --once --flush"] = Level::error;
-        }
-        const std::string refusal = bird_.put(made.text);
-        if (!refusal.empty()) {
-            problems[refusal] = Level::error;
-        }
-        return refusal.empty();
-    }
-
-    void forget_flows(const std::string& name, Served& served,
-                      const std::vector<Address>& addresses) {
-        if (options_.keeps_flows || addresses.empty()) {
-            return;
-        }
-        const FlowTable::Result flows = served.kernel.forget_flows(addresses);
-        const std::string where = name.empty() ? "" : "namespace " + name + ": ";
-        Journal::Problems problems;
-        if (!flows.problem.empty()) {
-            problems[where + "translated flows of a lost uplink stay: " + flows.problem] =
-                Level::warning;
-        }
-        journal_.tell("flows " + name, problems);
-        if (flows.deleted > 0) {
-            std::string text;
-            for (const Address& address : addresses) {
-                text += (text.empty() ? "" : ", ") + address.text();
-            }
-            journal_.say(Level::information, where + "forgot " + std::to_string(flows.deleted) +
-                                                 " flows translated to " + text +
-                                                 ": their uplink left its last route");
-        }
-    }
-
-    void tell_changes(const std::string& name, Served& served,
-                      const ServedNamespace::Result& result) {
-        if (!result.mode_reason.empty()) {
-            journal_.say(Level::notice,
-                         (name.empty() ? "" : "namespace " + name + ": ") + result.mode_reason +
-                             ", so routes are " + word_of(served.kernel.mode()) +
-                             " ones: flows may move between uplinks when one leaves or returns");
-        }
-        Journal::Problems problems = problems_of(result.view, name);
-        const bool is_handed_over = !is_for_bird() || hand_to_bird(served, result, problems);
-        for (const std::string& failed : result.failed_removals) {
-            problems["not removed: " + failed] = Level::warning;
-        }
-        journal_.tell("routes " + name, problems);
-        served.is_good = std::ranges::all_of(
-            problems, [](const auto& problem) { return problem.second >= Level::notice; });
-        if (!result.view.problem.empty() || !is_handed_over) {
-            return;
-        }
-        std::map<std::string, std::string> paths;
-        for (const PlannedRoute& route : result.view.wanted.routes) {
-            paths[title_of(route, name)] = path_text(route);
-        }
-        std::vector<std::string> changes;
-        for (const auto& [title, path] : paths) {
-            const auto before = served.paths.find(title);
-            const bool has_changed = before == served.paths.end() || before->second != path;
-            // That a route has none is told with the reason, as a problem.
-            if (has_changed && path != no_path) {
-                changes.push_back(title + " " + path);
-            }
-        }
-        for (const auto& [title, path] : served.paths) {
-            if (!paths.contains(title)) {
-                changes.push_back(title + " is not routed any more");
-            }
-        }
-        if (changes.size() > most_told_routes) {
-            journal_.say(Level::information, std::to_string(changes.size()) + " routes changed");
-        } else {
-            for (const std::string& change : changes) {
-                journal_.say(Level::information, change);
-            }
-        }
-        served.paths = std::move(paths);
-    }
-
     void watch_files() {
         std::set<std::string> folders{folder_of(options_.configuration), "/var/run/netns",
                                       StateFolder::usual_path};
         bool is_shared = site_.has_learning_uplinks();
-        for (const auto& [name, served] : served_) {
+        for (const auto& [name, served] : namespaces_.served()) {
             folders.insert(folder_of(fragment_path(name, false)));
             is_shared |= served.is_shared;
         }
@@ -633,7 +414,7 @@ class Daemon {
             work();
         }
         bool is_good = true;
-        for (const auto& [name, served] : served_) {
+        for (const auto& [name, served] : namespaces_.served()) {
             is_good &= served.is_good;
             for (const FragmentFile& file : served.kernel.fragments()) {
                 is_good &= file.problems().empty();
@@ -643,7 +424,8 @@ class Daemon {
     }
 
     bool is_waiting_for_files() const {
-        return site_.read_again_at_ms() || std::ranges::any_of(served_, [](const auto& entry) {
+        return site_.read_again_at_ms() ||
+               std::ranges::any_of(namespaces_.served(), [](const auto& entry) {
                    return entry.second.is_uncertain ||
                           std::ranges::any_of(entry.second.kernel.fragments(),
                                               [](const FragmentFile& file) {
@@ -654,43 +436,25 @@ class Daemon {
 
     int flush_and_end() {
         site_.read_configuration();
-        std::set<std::string> ignored;
-        follow_namespaces(ignored, false);
-        return end(record_.not_served.empty() ? 0 : 1);
+        namespaces_.follow(served_names(), false);
+        return end(namespaces_.not_served().empty() ? 0 : 1);
     }
 
     int end(int status) {
-        if (options_.flushes && !is_refused_) {
-            for (const std::string& problem : is_for_bird() ? flush_bird() : flush_kernel()) {
+        if (options_.flushes && !namespaces_.is_refused()) {
+            for (const std::string& problem :
+                 routing_.is_for_bird() ? routing_.flush_bird() : namespaces_.flush()) {
                 journal_.say(Level::error, problem);
                 status = 1;
             }
         }
-        ownership_->release_all();
+        namespaces_.release();
         return status;
     }
 
-    /// Also in namespaces that the configuration does not name any more.
-    std::vector<std::string> flush_kernel() {
-        std::vector<std::string> problems;
-        std::set<std::string> names;
-        for (auto& [name, served] : served_) {
-            names.insert(name);
-            if (served.kernel.is_entered()) {
-                std::ranges::move(flush(served.kernel), std::back_inserter(problems));
-            }
-        }
-        std::ranges::move(flush_others(names, options_), std::back_inserter(problems));
-        return problems;
-    }
-
-    std::vector<std::string> flush_bird() {
-        const std::string refusal = bird_.put(bird2_text({}, {}).text);
-        return refusal.empty() ? std::vector<std::string>{} : std::vector{refusal};
-    }
-
     const Options& options_;
-    Journal journal_;
+    Journal& journal_;
+    const StateFolder& folder_;
     NotifySocket notify_;
     Fd signals_;
     Fd mounts_;
@@ -698,9 +462,8 @@ class Daemon {
     shared::FolderWatch files_;
     std::int64_t look_at_ms_ = 0;  ///< while some file cannot be watched
     Site site_;
-    Bird2File bird_;
-    StateFolder folder_;
-    std::optional<Ownership> ownership_;
+    Namespaces namespaces_;
+    Routing routing_;
     DaemonRecord record_;
     DaemonRecord left_;  // as it was written, or was to be
     bool is_record_left_ = false;
@@ -708,16 +471,22 @@ class Daemon {
     bool are_holds_read_ = false;
     std::optional<std::int64_t> retry_at_ms_;
     std::int64_t retry_after_ms_ = first_retry_ms;
-    std::map<std::string, Served> served_;
     Due due_;
     bool is_ending_ = false;
-    bool is_refused_ = false;  // at the start, another routing daemon has the default namespace
 };
 
 }  // namespace
 
 int run(const Options& options) {
-    return Daemon(options).run();
+    Journal journal(is_journal());
+    std::string problem;
+    const StateFolder folder =
+        StateFolder::open(StateFolder::usual_path, StateFolder::IfMissing::make, problem);
+    if (!folder.is_open()) {
+        journal.say(Level::error, problem);
+        return 1;
+    }
+    return Daemon(options, journal, folder).run();
 }
 
 }  // namespace lbroute

@@ -1,0 +1,110 @@
+#include "lbroute/namespaces.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "lbroute/left_behind.h"
+
+namespace lbroute {
+
+Namespaces::Namespaces(const Options& options, const StateFolder& folder, Journal& journal,
+                       EventLoop& loop)
+    : options_(options), journal_(journal), loop_(loop), ownership_(folder) {}
+
+bool Namespaces::begin() {
+    return told(ownership_.begin());
+}
+
+bool Namespaces::told(const Ownership::Outcome& outcome) const {
+    for (const std::string& note : outcome.notes) {
+        journal_.say(Level::notice, note);
+    }
+    if (outcome.kind != Ownership::Outcome::Kind::owned) {
+        journal_.say(Level::error, outcome.reason);
+    }
+    return outcome.kind == Ownership::Outcome::Kind::owned;
+}
+
+/// Takes the place of the routing daemon in one namespace, or notes why not.
+void Namespaces::claim(const std::string& name, Served& served) {
+    const bool is_start = name.empty() && !not_served_.contains(name);
+    const Ownership::Outcome outcome = ownership_.claim(name);
+    served.is_claimed = outcome.kind == Ownership::Outcome::Kind::owned;
+    if (!served.is_claimed) {
+        not_served_[name] = outcome.reason;
+        // Later it serves others, and is tried again.
+        is_refused_ = is_start && outcome.kind == Ownership::Outcome::Kind::refused;
+        return;
+    }
+    not_served_.erase(name);
+    told(outcome);
+}
+
+void Namespaces::leave_all_but(const std::set<std::string>& named) {
+    Journal::Problems left_behind;
+    for (auto& [name, served] : served_) {
+        if (!named.contains(name)) {
+            ownership_.release(name);
+            not_served_.erase(name);
+            left_behind.merge(left_behind_in(served.kernel));
+        }
+    }
+    std::erase_if(served_, [&](const auto& entry) { return !named.contains(entry.first); });
+    journal_.tell("left namespaces", left_behind);
+}
+
+std::set<std::string> Namespaces::follow(const std::set<std::string>& named, bool claims_again) {
+    leave_all_but(named);
+    std::set<std::string> to_read;
+    for (const std::string& name : named) {
+        const auto [entry, is_new] = served_.try_emplace(name, name, options_);
+        Served& served = entry->second;
+        const bool is_to_claim = !served.is_claimed && (is_new || claims_again);
+        if (is_to_claim) {
+            claim(name, served);
+        }
+        std::string problem;
+        const bool has_changed = served.is_claimed && served.kernel.follow(problem);
+        tell_state(name, served, problem);
+        if (has_changed && served.kernel.is_entered()) {
+            loop_.watch(served.kernel.monitor_descriptor());
+        }
+        if (is_refused_) {
+            return to_read;
+        }
+        if (has_changed || (is_to_claim && served.is_claimed)) {
+            to_read.insert(name);
+            served.paths.clear();
+        }
+    }
+    return to_read;
+}
+
+void Namespaces::tell_state(const std::string& name, const Served& served,
+                            const std::string& problem) {
+    Journal::Problems problems;
+    if (!served.is_claimed) {
+        problems[(name.empty() ? "the default namespace" : "namespace " + name) +
+                 " is not served: " + not_served_[name]] = Level::error;
+    } else if (!problem.empty()) {
+        problems[problem] = Level::error;
+    } else if (!served.kernel.is_entered()) {
+        problems["namespace " + name + " is not there: its routes wait for it"] = Level::notice;
+    }
+    journal_.tell("namespace " + name, problems);
+}
+
+std::vector<std::string> Namespaces::flush() {
+    std::vector<std::string> problems;
+    std::set<std::string> names;
+    for (auto& [name, served] : served_) {
+        names.insert(name);
+        if (served.kernel.is_entered()) {
+            std::ranges::move(lbroute::flush(served.kernel), std::back_inserter(problems));
+        }
+    }
+    std::ranges::move(flush_others(names, options_), std::back_inserter(problems));
+    return problems;
+}
+
+}  // namespace lbroute

@@ -24,7 +24,8 @@ class Namespaces(RouteTest):
 
     @staticmethod
     def with_blue():
-        return three_uplinks().interface("gi2_1", nexthop=GATEWAYS[0], namespace="blue")
+        return (three_uplinks().interface("gi2_1", nexthop=GATEWAYS[0], namespace="blue")
+                .rule("2_ipv4", {"gi2_1": 1}, {}, namespace="blue"))
 
     def make_blue(self):
         blue = self.lab.namespace("blue")

@@ -13,6 +13,8 @@ import sys
 from cpp_tokens import literals_of
 
 HEADING = "\n### What its log says\n"
+# What it says in the words of files that it has in common with other programs.
+SHARED = ("program.cpp", "folder_watch.cpp")
 # The command line's own words, its answers, what status shows, and the languages of ip(8) and bird.
 NO_MESSAGES = ("main.cpp", "maintenance.cpp", "report.cpp", "status.cpp", "commands.cpp")
 NO_WORDS = re.compile(r"[{}]|check link|^#")
@@ -25,6 +27,7 @@ def is_message(text):
 
 def told(folder, clang):
     paths = [str(path) for path in sorted(folder.glob("*.[ch]*")) if path.name not in NO_MESSAGES]
+    paths.extend(str(folder.parent / "shared" / name) for name in SHARED)
     return (one.text.strip() for one in literals_of(clang, paths))
 
 

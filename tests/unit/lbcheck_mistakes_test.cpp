@@ -202,7 +202,7 @@ TEST(Mistakes, two_uplinks_with_one_next_hop) {
 TEST(Mistakes, tunnel_that_is_none_by_name) {
     EXPECT_EQ(found_in(Uplink{.nexthop = "tunnel"}),
               "warning: 'nexthop tunnel': probes of gi1_1 leave as Ethernet frames, as it is no "
-              "tunnel by name: only names with 'gre' or 'ip4ip4' in them are\n");
+              "tunnel by name: only names with 'gre', 'ip4ip4' or 'modem' in them are\n");
     EXPECT_EQ(found_in(Uplink{.name = "gre_1", .nexthop = "tunnel"}), "");
 }
 

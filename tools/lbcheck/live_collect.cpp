@@ -180,6 +180,7 @@ class NamespaceLook {
         }
         uplink.is_up = link->is_up;
         uplink.has_carrier = link->has_carrier;
+        uplink.is_ethernet = link->is_ethernet;
         look_at_addresses(uplink, link->index);
         uplink.is_source_found = is_source_found(uplink);
         uplink.reverse_path_all = setting_of("net/ipv4/conf/all/rp_filter");

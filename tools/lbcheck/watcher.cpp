@@ -312,8 +312,8 @@ void Watcher::judge_next_hop(const std::string& value, const std::string& text) 
     if (value == "tunnel" && !echoes_through_tunnel(interface_)) {
         add(Severity::warning, text,
             "probes of " + interface_ +
-                " leave as Ethernet frames, as it is no tunnel by name: only names with 'gre' or "
-                "'ip4ip4' in them are");
+                " leave as Ethernet frames, as it is no tunnel by name: only names with 'gre', "
+                "'ip4ip4' or 'modem' in them are");
     }
     if (is_learnt) {
         return;

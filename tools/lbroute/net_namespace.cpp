@@ -10,7 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
+#include "decision/route_text.h"
 #include "shared/folder_names.h"
 
 namespace lbroute {
@@ -57,7 +59,10 @@ std::vector<std::string> other_namespaces(const std::set<std::string>& names,
     std::error_code error;
     for (const std::string& name : shared::names_in(folder, error)) {
         const auto identity = namespace_identity(name);
-        if (identity && known.insert(*identity).second) {
+        const auto fragments = std::filesystem::path(fragment_path(name, false)).parent_path();
+        std::error_code unseen;
+        const bool is_ours = std::filesystem::exists(fragments, unseen) || unseen;
+        if (identity && is_ours && known.insert(*identity).second) {
             others.push_back(name);
         }
     }

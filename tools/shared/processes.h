@@ -25,6 +25,10 @@ bool is_running(pid_t pid);
 /// there is none.
 std::string start_of(pid_t pid);
 
+/// Whether it has as many numbers as this process: one in each pid namespace (pid_namespaces(7))
+/// between that of /proc and its own. A container's has one more. True where nothing tells.
+bool is_in_own_pid_namespace(pid_t pid);
+
 /// The words of its command line; none of a process that has ended.
 std::vector<std::string> arguments_of(pid_t pid);
 

@@ -260,7 +260,8 @@ void judge_tracking(const NamespaceFacts& space, LiveFindings& findings) {
                      counts + " are in use: no room for the probes of " + std::to_string(needed) +
                          " uplinks",
                      mend);
-    } else if (*space.tracked > *space.most_tracked / all_percent * full_percent) {
+    } else if (std::int64_t{*space.tracked} * all_percent >
+               std::int64_t{*space.most_tracked} * full_percent) {
         findings.add(State::warning, place, counts + " are in use", mend);
     } else {
         findings.add(State::ok, place, counts + " are in use");

@@ -46,6 +46,9 @@ void Namespaces::leave_all_but(const std::set<std::string>& named) {
         if (!named.contains(name)) {
             ownership_.release(name);
             not_served_.erase(name);
+            for (const char* subject : {"namespace ", "routes ", "flows "}) {
+                journal_.forget(subject + name);
+            }
             left_behind.merge(left_behind_in(served.kernel));
         }
     }
@@ -68,6 +71,8 @@ std::set<std::string> Namespaces::follow(const std::set<std::string>& named, boo
         tell_state(name, served, problem);
         if (has_changed && served.kernel.is_entered()) {
             loop_.watch(served.kernel.monitor_descriptor());
+        } else if (has_changed) {
+            journal_.forget("routes " + name);
         }
         if (is_refused_) {
             return to_read;

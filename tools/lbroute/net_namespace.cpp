@@ -10,7 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
+
+#include "shared/folder_names.h"
 
 namespace lbroute {
 
@@ -54,14 +55,11 @@ std::vector<std::string> other_namespaces(const std::set<std::string>& names,
     }
     std::vector<std::string> others;
     std::error_code error;
-    std::filesystem::directory_iterator entries(folder, error);
-    while (!error && entries != std::filesystem::directory_iterator()) {
-        const std::string name = entries->path().filename();
+    for (const std::string& name : shared::names_in(folder, error)) {
         const auto identity = namespace_identity(name);
         if (identity && known.insert(*identity).second) {
             others.push_back(name);
         }
-        entries.increment(error);
     }
     if (error && error != std::errc::no_such_file_or_directory) {
         problem = std::string(folder) + " cannot be read: " + error.message();

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "shared/file_text.h"
+#include "shared/folder_names.h"
 #include "shared/processes.h"
 
 namespace lbwatch {
@@ -30,14 +31,8 @@ std::string without_links(const std::string& path) {
     return text;
 }
 
-/// The value of -o among a process's arguments, which end with a NUL each.
-std::string directory_of(const std::string& arguments) {
-    std::vector<std::string> words;
-    for (std::size_t at = 0; at < arguments.size();) {
-        const std::size_t end = std::min(arguments.find('\0', at), arguments.size());
-        words.push_back(arguments.substr(at, end - at));
-        at = end + 1;
-    }
+/// The value of -o among a process's arguments.
+std::string directory_of(const std::vector<std::string>& words) {
     for (std::size_t i = 1; i < words.size(); ++i) {
         if (words[i] == "-o" && i + 1 < words.size()) {
             return words[i + 1];
@@ -59,16 +54,14 @@ bool is_number(std::string_view text) {
 std::map<pid_t, shared::ProcessStat> processes_for(const std::string& wanted) {
     std::map<pid_t, shared::ProcessStat> found;
     std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
-        const std::string name = entry.path().filename();
-        const std::string process = entry.path();
-        if (!is_number(name) || shared::text_of_file(process + "/comm") != "lb\n") {
+    for (const std::string& name : shared::names_in("/proc", error)) {
+        if (!is_number(name) || shared::text_of_file("/proc/" + name + "/comm") != "lb\n") {
             continue;
         }
-        const std::string arguments = shared::text_of_file(process + "/cmdline");
+        const auto pid = static_cast<pid_t>(std::stol(name));
+        const std::vector<std::string> arguments = shared::arguments_of(pid);
         // One without arguments has ended, and waits for its parent.
         if (!arguments.empty() && without_links(directory_of(arguments)) == wanted) {
-            const auto pid = static_cast<pid_t>(std::stol(name));
             found.emplace(pid, shared::stat_of(pid).value_or(shared::ProcessStat{}));
         }
     }

@@ -53,6 +53,17 @@ std::string start_of(pid_t pid) {
     return stat ? std::to_string(stat->start) : "";
 }
 
+std::vector<std::string> arguments_of(pid_t pid) {
+    const std::string text = proc_text(pid, "cmdline");
+    std::vector<std::string> words;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find('\0', begin), text.size());
+        words.push_back(text.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return words;
+}
+
 std::string process_name(pid_t pid) {
     std::string name = proc_text(pid, "comm");
     if (name.ends_with('\n')) {

@@ -3,7 +3,7 @@ import json
 import os
 import time
 
-from kit import expect, main
+from kit import Conf, expect, main
 from kit.lbroute import route, run, shown_route, standing, status
 from route_scene import DEFAULT, GATEWAYS, ONE, PREFIX, THREE, TWO, RouteTest
 

@@ -23,7 +23,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::int64_t last_us = 0;
     for (const lbsim::Event& event : parsed.events) {
         // The simulation's clock never goes back, and a share is one of a hundred.
-        if (event.at_us < last_us || event.of_hundred < 0 || event.of_hundred > 100 ||
+        if (event.at_us < last_us || event.percent < 0 || event.percent > 100 ||
             event.delay_ms < 0 || event.jitter_ms < 0) {
             __builtin_trap();
         }

@@ -45,7 +45,7 @@ void Invariants::note(const std::string& text) {
 }
 
 bool Invariants::is_failing(Simulation::Call call) const {
-    return machine_.faults.of_hundred > 0 && machine_.faults.calls.contains(call);
+    return machine_.faults.percent > 0 && machine_.faults.calls.contains(call);
 }
 
 void Invariants::look(const context& ctx) {

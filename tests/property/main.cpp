@@ -57,7 +57,7 @@ void show(std::uint64_t seed, const std::string& configuration,
     for (const auto& window : random_faults(seed, uplinks, duration_us)) {
         printf("%-12s fails until %s: %s (%.0f%%)\n", lbsim::shown_duration(window.from_us).c_str(),
                lbsim::shown_duration(window.to_us).c_str(), window.text.c_str(),
-               window.faults.of_hundred);
+               window.faults.percent);
     }
 }
 

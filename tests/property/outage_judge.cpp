@@ -17,8 +17,8 @@ struct Turn {
 
 std::vector<Turn> states_of(const lbsim::Uplink& uplink, const lbsim::Run& run) {
     std::vector<Turn> turns;
-    for (const lbsim::Told& told : run.told) {
-        if (told.kind == lbsim::Told::Kind::state && told.uplink == uplink.name &&
+    for (const lbsim::ObservedChange& told : run.told) {
+        if (told.kind == lbsim::ObservedChange::Kind::state && told.uplink == uplink.name &&
             told.is_ipv6 == uplink.is_ipv6 && told.ns_name == uplink.ns_name) {
             turns.push_back({told.at_us, told.is_up});
         }

@@ -12,9 +12,9 @@ namespace {
 
 constexpr std::int64_t second_us = 1'000'000;
 
-class Dice {
+class Draws {
   public:
-    explicit Dice(std::uint64_t seed) : engine_(seed) {}
+    explicit Draws(std::uint64_t seed) : engine_(seed) {}
     /// From `least` to `most`.
     int between(int least, int most) {
         return least + static_cast<int>(engine_() % static_cast<std::uint64_t>(most - least + 1));
@@ -38,7 +38,7 @@ std::string address(bool is_ipv6, int number) {
                    : "203.0.113." + std::to_string(number);
 }
 
-std::string probe_text(Dice& dice, const Draft& draft, int number, int target, bool may_burst) {
+std::string probe_text(Draws& dice, const Draft& draft, int number, int target, bool may_burst) {
     std::string text = "rule " + std::to_string(number) + " {\n";
     if (!draft.is_ipv6 && may_burst && dice.one_of(4)) {
         // On tunnels a time that is no whole number of seconds is invalid (B71).
@@ -59,7 +59,7 @@ std::string probe_text(Dice& dice, const Draft& draft, int number, int target, b
     return text + "}\n";
 }
 
-std::string uplink_text(Dice& dice, const Draft& draft, int& last_target, bool may_burst) {
+std::string uplink_text(Draws& dice, const Draft& draft, int& last_target, bool may_burst) {
     std::string text =
         std::string(draft.is_ipv6 ? "interface6 " : "interface ") + draft.name + " {\n";
     if (!draft.ns_name.empty()) {
@@ -77,7 +77,7 @@ std::string uplink_text(Dice& dice, const Draft& draft, int& last_target, bool m
     return text + "}\n";
 }
 
-std::string rule_text(Dice& dice, int number, bool is_ipv6, const std::string& ns_name,
+std::string rule_text(Draws& dice, int number, bool is_ipv6, const std::string& ns_name,
                       const std::vector<Draft>& drafts) {
     std::string members;
     for (const Draft& draft : drafts) {
@@ -108,7 +108,7 @@ std::string rule_text(Dice& dice, int number, bool is_ipv6, const std::string& n
     return text + "}\n";
 }
 
-Draft random_draft(Dice& dice, int number, bool has_two_namespaces) {
+Draft random_draft(Draws& dice, int number, bool has_two_namespaces) {
     Draft draft;
     draft.is_ipv6 = dice.one_of(3);
     draft.ns_name = has_two_namespaces && dice.one_of(2) ? "blue" : "";
@@ -128,7 +128,7 @@ Draft random_draft(Dice& dice, int number, bool has_two_namespaces) {
 }  // namespace
 
 std::string random_configuration(std::uint64_t seed) {
-    Dice dice(seed);
+    Draws dice(seed);
     const int count = dice.between(1, 5);
     const bool has_two_namespaces = dice.one_of(3);
     std::vector<Draft> drafts;
@@ -160,11 +160,11 @@ std::string random_configuration(std::uint64_t seed) {
 
 lbsim::Scenario random_scenario(std::uint64_t seed, const std::vector<lbsim::Uplink>& uplinks,
                                 std::int64_t duration_us) {
-    Dice dice(seed ^ 0x5ce9a210ULL);
-    lbsim::Habits habits;
-    habits.outages_per_day = 24.0 * dice.between(2, 16);
-    habits.mean_length_us = dice.between(2, 120) * second_us;
-    lbsim::Scenario events = lbsim::draw_outages(uplinks, duration_us, habits, seed);
+    Draws dice(seed ^ 0x5ce9a210ULL);
+    lbsim::OutageModel model;
+    model.outages_per_day = 24.0 * dice.between(2, 16);
+    model.mean_length_us = dice.between(2, 120) * second_us;
+    lbsim::Scenario events = lbsim::draw_outages(uplinks, duration_us, model, seed);
     for (const lbsim::Uplink& uplink : uplinks) {
         const int leases = uplink.nexthop == "dhcp" ? dice.between(0, 4) : 0;
         for (int i = 0; i < leases; ++i) {
@@ -207,7 +207,7 @@ std::vector<FaultWindow> random_faults(std::uint64_t seed,
     };
     const bool has_ipv6 = std::any_of(uplinks.begin(), uplinks.end(),
                                       [](const auto& uplink) { return uplink.is_ipv6; });
-    Dice dice(seed ^ 0xfa017ULL);
+    Draws dice(seed ^ 0xfa017ULL);
     std::vector<FaultWindow> windows;
     std::int64_t at_us = 0;
     while (true) {
@@ -228,7 +228,7 @@ std::vector<FaultWindow> random_faults(std::uint64_t seed,
             window.faults.calls.insert(call);
             window.text += std::string(window.text.empty() ? "" : ", ") + name;
         }
-        window.faults.of_hundred = dice.one_of(2) ? 100 : dice.between(5, 80);
+        window.faults.percent = dice.one_of(2) ? 100 : dice.between(5, 80);
         windows.push_back(window);
     }
 }

@@ -88,7 +88,7 @@ class Course {
     void enter(std::int64_t at_us, const lbsim::Uplink& uplink, Change change, const char* text) {
         lbsim::Event event{.at_us = at_us, .uplink = uplink.name, .change = change};
         event.text = uplink.name + " " + text;
-        event.of_hundred = change == Change::loss ? 100 : 0;
+        event.percent = change == Change::loss ? 100 : 0;
         events.push_back(event);
     }
 

@@ -129,6 +129,16 @@ TEST_F(LbcheckCollect, uplink_that_is_not_there_has_those_that_are) {
     EXPECT_THAT(uplink(0).addresses, IsEmpty());
 }
 
+TEST_F(LbcheckCollect, uplink_of_ipv6_is_one) {
+    collect(
+        " interface6 wan1 {\n  rule 1 {\n   type ping {\n    target 2001:db8::1\n   }\n  }\n }\n",
+        [](Network&) {});
+    if (IsSkipped() || HasFatalFailure()) {
+        return;
+    }
+    EXPECT_TRUE(uplink(0).is_ipv6);
+}
+
 TEST_F(LbcheckCollect, namespace_that_is_not_there_is_told) {
     const Loaded loaded("health {\n" +
                         interface("wan1", "192.0.2.1", "  namespace no-such-namespace\n") + "}\n");

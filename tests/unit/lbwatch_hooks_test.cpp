@@ -167,6 +167,22 @@ TEST_F(LbwatchHooks, one_that_hangs_is_killed_with_its_group_and_holds_up_nobody
     EXPECT_TRUE(tend_until(30, [&] { return has_ended(child); }));
 }
 
+TEST_F(LbwatchHooks, one_that_another_user_may_change_is_not_run) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root gives files away";
+    }
+    hook("open", "echo ran > " + folder + "/.open\n");
+    std::filesystem::permissions(folder + "/open", std::filesystem::perms(0775));
+    hook("foreign", "echo ran > " + folder + "/.foreign\n");
+    ASSERT_EQ(chown((folder + "/foreign").c_str(), 1, 0), 0);
+    hook("good", "echo ran > " + folder + "/.good\n");
+    hooks.add(change("eth0", 1), at(0));
+    EXPECT_TRUE(tend_until(1, [&] { return written(".good") == "ran\n" && hooks.is_idle(); }));
+    EXPECT_EQ(written(".open") + written(".foreign"), "");
+    EXPECT_TRUE(has_told("foreign") && has_told("its owner is not root")) << notices;
+    EXPECT_TRUE(has_told("others than its owner may write it")) << notices;
+}
+
 TEST_F(LbwatchHooks, one_that_floods_its_output_is_told_in_part_and_read_on) {
     hook("floods", "yes flood | head -c 3000000; echo done > " + folder + "/.done\n");
     hooks.add(change("eth0", 1), at(0));

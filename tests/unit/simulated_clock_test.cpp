@@ -41,8 +41,10 @@ class OutageJudge : public testing::Test {
         uplinks_.front().start_us = 20 * s;
         uplinks_.front().settle_us = 10 * s;
         for (const auto& [at_s, is_up] : {std::pair(5, true), {108, false}, {209, true}}) {
-            run_.told.push_back(
-                {.at_us = at_s * s, .kind = Told::Kind::state, .uplink = "gi1_1", .is_up = is_up});
+            run_.told.push_back({.at_us = at_s * s,
+                                 .kind = ObservedChange::Kind::state,
+                                 .uplink = "gi1_1",
+                                 .is_up = is_up});
             run_.routed.push_back({.at_us = at_s * s, .uplink = 0, .is_routed = is_up});
         }
     }

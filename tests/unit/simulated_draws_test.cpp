@@ -51,10 +51,10 @@ TEST(DrawnOutages, of_one_uplink_do_not_depend_on_the_others) {
 }
 
 TEST(DrawnOutages, have_the_frequency_and_the_length_that_were_asked_for) {
-    Habits habits;
-    habits.outages_per_day = 10;
-    habits.mean_length_us = 60'000'000;
-    const auto events = draw_outages(uplinks_of({"gi1_1"}), 400 * day_us, habits, 1);
+    OutageModel model;
+    model.outages_per_day = 10;
+    model.mean_length_us = 60'000'000;
+    const auto events = draw_outages(uplinks_of({"gi1_1"}), 400 * day_us, model, 1);
     std::int64_t length_us = 0;
     for (std::size_t i = 0; i + 1 < events.size(); i += 2) {
         EXPECT_EQ(events[i + 1].change, Change::clean);
@@ -73,11 +73,11 @@ TEST(DrawnOutages, begin_after_the_first_verdict_and_before_the_end) {
 }
 
 TEST(DrawnOutages, are_of_the_kinds_that_were_asked_for) {
-    Habits habits;
-    ASSERT_TRUE(parse_kinds("loss=1,target=3", habits));
+    OutageModel model;
+    ASSERT_TRUE(parse_kinds("loss=1,target=3", model));
     int losses = 0;
     int targets = 0;
-    for (const Event& event : draw_outages(uplinks_of({"gi1_1"}), 500 * day_us, habits, 1)) {
+    for (const Event& event : draw_outages(uplinks_of({"gi1_1"}), 500 * day_us, model, 1)) {
         EXPECT_TRUE(event.change == Change::clean || event.change == Change::loss ||
                     !event.target.empty())
             << event.text;
@@ -92,28 +92,28 @@ TEST(DrawnOutages, can_be_written_as_a_scenario) {
         const auto parsed = parse_scenario("1s " + event.text);
         ASSERT_EQ(parsed.events.size(), 1) << event.text;
         EXPECT_EQ(parsed.events[0].change, event.change) << event.text;
-        EXPECT_EQ(parsed.events[0].of_hundred, event.of_hundred) << event.text;
+        EXPECT_EQ(parsed.events[0].percent, event.percent) << event.text;
         EXPECT_EQ(parsed.events[0].delay_ms, event.delay_ms) << event.text;
         EXPECT_EQ(parsed.events[0].target, event.target) << event.text;
     }
 }
 
 TEST(DrawnOutages, are_none_where_none_are_asked_for) {
-    Habits habits;
-    habits.outages_per_day = 0;
-    EXPECT_TRUE(draw_outages(uplinks_of({"gi1_1"}), day_us, habits, 1).empty());
+    OutageModel model;
+    model.outages_per_day = 0;
+    EXPECT_TRUE(draw_outages(uplinks_of({"gi1_1"}), day_us, model, 1).empty());
 }
 
 TEST(Kinds, are_refused_where_they_make_no_sense) {
-    Habits habits;
+    OutageModel model;
     for (const char* text : {"", "dead", "dead=", "dead=x", "fire=1", "dead=0", "dead=1..2",
                              "dead=-1", "dead=1e9", "dead=9999999"}) {
-        EXPECT_FALSE(parse_kinds(text, habits)) << text;
+        EXPECT_FALSE(parse_kinds(text, model)) << text;
     }
-    EXPECT_EQ(habits.dead, 5);
-    EXPECT_TRUE(parse_kinds("delay=0.5", habits));
-    EXPECT_EQ(habits.dead, 0);
-    EXPECT_EQ(habits.delay, 0.5);
+    EXPECT_EQ(model.dead, 5);
+    EXPECT_TRUE(parse_kinds("delay=0.5", model));
+    EXPECT_EQ(model.dead, 0);
+    EXPECT_EQ(model.delay, 0.5);
 }
 
 TEST(Svg, has_a_band_of_truth_above_one_of_the_verdict) {
@@ -123,7 +123,7 @@ TEST(Svg, has_a_band_of_truth_above_one_of_the_verdict) {
     story.scenario = parse_scenario("50s gi1_1 dead\n75s gi1_1 loss 10%").events;
     story.run.duration_us = 100'000'000;
     for (const auto& [at_s, is_active] : {std::pair{10, true}, std::pair{60, false}}) {
-        Told told;
+        ObservedChange told;
         told.at_us = at_s * 1'000'000;
         told.uplink = "gi1_1";
         told.is_up = is_active;

@@ -134,7 +134,7 @@ TEST_F(TwoUplinks, report_and_dumps_are_written_and_go_with_the_engine) {
 /// order of the records' places in memory (B90), which here is an accident.
 std::vector<std::string> run_with_losses(TwoUplinks& router, std::uint64_t seed) {
     router.sim.set_seed(seed);
-    router.sim.in_force().targets["203.0.113.1"].lost_of_hundred = 40;
+    router.sim.in_force().targets["203.0.113.1"].loss_percent = 40;
     router.start(two_uplinks);
     router.run_cycles(1800);
     auto changes = router.changes();

@@ -165,19 +165,20 @@ TEST(StoryText, kinds_are_what_became_of_the_uplink) {
 TEST(StoryText, timeline_has_events_and_answers_in_the_order_of_time) {
     Story story = two_uplinks();
     story.scenario = parse_scenario("20s gi1_1 dead\n30s gi1_1 alive\n60s gi1_1 dead").events;
-    Told told{.at_us = 5 * s, .kind = Told::Kind::state, .uplink = "gi1_1"};
+    ObservedChange told{.at_us = 5 * s, .kind = ObservedChange::Kind::state, .uplink = "gi1_1"};
     told.is_up = true;
     story.run.told.push_back(told);
-    told = {.at_us = 20 * s, .kind = Told::Kind::target, .uplink = "eth0", .is_ipv6 = true};
+    told = {
+        .at_us = 20 * s, .kind = ObservedChange::Kind::target, .uplink = "eth0", .is_ipv6 = true};
     told.ns_name = "blue";
     told.text = "target 2001:db8::1 failure";
     story.run.told.push_back(told);
-    told = {.at_us = 27'060'000, .kind = Told::Kind::state, .uplink = "gi1_1"};
+    told = {.at_us = 27'060'000, .kind = ObservedChange::Kind::state, .uplink = "gi1_1"};
     story.run.told.push_back(told);
-    told = {.at_us = 27'060'000, .kind = Told::Kind::routes};
+    told = {.at_us = 27'060'000, .kind = ObservedChange::Kind::routes};
     told.text = "route a\nroute b\n";
     story.run.told.push_back(told);
-    told = {.at_us = 28 * s, .kind = Told::Kind::routes, .is_ipv6 = true};
+    told = {.at_us = 28 * s, .kind = ObservedChange::Kind::routes, .is_ipv6 = true};
     told.ns_name = "blue";
     story.run.told.push_back(told);
     EXPECT_EQ(timeline_text(story),

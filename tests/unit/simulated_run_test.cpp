@@ -102,8 +102,9 @@ Story story_of(const std::string& scenario, std::uint64_t seed = 1,
 
 std::string changes_of(const Story& story, const std::string& uplink, bool is_ipv6 = false) {
     std::string text;
-    for (const Told& told : story.run.told) {
-        if (told.kind == Told::Kind::state && told.uplink == uplink && told.is_ipv6 == is_ipv6) {
+    for (const ObservedChange& told : story.run.told) {
+        if (told.kind == ObservedChange::Kind::state && told.uplink == uplink &&
+            told.is_ipv6 == is_ipv6) {
             text += std::to_string(told.at_us / 1'000'000) + (told.is_up ? " up, " : " down, ");
         }
     }
@@ -197,8 +198,8 @@ TEST(SimulatedRun, follows_a_lease_to_its_new_router) {
     const Story story = story_of("0s gi1_2 lease 198.51.100.1\n20s gi1_2 lease 198.51.100.254");
     EXPECT_TRUE(story.run.made_up_routers.empty());
     std::string last;
-    for (const Told& told : story.run.told) {
-        last = told.kind == Told::Kind::routes && !told.is_ipv6 ? told.text : last;
+    for (const ObservedChange& told : story.run.told) {
+        last = told.kind == ObservedChange::Kind::routes && !told.is_ipv6 ? told.text : last;
     }
     EXPECT_EQ(last,
               "route 0.0.0.0/0 multipath via 192.0.2.1 weight 1 via 198.51.100.254 weight 3;\n");

@@ -92,11 +92,11 @@ TEST(Scenario, knows_what_can_happen_to_an_uplink) {
     EXPECT_EQ(event_of("1s u alive").change, Change::alive);
     EXPECT_EQ(event_of("1s u lease 198.51.100.254").router, "198.51.100.254");
     EXPECT_EQ(event_of("1s u lease none").router, "");
-    EXPECT_EQ(event_of("1s u duplicates 7%").of_hundred, 7);
-    EXPECT_EQ(event_of("1s u reorder 0.5%").of_hundred, 0.5);
+    EXPECT_EQ(event_of("1s u duplicates 7%").percent, 7);
+    EXPECT_EQ(event_of("1s u reorder 0.5%").percent, 0.5);
     const Event loss = event_of("1s u ipv6 loss 30%");
     EXPECT_EQ(loss.family, Family::ipv6);
-    EXPECT_EQ(loss.of_hundred, 30);
+    EXPECT_EQ(loss.percent, 30);
     const Event delay = event_of("1s u delay 900ms jitter 0.2s");
     EXPECT_EQ(delay.delay_ms, 900);
     EXPECT_EQ(delay.jitter_ms, 200);
@@ -110,7 +110,7 @@ TEST(Scenario, knows_targets_of_all_uplinks_and_of_one) {
     EXPECT_EQ(of_one.uplink, "u");
     EXPECT_EQ(of_one.family, Family::ipv4);
     EXPECT_EQ(of_one.target, "203.0.113.53");
-    EXPECT_EQ(event_of("1s u target 203.0.113.53 loss 20%").of_hundred, 20);
+    EXPECT_EQ(event_of("1s u target 203.0.113.53 loss 20%").percent, 20);
 }
 
 TEST(Scenario, names_line_and_word_of_an_error) {

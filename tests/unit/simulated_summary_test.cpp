@@ -98,9 +98,9 @@ lbsim::Run run_of(std::initializer_list<std::pair<std::int64_t, bool>> changes,
     lbsim::Run run;
     run.duration_us = duration_s * s;
     for (const auto& [at_s, is_active] : changes) {
-        Told told;
+        ObservedChange told;
         told.at_us = at_s * s;
-        told.kind = Told::Kind::state;
+        told.kind = ObservedChange::Kind::state;
         told.uplink = "gi1_1";
         told.is_up = is_active;
         run.told.push_back(told);

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "lbcheck/values.h"
+
 namespace lbcheck {
 
 std::string within(const std::string& namespace_name, const std::string& command) {
@@ -338,6 +340,14 @@ void judge_units(const LiveFacts& facts, LiveFindings& findings) {
     }
 }
 
+std::string mend_of_namespace(const std::string& name, bool is_missing) {
+    const std::string fault = problem_of_namespace_name(name);
+    if (!fault.empty()) {
+        return "correct its name: " + fault;
+    }
+    return is_missing ? "ip netns add " + name : "run it as root";
+}
+
 }  // namespace
 
 std::vector<LiveFinding> judge_live(const LiveFacts& facts) {
@@ -346,8 +356,7 @@ std::vector<LiveFinding> judge_live(const LiveFacts& facts) {
         if (!space.problem.empty()) {
             const bool is_missing = space.problem == no_such_namespace;
             findings.add(is_missing ? State::error : State::unknown, "namespace " + space.name,
-                         space.problem,
-                         is_missing ? "ip netns add " + space.name : "run it as root");
+                         space.problem, mend_of_namespace(space.name, is_missing));
             continue;
         }
         for (const UplinkFacts& uplink : space.uplinks) {

@@ -409,7 +409,8 @@ std::string report_text(const Report& report) {
                                        : "bird was not given what the fragments ask for.\n");
     }
     if (!report.has_fragments()) {
-        return text + "There is no fragment: lb has not written any routes yet.\n";
+        return text +
+               "There is no fragment: where lb runs, no uplink was active since its start.\n";
     }
     return text + (report.agrees() ? "The kernel routes as the fragments ask.\n"
                                    : "The kernel does not route as the fragments ask.\n");

@@ -13,9 +13,9 @@ namespace lbsim {
 namespace {
 
 /// The standard's engine gives the same numbers everywhere; its distributions do not.
-class Dice {
+class Draws {
   public:
-    Dice(std::uint64_t seed, const std::string& name) : engine_(seed) {
+    Draws(std::uint64_t seed, const std::string& name) {
         std::uint64_t key = 0xcbf29ce484222325ULL;  // FNV-1a
         for (const char character : name) {
             key = (key ^ static_cast<std::uint8_t>(character)) * 0x100000001b3ULL;
@@ -41,17 +41,17 @@ class Dice {
 
 enum class Kind { dead, link, loss, delay, target };
 
-Kind draw_kind(Dice& dice, const Habits& habits) {
-    const std::array<std::pair<Kind, double>, 5> shares{{{Kind::dead, habits.dead},
-                                                         {Kind::link, habits.link},
-                                                         {Kind::loss, habits.loss},
-                                                         {Kind::delay, habits.delay},
-                                                         {Kind::target, habits.target}}};
+Kind draw_kind(Draws& draws, const OutageModel& model) {
+    const std::array<std::pair<Kind, double>, 5> shares{{{Kind::dead, model.dead},
+                                                         {Kind::link, model.link},
+                                                         {Kind::loss, model.loss},
+                                                         {Kind::delay, model.delay},
+                                                         {Kind::target, model.target}}};
     double sum = 0;
     for (const auto& [kind, share] : shares) {
         sum += share;
     }
-    double at = dice.share() * sum;
+    double at = draws.share() * sum;
     for (const auto& [kind, share] : shares) {
         at -= share;
         if (at < 0) {
@@ -68,10 +68,10 @@ struct Line {
 };
 
 /// The event that begins an outage; the one that ends it is always `clean`.
-Event begin_of(Dice& dice, const Habits& habits, const std::string& name, const Line& line) {
+Event begin_of(Draws& draws, const OutageModel& model, const std::string& name, const Line& line) {
     Event event;
     event.uplink = name;
-    const Kind kind = draw_kind(dice, habits);
+    const Kind kind = draw_kind(draws, model);
     switch (kind) {
         case Kind::dead:
             event.change = Change::dead;
@@ -83,12 +83,12 @@ Event begin_of(Dice& dice, const Habits& habits, const std::string& name, const 
             break;
         case Kind::loss:
             event.change = Change::loss;
-            event.of_hundred = std::round(dice.between(10, 70));
-            event.text = name + " loss " + std::to_string(static_cast<int>(event.of_hundred)) + "%";
+            event.percent = std::round(draws.between(10, 70));
+            event.text = name + " loss " + std::to_string(static_cast<int>(event.percent)) + "%";
             break;
         case Kind::delay:
             event.change = Change::delay;
-            event.delay_ms = std::llround(dice.between(2, 30)) * 100;
+            event.delay_ms = std::llround(draws.between(2, 30)) * 100;
             event.jitter_ms = event.delay_ms / 2;
             event.text = name + " delay " + std::to_string(event.delay_ms) + "ms jitter " +
                          std::to_string(event.jitter_ms) + "ms";
@@ -97,7 +97,7 @@ Event begin_of(Dice& dice, const Habits& habits, const std::string& name, const 
             event.change = Change::dead;
             event.text = name + " dead";
             if (!line.targets.empty()) {
-                event.target = line.targets[dice.below(line.targets.size())];
+                event.target = line.targets[draws.below(line.targets.size())];
                 event.text = name + " target " + event.target + " dead";
             }
             break;
@@ -107,8 +107,8 @@ Event begin_of(Dice& dice, const Habits& habits, const std::string& name, const 
 
 }  // namespace
 
-bool parse_kinds(const std::string& text, Habits& habits) {
-    Habits parsed = habits;
+bool parse_kinds(const std::string& text, OutageModel& model) {
+    OutageModel parsed = model;
     const std::map<std::string_view, double*> shares{{"dead", &parsed.dead},
                                                      {"link", &parsed.link},
                                                      {"loss", &parsed.loss},
@@ -139,12 +139,12 @@ bool parse_kinds(const std::string& text, Habits& habits) {
     if (sum <= 0) {
         return false;
     }
-    habits = parsed;
+    model = parsed;
     return true;
 }
 
 Scenario draw_outages(const std::vector<Uplink>& uplinks, std::int64_t duration_us,
-                      const Habits& habits, std::uint64_t seed) {
+                      const OutageModel& model, std::uint64_t seed) {
     std::map<std::string, Line> lines;
     for (const Uplink& uplink : uplinks) {
         Line& line = lines[uplink.name];
@@ -152,21 +152,21 @@ Scenario draw_outages(const std::vector<Uplink>& uplinks, std::int64_t duration_
         line.targets.insert(line.targets.end(), uplink.targets.begin(), uplink.targets.end());
     }
     Scenario events;
-    if (habits.outages_per_day <= 0) {
+    if (model.outages_per_day <= 0) {
         return events;
     }
-    const auto mean_gap_us = static_cast<std::int64_t>(8.64e10 / habits.outages_per_day);
+    const auto mean_gap_us = static_cast<std::int64_t>(8.64e10 / model.outages_per_day);
     for (const auto& [name, line] : lines) {
-        Dice dice(seed, name);
+        Draws draws(seed, name);
         std::int64_t at_us = line.start_us;
         while (true) {
-            at_us += dice.exponential_us(mean_gap_us);
+            at_us += draws.exponential_us(mean_gap_us);
             if (at_us >= duration_us) {
                 break;
             }
-            Event begin = begin_of(dice, habits, name, line);
+            Event begin = begin_of(draws, model, name, line);
             begin.at_us = at_us;
-            at_us += dice.exponential_us(habits.mean_length_us);
+            at_us += draws.exponential_us(model.mean_length_us);
             Event end;
             end.at_us = at_us;
             end.uplink = name;

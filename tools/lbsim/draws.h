@@ -12,7 +12,7 @@ namespace lbsim {
 
 /// How often, how long and of which kind. The defaults are a poor line's, not measured ones: they
 /// make the table speak, and say nothing about a provider.
-struct Habits {
+struct OutageModel {
     double outages_per_day = 4;  ///< of each uplink
     std::int64_t mean_length_us = 120'000'000;
     /// Shares of the kinds; only their proportions count.
@@ -23,15 +23,15 @@ struct Habits {
     double target = 1;  ///< one of its targets does not answer through it
 };
 
-/// "dead=5,link=1": the shares that are named, 0 for the others. False, and `habits` as before,
+/// "dead=5,link=1": the shares that are named, 0 for the others. False, and `model` as before,
 /// where it is none.
-bool parse_kinds(const std::string& text, Habits& habits);
+bool parse_kinds(const std::string& text, OutageModel& model);
 
 /// Outages of each uplink (of both families at once) until the end, beginning when it has been
 /// judged for the first time. An outage and the time until the next one are distributed
 /// exponentially; those of one uplink never overlap. What one uplink meets does not depend on the
 /// others.
 Scenario draw_outages(const std::vector<Uplink>& uplinks, std::int64_t duration_us,
-                      const Habits& habits, std::uint64_t seed);
+                      const OutageModel& model, std::uint64_t seed);
 
 }  // namespace lbsim

@@ -17,23 +17,23 @@ Json seconds_or_null(const std::optional<std::int64_t>& duration_us) {
     return duration_us ? Json(seconds(*duration_us)) : Json();
 }
 
-Json event_json(const Told& told) {
+Json event_json(const ObservedChange& told) {
     Json event{{"t", seconds(told.at_us)}};
     switch (told.kind) {
-        case Told::Kind::state:
+        case ObservedChange::Kind::state:
             event["event"] = "state";
             break;
-        case Told::Kind::target:
+        case ObservedChange::Kind::target:
             event["event"] = "target";
             break;
-        case Told::Kind::routes:
+        case ObservedChange::Kind::routes:
             event["event"] = "routes";
             break;
     }
-    event["uplink"] = told.kind == Told::Kind::routes ? Json() : Json(told.uplink);
+    event["uplink"] = told.kind == ObservedChange::Kind::routes ? Json() : Json(told.uplink);
     event["family"] = family_word(told.is_ipv6);
     event["namespace"] = told.ns_name;
-    event[told.kind == Told::Kind::state ? "active" : "up"] = told.is_up;
+    event[told.kind == ObservedChange::Kind::state ? "active" : "up"] = told.is_up;
     event["text"] = told.text;
     return event;
 }
@@ -107,7 +107,7 @@ Json summary_json(const Story& story) {
 
 std::string json_text(const Story& story, const Story* other) {
     Json events = Json::array();
-    for (const Told& told : story.run.told) {
+    for (const ObservedChange& told : story.run.told) {
         events.push_back(event_json(told));
     }
     Json summary = summary_json(story);

@@ -37,7 +37,7 @@ struct Options {
     std::string mean_outage;
     std::uint64_t seed = 1;
     std::optional<double> days;
-    Habits habits;
+    OutageModel model;
     bool is_random = false;
     bool is_tuned = false;
     bool as_json = false;
@@ -106,15 +106,15 @@ std::string valid_time(const std::string& text) {
 }
 
 Course drawn_course(const Options& options, const std::vector<Uplink>& uplinks) {
-    Habits habits = options.habits;
-    habits.mean_length_us = parse_duration(options.mean_outage).value_or(habits.mean_length_us);
+    OutageModel model = options.model;
+    model.mean_length_us = parse_duration(options.mean_outage).value_or(model.mean_length_us);
     if (!options.kinds.empty()) {
-        parse_kinds(options.kinds, habits);
+        parse_kinds(options.kinds, model);
     }
     const double days = options.days.value_or(options.is_tuned ? tuning_days : default_days);
     const std::int64_t duration_us =
         parse_duration(options.duration).value_or(static_cast<std::int64_t>(days * 8.64e10));
-    return {draw_outages(uplinks, duration_us, habits, options.seed), duration_us};
+    return {draw_outages(uplinks, duration_us, model, options.seed), duration_us};
 }
 
 Course replayed_course(const Options& options, const std::vector<Uplink>& uplinks) {
@@ -247,7 +247,7 @@ void add_options(CLI::App& app, Options& options) {
     app.add_option("--days", options.days, "of --random; 30 by default")
         ->check(CLI::Range(0.01, 36500.0))
         ->needs(random);
-    app.add_option("--outages-per-day", options.habits.outages_per_day,
+    app.add_option("--outages-per-day", options.model.outages_per_day,
                    "of each uplink with --random; 4 by default")
         ->check(CLI::Range(0.0, 10000.0))
         ->needs(random);
@@ -259,8 +259,8 @@ void add_options(CLI::App& app, Options& options) {
                    "shares of the kinds of outages with --random; "
                    "dead=5,link=1,loss=2,delay=1,target=1 by default")
         ->check([](const std::string& text) {
-            Habits habits;
-            return parse_kinds(text, habits)
+            OutageModel model;
+            return parse_kinds(text, model)
                        ? std::string()
                        : "'" + text + "' is not as dead=5,link=1,loss=2,delay=1,target=1";
         })

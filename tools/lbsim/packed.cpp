@@ -8,7 +8,8 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Uplink, name, is_ipv6, ns_name, nexthop, sour
                                    has_nexthop_as_target, settle_us, start_us, failure_us,
                                    answer_us)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Loaded, uplinks, messages, without_worker)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Told, at_us, kind, uplink, is_ipv6, ns_name, is_up, text)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(ObservedChange, at_us, kind, uplink, is_ipv6, ns_name, is_up,
+                                   text)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Routed, at_us, uplink, is_routed)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Run, told, routed, duration_us, cycles, made_up_routers, echoes,
                                    reloads)

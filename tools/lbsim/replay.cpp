@@ -248,24 +248,23 @@ void bring_together(Recorded& recorded) {
 }
 
 /// How a target was over a part of the time.
-struct Weather {
+struct Impairments {
     Part part{};
     Change change{};
-    int of_hundred = 0;  ///< of `loss`
+    int percent = 0;  ///< of `loss`
 
-    bool is_like(const Weather& other) const {
-        return change == other.change && of_hundred == other.of_hundred;
+    bool is_like(const Impairments& other) const {
+        return change == other.change && percent == other.percent;
     }
 };
 
-Weather weather_of(const Observation& one, std::int64_t until_ms) {
+Impairments impairments_of(const Observation& one, std::int64_t until_ms) {
     const Part part{one.at_ms, until_ms};
     if (one.missed == 0 || one.answered == 0) {
         return {.part = part, .change = one.missed == 0 ? Change::alive : Change::dead};
     }
     const double share = 100.0 * one.missed / (one.answered + one.missed);
-    return {
-        .part = part, .change = Change::loss, .of_hundred = static_cast<int>(std::lround(share))};
+    return {.part = part, .change = Change::loss, .percent = static_cast<int>(std::lround(share))};
 }
 
 /// A minute in which an outage was judged tells no more than that, unless nothing at all was
@@ -283,14 +282,15 @@ bool is_explained(const Observation& one, const std::vector<Outage>& outages) {
 
 /// What was not as at the start, in the order of time, without overlaps. What was seen lasts until
 /// the next look; what an outage explains is the outage's.
-std::vector<Weather> weather_at(const Recorded& recorded, const Place& place, const Part& all) {
-    std::vector<Weather> weather;
+std::vector<Impairments> impairments_at(const Recorded& recorded, const Place& place,
+                                        const Part& all) {
+    std::vector<Impairments> impairments;
     for (std::size_t i = 0; i < place.seen.size(); ++i) {
         const Observation& one = *place.seen[i];
         const std::int64_t until_ms =
             i + 1 < place.seen.size() ? place.seen[i + 1]->at_ms : all.end_ms;
         if (one.missed > 0 && !is_explained(one, place.outages)) {
-            weather.push_back(weather_of(one, until_ms));
+            impairments.push_back(impairments_of(one, until_ms));
         }
     }
     for (const Outage& outage : place.outages) {
@@ -302,31 +302,33 @@ std::vector<Weather> weather_at(const Recorded& recorded, const Place& place, co
                 [&silent](const Part& part) { return part.begin_ms >= silent.end_ms; });
             silent.end_ms = next == recorded.watched.end() ? all.end_ms : next->begin_ms;
         }
-        weather.push_back({.part = silent, .change = Change::dead});
+        impairments.push_back({.part = silent, .change = Change::dead});
     }
-    std::sort(weather.begin(), weather.end(), [](const Weather& one, const Weather& other) {
-        return one.part.begin_ms < other.part.begin_ms;
-    });
-    for (std::size_t i = 0; i + 1 < weather.size(); ++i) {
-        Part& part = weather[i].part;
-        part.end_ms = std::min(part.end_ms, weather[i + 1].part.begin_ms);
+    std::sort(impairments.begin(), impairments.end(),
+              [](const Impairments& one, const Impairments& other) {
+                  return one.part.begin_ms < other.part.begin_ms;
+              });
+    for (std::size_t i = 0; i + 1 < impairments.size(); ++i) {
+        Part& part = impairments[i].part;
+        part.end_ms = std::min(part.end_ms, impairments[i + 1].part.begin_ms);
     }
-    for (Weather& one : weather) {
+    for (Impairments& one : impairments) {
         one.part = {std::max(one.part.begin_ms, all.begin_ms),
                     std::min(one.part.end_ms, all.end_ms)};
     }
-    std::erase_if(weather, [](const Weather& one) { return one.part.end_ms <= one.part.begin_ms; });
-    return weather;
+    std::erase_if(impairments,
+                  [](const Impairments& one) { return one.part.end_ms <= one.part.begin_ms; });
+    return impairments;
 }
 
-class Teller {
+class ScenarioWriter {
   public:
-    Teller(const Recorded& recorded, const Part& all, Scenario& scenario)
+    ScenarioWriter(const Recorded& recorded, const Part& all, Scenario& scenario)
         : recorded_(recorded), all_(all), scenario_(scenario) {}
 
     void tell_targets() {
         for (const auto& [target, place] : recorded_.places) {
-            tell(target, weather_at(recorded_, place, all_));
+            tell(target, impairments_at(recorded_, place, all_));
         }
     }
 
@@ -352,18 +354,18 @@ class Teller {
     }
 
   private:
-    void tell(const std::string& target, const std::vector<Weather>& weather) {
-        for (std::size_t i = 0; i < weather.size(); ++i) {
-            const Weather& one = weather[i];
-            const bool goes_on = i > 0 && weather[i - 1].part.end_ms == one.part.begin_ms;
-            if (!goes_on || !weather[i - 1].is_like(one)) {
+    void tell(const std::string& target, const std::vector<Impairments>& impairments) {
+        for (std::size_t i = 0; i < impairments.size(); ++i) {
+            const Impairments& one = impairments[i];
+            const bool goes_on = i > 0 && impairments[i - 1].part.end_ms == one.part.begin_ms;
+            if (!goes_on || !impairments[i - 1].is_like(one)) {
                 add(one.part.begin_ms, target, one.change,
                     one.change == Change::dead ? "dead"
-                                               : "loss " + std::to_string(one.of_hundred) + "%",
-                    one.of_hundred);
+                                               : "loss " + std::to_string(one.percent) + "%",
+                    one.percent);
             }
             const bool is_over =
-                i + 1 == weather.size() || weather[i + 1].part.begin_ms > one.part.end_ms;
+                i + 1 == impairments.size() || impairments[i + 1].part.begin_ms > one.part.end_ms;
             if (is_over && one.part.end_ms < all_.end_ms) {
                 add(one.part.end_ms, target, Change::alive, "alive");
             }
@@ -371,7 +373,7 @@ class Teller {
     }
 
     void add(std::int64_t at_ms, const std::string& target, Change change, const std::string& what,
-             double of_hundred = 0) {
+             double percent = 0) {
         const Uplink& uplink = *recorded_.uplink;
         Event event;
         event.at_us = (at_ms - all_.begin_ms) * 1000;
@@ -379,7 +381,7 @@ class Teller {
         event.family = uplink.is_ipv6 ? Family::ipv6 : Family::ipv4;
         event.target = target;
         event.change = change;
-        event.of_hundred = of_hundred;
+        event.percent = percent;
         event.text = uplink.name + " " + family_word(uplink.is_ipv6) + " " +
                      (target.empty() ? "" : "target " + target + " ") + what;
         scenario_.push_back(std::move(event));
@@ -480,7 +482,7 @@ Replayed replay_of(const History& history, const Period& period,
         }
         find_outages(recorded, replayed.doubts);
         bring_together(recorded);
-        Teller teller(recorded, all, replayed.scenario);
+        ScenarioWriter teller(recorded, all, replayed.scenario);
         teller.tell_targets();
         if (const std::int64_t unwatched_ms = teller.tell_unwatched(); unwatched_ms > 0) {
             replayed.doubts.push_back(shown(uplink) + ": not watched for " +

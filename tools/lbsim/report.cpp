@@ -130,19 +130,19 @@ std::string indented(const std::string& lines, const std::string& before) {
     return text;
 }
 
-std::string told_text(const Told& told) {
+std::string told_text(const ObservedChange& told) {
     const std::string where = told.ns_name.empty() ? "" : " in " + told.ns_name;
     const std::string indent(17, ' ');
     switch (told.kind) {
-        case Told::Kind::state:
-        case Told::Kind::target:
+        case ObservedChange::Kind::state:
+        case ObservedChange::Kind::target:
             return at_text(told.at_us) + "    " + told.uplink + " " + family_word(told.is_ipv6) +
                    where + ": " +
-                   (told.kind == Told::Kind::target ? told.text
-                    : told.is_up                    ? "active"
-                                                    : "inactive") +
+                   (told.kind == ObservedChange::Kind::target ? told.text
+                    : told.is_up                              ? "active"
+                                                              : "inactive") +
                    '\n';
-        case Told::Kind::routes:
+        case ObservedChange::Kind::routes:
             break;
     }
     return at_text(told.at_us) + "    " + family_word(told.is_ipv6) + " routes" + where + ":" +
@@ -253,7 +253,7 @@ std::string timeline_text(const Story& story) {
             text += at_text(event->at_us) + "  " + event->text + '\n';
         }
     };
-    for (const Told& told : story.run.told) {
+    for (const ObservedChange& told : story.run.told) {
         tell_events_until(told.at_us);
         text += told_text(told);
     }

@@ -48,7 +48,8 @@ class Observer {
         std::map<std::string, int> verdicts{};
     };
 
-    Told told_of(const LBHealth& health, Told::Kind kind, bool is_up, std::string text) const {
+    ObservedChange told_of(const LBHealth& health, ObservedChange::Kind kind, bool is_up,
+                           std::string text) const {
         return {.at_us = at_us_,
                 .kind = kind,
                 .uplink = health.name,
@@ -70,7 +71,7 @@ class Observer {
             if (is_first ? verdict == 0 || one.health->get_failure_ct_by_str(target) != 0
                          : before->second != verdict) {
                 run_.told.push_back(
-                    told_of(*one.health, Told::Kind::target, verdict == 0,
+                    told_of(*one.health, ObservedChange::Kind::target, verdict == 0,
                             "target " + target + (verdict == 0 ? " success" : " failure")));
             }
         }
@@ -88,7 +89,7 @@ class Observer {
         const auto line =
             std::find_if(machine_.log.begin(), machine_.log.end(),
                          [&end](const auto& logged) { return logged.text.ends_with(end); });
-        run_.told.push_back(told_of(*one.health, Told::Kind::state, is_active,
+        run_.told.push_back(told_of(*one.health, ObservedChange::Kind::state, is_active,
                                     line == machine_.log.end() ? end : line->text));
     }
 
@@ -101,7 +102,7 @@ class Observer {
         }
         before = found->second;
         run_.told.push_back({.at_us = at_us_,
-                             .kind = Told::Kind::routes,
+                             .kind = ObservedChange::Kind::routes,
                              .uplink = {},
                              .is_ipv6 = ctx.ipv6,
                              .ns_name = *ctx.ns_name,

@@ -33,7 +33,7 @@ struct Plan {
 };
 
 /// What the daemon made of it: read from its own state after each of its cycles.
-struct Told {
+struct ObservedChange {
     enum class Kind { state, target, routes };
     std::int64_t at_us = 0;
     Kind kind{};
@@ -50,7 +50,7 @@ struct Routed {
     bool is_routed = false;
 };
 struct Run {
-    std::vector<Told> told{};
+    std::vector<ObservedChange> told{};
     std::vector<Routed> routed{};
     std::int64_t duration_us = 0;
     std::int64_t cycles = 0;                               ///< of all workers

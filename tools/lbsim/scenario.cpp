@@ -106,7 +106,7 @@ void take_share(Line& line, Event& event, Change change) {
         line.fail(word, "a share is wanted, from 0% to 100%");
     }
     event.change = change;
-    event.of_hundred = share.value_or(0);
+    event.percent = share.value_or(0);
 }
 
 void take_delay(Line& line, Event& event) {

@@ -38,7 +38,7 @@ struct Event {
     Family family = Family::any;
     std::string target{};  ///< empty: the uplink as a whole
     Change change{};
-    double of_hundred = 0;  ///< of `loss`, `duplicates` and `reorder`
+    double percent = 0;  ///< of `loss`, `duplicates` and `reorder`
     std::int64_t delay_ms = 0;
     std::int64_t jitter_ms = 0;
     std::string router{};            ///< of `lease`; empty: the lease file goes

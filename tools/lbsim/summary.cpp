@@ -107,8 +107,8 @@ UplinkStory story_of(const Uplink& uplink, std::size_t number, const Scenario& e
                      const Run& run) {
     UplinkStory story{
         .number = number, .truth = truth_of(uplink, events), .active = {}, .routed = {}};
-    for (const Told& told : run.told) {
-        if (told.kind == Told::Kind::state && told.uplink == uplink.name &&
+    for (const ObservedChange& told : run.told) {
+        if (told.kind == ObservedChange::Kind::state && told.uplink == uplink.name &&
             told.is_ipv6 == uplink.is_ipv6 && told.ns_name == uplink.ns_name) {
             story.active.turns.push_back({told.at_us, told.is_up});
         }

@@ -112,8 +112,8 @@ std::string verdict_bands(const Axis& axis, const Story& story, const Uplink& up
         }
         from_us = to_us;
     };
-    for (const Told& told : story.run.told) {
-        if (told.kind == Told::Kind::state && told.uplink == uplink.name &&
+    for (const ObservedChange& told : story.run.told) {
+        if (told.kind == ObservedChange::Kind::state && told.uplink == uplink.name &&
             told.is_ipv6 == uplink.is_ipv6 && told.ns_name == uplink.ns_name) {
             end_at(told.at_us);
             is_active = told.is_up;

@@ -13,10 +13,10 @@ struct State {
     bool passes = true;
     bool is_link_up = true;
     bool is_nexthop_alive = true;
-    double lost_of_hundred = 0;
+    double loss_percent = 0;
     bool is_slow = false;
-    double doubled_of_hundred = 0;
-    double held_back_of_hundred = 0;
+    double duplicate_percent = 0;
+    double reorder_percent = 0;
     std::set<std::string> cut_targets;
     std::set<std::string> lossy_targets;
 
@@ -33,9 +33,9 @@ void State::take(const Event& event, const Uplink& uplink) {
         cut_targets.erase(event.target);
         lossy_targets.erase(event.target);
         const bool is_loss = event.change == Change::loss;
-        if (event.change == Change::dead || (is_loss && event.of_hundred >= 100)) {
+        if (event.change == Change::dead || (is_loss && event.percent >= 100)) {
             cut_targets.insert(event.target);
-        } else if (is_loss && event.of_hundred > 0) {
+        } else if (is_loss && event.percent > 0) {
             lossy_targets.insert(event.target);
         }
         return;
@@ -48,16 +48,16 @@ void State::take(const Event& event, const Uplink& uplink) {
             passes = true;
             break;
         case Change::loss:
-            lost_of_hundred = event.of_hundred;
+            loss_percent = event.percent;
             break;
         case Change::delay:
             is_slow = event.delay_ms != 0 || event.jitter_ms != 0;
             break;
         case Change::duplicates:
-            doubled_of_hundred = event.of_hundred;
+            duplicate_percent = event.percent;
             break;
         case Change::reorder:
-            held_back_of_hundred = event.of_hundred;
+            reorder_percent = event.percent;
             break;
         case Change::link_down:
             is_link_up = false;
@@ -100,12 +100,11 @@ Condition State::condition(const Uplink& uplink) const {
     }
     const bool is_cut_off = !uplink.has_nexthop_as_target &&
                             cut_targets.size() == uplink.targets.size() && !cut_targets.empty();
-    if (!passes || !is_link_up || !is_nexthop_alive || lost_of_hundred >= 100 || is_cut_off) {
+    if (!passes || !is_link_up || !is_nexthop_alive || loss_percent >= 100 || is_cut_off) {
         return Condition::dead;
     }
-    const bool is_impaired = lost_of_hundred > 0 || is_slow || doubled_of_hundred > 0 ||
-                             held_back_of_hundred > 0 || !cut_targets.empty() ||
-                             !lossy_targets.empty();
+    const bool is_impaired = loss_percent > 0 || is_slow || duplicate_percent > 0 ||
+                             reorder_percent > 0 || !cut_targets.empty() || !lossy_targets.empty();
     return is_impaired ? Condition::impaired : Condition::good;
 }
 

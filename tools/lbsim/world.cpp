@@ -143,7 +143,7 @@ void World::set_next_hop(const Place& place, bool is_alive) {
 }
 
 void World::clean(Place& place, bool is_link_meant) {
-    link_of(place).weather[place.uplink.is_ipv6 ? 1 : 0] = {};
+    link_of(place).impairments[place.uplink.is_ipv6 ? 1 : 0] = {};
     if (is_link_meant) {
         set_link(place, true);
     }
@@ -159,26 +159,26 @@ void World::clean(Place& place, bool is_link_meant) {
 }
 
 void World::change_uplink(Place& place, const Event& event) {
-    Simulation::Weather& weather = link_of(place).weather[place.uplink.is_ipv6 ? 1 : 0];
+    Simulation::Impairments& impairments = link_of(place).impairments[place.uplink.is_ipv6 ? 1 : 0];
     switch (event.change) {
         case Change::dead:
-            weather.passes = false;
+            impairments.passes = false;
             break;
         case Change::alive:
-            weather.passes = true;
+            impairments.passes = true;
             break;
         case Change::loss:
-            weather.lost_of_hundred = event.of_hundred;
+            impairments.loss_percent = event.percent;
             break;
         case Change::delay:
-            weather.delay_ms = event.delay_ms;
-            weather.jitter_ms = event.jitter_ms;
+            impairments.delay_ms = event.delay_ms;
+            impairments.jitter_ms = event.jitter_ms;
             break;
         case Change::duplicates:
-            weather.doubled_of_hundred = event.of_hundred;
+            impairments.duplicate_percent = event.percent;
             break;
         case Change::reorder:
-            weather.held_back_of_hundred = event.of_hundred;
+            impairments.reorder_percent = event.percent;
             break;
         case Change::link_down:
             set_link(place, false);
@@ -229,9 +229,9 @@ void World::change_target(const Place& place, const Event& event) {
         case Change::loss:
             if (is_through_one) {
                 target.cut_links.erase(place.uplink.name);
-                target.lossy_links[place.uplink.name] = event.of_hundred;
+                target.lossy_links[place.uplink.name] = event.percent;
             } else {
-                target.lost_of_hundred = event.of_hundred;
+                target.loss_percent = event.percent;
             }
             break;
         case Change::delay:

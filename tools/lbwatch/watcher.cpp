@@ -124,7 +124,7 @@ void Watcher::wait() {
         read_at_boot_ms_ = at.boot_ms + settle_ms;
     }
     if (!dirty_.empty() && (has_ended || at.boot_ms >= read_at_boot_ms_)) {
-        hand_out(session_.rewritten(std::exchange(dirty_, {}), at), at);
+        distribute(session_.rewritten(std::exchange(dirty_, {}), at), at);
         dirty_ = session_.again();
         publish();
         read_at_boot_ms_ = at.boot_ms + settle_ms;
@@ -134,7 +134,7 @@ void Watcher::wait() {
         dirty_.clear();
         const std::string who = "its process " + std::to_string(process_.pid) + " has ended";
         process_ = DaemonProcess();
-        hand_out(session_.ended(who, at), at);
+        distribute(session_.ended(who, at), at);
         publish();
         keep(at, false);
     }
@@ -143,11 +143,11 @@ void Watcher::wait() {
     }
     if (at.boot_ms >= next_second_boot_ms_) {
         next_second_boot_ms_ = at.boot_ms + second_ms;
-        second_hand(at);
+        tick(at);
     }
 }
 
-void Watcher::second_hand(const Moment& now) {
+void Watcher::tick(const Moment& now) {
     const bool was_clean = dirty_.empty();
     dirty_.merge(folder_.tend());
     if (was_clean && !dirty_.empty()) {
@@ -164,7 +164,7 @@ void Watcher::second_hand(const Moment& now) {
         return can_see_processes() ? DaemonWatch::Evidence::none : DaemonWatch::Evidence::unknown;
     };
     const auto events = session_.tick(evidence, now);
-    hand_out(events, now);
+    distribute(events, now);
     if (!events.empty()) {
         publish();
     }
@@ -207,7 +207,7 @@ void Watcher::find_process(const Moment& now) {
     }
 }
 
-void Watcher::hand_out(const std::vector<Event>& events, const Moment& now) {
+void Watcher::distribute(const std::vector<Event>& events, const Moment& now) {
     if (events.empty()) {
         return;
     }

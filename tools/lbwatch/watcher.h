@@ -42,9 +42,9 @@ class Watcher {
 
   private:
     void wait();
-    void second_hand(const Moment& now);
+    void tick(const Moment& now);
     void find_process(const Moment& now);
-    void hand_out(const std::vector<Event>& events, const Moment& now);
+    void distribute(const std::vector<Event>& events, const Moment& now);
     void end_hooks();
     void publish();
     void keep(const Moment& now, bool with_current);

@@ -10,7 +10,7 @@
 
 namespace {
 
-Simulation* living = nullptr;
+Simulation* the_simulation = nullptr;
 
 using Packet = std::vector<std::uint8_t>;
 
@@ -43,21 +43,21 @@ Packet reply_datagram(const Ipv4Bytes& from, const IcmpEcho& request) {
 }  // namespace
 
 Simulation::Simulation() {
-    if (living != nullptr) {
+    if (the_simulation != nullptr) {
         throw std::logic_error("two simulations at a time");
     }
-    living = this;
+    the_simulation = this;
 }
 
 Simulation::~Simulation() {
-    living = nullptr;
+    the_simulation = nullptr;
 }
 
 Simulation& Simulation::current() {
-    if (living == nullptr) {
+    if (the_simulation == nullptr) {
         throw std::logic_error("the daemon asked its host, and there is no simulation");
     }
-    return *living;
+    return *the_simulation;
 }
 
 // The machine
@@ -180,30 +180,30 @@ void Simulation::deliver(const std::string& ns_name, Socket::Kind kind, bool is_
 namespace {
 
 /// Scatters the bits of a number (the finalizer of SplitMix64): the same in every build.
-std::uint64_t scattered(std::uint64_t bits) {
+std::uint64_t mixed(std::uint64_t bits) {
     bits = (bits ^ (bits >> 30U)) * 0xbf58476d1ce4e5b9ULL;
     bits = (bits ^ (bits >> 27U)) * 0x94d049bb133111ebULL;
     return bits ^ (bits >> 31U);
 }
 
-/// The draws of one echo: a number from its seed, its way and its moment, scattered anew for each.
+/// The draws of one echo: a number from its seed, its way and its moment, mixed anew for each.
 class Draws {
   public:
     Draws(std::uint64_t seed, const std::string& link, const std::string& target,
           std::int64_t moment_us)
-        : state_(scattered(seed + 0x9e3779b97f4a7c15ULL)) {
+        : state_(mixed(seed + 0x9e3779b97f4a7c15ULL)) {
         for (const std::string* text : {&link, &target}) {
             for (const char character : *text) {
                 state_ = (state_ ^ static_cast<std::uint8_t>(character)) * 0x100000001b3ULL;
             }
-            state_ = scattered(state_);
+            state_ = mixed(state_);
         }
-        state_ = scattered(state_ ^ static_cast<std::uint64_t>(moment_us));
+        state_ = mixed(state_ ^ static_cast<std::uint64_t>(moment_us));
     }
     /// True for that share of the draws. Each call is a draw of its own, also where none is needed,
     /// so that a share that changes moves no other draw.
-    bool is_within(double of_hundred) {
-        return static_cast<double>(next() % 1'000'000) < of_hundred * 10'000;
+    bool is_within(double percent) {
+        return static_cast<double>(next() % 1'000'000) < percent * 10'000;
     }
     /// From -`most` to `most`.
     std::int64_t spread(std::int64_t most) {
@@ -212,7 +212,7 @@ class Draws {
     }
 
   private:
-    std::uint64_t next() { return scattered(state_ += 0x9e3779b97f4a7c15ULL); }
+    std::uint64_t next() { return mixed(state_ += 0x9e3779b97f4a7c15ULL); }
 
     std::uint64_t state_;
 };
@@ -220,11 +220,11 @@ class Draws {
 }  // namespace
 
 bool Simulation::fails(Call call) {
-    if (faults.of_hundred <= 0 || !faults.calls.contains(call)) {
+    if (faults.percent <= 0 || !faults.calls.contains(call)) {
         return false;
     }
-    const std::uint64_t drawn = scattered(seed_ ^ scattered(++fault_draws_));
-    return static_cast<double>(drawn % 1'000'000) < faults.of_hundred * 10'000;
+    const std::uint64_t drawn = mixed(seed_ ^ mixed(++fault_draws_));
+    return static_cast<double>(drawn % 1'000'000) < faults.percent * 10'000;
 }
 
 template <class Reply>
@@ -233,14 +233,13 @@ void Simulation::answer_echo(const std::string& ns_name, const std::string& link
     ++echoes_sent;
     const Namespace& space = namespaces[ns_name];
     const auto found = space.targets.find(target);
-    const Weather& weather = space.links.at(link).weather[is_ipv6 ? 1 : 0];
-    if (found == space.targets.end() || !found->second.answers || !weather.passes ||
+    const Impairments& impairments = space.links.at(link).impairments[is_ipv6 ? 1 : 0];
+    if (found == space.targets.end() || !found->second.answers || !impairments.passes ||
         found->second.cut_links.contains(link)) {
         return;
     }
     Draws draws(seed_, link, target, now_us_);
-    if (draws.is_within(found->second.lost_of_hundred) ||
-        draws.is_within(weather.lost_of_hundred)) {
+    if (draws.is_within(found->second.loss_percent) || draws.is_within(impairments.loss_percent)) {
         return;
     }
     const auto lossy = found->second.lossy_links.find(link);
@@ -248,12 +247,13 @@ void Simulation::answer_echo(const std::string& ns_name, const std::string& link
         return;
     }
     const std::int64_t jitter_us =
-        draws.spread(found->second.jitter_ms * 1000) + draws.spread(weather.jitter_ms * 1000);
-    const bool is_doubled = draws.is_within(weather.doubled_of_hundred);
+        draws.spread(found->second.jitter_ms * 1000) + draws.spread(impairments.jitter_ms * 1000);
+    const bool is_doubled = draws.is_within(impairments.duplicate_percent);
     constexpr std::int64_t held_back_us = 1'100'000;  // the next cycle's answer passes it
-    const std::int64_t held_us = draws.is_within(weather.held_back_of_hundred) ? held_back_us : 0;
+    const std::int64_t held_us = draws.is_within(impairments.reorder_percent) ? held_back_us : 0;
     const std::int64_t delay_us =
-        std::max<std::int64_t>(0, (found->second.delay_ms + weather.delay_ms) * 1000 + jitter_us) +
+        std::max<std::int64_t>(0,
+                               (found->second.delay_ms + impairments.delay_ms) * 1000 + jitter_us) +
         held_us;
     if (on_answer) {
         on_answer({ns_name, link, target, is_ipv6, delay_us});

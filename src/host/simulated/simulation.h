@@ -44,13 +44,13 @@ class Simulation {
     /// What happens to the echoes of one family behind a link. Shares are drawn from the seed, the
     /// link, the target and the moment alone: whoever asks at one moment meets the same, in
     /// whatever order uplinks are served and whatever was asked before.
-    struct Weather {
+    struct Impairments {
         bool passes = true;
-        double lost_of_hundred = 0;       ///< requests without an answer
-        std::int64_t delay_ms = 0;        ///< on top of the target's
-        std::int64_t jitter_ms = 0;       ///< the delay is that much longer or shorter at most
-        double doubled_of_hundred = 0;    ///< answers that come a second time
-        double held_back_of_hundred = 0;  ///< answers that those of the next cycle overtake
+        double loss_percent = 0;       ///< requests without an answer
+        std::int64_t delay_ms = 0;     ///< on top of the target's
+        std::int64_t jitter_ms = 0;    ///< the delay is that much longer or shorter at most
+        double duplicate_percent = 0;  ///< answers that come a second time
+        double reorder_percent = 0;    ///< answers that those of the next cycle overtake
     };
     /// A link with what lies behind it. Names of next hops and addresses are texts as the host
     /// prints them.
@@ -62,13 +62,13 @@ class Simulation {
         bool is_up = true;                   ///< else nothing passes, and sends fail
         bool takes_frames = true;            ///< else they are lost: a tunnel or modem
         std::map<std::string, NextHop> next_hops;
-        std::array<Weather, 2> weather{};  ///< of IPv4, of IPv6
+        std::array<Impairments, 2> impairments{};  ///< of IPv4, of IPv6
     };
     /// Who answers echo requests, and how. A next hop is a target too where it is entered here.
     struct Target {
         std::int64_t delay_ms = 10;  ///< of the round trip
-        std::int64_t jitter_ms = 0;  ///< as of the weather, added to it
-        double lost_of_hundred = 0;  ///< requests without an answer, by the seed
+        std::int64_t jitter_ms = 0;  ///< as of the impairments, added to it
+        double loss_percent = 0;     ///< requests without an answer, by the seed
         bool answers = true;
         std::set<std::string> cut_links;            ///< links through which no answer comes
         std::map<std::string, double> lossy_links;  ///< link -> requests of 100 lost through it
@@ -125,7 +125,7 @@ class Simulation {
     };
     struct Faults {
         std::set<Call> calls;
-        double of_hundred = 0;  ///< of these calls fail, by the seed
+        double percent = 0;  ///< of these calls fail, by the seed
     };
     Faults faults;  ///< none at first; a driver changes it at any moment
     /// Draws whether this call fails.

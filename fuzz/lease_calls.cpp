@@ -31,7 +31,7 @@ void write_and_read(const std::string& interface, bool is_ipv6, const std::strin
     const std::string read = is_ipv6 ? router_in_lease6(file.get(), std::chrono::seconds(0))
                                      : router_in_lease(file.get(), std::chrono::seconds(0));
     if (read != router.address || !lblease::is_own_text(written) ||
-        lblease::file_name(interface, is_ipv6).find('/') != std::string::npos) {
+        lease_name(interface, is_ipv6).find('/') != std::string::npos) {
         __builtin_trap();
     }
 }

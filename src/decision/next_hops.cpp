@@ -22,12 +22,9 @@ nanoseconds now() {
     return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
 }
 
-/// The router that the DHCP client of the interface has learnt; empty where it has none. B94: only
-/// the IPv4 client's file has an underscore before the name.
+/// The router that the DHCP client of the interface has learnt; empty where it has none.
 std::string read_lease(const std::string& ifname, bool ipv6) {
-    const std::string path =
-        (ipv6 ? "/var/db/dhcp6_client" : "/var/db/dhclient_") + ifname + ".leases";
-    const host::File leases = host::open_regular_file(path);
+    const host::File leases = host::open_regular_file(lease_path(ifname, ipv6));
     if (leases == nullptr) {
         return "";
     }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "decision/lease_file.h"
 #include "lb-lease/lease_text.h"
 
 namespace {
@@ -99,8 +100,8 @@ TEST(LeaseStaticRoutes, what_is_none_is_told_from_one_without_a_default) {
 }
 
 TEST(LeaseFile, is_where_the_daemon_looks) {
-    EXPECT_EQ(file_name("gi1_1", false), "dhclient_gi1_1.leases");
-    EXPECT_EQ(file_name("gi1_1", true), "dhcp6_clientgi1_1.leases");
+    EXPECT_EQ(lease_name("gi1_1", false), "dhclient_gi1_1.leases");
+    EXPECT_EQ(lease_name("gi1_1", true), "dhcp6_clientgi1_1.leases");
 }
 
 TEST(LeaseFile, holds_the_line_that_the_daemon_takes) {

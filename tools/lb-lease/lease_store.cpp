@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "base/fd.h"
+#include "decision/lease_file.h"
 #include "lb-lease/lease_text.h"
 
 namespace lblease {
@@ -30,7 +31,7 @@ constexpr std::chrono::seconds longest_wait{10};
 constexpr std::chrono::milliseconds pause_between_tries{20};
 
 std::string path_of(const std::string& name) {
-    return std::string(directory) + "/" + name;
+    return std::string(lease_folder) + "/" + name;
 }
 
 /// What the operator can do about a failed call.
@@ -38,15 +39,15 @@ std::string advice(int error) {
     switch (error) {
         case ENOSPC:
         case EDQUOT:
-            return "; make room there, see: df -h -i " + std::string(directory);
+            return "; make room there, see: df -h -i " + std::string(lease_folder);
         case EROFS:
-            return "; make it writable, for a service by ReadWritePaths=" + std::string(directory) +
-                   ", see: findmnt -T " + directory;
+            return "; make it writable, for a service by ReadWritePaths=" +
+                   std::string(lease_folder) + ", see: findmnt -T " + lease_folder;
         case EACCES:
         case EPERM:
             return "; run it as root";
         case ENOTDIR:
-            return "; it must be a folder, see: ls -ld " + std::string(directory);
+            return "; it must be a folder, see: ls -ld " + std::string(lease_folder);
         default:
             return "";
     }
@@ -63,19 +64,19 @@ struct Opened {
 
 /// The directory, locked until it is closed.
 Opened open_locked() {
-    Fd folder(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Fd folder(open(lease_folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder.is_open()) {
-        return {Fd(), failure(directory, "cannot be opened", errno)};
+        return {Fd(), failure(lease_folder, "cannot be opened", errno)};
     }
     const auto deadline = std::chrono::steady_clock::now() + longest_wait;
     while (flock(folder.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
-            return {Fd(), failure(directory, "cannot be locked", errno)};
+            return {Fd(), failure(lease_folder, "cannot be locked", errno)};
         }
         if (std::chrono::steady_clock::now() > deadline) {
-            return {Fd(), std::string(directory) +
+            return {Fd(), std::string(lease_folder) +
                               " has been locked by another program for 10 seconds, see: lsof " +
-                              directory};
+                              lease_folder};
         }
         std::this_thread::sleep_for(pause_between_tries);
     }
@@ -165,8 +166,8 @@ int write_temporary(const Fd& folder, const std::string& text) {
 }  // namespace
 
 std::string write_lease(const std::string& name, const std::string& text) {
-    if (mkdir(directory, 0755) != 0 && errno != EEXIST) {
-        return failure(directory, "cannot be made", errno);
+    if (mkdir(lease_folder, 0755) != 0 && errno != EEXIST) {
+        return failure(lease_folder, "cannot be made", errno);
     }
     const auto [folder, problem] = open_locked();
     if (!problem.empty()) {
@@ -192,7 +193,7 @@ std::string write_lease(const std::string& name, const std::string& text) {
 }
 
 std::string remove_lease(const std::string& name) {
-    if (access(directory, F_OK) != 0 && errno == ENOENT) {
+    if (access(lease_folder, F_OK) != 0 && errno == ENOENT) {
         return "";
     }
     const auto [folder, problem] = open_locked();

@@ -147,10 +147,6 @@ Router parse_router(const std::string& text, bool is_ipv6, const std::string& in
     return parse<in6_addr>(AF_INET6, text.substr(0, scope));
 }
 
-std::string file_name(const std::string& interface, bool is_ipv6) {
-    return (is_ipv6 ? "dhcp6_client" : "dhclient_") + interface + ".leases";
-}
-
 std::string lease_text(const std::string& interface, bool is_ipv6, const std::string& router) {
     const std::string statements =
         is_ipv6

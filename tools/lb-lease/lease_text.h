@@ -4,12 +4,9 @@
 #include <string>
 #include <string_view>
 
-/// What stands in a lease file and what it is called, without a system call. The daemon's reader of
-/// these files is src/decision/lease_file.h.
+/// What stands in a lease file, without a system call. Where it lies, and how the daemon reads it,
+/// is decision/lease_file.h's.
 namespace lblease {
-
-/// Where the daemon looks.
-inline constexpr const char* directory = "/var/db";
 
 /// Why no interface can have this name (dev_valid_name of the kernel, and no character that a log
 /// does not print); empty where one can.
@@ -30,8 +27,6 @@ Router parse_router(const std::string& text, bool is_ipv6, const std::string& in
 /// none.
 std::optional<std::string> default_router(const std::string& static_routes);
 
-/// The file's name in the directory.
-std::string file_name(const std::string& interface, bool is_ipv6);
 /// The file's whole text. One router: the daemon takes the first in any case, and cuts the last
 /// character off the first of several IPv6 ones.
 std::string lease_text(const std::string& interface, bool is_ipv6, const std::string& router);

@@ -7,9 +7,11 @@
 #include <vector>
 
 #include "config/lb_data_factory.h"
+#include "decision/lease_file.h"
 #include "lb-lease/lease_store.h"
 #include "lb-lease/lease_text.h"
 #include "shared/quiet_log.h"
+#include "shared/usual_paths.h"
 #include <CLI/CLI.hpp>
 
 namespace {
@@ -18,7 +20,6 @@ constexpr const char* description =
     "Writes the lease file from which the balancing daemon takes the next hop of an uplink with "
     "'nexthop dhcp'; for the scripts of DHCP clients. Exit status: 0, 1 when it cannot be written, "
     "2 for a wrong command line, 3 (and silent) when the configuration has no such uplink.";
-constexpr const char* default_configuration = "/etc/lb.conf";
 
 enum Status { done = 0, failed = 1, misused = 2, left_alone = 3 };
 
@@ -26,7 +27,7 @@ struct Options {
     std::string interface;
     std::vector<std::string> routers;
     std::string static_routes;
-    std::string configuration = default_configuration;
+    std::string configuration = shared::usual_configuration;
     bool is_ipv6 = false;
     bool is_gone = false;
 };
@@ -50,7 +51,7 @@ int leave_alone(const Options& options) {
 /// Asks the daemon's own loader, whose messages about other lines are the daemon's to log.
 int check_configured(const Options& options) {
     if (access(options.configuration.c_str(), R_OK) != 0) {
-        if (errno == ENOENT && options.configuration == default_configuration) {
+        if (errno == ENOENT && options.configuration == shared::usual_configuration) {
             return leave_alone(options);
         }
         return tell(failed, options.configuration + " cannot be read: " + std::strerror(errno));
@@ -89,7 +90,7 @@ int run(const Options& options) {
     if (const int status = check_configured(options); status != done) {
         return status;
     }
-    const std::string name = lblease::file_name(options.interface, options.is_ipv6);
+    const std::string name = lease_name(options.interface, options.is_ipv6);
     const std::vector<std::string> routers = routers_of(options);
     if (routers.empty()) {
         const std::string problem = lblease::remove_lease(name);

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "config/own_records.h"
+#include "decision/lease_file.h"
 #include "host/clock.h"
 #include "lbcheck/live_echo.h"
 #include "lbcheck/live_judge.h"
@@ -32,13 +33,11 @@
 #include "shared/dump_file.h"
 #include "shared/file_text.h"
 #include "shared/quiet_log.h"
+#include "shared/usual_paths.h"
 
 namespace lbcheck {
 
 namespace {
-
-/// What lbwatch(8) runs where nobody says otherwise.
-constexpr const char* usual_hooks = "/etc/lb/hooks.d";
 
 /// The daemon's own way to learn next hops.
 void learn_next_hops(LBData& data, const std::string& ns_name, bool is_ipv6) {
@@ -52,8 +51,7 @@ void learn_next_hops(LBData& data, const std::string& ns_name, bool is_ipv6) {
 
 Lease lease_of(const LBHealth& health) {
     Lease lease;
-    lease.path = std::string(health.ipv6 ? "/var/db/dhcp6_client" : "/var/db/dhclient_") +
-                 health.name + ".leases";
+    lease.path = lease_path(health.name, health.ipv6);
     constexpr std::size_t most_bytes = 1U << 20U;
     int error = 0;
     const auto text = shared::text_of_regular_file(lease.path, most_bytes, error);
@@ -313,7 +311,7 @@ std::vector<PathRights> all_rights(const LiveFacts& facts) {
     uses.emplace(facts.output_directory, "output");
     uses.emplace(shared::dump_folder(facts.output_directory), "output");
     uses.emplace(lbroute::StateFolder::usual_path, "holds");
-    uses.emplace(usual_hooks, "hooks");
+    uses.emplace(shared::usual_hooks, "hooks");
     for (const NamespaceFacts& space : facts.namespaces) {
         for (const RouterFacts& router : space.routers) {
             add_file(router.fragment_path, "fragments");

@@ -5,13 +5,14 @@
 #include "lbcheck/findings.h"
 #include "lbcheck/live_findings.h"
 #include "shared/standard_output.h"
+#include "shared/usual_paths.h"
 #include <CLI/CLI.hpp>
 
 namespace {
 
 struct Options {
     std::string path;
-    std::string output_directory = "/var/run/load-balance";
+    std::string output_directory = shared::usual_output;
     bool is_strict = false;
     bool as_json = false;
     bool wants_explanation = false;
@@ -77,7 +78,7 @@ int main(int argc, char* argv[]) {
         return app.exit(error) == 0 ? 0 : 2;
     }
     if (options.path.empty()) {
-        options.path = "/etc/lb.conf";
+        options.path = shared::usual_configuration;
     }
     if (!options.is_live) {
         const int status = check_file(options);

@@ -54,8 +54,6 @@ Bird2Text bird2_text_of_plan(const std::vector<PlannedRoute>& planned,
 /// thread.
 class Bird2File {
   public:
-    static constexpr const char* usual_command = "birdc configure";
-
     Bird2File(std::string path, std::string command)
         : path_(std::move(path)), command_(std::move(command)) {}
 

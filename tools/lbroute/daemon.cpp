@@ -25,6 +25,7 @@
 #include "shared/dump_file.h"
 #include "shared/folder_watch.h"
 #include "shared/processes.h"
+#include "shared/usual_paths.h"
 
 namespace lbroute {
 
@@ -396,7 +397,7 @@ class Daemon {
     }
 
     void watch_files() {
-        std::set<std::string> folders{folder_of(options_.configuration), "/var/run/netns",
+        std::set<std::string> folders{folder_of(options_.configuration), shared::namespaces,
                                       StateFolder::usual_path};
         bool is_shared = site_.has_learning_uplinks();
         for (const auto& [name, served] : namespaces_.served()) {

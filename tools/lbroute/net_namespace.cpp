@@ -14,18 +14,18 @@
 
 #include "decision/route_text.h"
 #include "shared/folder_names.h"
+#include "shared/usual_paths.h"
 
 namespace lbroute {
 
 namespace {
 
-constexpr const char* folder = "/var/run/netns";
 constexpr const char* own_path = "/proc/thread-self/ns/net";
 
 }  // namespace
 
 std::string namespace_path(const std::string& name) {
-    return std::string(folder) + "/" + name;
+    return std::string(shared::namespaces) + "/" + name;
 }
 
 std::optional<NamespaceIdentity> namespace_identity(const std::string& name) {
@@ -57,7 +57,7 @@ std::vector<std::string> other_namespaces(const std::set<std::string>& names,
     }
     std::vector<std::string> others;
     std::error_code error;
-    for (const std::string& name : shared::names_in(folder, error)) {
+    for (const std::string& name : shared::names_in(shared::namespaces, error)) {
         const auto identity = namespace_identity(name);
         const auto fragments = std::filesystem::path(fragment_path(name, false)).parent_path();
         std::error_code unseen;
@@ -67,7 +67,7 @@ std::vector<std::string> other_namespaces(const std::set<std::string>& names,
         }
     }
     if (error && error != std::errc::no_such_file_or_directory) {
-        problem = std::string(folder) + " cannot be read: " + error.message();
+        problem = std::string(shared::namespaces) + " cannot be read: " + error.message();
     }
     return others;
 }

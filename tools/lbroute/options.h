@@ -4,13 +4,14 @@
 #include <string>
 
 #include "lbroute/kernel_state.h"
+#include "shared/usual_paths.h"
 
 namespace lbroute {
 
 /// What the command line asks for.
 struct Options {
-    std::string configuration = "/etc/lb.conf";
-    std::string output_directory = "/var/run/load-balance";
+    std::string configuration = shared::usual_configuration;
+    std::string output_directory = shared::usual_output;
     std::uint32_t table = main_table;
     bool is_sticky = true;
     bool keeps_flows = false;

@@ -16,6 +16,7 @@
 #include "shared/standard_output.h"
 #ifdef LB_HISTORY
 #include "lbwatch/uplink_past.h"
+#include "shared/usual_paths.h"
 #endif
 #include <CLI/CLI.hpp>
 
@@ -27,11 +28,8 @@ constexpr const char* description =
 
 enum Status { shown_well = 0, not_shown = 1, stale = 3 };
 
-constexpr const char* usual_directory = "/var/run/load-balance";
-constexpr const char* usual_history = "/var/lib/lb/history.db";
-
 struct Options {
-    std::string directory = usual_directory;
+    std::string directory = shared::usual_output;
     std::string history;  ///< empty: the usual one where it is there; "none": not asked
     std::string what;
     lbshow::Selection selection;
@@ -40,7 +38,6 @@ struct Options {
     std::string byte_order;
     std::optional<std::int64_t> stale_after_s;
     bool wants_stale = false;
-    bool is_watching = false;
     double pause_s = 2;
 };
 
@@ -64,9 +61,9 @@ std::string shown(const lbshow::State& state, const Options& options) {
 bool add_past([[maybe_unused]] lbshow::State& state, [[maybe_unused]] const Options& options) {
 #ifdef LB_HISTORY
     const bool is_usual = options.history.empty();
-    const std::string path = is_usual ? usual_history : options.history;
-    if (path == "none" ||
-        (is_usual && (options.directory != usual_directory || access(path.c_str(), R_OK) != 0))) {
+    const std::string path = is_usual ? shared::usual_history : options.history;
+    if (path == "none" || (is_usual && (options.directory != shared::usual_output ||
+                                        access(path.c_str(), R_OK) != 0))) {
         return true;
     }
     const std::string problem = lbwatch::read_past(path, state);
@@ -161,7 +158,7 @@ int main(int argc, char* argv[]) {
 #ifdef LB_HISTORY
     app.add_option("--history", options.history,
                    std::string("since when, by this history of lbwatch, or none; ") +
-                       usual_history + " where it is there")
+                       shared::usual_history + " where it is there")
         ->type_name("FILE");
 #endif
     auto* const as_json = app.add_flag("--json", options.as_json, "a JSON object, for programs");

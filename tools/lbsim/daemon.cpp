@@ -38,7 +38,7 @@ void lay_in_order_of_names(std::map<std::string, LBHealth>& records) {
 }  // namespace
 
 Daemon::Daemon(Simulation& machine, const std::string& configuration) : machine_(machine) {
-    constexpr const char* path = "/etc/lb.conf";
+    constexpr const char* path = shared::usual_configuration;
     machine_.files[path] = configuration;
     engine_.set_conf(path);
     for (const bool is_ipv6 : {false, true}) {

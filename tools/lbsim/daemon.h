@@ -8,6 +8,7 @@
 #include "core/load_balance.h"
 #include "core/workers.h"
 #include "host/simulated/simulation.h"
+#include "shared/usual_paths.h"
 
 namespace lbsim {
 
@@ -36,7 +37,7 @@ class Daemon {
     void step(Worker& worker, bool is_first);
 
     Simulation& machine_;
-    std::string output_folder_ = "/var/run/load-balance";
+    std::string output_folder_ = shared::usual_output;
     LoadBalance engine_{output_folder_};
     std::deque<Worker> workers_;
     std::function<void(const context&)> after_step_;

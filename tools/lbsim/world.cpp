@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "base/address_text.h"
+#include "decision/lease_file.h"
 #include "probe/send_path.h"
 
 namespace lbsim {
@@ -11,11 +12,6 @@ namespace {
 
 std::string in_range(const char* range, int number) {
     return range + std::to_string(number / 250) + "." + std::to_string(number % 250 + 1);
-}
-
-std::string lease_path(const Uplink& uplink) {
-    return (uplink.is_ipv6 ? "/var/db/dhcp6_client" : "/var/db/dhclient_") + uplink.name +
-           ".leases";
 }
 
 /// As the DHCP clients write it.
@@ -99,7 +95,7 @@ void World::build(Place& place, const Scenario& scenario, int number) {
 /// next hop stays.
 void World::set_router(Place& place, const std::string& router) {
     const bool is_leased = place.uplink.nexthop == "dhcp";
-    const std::string path = lease_path(place.uplink);
+    const std::string path = lease_path(place.uplink.name, place.uplink.is_ipv6);
     if (router.empty()) {
         machine_.files.erase(path);
         return;

@@ -15,12 +15,11 @@
 #include "shared/file_text.h"
 #include "shared/folder_names.h"
 #include "shared/processes.h"
+#include "shared/usual_paths.h"
 
 namespace lbwatch {
 
 namespace {
-
-constexpr const char* default_directory = "/var/run/load-balance";
 
 std::string without_links(const std::string& path) {
     std::error_code error;
@@ -39,7 +38,7 @@ std::optional<std::string> directory_of(const std::vector<std::string>& words) {
     if (words.empty()) {
         return std::nullopt;
     }
-    std::string directory = default_directory;
+    std::string directory = shared::usual_output;
     for (std::size_t i = 1; i < words.size(); ++i) {
         const std::string& word = words[i];
         for (std::size_t at = 1; word.starts_with("-") && at < word.size(); ++at) {

@@ -17,14 +17,15 @@
 #include "lbwatch/line_output.h"
 #include "lbwatch/listener.h"
 #include "lbwatch/session.h"
+#include "shared/usual_paths.h"
 
 namespace lbwatch {
 
 struct WatchOptions {
-    std::string out_dir = "/var/run/load-balance";
-    std::string history = "/var/lib/lb/history.db";  ///< "none": in memory only
-    std::string hooks = "/etc/lb/hooks.d";           ///< "none": none is run
-    std::string listen;                              ///< ADDRESS:PORT; empty: nowhere
+    std::string out_dir = shared::usual_output;
+    std::string history = shared::usual_history;  ///< "none": in memory only
+    std::string hooks = shared::usual_hooks;      ///< "none": none is run
+    std::string listen;                           ///< ADDRESS:PORT; empty: nowhere
     bool as_json = false;
 };
 

@@ -88,7 +88,7 @@ NamespaceVisit::NamespaceVisit(const std::string& name) {
 
 NamespaceVisit::~NamespaceVisit() {
     if (home_.is_open() && setns(home_.get(), CLONE_NEWNET) != 0) {
-        fputs("lbroute: the way back into the own network namespace is barred\n", stderr);
+        fputs("lbroute: cannot return to its own network namespace\n", stderr);
         abort();
     }
 }

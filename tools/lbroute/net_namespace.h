@@ -38,7 +38,7 @@ class [[nodiscard]] NamespaceVisit {
   public:
     /// Where it cannot be entered, the thread stays where it is.
     explicit NamespaceVisit(const std::string& name);
-    /// Ends the process where the way back is barred: it would go on in a foreign namespace.
+    /// Ends the process where it cannot return: it would go on in a foreign namespace.
     ~NamespaceVisit();
     NamespaceVisit(const NamespaceVisit&) = delete;
     NamespaceVisit& operator=(const NamespaceVisit&) = delete;

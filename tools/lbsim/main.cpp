@@ -221,7 +221,7 @@ void add_options(CLI::App& app, Options& options) {
                        "another configuration in the same world, and what differs")
             ->check(valid_file);
     app.add_flag("--json", options.as_json, "events and summary as a JSON object, for programs");
-    app.add_option("--svg", options.svg, "draw what was true and what the daemon held for true")
+    app.add_option("--svg", options.svg, "draw what was true and what the daemon took for true")
         ->check(valid_file);
     scenario->excludes(app.add_option("--scenario", options.scenario, "the same, as an option")
                            ->check(valid_file));

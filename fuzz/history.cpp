@@ -10,6 +10,7 @@
 #include "lbwatch/moment.h"
 #include "lbwatch/report_page.h"
 #include "lbwatch/report_text.h"
+#include "shared/time_text.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     char path[] = "/tmp/fuzz_history_XXXXXX";
@@ -32,6 +33,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
                        [](const lbwatch::Event& event) { lbwatch::line_of(event); });
     }
     unlink(path);
-    lbwatch::read_time({reinterpret_cast<const char*>(data), size}, 0);
+    shared::read_time({reinterpret_cast<const char*>(data), size}, 0);
     return 0;
 }

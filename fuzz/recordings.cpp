@@ -6,6 +6,7 @@
 #include "fuzz/input.h"
 #include "lbsim/history.h"
 #include "lbsim/replay.h"
+#include "shared/time_text.h"
 
 namespace {
 
@@ -59,6 +60,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     for (const lbsim::Observation& one : parsed.observations) {
         lbsim::shown_time(one.at_ms);
     }
-    lbsim::parse_time(std::string(text), 1'795'262'400'000);
+    shared::read_time(std::string(text), 1'795'262'400'000);
     return 0;
 }

@@ -10,6 +10,7 @@
 
 #include "base/address_text.h"
 #include "lbsim/scenario.h"
+#include "shared/time_text.h"
 
 namespace lbsim {
 
@@ -35,36 +36,6 @@ std::vector<std::string> fields_of(std::string_view line) {
     }
 }
 
-/// Seconds since the epoch, with or without a fraction, as milliseconds.
-std::optional<std::int64_t> parse_epoch(const std::string& text) {
-    double seconds = 0;
-    const auto [end, error] =
-        std::from_chars(text.data(), text.data() + text.size(), seconds, std::chars_format::fixed);
-    constexpr double most = 1e11;
-    if (error != std::errc() || end != text.data() + text.size() || !(seconds >= 0) ||
-        seconds > most) {
-        return std::nullopt;
-    }
-    return std::llround(seconds * 1000);
-}
-
-/// A date with or without a time of the day; with a Z behind it of UTC, else local.
-std::optional<std::int64_t> parse_calendar(const std::string& text) {
-    constexpr std::array<const char*, 5> forms{"%Y-%m-%dT%H:%M:%SZ", "%Y-%m-%dT%H:%MZ",
-                                               "%Y-%m-%dT%H:%M:%S", "%Y-%m-%dT%H:%M", "%Y-%m-%d"};
-    for (const std::string_view form : forms) {
-        std::tm time{};
-        time.tm_isdst = -1;
-        const char* const end = strptime(text.c_str(), form.data(), &time);
-        if (end == nullptr || *end != '\0') {
-            continue;
-        }
-        const std::time_t seconds = form.ends_with('Z') ? timegm(&time) : mktime(&time);
-        return seconds < 0 ? std::nullopt : std::make_optional(std::int64_t{seconds} * 1000);
-    }
-    return std::nullopt;
-}
-
 std::optional<bool> parse_choice(const std::string& word, std::initializer_list<const char*> no,
                                  std::initializer_list<const char*> yes) {
     const auto is_word = [&word](const char* one) { return word == one; };
@@ -80,10 +51,9 @@ std::optional<HistoryError> read_fields(const std::vector<std::string>& fields, 
     if (fields.size() != 5) {
         return HistoryError{line, "", "five fields are wanted: time,uplink,family,target,answered"};
     }
-    auto at_ms = parse_epoch(fields[0]);
-    if (!at_ms && fields[0].ends_with('Z')) {
-        at_ms = parse_calendar(fields[0]);
-    }
+    // What depends on the zone or the moment of the reading is no record.
+    const auto at_ms =
+        fields[0].ends_with('Z') ? shared::read_time(fields[0], 0) : shared::read_epoch(fields[0]);
     const auto is_ipv6 = parse_choice(fields[2], {"4", "ipv4"}, {"6", "ipv6"});
     const auto is_answered = parse_choice(fields[4], {"0", "no", "false"}, {"1", "yes", "true"});
     if (!at_ms) {
@@ -132,14 +102,6 @@ ParsedHistory parse_csv(std::string_view text) {
         }
     }
     return parsed;
-}
-
-std::optional<std::int64_t> parse_time(const std::string& text, std::int64_t now_ms) {
-    if (const auto age_us = parse_duration(text)) {
-        return now_ms - *age_us / 1000;
-    }
-    const auto epoch_ms = parse_epoch(text);
-    return epoch_ms ? epoch_ms : parse_calendar(text);
 }
 
 std::string shown_time(std::int64_t at_ms) {

@@ -32,9 +32,6 @@ struct ParsedHistory {
 /// time in seconds since the epoch or as 2026-11-21T02:05:00Z, 4 or 6 (also ipv4, ipv6), 1 or 0.
 ParsedHistory parse_csv(std::string_view text);
 
-/// Seconds since the epoch, an age (12h), a date, a local time or one of UTC: milliseconds since
-/// the epoch.
-std::optional<std::int64_t> parse_time(const std::string& text, std::int64_t now_ms);
 /// "2026-11-21T02:05:00Z".
 std::string shown_time(std::int64_t at_ms);
 

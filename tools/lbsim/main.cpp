@@ -15,6 +15,7 @@
 #include "lbsim/svg.h"
 #include "lbsim/tune.h"
 #include "shared/standard_output.h"
+#include "shared/time_text.h"
 #include <CLI/CLI.hpp>
 
 namespace {
@@ -98,7 +99,7 @@ std::string valid_seed(const std::string& text) {
 }
 
 std::string valid_time(const std::string& text) {
-    return parse_time(text, now_ms())
+    return shared::read_time(text, now_ms())
                ? std::string()
                : "'" + text +
                      "' is no time, such as 12h, 2026-11-21, 2026-11-21T14:05 or "
@@ -119,7 +120,7 @@ Course drawn_course(const Options& options, const std::vector<Uplink>& uplinks) 
 
 Course replayed_course(const Options& options, const std::vector<Uplink>& uplinks) {
     const auto moment = [](const std::string& text) {
-        return text.empty() ? std::nullopt : parse_time(text, now_ms());
+        return text.empty() ? std::nullopt : shared::read_time(text, now_ms());
     };
     const Period period{.since_ms = moment(options.since), .until_ms = moment(options.until)};
     if (period.since_ms && period.until_ms && *period.since_ms >= *period.until_ms) {

@@ -10,6 +10,7 @@
 #include "lbwatch/report_text.h"
 #include "shared/output_file.h"
 #include "shared/standard_output.h"
+#include "shared/time_text.h"
 
 namespace lbwatch {
 
@@ -38,8 +39,8 @@ int watch(const WatchOptions& options) {
 
 int tell_events(const EventsOptions& options) {
     const std::int64_t at = now().wall_ms;
-    const auto since = read_time(options.since, at);
-    const auto until = read_time(options.until, at);
+    const auto since = shared::read_time(options.since, at);
+    const auto until = shared::read_time(options.until, at);
     if (!since || !until) {
         return fail(no_time(since ? options.until : options.since));
     }
@@ -61,8 +62,8 @@ int tell_events(const EventsOptions& options) {
 
 int report(const ReportOptions& options) {
     const std::int64_t at = now().wall_ms;
-    const auto since = read_time(options.since, at);
-    const auto until = read_time(options.until, at);
+    const auto since = shared::read_time(options.since, at);
+    const auto until = shared::read_time(options.until, at);
     if (!since || !until) {
         return fail(no_time(since ? options.until : options.since));
     }

@@ -1,7 +1,6 @@
 #include "lbwatch/moment.h"
 
 #include <array>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -19,48 +18,6 @@ std::int64_t read_clock(clockid_t clock) {
     timespec time{};
     clock_gettime(clock, &time);
     return std::int64_t{time.tv_sec} * second_ms + time.tv_nsec / 1'000'000;
-}
-
-std::optional<std::int64_t> age_ms(const std::string& text) {
-    std::int64_t number = 0;
-    const char* const end = text.data() + text.size();
-    const auto [unit, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || end - unit != 1 || number < 0 || number > 100'000'000) {
-        return std::nullopt;
-    }
-    switch (*unit) {
-        case 's':
-            return number * second_ms;
-        case 'm':
-            return number * 60 * second_ms;
-        case 'h':
-            return number * 3600 * second_ms;
-        case 'd':
-            return number * 86400 * second_ms;
-        case 'w':
-            return number * 7 * 86400 * second_ms;
-    }
-    return std::nullopt;
-}
-
-std::optional<std::int64_t> date_ms(const std::string& text) {
-    for (const char* format : {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M",
-                               "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
-        std::tm date{};
-        date.tm_isdst = -1;
-        const char* const rest = strptime(text.c_str(), format, &date);
-        if (rest == nullptr) {
-            continue;
-        }
-        const std::string zone = rest;
-        if (zone.empty()) {
-            return std::int64_t{mktime(&date)} * second_ms;
-        }
-        if (zone == "Z") {
-            return std::int64_t{timegm(&date)} * second_ms;
-        }
-    }
-    return std::nullopt;
 }
 
 }  // namespace
@@ -108,16 +65,6 @@ std::string length_text(std::int64_t seconds) {
         return part(seconds / 3600, "h ") + part(seconds / 60 % 60, "m");
     }
     return seconds >= 60 ? part(seconds / 60, "m ") + part(seconds % 60, "s") : part(seconds, "s");
-}
-
-std::optional<std::int64_t> read_time(const std::string& text, std::int64_t now_ms) {
-    if (text == "now") {
-        return now_ms;
-    }
-    if (const auto age = age_ms(text)) {
-        return now_ms - *age;
-    }
-    return date_ms(text);
 }
 
 }  // namespace lbwatch

@@ -1,10 +1,9 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
-/// Points in time and how they are written and read.
+/// Points in time and how they are written; read they are by shared/time_text.h.
 namespace lbwatch {
 
 /// One point in time on both clocks, in milliseconds: `wall_ms` since the epoch, which may be
@@ -29,10 +28,5 @@ std::string local_time(std::int64_t wall_ms);
 
 /// For example "3d 2h 11m", "2h 11m", "11m 5s", "5s".
 std::string length_text(std::int64_t seconds);
-
-/// Reads a point in time: an age before `now_ms` ("90s", "15m", "12h", "1d", "2w"), "now", a date
-/// (2026-11-21, local midnight), a local date and time (2026-11-21T14:05, with seconds or without),
-/// or one of UTC (with a Z behind it). Nothing where it is none of these.
-std::optional<std::int64_t> read_time(const std::string& text, std::int64_t now_ms);
 
 }  // namespace lbwatch

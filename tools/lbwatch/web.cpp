@@ -16,6 +16,7 @@
 #include "lbwatch/moment.h"
 #include "lbwatch/report_page.h"
 #include "lbwatch/report_text.h"
+#include "shared/time_text.h"
 
 namespace lbwatch {
 
@@ -193,8 +194,8 @@ class Web::Routes : public httplib::Server {
         const std::int64_t at = now().wall_ms;
         const std::string since = asked.has_param("since") ? asked.get_param_value("since") : "1d";
         const std::string until = asked.has_param("until") ? asked.get_param_value("until") : "now";
-        const auto begin = read_time(since, at);
-        const auto end = read_time(until, at);
+        const auto begin = shared::read_time(since, at);
+        const auto end = shared::read_time(until, at);
         if (!begin || !end || *begin >= *end) {
             text_answer(answer, 400,
                         "since and until are ages (15m, 12h, 1d) or dates (2026-11-21T14:05Z), and "

@@ -19,7 +19,7 @@ def three_uplinks(namespace=""):
     conf = Conf()
     for number, gateway in enumerate(GATEWAYS, 1):
         conf.interface(f"gi1_{number}", nexthop=gateway, namespace=namespace)
-    return conf
+    return conf.rule("1_ipv4", {"gi1_1": 1}, {}, namespace=namespace)
 
 
 class RouteTest(LabTest):

@@ -78,6 +78,18 @@ class Links(Tour):
                                  "mend: ip netns exec blue sysctl -w")
         self.assert_finds("error", "no folder /var/vrfs/blue/usr/etc", "mend: mkdir -p /var/vrfs/blue/usr/etc", look=look)
 
+    def test_uplinks_of_two_namespaces_are_each_asked_in_their_own(self):
+        blue = self.lab.namespace("blue")
+        self.lab.uplink("gi1_3", "198.51.100.10/24", "198.51.100.254", namespace=blue)
+        blue.sysctl("ipv4/conf/all/rp_filter", "0")
+        blue.sysctl("ipv4/conf/gi1_3/rp_filter", "0")
+        self.lab.write_conf(two_uplinks().interface("gi1_3", nexthop="198.51.100.254", namespace="blue", probes=[ping(TARGET)])
+                            .rule("3_ipv4", {"gi1_3": 1}, {PREFIX: None}, namespace="blue"))
+        look = self.look()
+        for name in ("gi1_1 (IPv4)", "gi1_2 (IPv4)", "namespace blue: gi1_3 (IPv4)"):
+            self.assertEqual(len(look.with_words(f"{name}: next hop")), 1, look)
+            self.assert_finds("ok", f"{name}: next hop", "answers through it", look=look)
+
 
 class Rights(Tour):
     def test_folders_and_files_of_root_alone_are_ok(self):

@@ -193,7 +193,9 @@ class End(RouteTest):
             self.router.run(*command.split())
         self.assertEqual(self.path(), {ONE: 2, TWO: 1})
         self.assertEqual(run(self.router, "-f", "/run/lb.conf", "--dry-run", check=0).stdout, "")
-        self.assertEqual(status(self.router)[0], 0)
+        code, shown = status(self.router)
+        self.assertEqual((code, [one["state"] for one in shown["namespaces"][0]["routes"]]), (1, ["ok", "ok"]))
+        self.assertIn("no routing daemon runs", shown["problems"][0])
         for command in run(self.router, "-f", "/run/lb.conf", "--dry-run", "--flush",
                            check=0).stdout.splitlines():
             self.router.run(*command.split())

@@ -297,6 +297,8 @@ class Foreign(RouteTest):
         self.router.ip("address add 2001:db8:1::10/64 dev gi1_1 nodad")
         self.write(route(DEFAULT, GATEWAYS[0]))
         self.write(route("::/0", "2001:db8:1::1"), ipv6=True)
+        self.lab.write_conf(three_uplinks().interface("gi1_1", nexthop="2001:db8:1::1", ipv6=True)
+                            .rule("1_ipv6", interfaces6={"gi1_1": 1}))
         self.start()
         for prefix, family, added, target in (
                 ("::/0", "-6", "append default via 2001:db8:1::9 proto ra metric 1024 pref high", "2001:db8:ff::1"),

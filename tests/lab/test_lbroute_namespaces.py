@@ -9,7 +9,7 @@ import subprocess
 
 from kit import expect, main
 from kit.disk import Disk
-from kit.lbroute import own_objects, own_routes, path_of, route, run, status
+from kit.lbroute import assert_stays, own_objects, own_routes, path_of, route, run, status
 from kit.routing_daemon import pid_path, text_of
 from route_scene import DEFAULT, GATEWAYS, ONE, PREFIX, TWO, RouteTest, three_uplinks
 
@@ -24,7 +24,8 @@ class Namespaces(RouteTest):
 
     @staticmethod
     def with_blue():
-        return three_uplinks().interface("gi2_1", nexthop=GATEWAYS[0], namespace="blue")
+        return (three_uplinks().interface("gi2_1", nexthop=GATEWAYS[0], namespace="blue")
+                .rule("2_ipv4", {"gi2_1": 1}, {}, namespace="blue"))
 
     def make_blue(self):
         blue = self.lab.namespace("blue")
@@ -206,6 +207,28 @@ class Namespaces(RouteTest):
             other.kill()
         self.expect_blue(blue, {BLUE: 1})
         self.expect_served_again("blue")
+
+    def test_routing_daemon_that_comes_later_is_told_and_left_alone_until_it_ends(self):
+        self.lab.write_conf(three_uplinks())
+        self.start()
+        self.assertEqual(self.path(), {ONE: 1})
+        with subprocess.Popen(["sleep", "100"]) as other:
+            with open(pid_path(), "w", encoding="ascii") as file:
+                file.write(f"{other.pid}\n")
+            told = expect(lambda: self.program.lines("the default namespace is not served: "))
+            self.assertIn(f"process {other.pid} (sleep)", told[0])
+            expect(lambda: self.not_served("")[1])
+            self.assertEqual(status(self.router)[0], 1)
+            self.write(route(DEFAULT, GATEWAYS[1]))
+            assert_stays(lambda: self.path() == {ONE: 1}, during=2)
+            other.kill()
+        expect(lambda: self.path() == {TWO: 1}, within=10)
+        expect(lambda: self.not_served("") == (0, ""))
+
+    def test_process_number_file_that_was_removed_is_written_again(self):
+        self.start()
+        os.remove(pid_path())
+        expect(lambda: (text_of(pid_path()) or "").strip() == str(self.program.pid))
 
     def test_full_disk_below_a_namespace_that_comes_costs_that_one_until_there_is_room(self):
         blue = self.make_blue()

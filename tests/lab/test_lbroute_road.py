@@ -19,7 +19,7 @@ from kit import echo_policies as policy
 from kit.lab import CONF, LabTest
 from kit.lbroute import assert_stays, own_objects, path_of, route, start, status, write_fragment
 from kit.netns import Namespace
-from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, ROUTER_2, attach_two, two_uplinks
+from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, ROUTER_2, TARGET, attach_two, two_uplinks
 from scenes6 import PREFIX6, TARGET6, TARGET6_2
 
 ONE, TWO = (GATEWAY, "gi1_1"), (GATEWAY_2, "gi1_2")
@@ -37,6 +37,23 @@ class Road(LabTest):
     def expect_path(self, path, prefix=PREFIX):
         expect(lambda: path_of(self.lab.router, prefix) == path, within=20,
                what=f"{prefix} is routed over {path}")
+
+
+class Leaving(Road):
+    def test_namespace_that_leaves_the_configuration_is_left_while_the_dumps_still_name_it(self):
+        attach_two(self.lab)
+        blue = self.lab.namespace("blue")
+        self.lab.uplink("gi1_3", "198.51.100.10/24", "198.51.100.254", namespace=blue, known=True)
+        self.run_both(two_uplinks().interface("gi1_3", nexthop="198.51.100.254", namespace="blue", probes=[ping(TARGET)])
+                      .rule("3_ipv4", {"gi1_3": 1}, {PREFIX: None}, namespace="blue"))
+        self.expect_path({ONE: 1, TWO: 3})
+        expect(lambda: path_of(blue, PREFIX) == {("198.51.100.254", "gi1_3"): 1}, within=20)
+        self.lab.write_conf(two_uplinks())
+        told = expect(lambda: self.program.lines("namespace blue is not served any more: "))
+        self.lab.router.run("sh", "-c", told[0].partition("which end with: ")[2])
+        # The daemon goes on with what it read at its start, dumps and signals included.
+        assert_stays(lambda: path_of(blue, PREFIX) is None, during=4)
+        self.assertEqual(status(self.lab.router)[0], 0)
 
 
 class Ipv4(Road):

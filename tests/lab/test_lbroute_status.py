@@ -3,7 +3,7 @@ import json
 import os
 import time
 
-from kit import expect, main
+from kit import Conf, expect, main
 from kit.lbroute import route, run, shown_route, standing, status
 from route_scene import DEFAULT, GATEWAYS, ONE, PREFIX, THREE, TWO, RouteTest
 
@@ -23,7 +23,18 @@ class Status(RouteTest):
         self.assertEqual(total, group[0]["resilient_args"]["buckets"])
         self.program.end()
         code, shown = status(self.router)
-        self.assertEqual((code, shown["running"]), (0, False))
+        self.assertEqual((code, shown["running"], shown["namespaces"][0]["agrees"]), (1, False, True))
+        self.assertIn("no routing daemon runs", shown["problems"][0])
+
+    def test_routes_of_a_family_that_left_the_configuration_are_told(self):
+        self.write(route(DEFAULT, GATEWAYS[0]))
+        self.start()
+        self.assertEqual(status(self.router)[0], 0)
+        self.lab.write_conf(Conf().interface("gi1_1", nexthop=GATEWAYS[0]))
+        told = expect(lambda: self.program.lines("that lb does not watch"))
+        self.assertEqual(status(self.router)[0], 1)
+        self.router.run(*told[0].partition("they end with: ")[2].split())
+        expect(lambda: self.path() is None)
 
     def test_change_by_another_hand_shows_until_the_program_mends_it(self):
         self.write(route(DEFAULT, GATEWAYS[0]), route(PREFIX, GATEWAYS[1]))

@@ -30,7 +30,7 @@ lbsim::Scenario random_scenario(std::uint64_t seed, const std::vector<lbsim::Upl
                                 std::int64_t duration_us);
 
 /// Windows that do not overlap. Of the calls, those fail whose failure the daemon is to overcome by
-/// itself; what it does not (docs/behaviour.md, last chapter) is left out: opening sockets (B62),
+/// itself; what it does not (docs/behaviour.md, first chapter) is left out: opening sockets (B62),
 /// the answers of next hops (B84), and frames where an IPv6 solicitation may be among them (B83).
 std::vector<FaultWindow> random_faults(std::uint64_t seed,
                                        const std::vector<lbsim::Uplink>& uplinks,

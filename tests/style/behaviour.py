@@ -1,5 +1,6 @@
 #!/usr/bin/python3
 """Holds docs/behaviour.md to the tests: every number stands once, names tests that exist, and is there where it is cited.
+Other pages that tell which tests hold something name tests that exist, too.
 
     behaviour.py PROJECT UNIT-TESTS
 
@@ -15,6 +16,11 @@ import sys
 ENTRY = re.compile(r"^\*\*B(\d+)\. ", re.MULTILINE)
 TEST = re.compile(r"`([\w]+\.[\w]+)`")
 CITED = re.compile(r"\bB(\d+)\b")
+# Pages that name tests as CTest has them: `lab.NAME`, and unit tests, `Suite.test` or `Suite.*`.
+NAMING = ("docs/reliability.md", "tests/*/README.md")
+LAB_TEST = re.compile(r"`lab\.(\w+)`")
+UNIT_TEST = re.compile(r"`([A-Z]\w+\.)(\w+|\*)`")
+UNIT_TEST_IN_SOURCE = re.compile(r"^TEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)", re.MULTILINE)
 # Where numbers are cited: documents, and whatever may explain itself by one.
 CITING = ("*.md", "man/*", "docs/*.md", "examples/*", "packaging/**/*", "src/**/*.[ch]*", "tools/**/*.[ch]*",
           "tests/lab/**/*.py", "tests/unit/**/*.[ch]*")
@@ -63,6 +69,21 @@ def entries(page):
         yield int(number), text.partition("\n## ")[0]
 
 
+def missing_tests(project):
+    """What the other pages name and nobody has; the tests of every unit-test program count."""
+    in_sources = [UNIT_TEST_IN_SOURCE.findall(path.read_text(encoding="utf-8"))
+                  for path in (project / "tests").rglob("*.cpp")]
+    units = {f"{suite}.{test}" for tests in in_sources for suite, test in tests}
+    units |= {suite.partition(".")[0] + ".*" for suite in units}
+    labs = {path.stem.partition("_")[2]
+            for pattern in ("test_*.py", "uml/scenario_*.py") for path in (project / "tests/lab").glob(pattern)}
+    for page in sorted(page for pattern in NAMING for page in project.glob(pattern)):
+        text = page.read_text(encoding="utf-8")
+        named = {"".join(parts) for parts in UNIT_TEST.findall(text) if parts[1] not in ("md", "cpp", "h")}
+        missing = sorted(named - units) + [f"lab.{name}" for name in sorted({*LAB_TEST.findall(text)} - labs)]
+        yield from (f"{page.relative_to(project)} names {name}, which does not exist" for name in missing)
+
+
 def wrong(project, known):
     page = (project / "docs/behaviour.md").read_text(encoding="utf-8")
     numbers = collections.Counter()
@@ -84,7 +105,7 @@ def wrong(project, known):
 def main():
     project = pathlib.Path(sys.argv[1])
     known = {*unit_tests(sys.argv[2]), *lab_tests(project / "tests/lab")}
-    problems = list(wrong(project, known))
+    problems = [*wrong(project, known), *missing_tests(project)]
     print("\n".join(problems) if problems else "behaviour: every number has its tests")
     return 1 if problems else 0
 

@@ -3,7 +3,7 @@
 
     lbroute_messages.py PROJECT CLANG
 
-A text of the source is a string of several words, those of help and status left out. The guide's table writes `...` for what
+A text of the source is a string of several words, those of help and status left out. The guide's tables write `...` for what
 differs. Prints what is missing on either side; the exit status is 1 then.
 """
 import pathlib
@@ -12,7 +12,9 @@ import sys
 
 from cpp_tokens import literals_of
 
-HEADING = "\n### What its log says\n"
+HEADING = "\n## Messages of lbroute\n"
+# What it says in the words of files that it has in common with other programs.
+SHARED = ("program.cpp", "folder_watch.cpp")
 # The command line's own words, its answers, what status shows, and the languages of ip(8) and bird.
 NO_MESSAGES = ("main.cpp", "maintenance.cpp", "report.cpp", "status.cpp", "commands.cpp")
 NO_WORDS = re.compile(r"[{}]|check link|^#")
@@ -25,12 +27,13 @@ def is_message(text):
 
 def told(folder, clang):
     paths = [str(path) for path in sorted(folder.glob("*.[ch]*")) if path.name not in NO_MESSAGES]
+    paths.extend(str(folder.parent / "shared" / name) for name in SHARED)
     return (one.text.strip() for one in literals_of(clang, paths))
 
 
 def table_of(guide):
-    """The lines of the table behind the heading."""
-    section = re.split(r"\n##+ ", guide.read_text(encoding="utf-8").partition(HEADING)[2])[0]
+    """The lines of the tables behind the heading."""
+    section = re.split(r"\n## ", guide.read_text(encoding="utf-8").partition(HEADING)[2])[0]
     return [line for line in section.splitlines() if line.startswith("| `")]
 
 

@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Holds the worked example of lbsim(1) to the program: runs its commands as they stand, and compares what they print.
+"""Holds the examples of lbsim(1) to the program: runs the commands of the worked one as they stand, and compares what they print;
+the scenario runs with the configuration that the page names for it.
 
     lbsim_example.py PROJECT LBSIM
 """
@@ -11,13 +12,19 @@ import sys
 import tempfile
 
 SAMPLE = "examples/two-providers-3-to-1.conf"
+OF_THE_SCENARIO = "demo/lb.conf"
+
+
+def block_of(page, heading):
+    """The first lines under a heading that are printed as they stand."""
+    text = page.read_text(encoding="utf-8").partition(f"\n.SH {heading}\n")[2]
+    block = re.search(r"^\.nf\n(.*?)^\.fi", text, re.M | re.S).group(1)
+    return block.replace("\\-", "-").replace("\\(aq", "'").replace("\\e", "\\")
 
 
 def example_of(page):
     """The commands of the page's example, and the lines printed by them."""
-    text = page.read_text(encoding="utf-8").partition(".SH EXAMPLE")[2]
-    block = re.search(r"^\.nf\n(.*?)^\.fi", text, re.M | re.S).group(1)
-    lines = block.replace("\\-", "-").replace("\\(aq", "'").replace("\\e", "\\").splitlines()
+    lines = block_of(page, "EXAMPLE").splitlines()
     return [line[2:] for line in lines if line.startswith("$ ")], [line for line in lines if not line.startswith("$ ")]
 
 
@@ -35,7 +42,13 @@ def main():
     if printed[:len(wanted)] != wanted:
         print("lbsim.1 shows:", *wanted, "but this is printed:", *printed, sep="\n")
         return 1
-    print("lbsim.1: the example prints what it shows")
+    scenario = block_of(project / "man/lbsim.1", "SCENARIO")
+    simulated = subprocess.run([lbsim, project / OF_THE_SCENARIO, "/dev/stdin"], input=scenario, text=True, check=False,
+                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    if simulated.returncode != 0 or "clock back 2h" not in simulated.stdout:
+        print("lbsim.1: its scenario does not run:", simulated.stdout, sep="\n")
+        return 1
+    print("lbsim.1: the examples do what the page shows")
     return 0
 
 

@@ -36,6 +36,20 @@ TEST_F(FolderWatches, tell_files_written_renamed_and_removed) {
     EXPECT_THAT(watch.drain().paths, IsEmpty());
 }
 
+TEST_F(FolderWatches, tell_of_a_folder_by_each_of_its_names) {
+    above.put("one/a", "x");
+    std::filesystem::create_directory_symlink(above.file("one"), above.file("other"));
+    watch.watch({above.file("one"), above.file("other")});
+    EXPECT_TRUE(watch.sees(above.file("one")));
+    EXPECT_TRUE(watch.sees(above.file("other")));
+    above.put("one/a", "y");
+    EXPECT_THAT(watch.drain().paths,
+                UnorderedElementsAre(above.file("one/a"), above.file("other/a")));
+    watch.watch({above.file("one")});
+    above.put("one/a", "z");
+    EXPECT_THAT(watch.drain().paths, ElementsAre(above.file("one/a")));
+}
+
 TEST_F(FolderWatches, tell_nothing_of_folders_that_are_no_longer_asked_for) {
     above.put("one/a", "x");
     above.put("two/a", "x");

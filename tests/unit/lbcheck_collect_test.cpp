@@ -160,14 +160,6 @@ TEST_F(LbcheckCollect, rights_are_those_of_what_is_there) {
     EXPECT_FALSE(rights.contains(real + "/wlb_dump"));
 }
 
-TEST(LbcheckMachine, command_gives_its_status_and_both_its_streams) {
-    const auto said = lbcheck::say({"sh", "-c", "echo one; echo two >&2; exit 3"});
-    EXPECT_EQ(WEXITSTATUS(said.status), 3);
-    EXPECT_EQ(said.text, "one\ntwo\n");
-    EXPECT_EQ(lbcheck::say({"/nonexistent/program"}).text, "");
-    EXPECT_NE(lbcheck::say({"/nonexistent/program"}).status, 0);
-}
-
 TEST(LbcheckMachine, setting_is_the_number_that_stands_there) {
     EXPECT_GT(lbcheck::setting_of("kernel/pid_max").value_or(0), 300);
     EXPECT_FALSE(lbcheck::setting_of("kernel/ostype")) << "a word";

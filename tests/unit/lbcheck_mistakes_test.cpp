@@ -141,6 +141,37 @@ TEST(Mistakes, two_next_hops_in_a_block) {
               "that of line 5\n");
 }
 
+TEST(Mistakes, what_stands_twice_in_a_block_but_has_one_value) {
+    EXPECT_EQ(found_in(Uplink{.counts = "success-ct 2\nfailure-ct 3\nsuccess-ct 4\n"}),
+              "warning: 'success-ct 4': a second success-ct in one block: this one counts, not "
+              "that of line 3\n");
+    EXPECT_EQ(found_in(Uplink{.probe = "type ping {\ntarget 198.51.100.1\nresp-time 5\n"
+                                       "resp-time 6\n}\n"}),
+              "warning: 'resp-time 6': a second resp-time in one block: this one counts, not that "
+              "of line 9\n");
+    EXPECT_EQ(found_in(Uplink{}.health() +
+                       "rule 1_ipv4 {\ninterface gi1_1 {\nweight 1\nweight 2\n}\ntarget {\n"
+                       "address 0.0.0.0/0\n}\n}\n"),
+              "warning: 'weight 2': a second weight in one block: this one counts, not that of "
+              "line 15\n");
+}
+
+TEST(Mistakes, what_stands_once_in_each_of_two_blocks) {
+    const Uplink first{.probe =
+                           "type ping {\ntarget 198.51.100.1\nresp-time 5\n}\n}\nrule 2 {\n"
+                           "type ping {\ntarget 198.51.100.2\nresp-time 5\n}\n"};
+    const Uplink second{.name = "gi1_2", .nexthop = "203.0.113.1"};
+    EXPECT_EQ(found_in(first.health() + second.health() +
+                       "rule 1_ipv4 {\ninterface gi1_1 {\nweight 1\n}\ninterface gi1_2 {\n"
+                       "weight 1\n}\ntarget {\naddress 0.0.0.0/0\n}\n}\n"),
+              "");
+}
+
+TEST(Mistakes, namespace_without_a_name) {
+    EXPECT_EQ(found_in(Uplink{.in_interface = "namespace\n"}),
+              "warning: 'namespace': has no value: the default namespace is meant\n");
+}
+
 TEST(Mistakes, two_targets_of_a_probe) {
     Uplink uplink{.probe = "type ping {\ntarget 198.51.100.1\ntarget 198.51.100.2\n}\n"};
     EXPECT_EQ(found_in(uplink),
@@ -171,7 +202,7 @@ TEST(Mistakes, two_uplinks_with_one_next_hop) {
 TEST(Mistakes, tunnel_that_is_none_by_name) {
     EXPECT_EQ(found_in(Uplink{.nexthop = "tunnel"}),
               "warning: 'nexthop tunnel': probes of gi1_1 leave as Ethernet frames, as it is no "
-              "tunnel by name: only names with 'gre' or 'ip4ip4' in them are\n");
+              "tunnel by name: only names with 'gre', 'ip4ip4' or 'modem' in them are\n");
     EXPECT_EQ(found_in(Uplink{.name = "gre_1", .nexthop = "tunnel"}), "");
 }
 

@@ -102,7 +102,8 @@ class LbrouteCommands : public ::testing::Test {
     const TemporaryFolder folder;
     Options options;
     Uplinks uplinks{.uplinks = {uplink("wan1", "192.0.2.1"), uplink("wan2", "198.51.100.1")},
-                    .rules = {}};
+                    .rules = {},
+                    .watched = {{"", Family::ipv4}}};
 };
 
 TEST_F(LbrouteCommands, status_tells_what_is_missing_and_what_agrees) {
@@ -116,7 +117,8 @@ TEST_F(LbrouteCommands, status_tells_what_is_missing_and_what_agrees) {
         std::filesystem::remove(folder.file("lb.conf"));
         folder.put("lb.conf",
                    "health {\n interface wan1 {\n  nexthop 192.0.2.1\n }\n interface "
-                   "wan2 {\n  nexthop 198.51.100.1\n }\n}\n");
+                   "wan2 {\n  nexthop 198.51.100.1\n }\n}\nrule 1_ipv4 {\n interface wan1 {\n"
+                   "  weight 1\n }\n target {\n  address 10.0.0.0/8\n }\n}\n");
         write_fragment(both);
         shown = status();
         EXPECT_EQ(shown.status, 1);
@@ -125,6 +127,10 @@ TEST_F(LbrouteCommands, status_tells_what_is_missing_and_what_agrees) {
                                             "missing\n"));
         ServedNamespace served("", options);
         put_into_force(served);
+        shown = status();
+        EXPECT_EQ(shown.status, 1);
+        EXPECT_THAT(shown.output, HasSubstr("no routing daemon runs, so nobody takes over"));
+        std::ofstream("/run/routing.pid") << getpid() << "\n";
         shown = status();
         EXPECT_EQ(shown.status, 0) << shown.output;
         EXPECT_THAT(shown.output, HasSubstr("IPv4 10.0.0.0/8  metric 0  ok  sticky\n"
@@ -135,6 +141,19 @@ TEST_F(LbrouteCommands, status_tells_what_is_missing_and_what_agrees) {
         EXPECT_THAT(json.output, HasSubstr("\"agrees\": true,"));
         options.table = 1000;
         EXPECT_EQ(given([this] { return show_status(options, true, false); }).status, 1);
+    });
+}
+
+TEST_F(LbrouteCommands, status_tells_of_routes_that_the_daemon_does_not_watch) {
+    in_own_machine([this] {
+        std::ofstream("/run/routing.pid") << getpid() << "\n";
+        write_fragment(both);
+        const Given shown = status();
+        EXPECT_EQ(shown.status, 1);
+        EXPECT_THAT(shown.output,
+                    HasSubstr("/usr/etc/routing-wlb.conf has routes (1) that lb does not watch, as "
+                              "the configuration has no IPv4 rule with an uplink there: they end "
+                              "with: truncate -s 0 /usr/etc/routing-wlb.conf\n"));
     });
 }
 

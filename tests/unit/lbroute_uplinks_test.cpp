@@ -38,7 +38,7 @@ TEST(Uplinks, are_those_of_the_configuration) {
     EXPECT_EQ(uplinks.uplinks[0].next_hop, address("192.0.2.1"));
     EXPECT_EQ(uplinks.uplinks[1].next_hop, std::nullopt);
     EXPECT_TRUE(uplinks.uplinks[1].is_learning);
-    EXPECT_THAT(uplinks.namespaces(), ElementsAre("", "blue"));
+    EXPECT_THAT(uplinks.namespaces, ElementsAre("", "blue"));
 }
 
 TEST(Uplinks, rules_have_members_of_one_family_and_none_of_weight_0) {

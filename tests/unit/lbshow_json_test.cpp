@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include "lbshow/freshness.h"
 #include "lbshow/views.h"
 #include "unit/support/given_dumps.h"
+#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -30,6 +32,12 @@ TEST(JsonText, has_its_documented_shape) {
       "written": "2026-11-21T14:10:05Z",
       "age_s": 1
     }
+  },
+  "stalled": [],
+  "left_out": {
+    "interfaces": 0,
+    "rules": 0,
+    "routes": 0
   },
   "interfaces": [
     {
@@ -132,6 +140,19 @@ TEST(JsonText, of_a_stale_family_says_so_of_each_item) {
     const std::string text = lbshow::json(judged(61), {});
     EXPECT_NE(text.find("\"age_s\": 61,\n      \"stale\": true"), std::string::npos) << text;
     EXPECT_EQ(text.find("\"stale\": false"), std::string::npos) << text;
+}
+
+TEST(JsonText, names_an_interface_whose_worker_stands_still_though_it_is_left_out) {
+    lbshow::State state = judged();
+    state.interfaces[0].since_success_s = 100;
+    lbshow::judge_freshness(state, state.seen, std::nullopt);
+    lbshow::leave_out_stale(state);
+    const auto read = nlohmann::json::parse(lbshow::json(state, {}));
+    EXPECT_EQ(read["interfaces"].size(), 0U);
+    EXPECT_EQ(read["families"]["ipv4"]["stale"], false);
+    EXPECT_EQ(read["stalled"], nlohmann::json::parse(R"([{"name": "gi1_1", "family": 4,
+                                   "namespace": "blue", "judged_s_ago": 100}])"));
+    EXPECT_EQ(read["left_out"]["interfaces"], 1);
 }
 
 TEST(JsonText, of_a_file_from_the_future_has_a_negative_age) {

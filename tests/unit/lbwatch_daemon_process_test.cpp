@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "lbwatch/daemon_process.h"
+#include "shared/processes.h"
 #include "unit/support/temporary_folder.h"
 
 namespace {
@@ -91,6 +94,38 @@ TEST_F(FindDaemon, prefers_the_youngest_and_is_told_of_its_end) {
     pollfd ended{.fd = found.ended.get(), .events = POLLIN, .revents = 0};
     EXPECT_EQ(poll(&ended, 1, 1000), 1);
     EXPECT_EQ(find_daemon(out).pid, old.pid());
+}
+
+TEST_F(FindDaemon, passes_over_one_that_only_looks_at_its_configuration) {
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"-t", "-o", out}, {"-f", "x", "-t", "-o", out}, {"-dto", out}}) {
+        const Lookalike one(program, arguments);
+        EXPECT_EQ(find_daemon(out).pid, 0) << arguments[0];
+    }
+    const Lookalike named_so(program, {"-f", "-t", "-i-t", "-o", out});
+    EXPECT_EQ(find_daemon(out).pid, named_so.pid()) << "the names of files";
+}
+
+TEST(Processes, of_a_pid_namespace_of_their_own_are_told_apart) {
+    EXPECT_TRUE(shared::is_in_own_pid_namespace(getpid()));
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    // As fork(2), but with a namespace.
+    const auto child = static_cast<pid_t>(syscall(SYS_clone, CLONE_NEWPID | SIGCHLD, 0, 0, 0, 0));
+    if (child == 0) {
+        char byte = 0;
+        close(ends[1]);
+        _exit(read(ends[0], &byte, 1) == 0 ? 0 : 1);
+    }
+    if (child > 0) {
+        EXPECT_FALSE(shared::is_in_own_pid_namespace(child));
+    }
+    close(ends[0]);
+    close(ends[1]);
+    if (child < 0) {
+        GTEST_SKIP() << "without the right to make one";
+    }
+    waitpid(child, nullptr, 0);
 }
 
 TEST_F(FindDaemon, passes_over_programs_of_another_name) {

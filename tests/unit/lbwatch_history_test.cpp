@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -311,7 +312,30 @@ TEST_F(LbwatchHistory, file_that_another_one_replaces_is_not_written_unseen) {
     const auto kept = told();
     ASSERT_EQ(kept.size(), 1U);
     EXPECT_EQ(kept[0].to, "active");
-    EXPECT_EQ(notices.back(), path.string() + " is another file now, which is written from now on");
+    EXPECT_EQ(notices.back(), path.string() + " is another file now");
+}
+
+TEST_F(LbwatchHistory, file_that_may_not_be_written_is_written_once_it_may) {
+    const auto backup = folder / "backup.db";
+    { const History made(backup, notice()); }
+    std::filesystem::permissions(folder, std::filesystem::perms::all);
+    chmod(backup.c_str(), 0444);
+    constexpr uid_t nobody = 65534;  // root may write everything
+    const auto user_before = static_cast<uid_t>(setfsuid(nobody));
+    History history(path, notice());
+    history.add(event(1, "active", "failed"));
+    history.commit();
+    std::filesystem::rename(backup, path);
+    history.add(event(2, "failed", "active"));
+    EXPECT_FALSE(history.commit());
+    EXPECT_NE(notices.back().find("this user may not write it; mend: chown "), std::string::npos)
+        << notices.back();
+    setfsuid(user_before);
+    chmod(path.c_str(), 0666);
+    setfsuid(nobody);
+    EXPECT_TRUE(history.commit());
+    EXPECT_EQ(told().size(), 1U);
+    setfsuid(user_before);
 }
 
 TEST_F(LbwatchHistory, rows_are_kept_as_long_as_they_are_wanted) {

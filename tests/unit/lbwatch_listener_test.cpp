@@ -7,17 +7,22 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <memory>
+#include <optional>
+#include <thread>
 
 #include "base/fd.h"
 #include "lbwatch/json.h"
 #include "lbwatch/listener.h"
+#include "unit/support/faults.h"
 #include "unit/support/lbwatch_items.h"
 
 namespace {
 
 using namespace lbwatch;
 using namespace lbwatch_items;
+using namespace std::chrono_literals;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -186,6 +191,24 @@ TEST_F(LbwatchListener, of_too_many_connections_the_oldest_that_is_no_stream_goe
     EXPECT_THAT(idle[1]->hear(), StartsWith("HTTP/1.1 200 OK\r\n"));
     board.add(event("eth0"));
     EXPECT_THAT(stream.hear("\n\n"), StartsWith("id: 1\n"));
+}
+
+TEST_F(LbwatchListener, rests_while_no_descriptor_is_left_and_then_goes_on) {
+    std::optional<faults::FailCall> none_left(std::in_place, faults::Call::accept4, EMFILE);
+    Client first;
+    first.say(ask_state);
+    Client second;
+    second.say(ask_state);
+    // Each try is a second behind the one before.
+    const auto begin = std::chrono::steady_clock::now();
+    while (none_left->calls() < 3) {
+        ASSERT_LT(std::chrono::steady_clock::now() - begin, 20s);
+        std::this_thread::sleep_for(5ms);
+    }
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 1900ms);
+    none_left.reset();
+    EXPECT_THAT(first.hear(), StartsWith("HTTP/1.1 200 OK\r\n"));
+    EXPECT_THAT(second.hear(), StartsWith("HTTP/1.1 200 OK\r\n"));
 }
 
 TEST_F(LbwatchListener, address_in_use_is_told) {

@@ -100,10 +100,10 @@ Story story_of(const std::string& scenario, std::uint64_t seed = 1,
     return story;
 }
 
-std::string changes_of(const Story& story, const std::string& uplink) {
+std::string changes_of(const Story& story, const std::string& uplink, bool is_ipv6 = false) {
     std::string text;
     for (const Told& told : story.run.told) {
-        if (told.kind == Told::Kind::state && told.uplink == uplink && !told.is_ipv6) {
+        if (told.kind == Told::Kind::state && told.uplink == uplink && told.is_ipv6 == is_ipv6) {
             text += std::to_string(told.at_us / 1'000'000) + (told.is_up ? " up, " : " down, ");
         }
     }
@@ -256,6 +256,22 @@ rule 1_ipv4 {
 }
 )");
     EXPECT_EQ(changes_of(story, "gre1"), "3 up, 25 down, 44 up, ");
+}
+
+TEST(SimulatedRun, has_no_answer_for_ipv6_on_a_tunnel_by_name_which_takes_no_frames) {
+    for (const auto& [name, changes] :
+         std::map<std::string, std::string>{{"gi1_1", "9 up, "}, {"gre1", ""}}) {
+        const Story story = story_of("60s " + name + " clean", 1,
+                                     "health {\n interface6 " + name +
+                                         " {\n  nexthop 2001:db8::1\n  success-ct 2\n"
+                                         "  failure-ct 2\n  rule 1 {\n   type ping {\n"
+                                         "    target 2001:db8:1::53\n   }\n  }\n }\n}\n"
+                                         "rule 1_ipv6 {\n interface6 " +
+                                         name +
+                                         " {\n  weight 1\n }\n target {\n"
+                                         "  address ::/0\n }\n}\n");
+        EXPECT_EQ(changes_of(story, name, true), changes);
+    }
 }
 
 TEST(SimulatedRun, is_not_misled_by_duplicates) {

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "config/lb_data_factory.h"
-#include "host/log.h"
 #include "lb-lease/lease_store.h"
 #include "lb-lease/lease_text.h"
+#include "shared/quiet_log.h"
 #include <CLI/CLI.hpp>
 
 namespace {
@@ -55,10 +55,9 @@ int check_configured(const Options& options) {
         }
         return tell(failed, options.configuration + " cannot be read: " + std::strerror(errno));
     }
-    set_log_sink([](int, const char*) {});
+    const shared::QuietLog quiet;
     LBDataFactory loader;
     const bool is_complete = loader.load(options.configuration);
-    set_log_sink(nullptr);
     if (!is_complete) {
         return tell(failed,
                     options.configuration + " is not whole, see: lbcheck " + options.configuration);

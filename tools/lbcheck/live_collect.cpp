@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <future>
 #include <map>
 #include <optional>
 #include <set>
@@ -30,6 +31,7 @@
 #include "probe/send_path.h"
 #include "shared/dump_file.h"
 #include "shared/file_text.h"
+#include "shared/quiet_log.h"
 
 namespace lbcheck {
 
@@ -43,7 +45,7 @@ void learn_next_hops(LBData& data, const std::string& ns_name, bool is_ipv6) {
     std::string name = ns_name;
     OwnRecords own;
     context ctx{.ipv6 = is_ipv6, .ns_name = &name, .own = &own};
-    const QuietLog quiet;
+    const shared::QuietLog quiet;
     data.update_dhcp_nexthop(&ctx);
     data.update_tunnel_nexthop(&ctx);
 }
@@ -178,6 +180,7 @@ class NamespaceLook {
         }
         uplink.is_up = link->is_up;
         uplink.has_carrier = link->has_carrier;
+        uplink.is_ethernet = link->is_ethernet;
         look_at_addresses(uplink, link->index);
         uplink.is_source_found = is_source_found(uplink);
         uplink.reverse_path_all = setting_of("net/ipv4/conf/all/rp_filter");
@@ -203,7 +206,7 @@ class NamespaceLook {
     /// IPv4: by the daemon's own rule (B59). In IPv6 it sends from any source, in any spelling.
     bool is_source_found(const UplinkFacts& uplink) {
         if (!uplink.is_ipv6) {
-            const QuietLog quiet;
+            const shared::QuietLog quiet;
             return view_.has_source(uplink.interface, uplink.source_address);
         }
         const auto source = lbroute::Address::parse(uplink.source_address, lbroute::Family::ipv6);
@@ -382,7 +385,10 @@ LiveFacts collect_facts(const std::string& configuration, const LBData& understo
         }
     }
     for (const std::string& name : names) {
-        facts.namespaces.push_back(look_at(name, data, work, facts.routes));
+        // A thread asks the kernel by sockets that stay in the namespace where it opened them.
+        facts.namespaces.push_back(std::async(std::launch::async, [&] {
+                                       return look_at(name, data, work, facts.routes);
+                                   }).get());
     }
     expect_rules(understood, facts);
     read_dumps(facts);

@@ -29,6 +29,7 @@
 #include "probe/lb_test_icmp.h"
 #include "probe/lb_test_icmp6.h"
 #include "probe/send_path.h"
+#include "shared/quiet_log.h"
 #include "wire/frames.h"
 
 namespace lbcheck {
@@ -325,7 +326,7 @@ std::uint64_t reverse_path_drops_in(std::istream& netstat) {
 
 std::vector<Echo> send_echoes(const std::string& ns_name, bool is_ipv6,
                               const std::vector<EchoRequest>& requests, std::string& problem) {
-    const QuietLog quiet;
+    const shared::QuietLog quiet;
     Echoes echoes(ns_name, is_ipv6, requests);
     problem = echoes.open_sockets();
     return problem.empty() ? echoes.run() : std::vector<Echo>();

@@ -50,6 +50,7 @@ struct UplinkFacts {
     bool exists = false;
     bool is_up = false;
     bool has_carrier = false;
+    bool is_ethernet = true;  ///< its frames have Ethernet addresses
     std::vector<std::string>
         addresses{};  ///< of the family, global ones; as the kernel prints them
     bool is_next_hop_on_link = false;

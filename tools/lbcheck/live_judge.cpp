@@ -58,6 +58,15 @@ class UplinkJudge {
             add(State::error, "it has no carrier", "look at the cable and at the other end");
             return false;
         }
+        if (!uplink_.is_ethernet && (!uplink_.is_tunnel || uplink_.is_ipv6)) {
+            add(State::error,
+                "it has no Ethernet addresses (as with PPPoE, WireGuard, LTE), but its probes "
+                "would leave as Ethernet frames: no next hop is ever found",
+                uplink_.is_ipv6 ? "leave its IPv6 out: no tunnel or modem can be probed in IPv6"
+                                : "give it a name with modem in it, or with gre or ip4ip4 where it "
+                                  "is such a tunnel");
+            return false;
+        }
         const bool lacks_own = uplink_.addresses.empty() && !uplink_.is_tunnel;
         // On a tunnel the kernel chooses the source.
         const bool lacks_source =
@@ -260,7 +269,8 @@ void judge_tracking(const NamespaceFacts& space, LiveFindings& findings) {
                      counts + " are in use: no room for the probes of " + std::to_string(needed) +
                          " uplinks",
                      mend);
-    } else if (*space.tracked > *space.most_tracked / all_percent * full_percent) {
+    } else if (std::int64_t{*space.tracked} * all_percent >
+               std::int64_t{*space.most_tracked} * full_percent) {
         findings.add(State::warning, place, counts + " are in use", mend);
     } else {
         findings.add(State::ok, place, counts + " are in use");

@@ -6,27 +6,28 @@
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <poll.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <array>
-#include <csignal>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
 
-#include "base/fd.h"
 #include "decision/route_text.h"
 #include "host/clock.h"
 #include "shared/file_text.h"
 #include "shared/processes.h"
+#include "shared/program.h"
 
 namespace lbcheck {
 
 namespace {
+
+/// How long another program may take for its answer.
+constexpr std::chrono::seconds patience(5);
 
 const char* word_of_state(int state) {
     switch (state) {
@@ -86,18 +87,6 @@ bool is_folder(const std::string& path) {
     return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-/// The words of a process's command line.
-std::vector<std::string> words_of(pid_t pid) {
-    const std::string line = text_of("/proc/" + std::to_string(pid) + "/cmdline");
-    std::vector<std::string> words;
-    for (std::size_t begin = 0; begin < line.size();) {
-        const std::size_t end = std::min(line.find('\0', begin), line.size());
-        words.push_back(line.substr(begin, end - begin));
-        begin = end + 1;
-    }
-    return words;
-}
-
 std::string first_line(const std::string& text) {
     return text.substr(0, text.find('\n'));
 }
@@ -106,17 +95,17 @@ std::string first_line(const std::string& text) {
 /// touches the one that runs.
 void ask_bird(pid_t pid, RouterFacts& router) {
     const std::string program = "/proc/" + std::to_string(pid) + "/exe";
-    router.version = first_line(say({program, "--version"}).text);
-    const auto words = words_of(pid);
+    router.version = first_line(shared::run_program({program, "--version"}, patience).output);
+    const auto words = shared::arguments_of(pid);
     std::vector<std::string> check{program, "-p"};
     const auto option = std::find(words.begin(), words.end(), "-c");
     if (option != words.end() && option + 1 != words.end()) {
         check.insert(check.end(), {"-c", *(option + 1)});
     }
-    const Said said = say(check);
-    router.has_judged = said.status >= 0 && WIFEXITED(said.status);
-    if (router.has_judged && said.status > 0) {
-        router.refusal = said.text.empty() ? "without a reason" : first_line(said.text);
+    const shared::ProgramEnd answer = shared::run_program(check, patience);
+    router.has_judged = answer.status && WIFEXITED(*answer.status);
+    if (router.has_judged && answer.status != 0) {
+        router.refusal = answer.output.empty() ? "without a reason" : first_line(answer.output);
     }
 }
 
@@ -145,8 +134,6 @@ std::vector<PathRights> rights_of(const std::string& path, const std::string& us
     }
     return rights;
 }
-
-QuietLog::QuietLog() : before_(set_log_sink([](int, const char*) {})) {}
 
 Setting setting_of(const std::string& path) {
     std::ifstream file("/proc/sys/" + path);
@@ -207,65 +194,15 @@ std::vector<UnitFacts> units_of(const std::vector<std::string>& names, std::stri
         problem = "there is no service manager here";
         return units;
     }
+    const auto answer = [](const std::string& question, const std::string& unit) {
+        return first_line(shared::run_program({"systemctl", question, unit}, patience).output);
+    };
     for (const std::string& name : names) {
         units.push_back({.name = name,
-                         .active = first_line(say({"systemctl", "is-active", name}).text),
-                         .enabled = first_line(say({"systemctl", "is-enabled", name}).text)});
+                         .active = answer("is-active", name),
+                         .enabled = answer("is-enabled", name)});
     }
     return units;
-}
-
-Said say(const std::vector<std::string>& words) {
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-        return {};
-    }
-    Fd reading(ends[0]);
-    Fd writing(ends[1]);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, writing.get(), STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, writing.get(), STDERR_FILENO);
-    std::vector<char*> arguments;
-    std::vector<std::string> copies = words;
-    for (std::string& word : copies) {
-        arguments.push_back(word.data());
-    }
-    arguments.push_back(nullptr);
-    pid_t child = 0;
-    const int failed =
-        posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (failed != 0) {
-        return {};
-    }
-    writing = Fd();
-    constexpr int patience_ms = 5000;
-    constexpr std::size_t most_bytes = 8192;
-    const timespec begin = monotonic_now();
-    Said said;
-    bool has_ended = false;
-    while (!has_ended) {
-        const auto left = static_cast<int>(patience_ms - elapsed_ms(begin, monotonic_now()));
-        pollfd wait{reading.get(), POLLIN, 0};
-        if (left <= 0 || poll(&wait, 1, left) <= 0) {
-            break;
-        }
-        std::array<char, 1024> buffer{};
-        const ssize_t count = read(reading.get(), buffer.data(), buffer.size());
-        has_ended = count <= 0;
-        if (count > 0 && said.text.size() < most_bytes) {
-            said.text.append(buffer.data(), static_cast<std::size_t>(count));
-        }
-    }
-    if (!has_ended) {
-        kill(child, SIGKILL);
-    }
-    int status = 0;
-    const bool was_reaped = waitpid(child, &status, 0) == child;
-    said.status = has_ended && was_reaped ? status : -1;
-    return said;
 }
 
 }  // namespace lbcheck

@@ -4,23 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "host/log.h"
 #include "lbcheck/live_facts.h"
 
 /// Questions to the machine, in the network namespace of the calling thread.
 namespace lbcheck {
-
-/// While it lives, what the daemon's code would log is forgotten: the findings tell it.
-class QuietLog {
-  public:
-    QuietLog();
-    ~QuietLog() { set_log_sink(before_); }
-    QuietLog(const QuietLog&) = delete;
-    QuietLog& operator=(const QuietLog&) = delete;
-
-  private:
-    LogSink before_;
-};
 
 /// A number below /proc/sys; none where there is none.
 Setting setting_of(const std::string& path);
@@ -38,13 +25,5 @@ std::vector<UnitFacts> units_of(const std::vector<std::string>& names, std::stri
 /// Rights of a file or folder and of all folders above it, up to the root; nothing where there is
 /// none. Symbolic links are followed: what they lead to counts.
 std::vector<PathRights> rights_of(const std::string& path, const std::string& use);
-
-/// What a command prints on both streams, at most a few kilobytes of it; it is ended after five
-/// seconds. The status is that of wait(2), or -1 where it could not be run or was ended.
-struct Said {
-    int status = -1;
-    std::string text;
-};
-Said say(const std::vector<std::string>& words);
 
 }  // namespace lbcheck

@@ -221,7 +221,31 @@ void judge_routers(const LiveFacts& facts, const NamespaceFacts& space, LiveFind
     }
 }
 
+namespace {
+
+/// What lbroute left where the configuration has no uplink any more.
+void judge_left_behind(const LiveFacts& facts, LiveFindings& findings) {
+    for (const lbroute::ReportedNamespace& one : facts.routes.namespaces) {
+        if (std::ranges::find(facts.namespaces, one.name, &NamespaceFacts::name) !=
+            facts.namespaces.end()) {
+            continue;
+        }
+        const std::string place = in_namespace(one.name) + "routes";
+        if (!one.not_served.empty()) {
+            findings.add(State::error, place, one.not_served, "lbroute status tells more");
+        }
+        for (const lbroute::ReportedFragment& fragment : one.fragments) {
+            for (const std::string& problem : fragment.problems) {
+                findings.add(State::error, place, problem, "lbroute status tells more");
+            }
+        }
+    }
+}
+
+}  // namespace
+
 void judge_lbroute(const LiveFacts& facts, LiveFindings& findings) {
+    judge_left_behind(facts, findings);
     if (!facts.routes.is_running) {
         return;
     }

@@ -1,6 +1,7 @@
 #include "lbcheck/watcher.h"
 
 #include <algorithm>
+#include <set>
 
 #include "config/keywords.h"
 #include "config/lb_data.h"
@@ -164,7 +165,6 @@ void Watcher::note_place(const HandledStatement& statement) {
     }
     if (is_health(statement) && is_interface_keyword(key)) {
         interface_ = value;
-        next_hop_line_ = 0;
         is_ipv6_ = key == "interface6";
         interface_place_ = key + " " + value;
         places_.try_emplace(interface_place_, line_);
@@ -215,6 +215,7 @@ void Watcher::judge_ignored(const HandledStatement& statement, const std::string
 void Watcher::judge_acted(const HandledStatement& statement, const std::string& text) {
     const std::string& key = statement.key;
     const std::string& value = statement.value;
+    judge_repetition(statement, text);
     const bool is_number = takes_number(key, is_health(statement));
     const std::string problem = is_number ? problem_of_number(value) : "";
     if (!problem.empty()) {
@@ -230,6 +231,8 @@ void Watcher::judge_acted(const HandledStatement& statement, const std::string& 
                                                            : "";
     if (!bad_name.empty()) {
         add(Severity::error, text, bad_name);
+    } else if (key == "namespace" && value.empty()) {
+        add(Severity::warning, text, "has no value: the default namespace is meant");
     }
     if (is_health(statement)) {
         judge_way_of_echoes(key, value, text);
@@ -239,6 +242,28 @@ void Watcher::judge_acted(const HandledStatement& statement, const std::string& 
             "bird 1.6 refuses the whole fragment for it; lbroute takes it, also with --bird2");
     }
     judge_address(statement, text);
+}
+
+/// What stands twice in one block, but has one value.
+void Watcher::judge_repetition(const HandledStatement& statement, const std::string& text) {
+    static const std::set<std::string> blocks{"interface", "interface6", "rule", "type", "address"};
+    static const std::set<std::string> single{
+        "nexthop",   "source_address", "success-ct", "failure-ct", "namespace",
+        "resp-time", "period",         "timeout",    "count",      "loss",
+        "rtt",       "jitter",         "weight",     "metric"};
+    const std::string& key = statement.key;
+    const int depth = statement.depth;
+    if (blocks.contains(key)) {
+        given_.erase(given_.lower_bound({depth, ""}), given_.end());
+    } else if (single.contains(key)) {
+        int& line = given_[{depth, key}];
+        if (line != 0) {
+            add(Severity::warning, text,
+                "a second " + key + " in one block: this one counts, not that of line " +
+                    std::to_string(line));
+        }
+        line = line_;
+    }
 }
 
 /// B45, B46: some echoes leave as frames also where the interface's name tells of none.
@@ -279,12 +304,6 @@ void Watcher::judge_address(const HandledStatement& statement, const std::string
 }
 
 void Watcher::judge_next_hop(const std::string& value, const std::string& text) {
-    if (next_hop_line_ != 0) {
-        add(Severity::warning, text,
-            "a second nexthop in one block: this one counts, not that of line " +
-                std::to_string(next_hop_line_));
-    }
-    next_hop_line_ = line_;
     const bool is_learnt = value == "dhcp" || value == "tunnel";
     if (is_learnt && is_ipv6_) {
         add(Severity::error, text, "an IPv6 probe needs a configured next hop: it is never sent");
@@ -293,8 +312,8 @@ void Watcher::judge_next_hop(const std::string& value, const std::string& text) 
     if (value == "tunnel" && !echoes_through_tunnel(interface_)) {
         add(Severity::warning, text,
             "probes of " + interface_ +
-                " leave as Ethernet frames, as it is no tunnel by name: only names with 'gre' or "
-                "'ip4ip4' in them are");
+                " leave as Ethernet frames, as it is no tunnel by name: only names with 'gre', "
+                "'ip4ip4' or 'modem' in them are");
     }
     if (is_learnt) {
         return;

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "config/load_observer.h"
@@ -37,6 +38,7 @@ class Watcher : public LoadObserver {
     void judge_acted(const HandledStatement& statement, const std::string& text);
     void judge_way_of_echoes(const std::string& key, const std::string& value,
                              const std::string& text);
+    void judge_repetition(const HandledStatement& statement, const std::string& text);
     void judge_address(const HandledStatement& statement, const std::string& text);
     void judge_next_hop(const std::string& value, const std::string& text);
     void judge_limit(const std::string& key, const std::string& value, const std::string& text);
@@ -55,8 +57,9 @@ class Watcher : public LoadObserver {
     std::string interface_;  // the latest below health
     std::string interface_place_;
     bool is_ipv6_ = false;
-    int next_hop_line_ = 0;  // of its block; 0 while it has none
-    std::string rule_;       // the latest rule
+    /// The depth and keyword of what has one value in the blocks that are open -> its line.
+    std::map<std::pair<int, std::string>, int> given_;
+    std::string rule_;  // the latest rule
 };
 
 }  // namespace lbcheck

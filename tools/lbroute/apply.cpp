@@ -180,14 +180,7 @@ class Applier {
 
     void remove_leftovers() {
         const std::vector<Step> steps = removal_steps(done_.wanted, done_.kernel);
-        const std::vector<Answer> answers = take(steps);
-        for (std::size_t i = 0; i < steps.size(); ++i) {
-            // Gone meanwhile is gone.
-            if (answers[i].error != 0 && answers[i].error != ENOENT && answers[i].error != ESRCH) {
-                done_.failed_removals.push_back(command_of(steps[i], done_.kernel, "") + ": " +
-                                                answers[i].reason);
-            }
-        }
+        done_.failed_removals = failed_removals(steps, take(steps), done_.kernel);
     }
 
     const std::function<Wanted(Mode)>& plan_;
@@ -197,6 +190,19 @@ class Applier {
 };
 
 }  // namespace
+
+std::vector<std::string> failed_removals(std::span<const Step> steps,
+                                         std::span<const Answer> answers,
+                                         const KernelState& kernel) {
+    std::vector<std::string> failed;
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        // Gone meanwhile is gone.
+        if (answers[i].error != 0 && answers[i].error != ENOENT && answers[i].error != ESRCH) {
+            failed.push_back(command_of(steps[i], kernel, "") + ": " + answers[i].reason);
+        }
+    }
+    return failed;
+}
 
 Application put_into_force(const std::function<Wanted(Mode)>& plan, KernelState kernel,
                            const std::vector<KernelRoute>& foreign, Mode mode,

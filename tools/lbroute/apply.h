@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "lbroute/steps.h"
@@ -21,6 +22,12 @@ struct Application {
     std::vector<Step> taken;   ///< every step that the kernel took
     std::vector<std::string> failed_removals;
 };
+
+/// The steps that should have taken something away and did not, as a command each, with the reason.
+/// There is an answer for each step; `kernel` names the links.
+std::vector<std::string> failed_removals(std::span<const Step> steps,
+                                         std::span<const Answer> answers,
+                                         const KernelState& kernel);
 
 /// `plan` makes the plan for a mode: less than `mode` where the kernel knows no resilient groups,
 /// or no next-hop objects at all.

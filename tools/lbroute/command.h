@@ -10,6 +10,6 @@ namespace lbroute {
 ///
 /// Gives an empty text when it ended with status 0, else what an operator reads after "COMMAND: ":
 /// how it ended, and the end of what it wrote, in one printable line.
-std::string run_command(const std::string& command, std::chrono::milliseconds limit);
+std::string run_command(const std::string& command, std::chrono::seconds limit);
 
 }  // namespace lbroute

@@ -16,6 +16,7 @@
 #include "host/linux/notify_socket.h"
 #include "lbroute/daemon_record.h"
 #include "lbroute/event_loop.h"
+#include "lbroute/findings.h"
 #include "lbroute/holds.h"
 #include "lbroute/journal.h"
 #include "lbroute/namespaces.h"
@@ -102,9 +103,6 @@ class Daemon {
             return 1;
         }
         loop_.watch(signals_.get());
-        if (files_.descriptor() >= 0) {
-            loop_.watch(files_.descriptor());
-        }
         loop_.watch(mounts_.get(), true);
         if (options_.flushes && options_.runs_once) {
             return flush_and_end();
@@ -180,7 +178,7 @@ class Daemon {
         return !site_.is_read() || !are_holds_read_ || !is_record_left_ ||
                std::ranges::any_of(namespaces_.served(), [](const auto& entry) {
                    const Served& served = entry.second;
-                   return !served.kernel.is_entered() || !served.is_good ||
+                   return !served.is_claimed || !served.kernel.is_entered() || !served.is_good ||
                           std::ranges::any_of(
                               served.kernel.fragments(),
                               [](const FragmentFile& file) { return !file.problems().empty(); });
@@ -283,7 +281,8 @@ class Daemon {
             to_route.insert(name);
         }
         for (auto& [name, served] : namespaces_.served()) {
-            if (served.kernel.is_entered() && (is_for_all || to_route.contains(name))) {
+            const bool is_ours = served.is_claimed && served.kernel.is_entered();
+            if (is_ours && (is_for_all || to_route.contains(name))) {
                 route(name, served);
             }
         }
@@ -303,6 +302,14 @@ class Daemon {
         if (result.is_whole()) {
             note_refusals(record_, name, result.view);
         }
+        Journal::Problems unwatched;
+        for (const FragmentFile& file : served.kernel.fragments()) {
+            const std::string text = unwatched_text(file, name, site_.uplinks());
+            if (site_.problems().empty() && !text.empty()) {
+                unwatched[text] = Level::warning;
+            }
+        }
+        journal_.tell("watched " + name, unwatched);
     }
 
     void tell_of_watching() {
@@ -310,8 +317,8 @@ class Daemon {
         if (files_.is_blind()) {
             problems
                 ["not all files that matter can be watched; they are looked at every few "
-                 "seconds instead (sysctl fs.inotify tells the limits; raise "
-                 "max_user_watches or max_user_instances)"] = Level::warning;
+                 "seconds instead: " +
+                 files_.blindness()] = Level::warning;
         }
         journal_.tell("watch", problems);
     }
@@ -335,7 +342,7 @@ class Daemon {
 
     /// The namespaces that are to be served.
     std::set<std::string> served_names() {
-        std::set<std::string> names = site_.uplinks().namespaces();
+        std::set<std::string> names = site_.uplinks().namespaces;
         if (!routing_.is_for_bird()) {
             return names;
         }
@@ -394,6 +401,7 @@ class Daemon {
         bool is_shared = site_.has_learning_uplinks();
         for (const auto& [name, served] : namespaces_.served()) {
             folders.insert(folder_of(fragment_path(name, false)));
+            folders.insert(folder_of(pid_path(name, false)));
             is_shared |= served.is_shared;
         }
         // The daemon rewrites its dumps in every cycle; they wake us only where they tell more than
@@ -402,6 +410,10 @@ class Daemon {
             folders.insert(site_.dump_folder());
         }
         files_.watch(folders);
+        if (files_.descriptor() != watched_descriptor_) {
+            watched_descriptor_ = files_.descriptor();
+            loop_.watch(watched_descriptor_);
+        }
     }
 
     // The end.
@@ -460,7 +472,8 @@ class Daemon {
     Fd mounts_;
     EventLoop loop_;
     shared::FolderWatch files_;
-    std::int64_t look_at_ms_ = 0;  ///< while some file cannot be watched
+    int watched_descriptor_ = -1;  // of files_, which has none while the kernel gives none
+    std::int64_t look_at_ms_ = 0;  // while some file cannot be watched
     Site site_;
     Namespaces namespaces_;
     Routing routing_;

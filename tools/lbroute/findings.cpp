@@ -94,6 +94,18 @@ Journal::Problems problems_of_listing(const std::string& problem,
              Level::error}};
 }
 
+std::string unwatched_text(const FragmentFile& fragment, const std::string& namespace_name,
+                           const Uplinks& uplinks) {
+    const std::size_t routes = fragment.in_force() ? fragment.in_force()->routes.size() : 0;
+    if (routes == 0 || uplinks.watched.contains({namespace_name, fragment.family()})) {
+        return "";
+    }
+    return fragment.path() + " has routes (" + std::to_string(routes) +
+           ") that lb does not watch, as the configuration has no " +
+           std::string(name_of(fragment.family())) +
+           " rule with an uplink there: they end with: truncate -s 0 " + fragment.path();
+}
+
 Journal::Problems problems_of(const View& view, const std::string& namespace_name) {
     if (!view.problem.empty()) {
         return problems_of_listing(view.problem, namespace_name);
@@ -112,8 +124,11 @@ Journal::Problems problems_of(const View& view, const std::string& namespace_nam
             problems[title + " is not routed: a route of others stands there, which ends with: " +
                      removal_command(*other, view.kernel, namespace_name)] = Level::error;
         } else if (!route.refusal.empty()) {
-            problems[title + " is not as it should be, the kernel refuses it: " + route.refusal] =
-                Level::error;
+            problems[title + " is not as it should be, the kernel refuses it: " + route.refusal +
+                     (other == nullptr ? ""
+                                       : ", which ends with: " +
+                                             removal_command(*other, view.kernel,
+                                                             namespace_name))] = Level::error;
         } else if (route.routed().empty()) {
             problems[title + " is not routed: none of its next hops can be used"] = Level::error;
         }

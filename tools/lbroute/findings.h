@@ -24,6 +24,11 @@ const char* word_of(Mode mode);
 Journal::Problems problems_of_listing(const std::string& problem,
                                       const std::string& namespace_name);
 
+/// A fragment with routes of a family that the daemon has no worker for (`Uplinks::watched`): what
+/// it wrote when it had one, which it takes back no more. Empty where there are none.
+std::string unwatched_text(const FragmentFile& fragment, const std::string& namespace_name,
+                           const Uplinks& uplinks);
+
 /// Everything that keeps the kernel from routing as the fragments ask, and each cause as one line
 /// with the command that mends it where there is one.
 Journal::Problems problems_of(const View& view, const std::string& namespace_name);

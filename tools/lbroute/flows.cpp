@@ -15,8 +15,6 @@
 #include <optional>
 #include <vector>
 
-#include "host/linux/netlink.h"
-
 namespace lbroute {
 
 namespace {
@@ -113,9 +111,17 @@ int on_entry(const nlmsghdr* message, void* data) {
     return MNL_CB_OK;
 }
 
+/// Throws away what an exchange that failed has left unread: its answers would be taken for those
+/// of the next one, and refused for their number.
+void drain(const mnl_socket* socket, std::vector<char>& buffer) {
+    while (recv(mnl_socket_get_fd(socket), buffer.data(), buffer.size(), MSG_DONTWAIT) > 0) {
+    }
+}
+
 /// Gives 0 or the error.
 int dump(const mnl_socket* socket, std::uint32_t sequence, Search& search) {
     std::vector<char> buffer(receive_size);
+    drain(socket, buffer);
     const nlmsghdr* request = put_header(buffer.data(), IPCTNL_MSG_CT_GET, NLM_F_DUMP, sequence,
                                          protocol_family(search.family));
     if (mnl_socket_sendto(socket, request, request->nlmsg_len) < 0) {
@@ -206,10 +212,6 @@ class Batch {
 };
 
 }  // namespace
-
-void FlowTable::Close::operator()(mnl_socket* socket) const {
-    mnl_socket_close(socket);
-}
 
 FlowTable::FlowTable() : socket_(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC)) {
     const bool is_open = socket_ && mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) == 0;

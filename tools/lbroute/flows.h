@@ -2,13 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <string>
 
+#include "host/linux/netlink.h"
 #include "lbroute/address.h"
-
-struct mnl_socket;
 
 namespace lbroute {
 
@@ -43,13 +41,9 @@ class FlowTable {
     Result delete_translated(std::span<const Address> addresses);
 
   private:
-    struct Close {
-        void operator()(mnl_socket* socket) const;
-    };
-
     Result delete_translated(std::span<const Address> addresses, Family family);
 
-    std::unique_ptr<mnl_socket, Close> socket_;
+    Netlink socket_;
     int open_error_ = 0;
     std::uint32_t sequence_ = 0;
 };

@@ -24,6 +24,9 @@ class Journal {
     using Problems = std::map<std::string, Level>;
     void tell(const std::string& subject, const Problems& problems);
 
+    /// The subject is looked at no more: its problems are told again if they are found again.
+    void forget(const std::string& subject) { told_.erase(subject); }
+
   private:
     bool with_levels_;
     std::map<std::string, std::set<std::string>> told_;

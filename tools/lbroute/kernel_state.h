@@ -23,6 +23,7 @@ struct Link {
     std::string name;
     bool is_up = false;
     bool has_carrier = false;  ///< its own; the kernel tells it for VLANs and tunnels as well
+    bool is_ethernet = false;  ///< its frames have Ethernet addresses (ARPHRD_ETHER)
 };
 
 /// An address of a link with the network that it connects.

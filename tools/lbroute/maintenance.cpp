@@ -1,6 +1,7 @@
 #include "lbroute/maintenance.h"
 
 #include <iostream>
+#include <set>
 #include <vector>
 
 #include "lbroute/daemon_record.h"
@@ -57,6 +58,18 @@ std::string names_of(const std::vector<Family>& families) {
     return text;
 }
 
+/// That a route goes on over held uplinks, all of them, as nothing else is left to it.
+std::string kept_text(const std::set<std::string>& kept, const std::string& held_now) {
+    std::string names;
+    for (const std::string& name : kept) {
+        names += (names.empty() ? "" : ", ") + name;
+    }
+    return " goes on over " + names +
+           (kept.size() == 1
+                ? ": it has no other next hop (--force takes it away too)"
+                : ": all of its next hops are held (--force takes " + held_now + " away too)");
+}
+
 /// Tells which routes go on over the uplink, because nothing else is left to them.
 void tell_kept_routes(const Options& options, const HoldRequest& request, const Uplinks& uplinks,
                       const std::vector<Hold>& holds, const DaemonRecord& daemon) {
@@ -74,14 +87,15 @@ void tell_kept_routes(const Options& options, const HoldRequest& request, const 
         apply_refusals(daemon, request.namespace_name, view);
     }
     for (const PlannedRoute& route : view.wanted.routes) {
+        std::set<std::string> kept;
         for (const PlannedHop& hop : route.hops) {
-            if (hop.interface == request.interface && hop.state == HopState::last_though_held) {
-                std::cout
-                    << name_of(route.prefix.address.family) << " " << route.prefix.text()
-                    << " goes on over "
-                    << request
-                           .interface << ": it has no other next hop (--force takes it away too)\n";
+            if (hop.state == HopState::last_though_held) {
+                kept.insert(hop.interface);
             }
+        }
+        if (kept.contains(request.interface)) {
+            std::cout << name_of(route.prefix.address.family) << " " << route.prefix.text()
+                      << kept_text(kept, request.interface) << "\n";
         }
     }
 }

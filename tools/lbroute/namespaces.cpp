@@ -26,14 +26,13 @@ bool Namespaces::told(const Ownership::Outcome& outcome) const {
 }
 
 /// Takes the place of the routing daemon in one namespace, or notes why not.
-void Namespaces::claim(const std::string& name, Served& served) {
-    const bool is_start = name.empty() && !not_served_.contains(name);
+void Namespaces::claim(const std::string& name, Served& served, bool is_new) {
     const Ownership::Outcome outcome = ownership_.claim(name);
     served.is_claimed = outcome.kind == Ownership::Outcome::Kind::owned;
     if (!served.is_claimed) {
         not_served_[name] = outcome.reason;
         // Later it serves others, and is tried again.
-        is_refused_ = is_start && outcome.kind == Ownership::Outcome::Kind::refused;
+        is_refused_ |= is_new && name.empty() && outcome.kind == Ownership::Outcome::Kind::refused;
         return;
     }
     not_served_.erase(name);
@@ -46,6 +45,9 @@ void Namespaces::leave_all_but(const std::set<std::string>& named) {
         if (!named.contains(name)) {
             ownership_.release(name);
             not_served_.erase(name);
+            for (const char* subject : {"namespace ", "routes ", "flows ", "watched "}) {
+                journal_.forget(subject + name);
+            }
             left_behind.merge(left_behind_in(served.kernel));
         }
     }
@@ -59,15 +61,19 @@ std::set<std::string> Namespaces::follow(const std::set<std::string>& named, boo
     for (const std::string& name : named) {
         const auto [entry, is_new] = served_.try_emplace(name, name, options_);
         Served& served = entry->second;
-        const bool is_to_claim = !served.is_claimed && (is_new || claims_again);
+        // Another routing daemon that comes later writes its number in the place of ours.
+        const bool is_to_claim =
+            served.is_claimed ? ownership_.is_disturbed(name) : is_new || claims_again;
         if (is_to_claim) {
-            claim(name, served);
+            claim(name, served, is_new);
         }
         std::string problem;
         const bool has_changed = served.is_claimed && served.kernel.follow(problem);
         tell_state(name, served, problem);
         if (has_changed && served.kernel.is_entered()) {
             loop_.watch(served.kernel.monitor_descriptor());
+        } else if (has_changed) {
+            journal_.forget("routes " + name);
         }
         if (is_refused_) {
             return to_read;
@@ -99,6 +105,14 @@ std::vector<std::string> Namespaces::flush() {
     std::set<std::string> names;
     for (auto& [name, served] : served_) {
         names.insert(name);
+        std::string problem;
+        if (!served.is_claimed) {
+            // What is ours there is ours to take away.
+            served.kernel.follow(problem);
+        }
+        if (!problem.empty()) {
+            problems.push_back(problem);
+        }
         if (served.kernel.is_entered()) {
             std::ranges::move(lbroute::flush(served.kernel), std::back_inserter(problems));
         }

@@ -24,8 +24,9 @@ struct Served {
     /// Some route waits for the dumps, and this long (CLOCK_BOOTTIME); then it is guessed.
     std::optional<std::int64_t> uncertain_until_ms;
     std::map<std::string, std::string> paths;  ///< a route's title -> what was told of it
-    bool is_claimed = false;                   ///< its process number files are ours
-    bool is_shared = false;                    ///< some next hop follows the dumps
+    /// Its process number files are ours; else nothing is done there.
+    bool is_claimed = false;
+    bool is_shared = false;  ///< some next hop follows the dumps
     bool is_uncertain = false;
     bool is_good = false;  ///< everything that the fragments ask for is in force
 };
@@ -61,7 +62,7 @@ class Namespaces {
 
   private:
     bool told(const Ownership::Outcome& outcome) const;
-    void claim(const std::string& name, Served& served);
+    void claim(const std::string& name, Served& served, bool is_new);
     void tell_state(const std::string& name, const Served& served, const std::string& problem);
     void leave_all_but(const std::set<std::string>& named);
 

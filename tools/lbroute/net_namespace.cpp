@@ -12,6 +12,9 @@
 #include <cstring>
 #include <filesystem>
 
+#include "decision/route_text.h"
+#include "shared/folder_names.h"
+
 namespace lbroute {
 
 namespace {
@@ -54,14 +57,14 @@ std::vector<std::string> other_namespaces(const std::set<std::string>& names,
     }
     std::vector<std::string> others;
     std::error_code error;
-    std::filesystem::directory_iterator entries(folder, error);
-    while (!error && entries != std::filesystem::directory_iterator()) {
-        const std::string name = entries->path().filename();
+    for (const std::string& name : shared::names_in(folder, error)) {
         const auto identity = namespace_identity(name);
-        if (identity && known.insert(*identity).second) {
+        const auto fragments = std::filesystem::path(fragment_path(name, false)).parent_path();
+        std::error_code unseen;
+        const bool is_ours = std::filesystem::exists(fragments, unseen) || unseen;
+        if (identity && is_ours && known.insert(*identity).second) {
             others.push_back(name);
         }
-        entries.increment(error);
     }
     if (error && error != std::errc::no_such_file_or_directory) {
         problem = std::string(folder) + " cannot be read: " + error.message();

@@ -27,8 +27,10 @@ struct NamespaceIdentity {
 /// always is there.
 std::optional<NamespaceIdentity> namespace_identity(const std::string& name);
 
-/// A name of each namespace that is there beside the own one and those with these names. One that
-/// was bound to a second name is no other. The cause of a failure goes into `problem`.
+/// A name of each namespace that is there beside the own one and those with these names, and has a
+/// folder of fragments: somebody routes or has routed by them there. Those without one are another
+/// router's. One that was bound to a second name is no other. The cause of a failure goes into
+/// `problem`.
 std::vector<std::string> other_namespaces(const std::set<std::string>& names, std::string& problem);
 
 /// The calling thread is in a namespace as long as this lives. Sockets opened meanwhile stay there.

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -140,6 +141,8 @@ Outcome Ownership::begin() {
 }
 
 Outcome Ownership::claim(const std::string& namespace_name) {
+    // Once: who waits for a file at each try keeps the routes of all namespaces waiting.
+    const bool is_patient = tried_.insert(namespace_name).second;
     if (namespace_name.find('/') != std::string::npos || namespace_name == "..") {
         return {
             .kind = Outcome::Kind::failed,
@@ -150,7 +153,7 @@ Outcome Ownership::claim(const std::string& namespace_name) {
     Outcome outcome;
     const auto paths = pid_paths(root_, namespace_name);
     for (const std::string& path : paths) {
-        outcome.reason = obstacle(path, outcome.notes);
+        outcome.reason = obstacle(path, outcome.notes, is_patient);
         if (!outcome.reason.empty()) {
             outcome.kind = Outcome::Kind::refused;
             return outcome;
@@ -168,8 +171,19 @@ Outcome Ownership::claim(const std::string& namespace_name) {
     if (!outcome.reason.empty()) {
         outcome.kind = Outcome::Kind::failed;
         release(namespace_name);
+    } else {
+        tried_.erase(namespace_name);
     }
     return outcome;
+}
+
+bool Ownership::is_disturbed(const std::string& namespace_name) const {
+    const auto paths = pid_paths(root_, namespace_name);
+    return std::ranges::any_of(paths, [this](const std::string& path) {
+        return std::ranges::none_of(own_.files, [&path](const Written& file) {
+            return file.path == path && is_unchanged(file);
+        });
+    });
 }
 
 void Ownership::release(const std::string& namespace_name) {
@@ -231,8 +245,9 @@ bool Ownership::is_unchanged(const Written& file) {
            modified_ns(found) == file.modified_ns;
 }
 
-std::string Ownership::obstacle(const std::string& path, std::vector<std::string>& notes) const {
-    const auto text = settled_text(path);
+std::string Ownership::obstacle(const std::string& path, std::vector<std::string>& notes,
+                                bool is_patient) const {
+    const auto text = is_patient ? settled_text(path) : beginning_of(path);
     if (!text) {
         return "";
     }

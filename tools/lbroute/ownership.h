@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,9 @@ class Ownership {
     /// Writes both process number files of a namespace (empty: the default one), and makes their
     /// folders and that of the fragments. Both or none.
     Outcome claim(const std::string& namespace_name);
+    /// Whether a file of a namespace that was claimed is not as it was written: removed, or
+    /// somebody else's.
+    bool is_disturbed(const std::string& namespace_name) const;
     /// Removes the namespace's files that still hold our number.
     void release(const std::string& namespace_name);
     void release_all();
@@ -68,7 +72,9 @@ class Ownership {
 
     std::string record() const;
     /// Why the file cannot be taken over, or empty; what is left over in it goes to the notes.
-    std::string obstacle(const std::string& path, std::vector<std::string>& notes) const;
+    /// `is_patient`: one that may just be being written is waited for.
+    std::string obstacle(const std::string& path, std::vector<std::string>& notes,
+                         bool is_patient) const;
     bool is_predecessors(const std::string& path, pid_t named) const;
     std::string write(const std::string& path);
     void remove_ours(const std::string& path);
@@ -76,6 +82,7 @@ class Ownership {
     const StateFolder& folder_;
     std::string root_;
     Fd lock_;
+    std::set<std::string> tried_;  // namespaces that could not be claimed
     std::vector<Instance> predecessors_;
     Instance own_;
 };

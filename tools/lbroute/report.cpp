@@ -40,9 +40,10 @@ StandingRoute standing_route(const KernelRoute& route, const KernelState& kernel
         return standing;
     }
     standing.mode = word_of(group->is_resilient ? Mode::sticky : Mode::group);
+    // Each object of a next hop has the whole of its weight.
     for (const GroupEntry& entry : group->entries) {
         if (const HopObject* hop = kernel.hop(entry.id)) {
-            standing.hops[{hop->gateway, hop->link}].weight += entry.weight;
+            standing.hops[{hop->gateway, hop->link}].weight = entry.weight;
         }
     }
     if (group->is_resilient) {

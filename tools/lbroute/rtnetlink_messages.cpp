@@ -6,6 +6,7 @@
 #include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <net/if_arp.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -333,7 +334,8 @@ std::optional<Link> read_link(const nlmsghdr& message) {
     return Link{.index = body->ifi_index,
                 .name = {text, strnlen(text, name.size())},
                 .is_up = (body->ifi_flags & IFF_UP) != 0,
-                .has_carrier = (body->ifi_flags & lower_up) != 0};
+                .has_carrier = (body->ifi_flags & lower_up) != 0,
+                .is_ethernet = body->ifi_type == ARPHRD_ETHER};
 }
 
 std::optional<LinkAddress> read_address(const nlmsghdr& message) {

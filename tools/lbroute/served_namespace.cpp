@@ -290,19 +290,12 @@ FlowTable::Result ServedNamespace::forget_flows(const std::vector<Address>& addr
 }
 
 std::vector<std::string> ServedNamespace::flush() {
-    std::vector<std::string> failed;
     const Listing listing = list_kernel_state(socket_);
     if (!listing.problem.empty()) {
         return {listing.problem};
     }
     const std::vector<Step> steps = flush_steps(listing.state);
-    const std::vector<Answer> answers = socket_.take(steps);
-    for (std::size_t i = 0; i < steps.size(); ++i) {
-        if (answers[i].error != 0) {
-            failed.push_back(answers[i].reason);
-        }
-    }
-    return failed;
+    return failed_removals(steps, socket_.take(steps), listing.state);
 }
 
 std::vector<std::pair<std::uint32_t, int>> ServedNamespace::buckets_of(std::uint32_t group) {

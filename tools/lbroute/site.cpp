@@ -7,27 +7,15 @@
 #include <cstring>
 
 #include "config/lb_data_factory.h"
-#include "host/log.h"
 #include "shared/dump_file.h"
-#include "shared/file_text.h"
+#include "shared/quiet_log.h"
 
 namespace lbroute {
 
 namespace {
 
 constexpr std::int64_t dump_patience_ms = 200;
-
-/// What the loader complains of is the business of the daemon and of lbcheck(8).
-class QuietLoader {
-  public:
-    QuietLoader() : before_(set_log_sink([](int, const char*) {})) {}
-    ~QuietLoader() { set_log_sink(before_); }
-    QuietLoader(const QuietLoader&) = delete;
-    QuietLoader& operator=(const QuietLoader&) = delete;
-
-  private:
-    LogSink before_;
-};
+constexpr std::size_t largest_dump = std::size_t{32} << 20;
 
 bool is_missing(int error) {
     return error == ENOENT || error == ENOTDIR;
@@ -68,7 +56,8 @@ bool Site::read_configuration() {
         configured_ = {};
         return combine();
     }
-    const QuietLoader quiet;
+    // What the loader complains of is the business of the daemon and of lbcheck(8).
+    const shared::QuietLog quiet;
     LBDataFactory loader;
     const bool is_whole = loader.load(configuration_);
     if (!is_whole) {
@@ -89,19 +78,17 @@ bool Site::read_dumps(std::int64_t now_ms) {
     for (const int family : {4, 6}) {
         const std::string path = dump_folder_ + "/" + shared::name_of(shared::outbounds_of(family));
         auto& dumped = dumped_[family == 4 ? 0 : 1];
-        int error = 0;
-        const auto text = shared::text_of_file(path, error);
-        if (!text) {
-            if (is_missing(error)) {
+        const shared::DumpBytes dump = shared::read_dump(path, largest_dump);
+        if (dump.problem != shared::DumpBytes::Problem::none) {
+            if (is_missing(dump.error)) {
                 dumped.clear();
             } else {
                 are_dumps_read_ = false;
             }
             continue;
         }
-        const std::vector<std::uint8_t> bytes(text->begin(), text->end());
-        auto read = lbshow::read_interfaces(bytes, family, false);
-        if (read.is_truncated || bytes.empty()) {
+        auto read = lbshow::read_interfaces(dump.bytes, family, false);
+        if (dump.is_rewritten || read.is_truncated || dump.bytes.empty()) {
             is_cut = true;
         } else if (read.problem.empty()) {
             dumped = std::move(read.items);

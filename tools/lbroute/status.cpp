@@ -1,11 +1,13 @@
 #include "lbroute/status.h"
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <iostream>
 #include <iterator>
 #include <thread>
 
+#include "decision/route_text.h"
 #include "lbroute/bird2.h"
 #include "lbroute/commands.h"
 #include "lbroute/findings.h"
@@ -13,18 +15,20 @@
 #include "lbroute/site.h"
 #include "lbroute/steps.h"
 #include "lbroute/surroundings.h"
+#include "shared/file_text.h"
+#include "shared/processes.h"
 #include "shared/standard_output.h"
 
 namespace lbroute {
 
 namespace {
 
-/// Reads files until none of them is just being rewritten.
 void wait_until_ms(std::int64_t at_ms) {
     const std::int64_t left = at_ms - boottime_ms();
     std::this_thread::sleep_for(std::chrono::milliseconds(std::max<std::int64_t>(0, left)));
 }
 
+/// Reads files until none of them is just being rewritten.
 void read_settled(Site& site) {
     site.read_configuration();
     site.read_dumps(boottime_ms());
@@ -42,7 +46,8 @@ void read_settled(FragmentFile& file) {
     }
 }
 
-ReportedFragment reported(const FragmentFile& file) {
+ReportedFragment reported(const FragmentFile& file, const std::string& namespace_name,
+                          const Site& site) {
     ReportedFragment shown;
     shown.path = file.path();
     shown.state = file.is_current()   ? "read"
@@ -50,6 +55,11 @@ ReportedFragment reported(const FragmentFile& file) {
                                       : "not whole or not readable";
     for (const auto& [problem, level] : file.problems()) {
         shown.problems.push_back(problem);
+    }
+    const std::string unwatched =
+        site.problems().empty() ? unwatched_text(file, namespace_name, site.uplinks()) : "";
+    if (!unwatched.empty()) {
+        shown.problems.push_back(unwatched);
     }
     return shown;
 }
@@ -99,7 +109,7 @@ ReportedNamespace look_at(const std::string& name, const Options& options, const
     ServedNamespace served(name, options);
     reported_one.problem = prepare(served);
     for (const FragmentFile& file : served.fragments()) {
-        reported_one.fragments.push_back(reported(file));
+        reported_one.fragments.push_back(reported(file, name, scene.site));
     }
     if (!reported_one.problem.empty()) {
         return reported_one;
@@ -173,7 +183,7 @@ Bird2Text text_for_bird(const Options& options, const Scene& scene, Report& repo
     ReportedNamespace& shown = report.namespaces.emplace_back();
     shown.problem = prepare(served);
     for (const FragmentFile& file : served.fragments()) {
-        shown.fragments.push_back(reported(file));
+        shown.fragments.push_back(reported(file, "", scene.site));
     }
     if (!shown.problem.empty()) {
         return {};
@@ -203,6 +213,18 @@ void note_not_served(Report& report) {
     }
 }
 
+/// Whether a process number file of what the daemon watches names a process that runs; it watches
+/// something.
+bool is_any_router_running(const Uplinks& uplinks) {
+    return uplinks.watched.empty() || std::ranges::any_of(uplinks.watched, [](const auto& one) {
+               const std::string text =
+                   shared::text_of_file(pid_path(one.first, one.second == Family::ipv6));
+               pid_t pid = 0;
+               std::from_chars(text.data(), text.data() + text.size(), pid);
+               return pid > 0 && shared::is_running(pid);
+           });
+}
+
 }  // namespace
 
 Report report_of_now(Options options, bool chooses_table) {
@@ -220,7 +242,7 @@ Report report_of_now(Options options, bool chooses_table) {
     if (report.is_running && !scene.daemon.bird2_file.empty()) {
         compare_bird2_file(options, scene, report);
     } else {
-        const std::set<std::string> named = scene.site.uplinks().namespaces();
+        const std::set<std::string> named = scene.site.uplinks().namespaces;
         for (const std::string& name : named) {
             report.namespaces.push_back(look_at(name, options, scene));
         }
@@ -228,6 +250,10 @@ Report report_of_now(Options options, bool chooses_table) {
     }
     if (report.is_running) {
         note_not_served(report);
+    } else if (!is_any_router_running(scene.site.uplinks())) {
+        report.problems.emplace_back(
+            "no routing daemon runs, so nobody takes over what lb writes from now on; start it: "
+            "systemctl start lbroute");
     }
     return report;
 }
@@ -254,7 +280,7 @@ int show_commands(const Options& options) {
         const bool is_good = is_whole && made.left_out.empty() && report.agrees();
         return shared::end_output("lbroute") && is_good ? 0 : 1;
     }
-    const std::set<std::string> named = scene.site.uplinks().namespaces();
+    const std::set<std::string> named = scene.site.uplinks().namespaces;
     std::vector<std::string> names(named.begin(), named.end());
     if (options.flushes) {
         std::string problem;

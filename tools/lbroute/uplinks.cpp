@@ -48,17 +48,6 @@ auto place_of(const Uplink& uplink) {
 
 }  // namespace
 
-std::set<std::string> Uplinks::namespaces() const {
-    std::set<std::string> names{""};
-    for (const Uplink& uplink : uplinks) {
-        names.insert(uplink.namespace_name);
-    }
-    for (const UplinkRule& rule : rules) {
-        names.insert(rule.namespace_name);
-    }
-    return names;
-}
-
 const Uplink* Uplinks::find(const std::string& namespace_name, Family family,
                             const std::string& interface) const {
     const auto found = std::ranges::find_if(uplinks, [&](const Uplink& uplink) {
@@ -90,6 +79,13 @@ Uplinks uplinks_of(const LBData& configuration) {
     add_uplinks(uplinks, configuration.health, Family::ipv4);
     add_uplinks(uplinks, configuration.health6, Family::ipv6);
     std::ranges::sort(uplinks.uplinks, {}, [](const Uplink& uplink) { return place_of(uplink); });
+    for (const auto& [place, work] : work_by_namespace(configuration)) {
+        const auto& [name, is_ipv6] = place;
+        uplinks.namespaces.insert(name);
+        if (work.needs_worker()) {
+            uplinks.watched.emplace(name, is_ipv6 ? Family::ipv6 : Family::ipv4);
+        }
+    }
     for (const auto& [name, rule] : configuration.rules) {
         for (const Family family : {Family::ipv4, Family::ipv6}) {
             UplinkRule made = rule_of(rule, family);

@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "config/lb_data.h"
@@ -47,8 +48,13 @@ struct Uplinks {
     std::vector<Uplink> uplinks;    ///< ordered by namespace, family and interface
     std::vector<UplinkRule> rules;  ///< in the daemon's order: the later counts
 
-    /// Every namespace that is named, and the default one.
-    std::set<std::string> namespaces() const;
+    /// The namespaces that the configuration names, and the default one. The dumps add none: those
+    /// of a daemon that was not started anew since, or of a family that nobody writes any more,
+    /// name namespaces that have left.
+    std::set<std::string> namespaces{""};
+    /// What the daemon has a worker for: an uplink and a rule of the family are there.
+    std::set<std::pair<std::string, Family>> watched;
+
     const Uplink* find(const std::string& namespace_name, Family family,
                        const std::string& interface) const;
 

@@ -51,22 +51,6 @@ std::optional<Family> judged(const State& state, int family, std::int64_t limit_
                   .is_stale = age > limit_s || is_from_the_future(*oldest, state.seen)};
 }
 
-/// The time since an interface was last judged, as the dump tells it; none where it never was, or
-/// where its state has a date in the future, of before the clock was set back: the next judgement
-/// gives it another one.
-std::optional<int> since_judged_s(const Interface& one) {
-    const auto& of_state = one.is_active ? one.since_success_s : one.since_failure_s;
-    const auto& other = one.is_active ? one.since_failure_s : one.since_success_s;
-    if (of_state && *of_state < 0) {
-        return std::nullopt;
-    }
-    const bool is_other_told = other && *other >= 0;
-    if (of_state && is_other_told) {
-        return std::min(*of_state, *other);
-    }
-    return is_other_told ? other : of_state;
-}
-
 void grow(std::optional<int>& seconds, std::int64_t by) {
     if (seconds && by > 0) {
         seconds = static_cast<int>(
@@ -97,6 +81,19 @@ std::string cause_of(const State& state, const Family& one) {
 }
 
 }  // namespace
+
+std::optional<int> since_judged_s(const Interface& one) {
+    const auto& of_state = one.is_active ? one.since_success_s : one.since_failure_s;
+    const auto& other = one.is_active ? one.since_failure_s : one.since_success_s;
+    if (of_state && *of_state < 0) {
+        return std::nullopt;
+    }
+    const bool is_other_told = other && *other >= 0;
+    if (of_state && is_other_told) {
+        return std::min(*of_state, *other);
+    }
+    return is_other_told ? other : of_state;
+}
 
 std::int64_t age_s(const DumpFile& file, Time now) {
     return std::chrono::floor<std::chrono::seconds>(now - file.written).count();

@@ -32,6 +32,11 @@ inline constexpr std::int64_t clock_tolerance_s = 1;
 ///   by itself: the worker of its namespace stands still, and another namespace's wrote the dump.
 void judge_freshness(State& state, Time now, std::optional<std::int64_t> limit_s);
 
+/// The time in seconds since an interface was last judged, as the dump tells it; none where it
+/// never was, or where its state has a date in the future, of before the clock was set back: the
+/// next judgement gives it another one.
+std::optional<int> since_judged_s(const Interface& one);
+
 /// Takes everything stale out of the lists, and counts it in `left_out`.
 void leave_out_stale(State& state);
 

@@ -121,10 +121,29 @@ Json files_of(const State& state) {
     return files;
 }
 
+/// Interfaces whose worker stands still while the family's dump is fresh, also where the list of
+/// interfaces has them no more.
+Json stalled_of(const State& state) {
+    Json stalled = Json::array();
+    for (const Interface& one : state.unjudged) {
+        stalled.push_back({{"name", one.name},
+                           {"family", one.family},
+                           {"namespace", one.namespace_name},
+                           {"judged_s_ago", *since_judged_s(one)}});
+    }
+    return stalled;
+}
+
 }  // namespace
 
 std::string json(const State& state, const Selection& selection) {
-    Json all = {{"families", families_of(state)}, {"files", files_of(state)}};
+    Json all = {{"families", families_of(state)},
+                {"files", files_of(state)},
+                {"stalled", stalled_of(state)},
+                {"left_out",
+                 {{"interfaces", state.left_out.interfaces},
+                  {"rules", state.left_out.rules},
+                  {"routes", state.left_out.routes}}}};
     if (selection.interfaces) {
         all["interfaces"] = json_list(state.interfaces);
     }

@@ -17,6 +17,8 @@ std::string tables(const State& state, const Selection& selection, bool is_colou
 ///
 ///     {"families": {"ipv4": {"written", "age_s", "stale", "stale_after_s"}, "ipv6": ...},
 ///      "files": {"wlb_rules.bin": {"written", "age_s"}, ...},
+///      "stalled": [{"name", "family", "namespace", "judged_s_ago"}],
+///      "left_out": {"interfaces", "rules", "routes"},
 ///      "interfaces": [{"name", "family", "namespace", "active", "routed", "stale", "nexthop",
 ///                      "nexthop_from", "source_address", "since_success_s", "since_failure_s",
 ///                      "success_ct", "failure_ct", "state_since_s", "state_begin_seen",

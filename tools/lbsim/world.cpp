@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "base/address_text.h"
+#include "probe/send_path.h"
 
 namespace lbsim {
 
@@ -67,6 +68,7 @@ void World::build(Place& place, const Scenario& scenario, int number) {
         machine_.add_link(uplink.name, uplink.ns_name);
     }
     Simulation::Link& link = links.at(uplink.name);
+    link.takes_frames = !echoes_through_tunnel(uplink.name);
     if (!uplink.source.empty()) {
         link.addresses.push_back(canonical(uplink.source));
     } else if (uplink.is_ipv6) {

@@ -7,11 +7,13 @@
 #include <cctype>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string_view>
 #include <system_error>
 #include <vector>
 
 #include "shared/file_text.h"
+#include "shared/folder_names.h"
 #include "shared/processes.h"
 
 namespace lbwatch {
@@ -30,23 +32,30 @@ std::string without_links(const std::string& path) {
     return text;
 }
 
-/// The value of -o among a process's arguments, which end with a NUL each.
-std::string directory_of(const std::string& arguments) {
-    std::vector<std::string> words;
-    for (std::size_t at = 0; at < arguments.size();) {
-        const std::size_t end = std::min(arguments.find('\0', at), arguments.size());
-        words.push_back(arguments.substr(at, end - at));
-        at = end + 1;
+/// The directory that a daemon with these arguments writes to, as getopt(3) reads them; none where
+/// they are not a daemon's: those of a process that has ended, and of one that only looks at its
+/// configuration or tells its usage.
+std::optional<std::string> directory_of(const std::vector<std::string>& words) {
+    if (words.empty()) {
+        return std::nullopt;
     }
+    std::string directory = default_directory;
     for (std::size_t i = 1; i < words.size(); ++i) {
-        if (words[i] == "-o" && i + 1 < words.size()) {
-            return words[i + 1];
-        }
-        if (words[i].starts_with("-o") && words[i].size() > 2) {
-            return words[i].substr(2);
+        const std::string& word = words[i];
+        for (std::size_t at = 1; word.starts_with("-") && at < word.size(); ++at) {
+            if (word[at] == 't' || word[at] == 'h') {
+                return std::nullopt;
+            }
+            if (word[at] == 'f' || word[at] == 'i' || word[at] == 'o') {
+                const bool is_behind = at + 1 == word.size() && i + 1 < words.size();
+                const std::string value = is_behind ? words[i + 1] : word.substr(at + 1);
+                directory = word[at] == 'o' && !value.empty() ? value : directory;
+                i += is_behind ? 1 : 0;
+                break;
+            }
         }
     }
-    return default_directory;
+    return directory;
 }
 
 bool is_number(std::string_view text) {
@@ -59,16 +68,15 @@ bool is_number(std::string_view text) {
 std::map<pid_t, shared::ProcessStat> processes_for(const std::string& wanted) {
     std::map<pid_t, shared::ProcessStat> found;
     std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
-        const std::string name = entry.path().filename();
-        const std::string process = entry.path();
-        if (!is_number(name) || shared::text_of_file(process + "/comm") != "lb\n") {
+    for (const std::string& name : shared::names_in("/proc", error)) {
+        if (!is_number(name) || shared::text_of_file("/proc/" + name + "/comm") != "lb\n") {
             continue;
         }
-        const std::string arguments = shared::text_of_file(process + "/cmdline");
-        // One without arguments has ended, and waits for its parent.
-        if (!arguments.empty() && without_links(directory_of(arguments)) == wanted) {
-            const auto pid = static_cast<pid_t>(std::stol(name));
+        const auto pid = static_cast<pid_t>(std::stol(name));
+        const auto directory = directory_of(shared::arguments_of(pid));
+        // A container's has a directory of that name of its own.
+        if (directory && without_links(*directory) == wanted &&
+            shared::is_in_own_pid_namespace(pid)) {
             found.emplace(pid, shared::stat_of(pid).value_or(shared::ProcessStat{}));
         }
     }

@@ -1,6 +1,7 @@
 #include "lbwatch/history.h"
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -89,6 +90,12 @@ std::optional<std::pair<dev_t, ino_t>> file_at(const std::string& path) {
                : std::nullopt;
 }
 
+/// The name of the user that this program runs as.
+std::string own_name() {
+    const passwd* const entry = getpwuid(geteuid());
+    return entry == nullptr ? std::to_string(geteuid()) : entry->pw_name;
+}
+
 bool is_error(int code) {
     return code != SQLITE_OK && code != SQLITE_DONE && code != SQLITE_ROW;
 }
@@ -127,37 +134,42 @@ bool History::open() {
         fail(SQLITE_CANTOPEN, problem);
         return false;
     }
-    const auto begin = [this] {
-        constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-        database_ = std::make_unique<Database>(path_, flags);
-        const bool is_ready = database_->is_open() && prepare();
-        file_ = file_at(path_);
-        return is_ready;
-    };
-    if (begin()) {
+    std::optional<Failure> failure = open_database();
+    if (failure && !is_refused_ && is_damage(failure->code)) {
+        move_aside(failure->error);
+        failure = open_database();
+    }
+    if (!failure) {
         return true;
     }
-    if (is_refused_) {
-        database_.reset();
-        return false;
+    if (!is_refused_) {
+        fail(failure->code, failure->error);
     }
-    const int code = database_->code();
-    if (is_damage(code)) {
-        move_aside(database_->error());
-        if (begin()) {
-            return true;
-        }
-    }
-    fail(database_->code(), database_->error());
+    // The next try opens it anew: what it lacks is rarely told to whoever has it open.
     database_.reset();
     return false;
 }
 
-/// Brings the file to this version's layout; false where it cannot be used.
-bool History::prepare() {
+std::optional<History::Failure> History::open_database() {
+    constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+    database_ = std::make_unique<Database>(path_, flags);
+    file_ = file_at(path_);
+    if (!database_->is_open()) {
+        return Failure{database_->code(), database_->error()};
+    }
+    if (database_->is_read_only()) {
+        return Failure{SQLITE_READONLY,
+                       "this user may not write it; mend: chown " + own_name() + ": " + path_};
+    }
+    return prepare();
+}
+
+/// Brings the file to this version's layout.
+std::optional<History::Failure> History::prepare() {
+    const auto failure = [this] { return Failure{database_->code(), database_->error()}; };
     const auto version = database_->number("PRAGMA user_version");
     if (!version) {
-        return false;
+        return failure();
     }
     if (*version > history_version) {
         is_refused_ = true;
@@ -165,7 +177,7 @@ bool History::prepare() {
                 " was written by a newer version of lbwatch; it stays as it is, and this "
                 "one keeps its history in memory: install that version again, or give "
                 "another file with --history");
-        return false;
+        return Failure{};
     }
     // Readers must not wait for the writer, nor it for them.
     const bool is_set =
@@ -174,17 +186,21 @@ bool History::prepare() {
                                  "PRAGMA synchronous = FULL;"
                                  "PRAGMA journal_size_limit = 4194304;"
                                  "PRAGMA cache_size = -1024;"));
-    if (!is_set || *version == history_version) {
-        return is_set;
+    if (!is_set) {
+        return failure();
+    }
+    if (*version == history_version) {
+        return std::nullopt;
     }
     const std::string create = std::string("BEGIN IMMEDIATE;") + layout +
                                "PRAGMA user_version = " + std::to_string(history_version) +
                                ";COMMIT;";
     if (is_error(database_->run(create.c_str()))) {
+        const Failure why = failure();  // before the next statement takes its place
         database_->run("ROLLBACK");
-        return false;
+        return why;
     }
-    return true;
+    return std::nullopt;
 }
 
 void History::move_aside(const std::string& why) {
@@ -242,8 +258,7 @@ void History::follow_file() {
     if (database_ == nullptr || there == file_) {
         return;
     }
-    notice_(path_ + (there ? " is another file now, which is written from now on"
-                           : " is gone; a new one is begun"));
+    notice_(path_ + (there ? " is another file now" : " is gone; a new one is begun"));
     // The log beside it belongs to the file that was there, and would be read into the new one.
     database_->run("PRAGMA wal_checkpoint(TRUNCATE)");
     database_.reset();

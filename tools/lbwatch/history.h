@@ -67,10 +67,18 @@ class History {
     void forget_old(std::int64_t now_ms, const MostRows& most = {});
 
     std::size_t waiting() const { return events_.size() + minutes_.size() + spans_.size(); }
+    /// Whether the file is this one's to write: it is no newer version's, and no other run's.
+    bool is_own() const { return !is_refused_; }
 
   private:
+    struct Failure {
+        int code = 0;
+        std::string error;
+    };
+
     bool open();
-    bool prepare();
+    std::optional<Failure> open_database();
+    std::optional<Failure> prepare();
     void move_aside(const std::string& why);
     void remember();
     int write_all();

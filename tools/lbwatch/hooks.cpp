@@ -21,6 +21,7 @@
 
 #include "lbshow/plain_text.h"
 #include "lbwatch/json.h"
+#include "shared/folder_names.h"
 
 namespace lbwatch {
 
@@ -145,9 +146,8 @@ std::deque<std::string> Hooks::executables() {
         return names;
     }
     std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(folder_, error)) {
-        const std::string name = entry.path().filename();
-        const std::string path = entry.path();
+    for (const std::string& name : shared::names_in(folder_, error)) {
+        const std::string path = std::filesystem::path(folder_) / name;
         if (name.starts_with(".") || stat(path.c_str(), &found) != 0 || !S_ISREG(found.st_mode) ||
             access(path.c_str(), X_OK) != 0) {
             continue;

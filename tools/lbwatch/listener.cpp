@@ -26,6 +26,7 @@ constexpr std::size_t longest_head = 8192;
 constexpr std::int64_t head_ms = 10'000;
 constexpr std::int64_t answer_ms = 20'000;
 constexpr std::int64_t heartbeat_ms = 15'000;
+constexpr std::int64_t pause_ms = 1'000;
 /// A reader of the stream that lags behind by more is let go; it comes back and is told the rest.
 constexpr std::size_t most_lag = 256 * 1024;
 /// All answers that wait to be taken; who asks beyond is turned away.
@@ -106,6 +107,10 @@ void Listener::accept_all(std::int64_t now_ms) {
     for (int round = 0; round < 64; ++round) {
         Fd socket(accept4(listening_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (!socket.is_open()) {
+            // Without a descriptor for it the connection goes on waiting, and poll(2) telling of
+            // it.
+            const bool is_none_left = errno != EAGAIN && errno != EINTR && errno != ECONNABORTED;
+            accept_again_boot_ms_ = now_ms + (is_none_left ? pause_ms : 0);
             return;
         }
         if (connections_.size() >= most_connections) {
@@ -116,7 +121,6 @@ void Listener::accept_all(std::int64_t now_ms) {
         }
         Connection& made = connections_.emplace_back();
         made.socket = std::move(socket);
-        made.begun_boot_ms = now_ms;
         made.deadline_boot_ms = now_ms + head_ms;
     }
 }
@@ -217,14 +221,15 @@ void Listener::run() {
         wanted.clear();
         wanted.push_back({.fd = ending_.get(), .events = POLLIN, .revents = 0});
         wanted.push_back({.fd = board_.fd(), .events = POLLIN, .revents = 0});
-        wanted.push_back({.fd = listening_.get(), .events = POLLIN, .revents = 0});
+        const bool accepts = now().boot_ms >= accept_again_boot_ms_;
+        wanted.push_back({.fd = accepts ? listening_.get() : -1, .events = POLLIN, .revents = 0});
         for (const Connection& one : connections_) {
             const auto events = static_cast<short>((one.has_said_all ? 0 : POLLIN) |
                                                    (one.out.empty() ? 0 : POLLOUT));
             wanted.push_back({.fd = one.socket.get(), .events = events, .revents = 0});
         }
         // With nobody connected there is no deadline to keep.
-        poll(wanted.data(), wanted.size(), connections_.empty() ? -1 : 1000);
+        poll(wanted.data(), wanted.size(), connections_.empty() && accepts ? -1 : 1000);
         if ((wanted[0].revents & POLLIN) != 0) {
             return;
         }

@@ -1,9 +1,7 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <list>
-#include <memory>
 #include <string>
 #include <thread>
 
@@ -34,7 +32,6 @@ class Listener {
         std::string out;  ///< still to be sent
         std::size_t sent = 0;
         std::int64_t deadline_boot_ms = 0;
-        std::int64_t begun_boot_ms = 0;
         bool is_stream = false;
         bool is_answered = false;   ///< it is closed when all is sent
         bool has_said_all = false;  ///< the other end sends no more
@@ -54,6 +51,7 @@ class Listener {
     Web web_;
     std::string problem_;
     Fd listening_;
+    std::int64_t accept_again_boot_ms_ = 0;  // connections wait until then
     Fd ending_;
     std::list<Connection> connections_;
     std::thread thread_;

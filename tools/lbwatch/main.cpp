@@ -67,6 +67,14 @@ int main(int argc, char* argv[]) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : 1;
     }
+    // In front of another command they would be those of `run`, which nobody means there.
+    for (const CLI::Option* option : app.get_options()) {
+        if (option->count() > 0 && (listed->parsed() || reported->parsed())) {
+            std::cerr << "lbwatch: " << option->get_name()
+                      << " stands in front of the command; options stand behind it\n";
+            return 1;
+        }
+    }
     if (listed->parsed()) {
         return lbwatch::tell_events(events);
     }

@@ -44,10 +44,11 @@ class Database {
     bool is_open() const { return database_ != nullptr && opened_ == SQLITE_OK; }
     int code() const { return is_open() ? sqlite3_extended_errcode(database_.get()) : opened_; }
     std::string error() const;
+    /// SQLite opens what may not be written for reading alone.
+    bool is_read_only() const { return sqlite3_db_readonly(database_.get(), "main") == 1; }
 
     int run(const char* sql);
     Statement statement(const char* sql) const { return {database_.get(), sql}; }
-    std::int64_t last_row() const { return sqlite3_last_insert_rowid(database_.get()); }
     /// Rows changed since it was opened.
     std::int64_t changes() const { return sqlite3_total_changes(database_.get()); }
     /// The value of a PRAGMA or other query of one number; nothing where it fails.

@@ -88,9 +88,11 @@ int Watcher::run() {
     end_hooks();
     output_.flush();
     const std::string untold = output_.problem();
-    const std::size_t unwritten = history_ == nullptr ? 0 : history_->waiting();
+    // Of a history that is another's nothing is lost.
+    const bool is_kept = history_ != nullptr && history_->is_own();
+    const std::size_t unwritten = is_kept ? history_->waiting() : 0;
     if (!untold.empty()) {
-        notice(untold + (history_ == nullptr || unwritten > 0
+        notice(untold + (!is_kept || unwritten > 0
                              ? ""
                              : "; lbwatch events --history " + options_.history + " tells them"));
     }

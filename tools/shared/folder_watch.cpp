@@ -17,27 +17,37 @@ namespace {
 constexpr std::uint32_t of_files = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
 constexpr std::uint32_t of_folder = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF;
 
+std::string reason_of(const std::string& folder, int error) {
+    if (error == ENOSPC || error == ENOMEM || error == EBADF) {
+        return "the kernel's limits are reached (sysctl fs.inotify tells them; raise "
+               "max_user_watches or max_user_instances)";
+    }
+    return folder + ": " + strerror(error);
+}
+
 }  // namespace
 
 FolderWatch::FolderWatch() : inotify_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {}
 
 void FolderWatch::watch(const std::set<std::string>& folders) {
-    if (folders != folders_ || is_blind_) {
+    if (!inotify_.is_open()) {
+        inotify_ = Fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    }
+    if (folders != folders_ || is_blind()) {
         folders_ = folders;
         refresh();
     }
 }
 
 bool FolderWatch::sees(const std::string& folder) const {
-    return std::any_of(watched_.begin(), watched_.end(), [&folder](const auto& entry) {
-        return entry.second.is_own && entry.second.folder == folder;
-    });
+    return std::any_of(watched_.begin(), watched_.end(),
+                       [&folder](const auto& entry) { return entry.second.contains(folder); });
 }
 
 void FolderWatch::refresh() {
-    std::map<int, Watched> before;
+    std::map<int, std::set<std::string>> before;
     before.swap(watched_);
-    is_blind_ = false;
+    blindness_.clear();
     for (const std::string& folder : folders_) {
         add(folder, true);
     }
@@ -56,14 +66,15 @@ void FolderWatch::add(const std::string& folder, bool is_own) {
             IN_ONLYDIR | IN_MASK_ADD | of_folder | (is_itself ? of_files : 0);
         const int number = inotify_add_watch(inotify_.get(), at.c_str(), mask);
         if (number >= 0) {
-            Watched& watched = watched_[number];
-            // A folder that was asked for may also be the one above another.
-            if (watched.folder.empty() || is_itself) {
-                watched = {at, is_itself || watched.is_own};
+            std::set<std::string>& names = watched_[number];
+            if (is_itself) {
+                names.insert(at);
             }
             return;
         }
-        is_blind_ |= errno != ENOENT && errno != ENOTDIR;
+        if (errno != ENOENT && errno != ENOTDIR && !is_blind()) {
+            blindness_ = reason_of(at, errno);
+        }
         const std::string above = std::filesystem::path(at).parent_path();
         if (above == at || above.empty()) {
             return;
@@ -103,24 +114,21 @@ FolderWatch::Changes FolderWatch::drain() {
                 changes.is_all = is_to_refresh = true;
                 continue;
             }
-            if (!watched->second.is_own) {
-                is_to_refresh = true;  // something came into being above a folder that is missing
-            } else if ((event.mask & of_files) != 0 && event.len > 0) {
-                changes.paths.insert(watched->second.folder + "/" + name);
-            } else if ((event.mask & IN_ISDIR) != 0) {
-                is_to_refresh = true;
+            const bool is_of_file = (event.mask & of_files) != 0 && event.len > 0;
+            if (watched->second.empty() || (!is_of_file && (event.mask & IN_ISDIR) != 0)) {
+                is_to_refresh = true;  // perhaps a folder that is missing came into being
             } else if (event.len > 0) {
-                changes.paths.insert(watched->second.folder + "/" + name);
+                for (const std::string& folder : watched->second) {
+                    changes.paths.insert(folder + "/" + name);
+                }
             }
         }
     }
     if (is_to_refresh) {
         const auto owned = [this] {
             std::set<std::string> found;
-            for (const auto& [number, watched] : watched_) {
-                if (watched.is_own) {
-                    found.insert(watched.folder);
-                }
+            for (const auto& [number, names] : watched_) {
+                found.insert(names.begin(), names.end());
             }
             return found;
         };

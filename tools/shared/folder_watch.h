@@ -24,9 +24,11 @@ class FolderWatch {
     /// Whether changes in this folder are noticed: it is there, and the kernel gave a watch.
     bool sees(const std::string& folder) const;
 
-    /// Whether some folder, or the one above it that is there, has no watch: the kernel's limits
-    /// (sysctl fs.inotify) are reached, or the folder may not be read. Each `watch` tries again.
-    bool is_blind() const { return is_blind_; }
+    /// Whether some folder, or the one above it that is there, has no watch. Each `watch` tries
+    /// again, and may have another descriptor then.
+    bool is_blind() const { return !blindness_.empty(); }
+    /// Why, with what mends it: the kernel's limits are reached, or a folder may not be read.
+    const std::string& blindness() const { return blindness_; }
 
     struct Changes {
         std::set<std::string> paths;  ///< files that were written, renamed or removed
@@ -42,12 +44,10 @@ class FolderWatch {
 
     Fd inotify_;
     std::set<std::string> folders_;
-    bool is_blind_ = false;
-    struct Watched {
-        std::string folder;
-        bool is_own = false;  ///< one that was asked for, not one above it
-    };
-    std::map<int, Watched> watched_;
+    std::string blindness_;
+    /// Watch descriptor -> the folders that were asked for, by all the names they have (/run and
+    /// /var/run); none where it is only above one that is missing.
+    std::map<int, std::set<std::string>> watched_;
 };
 
 }  // namespace shared

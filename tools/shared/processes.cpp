@@ -53,6 +53,32 @@ std::string start_of(pid_t pid) {
     return stat ? std::to_string(stat->start) : "";
 }
 
+bool is_in_own_pid_namespace(pid_t pid) {
+    const auto depth_of = [](const std::string& status) -> std::optional<std::ptrdiff_t> {
+        const std::size_t begin = status.find("\nNSpid:");
+        if (begin == std::string::npos) {
+            return std::nullopt;
+        }
+        const std::size_t end = std::min(status.find('\n', begin + 1), status.size());
+        return std::count(status.begin() + static_cast<std::ptrdiff_t>(begin),
+                          status.begin() + static_cast<std::ptrdiff_t>(end), '\t');
+    };
+    const auto own = depth_of(text_of_file("/proc/self/status"));
+    const auto other = depth_of(proc_text(pid, "status"));
+    return !own || !other || *own == *other;
+}
+
+std::vector<std::string> arguments_of(pid_t pid) {
+    const std::string text = proc_text(pid, "cmdline");
+    std::vector<std::string> words;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find('\0', begin), text.size());
+        words.push_back(text.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return words;
+}
+
 std::string process_name(pid_t pid) {
     std::string name = proc_text(pid, "comm");
     if (name.ends_with('\n')) {

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 /// What /proc tells of other processes (proc(5)).
 namespace shared {
@@ -23,6 +24,13 @@ bool is_running(pid_t pid);
 /// When it started, as `stat` gives it. With the number it names one process for ever. Empty where
 /// there is none.
 std::string start_of(pid_t pid);
+
+/// Whether it has as many numbers as this process: one in each pid namespace (pid_namespaces(7))
+/// between that of /proc and its own. A container's has one more. True where nothing tells.
+bool is_in_own_pid_namespace(pid_t pid);
+
+/// The words of its command line; none of a process that has ended.
+std::vector<std::string> arguments_of(pid_t pid);
 
 /// Its command's name, printable; "name unknown" where there is none.
 std::string process_name(pid_t pid);

@@ -284,6 +284,9 @@ int Simulation::take_frame(const Socket& socket, int index, std::span<const std:
     if (!link.is_up) {
         return ENETDOWN;
     }
+    if (!link.takes_frames) {
+        return 0;
+    }
     constexpr std::int64_t link_us = 1000;
     const std::string ns_name = socket.ns_name;
     const auto ethernet = read_at<EthernetHeader>(frame, 0);

@@ -60,6 +60,7 @@ class Simulation {
         std::vector<std::string> addresses;  ///< of the interface itself; both families
         std::string peer;                    ///< of a point-to-point link; empty for none
         bool is_up = true;                   ///< else nothing passes, and sends fail
+        bool takes_frames = true;            ///< else they are lost: a tunnel or modem
         std::map<std::string, NextHop> next_hops;
         std::array<Weather, 2> weather{};  ///< of IPv4, of IPv6
     };

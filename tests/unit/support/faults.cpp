@@ -339,6 +339,11 @@ int __wrap___open_2(const char* path, int flags) {
     return through<Call::open>(__real___open_2, path, flags);
 }
 
+decltype(accept4) __real_accept4;
+int __wrap_accept4(int fd, sockaddr* from, socklen_t* length, int flags) {
+    return through<Call::accept4, Failure::minus_one>(__real_accept4, fd, from, length, flags);
+}
+
 decltype(if_nametoindex) __real_if_nametoindex;
 unsigned __wrap_if_nametoindex(const char* name) {
     return through<Call::if_nametoindex, Failure::nothing>(__real_if_nametoindex, name);

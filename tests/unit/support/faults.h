@@ -80,6 +80,7 @@ enum class Call : std::size_t {
     open,
     if_nametoindex,
     fork,
+    accept4,
     count  ///< not a call: how many there are
 };
 

@@ -8,7 +8,10 @@ import statistics
 import struct
 import subprocess
 import sys
+import tempfile
 import time
+
+from kit import expect
 
 BUILD = pathlib.Path(__file__).resolve().parent.parent / "build"
 WARM_UP_S = 6
@@ -31,12 +34,21 @@ def end(uplink, host, ipv6=False):
     return f"fd00:{uplink + 1:x}::{host}" if ipv6 else f"10.{uplink // 250}.{uplink % 250}.{host}"
 
 
+def keep_quiet(namespace, ipv6):
+    """Of its own accord the kernel asks for routers and tells its groups: the far end would count that as probes."""
+    settings = {"router_solicitations": 0} if ipv6 else {"disable_ipv6": 1}
+    for place in ("all", "default"):
+        for name, value in settings.items():
+            inside(namespace, "sh", "-c", f"echo {value} > /proc/sys/net/ipv6/conf/{place}/{name}").wait()
+
+
 def build_network(routers, ipv6=False):
     """Namespaces by name with their uplinks: a veth pair each to `far`; on the router's end one macvlan per
     uplink, with an address and a known next hop."""
     for name in ("far", *routers):
         subprocess.run(["ip", "netns", "del", name], stderr=subprocess.DEVNULL, check=False)
         ip("netns", "add", name)
+        keep_quiet(name, ipv6)
     for name, uplinks in routers.items():
         ip("-n", name, "link", "add", "trunk", "type", "veth", "peer", "name", name, "netns", "far")
         ip("-n", "far", "link", "set", name, "up")
@@ -114,9 +126,13 @@ def rss_mb(pid):
     return pages * os.sysconf("SC_PAGESIZE") / 1e6
 
 
-def probes_received():
-    listed = json.loads(subprocess.check_output(["ip", "-n", "far", "-j", "-s", "link", "show", "router"]))
+def packets_received(namespace, device):
+    listed = json.loads(subprocess.check_output(["ip", "-n", namespace, "-j", "-s", "link", "show", device]))
     return listed[0]["stats64"]["rx"]["packets"]
+
+
+def probes_received():
+    return packets_received("far", "router")
 
 
 def keep_alives():
@@ -203,39 +219,52 @@ def measure_daemon(seconds):
         work_ms = cycle_work_ms(daemon.keep_alives, seconds, lambda: fragments.append(fragment_age()))
         used, probes = cpu_s(daemon.pid) - before, probes_received() - sent
         expect_all_active()
+        if not work_ms or not probes:
+            sys.exit("bench: the daemon stands still")
         return {"cpu_us_per_probe": used / probes * 1e6, "probes_per_s": probes / (time.monotonic() - began),
                 "cycle_ms": statistics.median(work_ms), "rss_mb": rss_mb(daemon.pid),
                 "dropped_replies": dropped_replies(),
                 "changed_routes": sum(later != earlier for earlier, later in zip(fragments, fragments[1:]))}
 
 
-def cost_of(process, seconds):
-    """Of a program that probes, warmed up first; it is ended then."""
-    try:
-        time.sleep(WARM_UP_S)
-        before, sent = cpu_s(process.pid), probes_received()
-        time.sleep(seconds)
-        return {"cpu_us_per_probe": (cpu_s(process.pid) - before) / (probes_received() - sent) * 1e6}
-    finally:
-        process.kill()
-        process.wait()
+def cost_of(seconds, due, *command, lines=""):
+    """Of a program that probes and is given these lines, warmed up first; it is ended then. A figure is none of a program
+    that has ended, or that asks less than half of the probes that are `due` in this time."""
+    with tempfile.TemporaryFile("w+") as said, tempfile.TemporaryFile("w+") as given:
+        given.write(lines)
+        given.seek(0)
+        process = inside("router", *command, stdin=given, stdout=subprocess.DEVNULL, stderr=said)
+        try:
+            time.sleep(WARM_UP_S)
+            if process.poll() is None:
+                before, sent = cpu_s(process.pid), probes_received()
+                time.sleep(seconds)
+                used, probes = cpu_s(process.pid) - before, probes_received() - sent
+            status = process.poll()
+        finally:
+            process.kill()
+            process.wait()
+        said.seek(0)
+        if status is not None:
+            sys.exit(f"bench: {command[0]} ended with {status}: {said.read()}")
+        if probes < due / 2:
+            sys.exit(f"bench: {command[0]} sent {probes} of {due} probes: {said.read()}")
+        return {"cpu_us_per_probe": used / probes * 1e6}
 
 
 def measure_fping(uplinks, seconds):
-    return cost_of(inside("router", "fping", "-q", "-l", "-p", "1000", "-i", "1",
-                          *(target(i) for i in range(uplinks)), stdout=subprocess.DEVNULL,
-                          stderr=subprocess.DEVNULL), seconds)
+    a_second = min(uplinks, 1000)  # the shortest interval between two echoes is a millisecond
+    return cost_of(seconds, a_second * seconds, "fping", "-q", "-l", "-p", "1000", "-i", "1",
+                   *(target(i) for i in range(uplinks)))
 
 
-def measure_floor(uplinks, seconds, *how):
-    """The program of bench/floor.cpp on the same targets."""
+def measure_floor(uplinks, seconds, echoes=None):
+    """The program of bench/floor.cpp on the same targets: so many echoes to each a second, else one every two seconds."""
     listed = subprocess.check_output(["ip", "-n", "far", "-j", "link", "show", "router"])
     mac = json.loads(listed)[0]["address"]
     lines = "\n".join(f"up{i} {mac} {end(i, 2)} {target(i)}" for i in range(uplinks)) + "\n"
-    floor = inside("router", str(BUILD / "bench_floor"), *how, stdin=subprocess.PIPE, text=True)
-    floor.stdin.write(lines)
-    floor.stdin.close()
-    return cost_of(floor, seconds)
+    return cost_of(seconds, uplinks * seconds * (echoes or 0.5), str(BUILD / "bench_floor"), *([str(echoes)] if echoes else []),
+                   lines=lines)
 
 
 def measure_alone(uplinks, seconds, ipv6=False, is_busy=False):
@@ -257,7 +286,7 @@ def measure_extended(uplinks, seconds):
     write_conf({"router": range(uplinks)}, probe=extended_ping)
     with Responder():
         daemon = measure_daemon(seconds)["cpu_us_per_probe"]
-        floor = measure_floor(uplinks, seconds, str(EXTENDED_ECHOES))["cpu_us_per_probe"]
+        floor = measure_floor(uplinks, seconds, EXTENDED_ECHOES)["cpu_us_per_probe"]
     return {"daemon": daemon, "floor": floor}
 
 
@@ -290,11 +319,14 @@ def measure_unrelated(seconds):
         before = cpu_s(daemon.pid)
         time.sleep(seconds)
         idle = cpu_s(daemon.pid) - before
-        before = cpu_s(daemon.pid)
+        before, received = cpu_s(daemon.pid), packets_received("router", "up0")
         began = time.monotonic()
-        inside("far", sys.executable, "-c", sender, str(UNRELATED_PACKETS), str(seconds * 0.9),
+        status = inside("far", sys.executable, "-c", sender, str(UNRELATED_PACKETS), str(seconds * 0.9),
                *(frame.hex() for frame in frames)).wait()
         time.sleep(max(0.0, seconds - (time.monotonic() - began)))
+        received = packets_received("router", "up0") - received
+        if status != 0 or received < 0.95 * UNRELATED_PACKETS:
+            sys.exit(f"bench: {received} of {UNRELATED_PACKETS} unrelated packets came, the sender ended with {status}")
         return (cpu_s(daemon.pid) - before - idle) * 1000
 
 
@@ -343,13 +375,11 @@ def measure_outage():
     fragment = pathlib.Path("/usr/etc/routing-wlb.conf")
     fragment.unlink(missing_ok=True)
     with Responder() as responder, Daemon(warm_up_s=0):
-        while not fragment.exists() or "route " not in fragment.read_text(encoding="ascii"):
-            time.sleep(0.05)
+        expect(lambda: fragment.exists() and "route " in fragment.read_text(encoding="ascii"), within=30)
         time.sleep(3)
         began = time.monotonic()
         responder.__exit__()
-        while "route " in fragment.read_text(encoding="ascii"):
-            time.sleep(0.02)
+        expect(lambda: "route " not in fragment.read_text(encoding="ascii"), within=60)
         return time.monotonic() - began
 
 

@@ -49,7 +49,7 @@ class RouteTest(LabTest):
     def expect_path(self, path, prefix=DEFAULT, **options):
         """The kernel routes the prefix over just these next hops with these weights."""
         try:
-            expect(lambda: self.path(prefix, **options) == path, within=5)
+            expect(lambda: self.path(prefix, **options) == path)
         except AssertionError:
             raise AssertionError(f"{prefix} is {self.path(prefix, **options)}, not {path}; log:\n"
                                  + self.program.log()) from None

@@ -9,6 +9,7 @@ import struct
 import unittest
 
 from kit import main
+from kit.daemon import preload
 from kit.lbshow import state
 from kit.routing_daemon import text_of
 from running import REPORT, RunningTest
@@ -28,9 +29,11 @@ class ClockSteps(RunningTest):
         with open(OFFSET, "r+b") as file:
             self.offset = mmap.mmap(file.fileno(), 8)
         self.start(environment={
-            "LD_PRELOAD": LIBRARY, "LB_CLOCK_OFFSET": OFFSET,
+            **preload(LIBRARY), "LB_CLOCK_OFFSET": OFFSET,
             # The sanitizer's library does not mind not being the first one.
             "ASAN_OPTIONS": "verify_asan_link_order=0:" + os.environ.get("ASAN_OPTIONS", "")})
+        # The loader only warns of a library that it does not find, and no clock would ever be stepped.
+        self.assertIn(os.path.realpath(LIBRARY), text_of(f"/proc/{self.daemon.pid}/maps"))
         self.cycles.pass_by(2)
 
     def step(self, days):

@@ -222,7 +222,8 @@ def judge(cases, results, seconds):
     met = sum(bool(one["injected"]) for one in results)
     print(f"{len(results)} of {len(cases)} cases run, {met} met calls, "
           f"{sum(one['injected'] for one in results)} errors, {failed} failed, in {seconds:.0f} s")
-    return int(failed > 0 or len(results) != len(cases) or met == 0)
+    # Some calls come too seldom to meet an error; where most do, no error came.
+    return int(failed > 0 or len(results) != len(cases) or met * 2 <= len(results))
 
 
 if __name__ == "__main__":

@@ -8,6 +8,7 @@ No daemon takes part; the kernel's own stack tries the peers.
 import os
 import socket
 import struct
+import subprocess
 import time
 import unittest.mock
 
@@ -17,6 +18,7 @@ from kit import LabTest, expect, main
 from kit import echo_policies as policy
 from kit import packets
 from kit.daemon import Daemon
+from kit.peer import Peer
 
 
 class KernelPing:
@@ -136,6 +138,20 @@ class DaemonThatStandsStill(LabTest):
         self.assertEqual(looks, [0, 1, 2, 3])
 
 
+class PeerThatFalls(LabTest):
+    def test_far_end_that_falls_over_a_frame_fails_the_test(self):
+        peer = Peer(self.lab.router, "lo", "02:00:5e:20:00:01", ["192.0.2.1"])
+        truncated = packets.ethernet(packets.BROADCAST, peer.mac, packets.IPV4, bytes(9) + bytes([packets.ICMP]) + bytes(18))
+        self.lab.router.ip("link set lo up")
+        with self.lab.router.socket(socket.AF_PACKET, socket.SOCK_RAW, 0) as other:
+            with self.lab.router.inside():
+                other.bind(("lo", 0))
+            other.send(truncated)
+        expect(lambda: not peer._thread.is_alive())  # pylint: disable=protected-access
+        with self.assertRaisesRegex(AssertionError, "the far end of lo fell over a frame"):
+            peer.close()
+
+
 class DaemonUnderTest(LabTest):
     def start(self, script):
         """A shell script in the daemon's place."""
@@ -155,6 +171,28 @@ class DaemonUnderTest(LabTest):
                 daemon.wait()
                 with self.assertRaisesRegex(AssertionError, "sanitizer report"):
                     daemon.stop()
+
+    def test_daemon_that_does_not_die_of_the_signal_fails_the_test(self):
+        for script, said in (("trap '' TERM; while :; do sleep 0.1; done\n", "did not end"),
+                             ("trap 'exit 7' TERM; while :; do sleep 0.1; done\n", "ended with 7 on SIGTERM")):
+            with self.subTest(said), unittest.mock.patch("kit.daemon.END_S", 1):
+                daemon = self.start(script.replace("; while", "; echo ready; while"))
+                expect(lambda daemon=daemon: daemon.stdout)
+                with self.assertRaisesRegex(AssertionError, said):
+                    daemon.stop()
+
+    @unittest.skipUnless(os.environ.get("LB_LEAK_CHECK"), "only the address sanitizer looks for leaks")
+    def test_leak_of_a_daemon_that_a_signal_ends_fails_the_test(self):
+        source = "/run/leak.cpp"
+        with open(source, "w", encoding="ascii") as file:
+            file.write("#include <unistd.h>\nint* kept;\n"
+                       "int main() { kept = new int[1000]; kept = nullptr; write(1, \"x\", 1); pause(); }\n")
+        subprocess.run(["clang++", "-fsanitize=address", "-O0", source, "-o", "/run/leak"], check=True)
+        with unittest.mock.patch.dict(os.environ, {"LB_BINARY": "/run/leak"}):
+            daemon = Daemon(self.lab.router, [], self.folder)
+        expect(lambda: daemon.stdout)
+        with self.assertRaisesRegex(AssertionError, "ERROR: LeakSanitizer"):
+            daemon.stop()
 
     def test_daemon_that_ends_by_itself_fails_the_test(self):
         daemon = self.start("exit 3\n")

@@ -3,6 +3,7 @@ runs no more).
 
     gi1_1 -- GATEWAY   (default namespace)        gi1_2 -- GATEWAY_2
 """
+import itertools
 import json
 import os
 import re
@@ -109,8 +110,8 @@ class Lbshow(LabTest):
         self.start()
         with subprocess.Popen([LBSHOW, "--watch", "0.2"], stdout=subprocess.PIPE, text=True) as watch:
             heads = 0
-            while heads < 3:
-                heads += watch.stdout.readline().startswith("INTERFACE  FAMILY")
+            while heads < 3 and (line := watch.stdout.readline()):
+                heads += line.startswith("INTERFACE  FAMILY")
             watch.kill()
         self.assertEqual(heads, 3)
 
@@ -185,13 +186,19 @@ class ManyWriters(LabTest):
         self.lab.start(conf)
         expect(lambda: active() == [True] * 6)
         expect(lambda: [one["nexthop"] for one in state()["routes"]] == [GATEWAY, GATEWAY6] * 3)
-        for _ in range(60):
+        readings = itertools.count()
+
+        def read():
+            next(readings)
             done = lbshow("--json")
             self.assertEqual(done.stderr, "")
             shown = json.loads(done.stdout)
             self.assertEqual([one["active"] for one in shown["interfaces"]], [True] * 6)
             # What one family's worker chose is not wiped by the other's run.
             self.assertEqual([one["nexthop"] for one in shown["routes"]], [GATEWAY, GATEWAY6] * 3)
+
+        self.lab.cycles.never(read, cycles=5)  # every one of which writes
+        self.assertGreater(next(readings), 30)
         self.assertEqual([text for text in self.lab.log.errors() if "wan_lb:" in text], [])
 
 

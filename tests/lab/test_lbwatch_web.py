@@ -11,6 +11,7 @@ import time
 import unittest
 
 from kit import expect, main
+from kit.daemon import preload
 from kit.lab import OUTPUT_DIRECTORY
 from kit.lbwatch import HISTORY, lbwatch
 from lbwatch_scene import Scripted
@@ -145,6 +146,11 @@ class Web(Scripted):
         self.assertGreater(len(re.findall(r"<title>failed \d+ times, ", page)), 200)
         self.assertLess(len(page), 200_000)
 
+    def more_of(self, stream):
+        text = stream.recv(65536).decode()
+        self.assertTrue(text, "the stream has ended")
+        return text
+
     def test_stream_tells_events_as_they_come(self):
         watch = self.settled()
         with socket.create_connection(ADDRESS, timeout=15) as stream:
@@ -155,14 +161,14 @@ class Web(Scripted):
                 self.daemon.fail(self.two)
             watch.expect_state("eth1", "failed")
             while '"to":"failed"' not in received or '"event":"routes"' not in received:
-                received += stream.recv(65536).decode()
+                received += self.more_of(stream)
             number = re.findall(r"^id: (\d+)$", received, re.MULTILINE)[0]
         # Who comes back is told what he missed.
         with socket.create_connection(ADDRESS, timeout=15) as stream:
             stream.sendall(f"GET /events HTTP/1.1\r\nLast-Event-ID: {number}\r\n\r\n".encode())
             again = ""
             while '"event":"routes"' not in again:
-                again += stream.recv(65536).decode()
+                again += self.more_of(stream)
         self.assertNotIn(f"id: {number}\n", again)
 
     def test_pages_name_uplinks_and_states(self):
@@ -310,7 +316,7 @@ class Keeping(Scripted):
             mapped = mmap.mmap(file.fileno(), 8)
         self.one.update(since_failure=60)
         watch = self.settled("--hooks", "none", environment={
-            "LD_PRELOAD": os.environ["LB_STEPPED_CLOCK"], "LB_CLOCK_OFFSET": offset,
+            **preload(os.environ["LB_STEPPED_CLOCK"]), "LB_CLOCK_OFFSET": offset,
             "ASAN_OPTIONS": "verify_asan_link_order=0:" + os.environ.get("ASAN_OPTIONS", "")})
         before = len(watch.events())
         for hours, told in ((24, "forward by 1d 0h 0m"), (-24, "back by 2d 0h 0m"), (0, "forward by 1d 0h 0m")):

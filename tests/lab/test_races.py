@@ -37,6 +37,9 @@ class Races(LabTest):
                       namespace=name, failover=True)
         return self.lab.start(conf)
 
+    def count_of_outages(self):
+        return sum("changed state to inactive" in text for text in self.lab.log.texts())
+
     def test_nothing_breaks_while_everything_changes(self):
         daemon = self.start()
         peers = list(self.lab.peers.values())
@@ -54,6 +57,13 @@ class Races(LabTest):
         for peer in peers:
             peer.echo = policy.answer
         expect(lambda: active() == [True] * 8, within=60)
+        flapped = self.count_of_outages()
+        # Every uplink's worker still sees what happens; and so it did in between.
+        for echo, state in ((policy.silence, False), (policy.answer, True)):
+            for peer in peers:
+                peer.echo = echo
+            expect(lambda state=state: active() == [state] * 8, within=60, what=f"all are {state}")
+        self.assertGreaterEqual(flapped, 8)
         self.assertTrue(daemon.running())
 
 

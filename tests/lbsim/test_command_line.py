@@ -39,7 +39,9 @@ class CommandLine(unittest.TestCase):
         self.assertIn(text, errors)
 
     def test_every_example_is_simulated_and_says_what_it_says_again(self):
-        for conf in sorted((PROJECT / "examples").glob("*.conf")):
+        examples = sorted((PROJECT / "examples").glob("*.conf"))
+        self.assertTrue(examples)
+        for conf in examples:
             with self.subTest(conf=conf.name):
                 status, output, _ = lbsim("--json", str(conf))
                 self.assertEqual(status, 0)

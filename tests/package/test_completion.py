@@ -110,4 +110,4 @@ if __name__ == "__main__":
     if not os.path.exists(COMPLETION) or shutil.which("bash") is None:
         print("skipped: bash-completion is not installed")
         sys.exit(77)
-    unittest.main(argv=sys.argv[:1])
+    unittest.main(argv=sys.argv[:1], verbosity=2)

@@ -235,4 +235,4 @@ if __name__ == "__main__":
     # The project may be out of sight there.
     MANUAL = (pathlib.Path(sys.argv[1]) / "man/lbwatch.8").read_text()
     PACKAGE = enter_private_root(the_package(sys.argv[2]))
-    unittest.main(argv=sys.argv[:1])
+    unittest.main(argv=sys.argv[:1], verbosity=2)

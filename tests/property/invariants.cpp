@@ -15,6 +15,10 @@ namespace {
 /// The heap may be cut differently, no more.
 constexpr std::size_t tolerated_growth = 32768;
 
+/// A step takes a second, and less than two on average with the slowest extended pings that are
+/// drawn.
+constexpr std::int64_t slowest_step_us = 2'000'000;
+
 }  // namespace
 
 Invariants::Invariants(Simulation& machine, lbsim::Daemon& daemon,
@@ -31,6 +35,7 @@ Invariants::Invariants(Simulation& machine, lbsim::Daemon& daemon,
             }
         }
         for_each_probe(*one.health, [this](int, const Probe&) { ++probes_; });
+        steps_[{one.health->namespace_name, one.health->ipv6}] = 0;
         watched_.push_back(std::move(one));
     }
     machine.on_answer = [this](const Simulation::Answer& answer) {
@@ -50,6 +55,7 @@ bool Invariants::is_failing(Simulation::Call call) const {
 
 void Invariants::look(const context& ctx) {
     at_us_ = machine_.now_us() - start_us_;
+    ++steps_[{*ctx.ns_name, ctx.ipv6}];
     for (Watched& one : watched_) {
         if (one.health->ipv6 == ctx.ipv6 && one.health->namespace_name == *ctx.ns_name) {
             look_at_verdicts(one);
@@ -198,6 +204,16 @@ void Invariants::look_at_probes_in_flight() {
     const std::size_t in_flight = ipv4_probes.results.size() + ipv6_probes.results.size();
     if (in_flight > probes_) {
         note(std::to_string(in_flight) + " probes in flight, of " + std::to_string(probes_));
+    }
+}
+
+void Invariants::judge_pace(std::int64_t duration_us) {
+    for (const auto& [worker, steps] : steps_) {
+        if (steps * slowest_step_us < duration_us) {
+            note("the worker of " +
+                 (worker.first.empty() ? "the default namespace" : worker.first) + ", IPv" +
+                 (worker.second ? "6" : "4") + ", took " + std::to_string(steps) + " steps");
+        }
     }
 }
 

@@ -23,7 +23,8 @@ namespace property {
 /// - the routes are not those over the active members with their weights, or a change of them is
 ///   not in the fragment in the same cycle;
 /// - the fragment is written, or the routing daemon told, though nothing has changed;
-/// - probes in flight, or the memory of the process, grow.
+/// - probes in flight, or the memory of the process, grow;
+/// - a worker stands still.
 class Invariants {
   public:
     Invariants(Simulation& machine, lbsim::Daemon& daemon,
@@ -33,6 +34,8 @@ class Invariants {
     void look(const context& ctx);
     /// At the end of half the time, and at the end of all.
     void note_memory();
+    /// At the end of all.
+    void judge_pace(std::int64_t duration_us);
 
     /// At most so many are kept, each with its second.
     static constexpr std::size_t most = 5;
@@ -73,6 +76,7 @@ class Invariants {
     std::map<std::pair<std::string, bool>, Fragment> fragments_;
     /// (namespace, link, target) -> answers that came in time, whatever became of them.
     std::map<std::tuple<std::string, std::string, std::string>, int> answers_;
+    std::map<std::pair<std::string, bool>, std::int64_t> steps_;  ///< of each worker
     std::size_t probes_ = 0;
     std::vector<std::size_t> memory_;
 };

@@ -105,7 +105,7 @@ def wrong(project, programs, configuration_words, clang):
 
 def main():
     if shutil.which("man") is None:
-        print("manual: no man(1) here")
+        print("skipped: man-db is not installed")
         return 77
     problems = list(wrong(pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), *sys.argv[3:]))
     print("\n".join(problems) if problems else "manual: formats cleanly, names everything")

@@ -22,6 +22,7 @@
     newer_bird      the routing daemons bird 2 and 3
     conf            configuration files of the daemon
     daemon          the daemon under test
+    sanitizers      what they report of any program
     lab             one router with its uplinks; the base class of lab tests
 """
 from .conf import Conf, ping, ping_ext

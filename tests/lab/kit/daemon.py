@@ -5,16 +5,14 @@ import shlex
 import signal
 import subprocess
 
+from . import sanitizers
 from .expect import expect
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.dirname(
     os.path.abspath(__file__)))))
 
-# Options of the sanitizers: reports go to files, so that they are found for a background daemon
-# too. Of no effect in a plain build.
-_SANITIZERS = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS")
-_REPORT_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
-                 "runtime error:", "FATAL: ThreadSanitizer")
+# How long a signal may take to end a daemon: a leak is looked for and told with the sources' lines.
+END_S = 20
 
 
 def binary():
@@ -32,18 +30,29 @@ def is_built_with(name):
         return name.encode() in file.read()
 
 
+def preload(library):
+    """The environment that preloads a library, if any: by a link, for in that variable a blank in its path would end it."""
+    if not library:
+        return {}
+    link = f"/run/{os.path.basename(library)}"
+    if not os.path.lexists(link):
+        os.symlink(library, link)
+    return {"LD_PRELOAD": link}
+
+
 class Daemon:
-    """One run of `lb` in a namespace. `folder` keeps its output and any sanitizer reports."""
+    """One run of `lb` in a namespace. `folder` keeps its output."""
 
     _runs = 0
 
     def __init__(self, namespace, arguments, folder, environment=None):
         Daemon._runs += 1
         self._base = os.path.join(folder, f"lb{Daemon._runs}")
-        self._reports = self._base + ".sanitizer"
+        # In files, so that they are found for a background daemon too; the options' own syntax wants a plain path.
+        self._reports = f"/run/lb{Daemon._runs}.sanitizer"
         self.stopped = False
-        env = {**os.environ, **(environment or {})}
-        for name in _SANITIZERS:
+        env = {**os.environ, **preload(os.environ.get("LB_LEAK_CHECK")), **(environment or {})}
+        for name in sanitizers.OPTIONS:
             given = [env[name]] if env.get(name) else []
             env[name] = ":".join([*given, f"log_path={self._reports}", "exitcode=66"])
         with open(self._base + ".out", "wb") as out, open(self._base + ".err", "wb") as err:
@@ -78,13 +87,17 @@ class Daemon:
         return self._process.returncode
 
     def stop(self):
-        """Ends the daemon; fails when it had ended before, or on a sanitizer's report."""
+        """Ends the daemon; fails when it had ended before or has to be forced, or on a sanitizer's report."""
         if not self.stopped:
             ended_before = not self.running()
-            self.kill(signal.SIGTERM)
+            status = self.kill(signal.SIGTERM)
             if ended_before:
-                raise AssertionError(f"the daemon ended with {self._process.returncode}:\n"
-                                     + self.stderr + self.sanitizer_reports())
+                raise AssertionError(f"the daemon ended with {status}:\n" + self.stderr + self.sanitizer_reports())
+            self.check_reports()
+            if status == -signal.SIGKILL:
+                raise AssertionError(f"the daemon did not end within {END_S} s of SIGTERM:\n" + self.stderr)
+            if status != -signal.SIGTERM:
+                raise AssertionError(f"the daemon ended with {status} on SIGTERM:\n" + self.stderr)
         self.check_reports()
 
     def kill(self, number=signal.SIGKILL):
@@ -93,7 +106,7 @@ class Daemon:
         if self.running():
             self._process.send_signal(number)
             try:
-                self._process.wait(5)
+                self._process.wait(END_S)
             except subprocess.TimeoutExpired:
                 self._process.kill()
                 self._process.wait()
@@ -104,8 +117,7 @@ class Daemon:
         for path in glob.glob(self._reports + "*"):
             with open(path, encoding="utf-8", errors="replace") as file:
                 texts.append(file.read())
-        return "\n".join(text for text in texts
-                         if any(mark in text for mark in _REPORT_MARKS))
+        return "\n".join(filter(sanitizers.has_report, texts))
 
     def check_reports(self):
         reports = self.sanitizer_reports()

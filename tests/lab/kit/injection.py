@@ -89,9 +89,17 @@ class Strace:
             self._process = subprocess.Popen(["strace", "-f", "-q", "-e", "signal=none", "-o", log, *words,
                                               "-p", str(pid)], stdin=subprocess.DEVNULL, stderr=err)
         expect(lambda: all(_tracers(pid)) or self._process.poll() is not None, what="strace is attached")
+        self._fail_if_ended()
+
+    def _fail_if_ended(self):
+        """It has refused its arguments, or let go of a process that is still there: nothing failed then."""
+        if self._process.poll() is not None and _threads(self._pid):
+            with open(self._log + ".err", encoding="utf-8", errors="replace") as file:
+                raise AssertionError(f"strace ended with {self._process.returncode}: {file.read()}")
 
     def end(self):
         """Lets go of the process; the trace's lines."""
+        self._fail_if_ended()
         if self._process.poll() is None:
             self._process.send_signal(signal.SIGINT)
         try:

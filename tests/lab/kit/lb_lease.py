@@ -4,7 +4,7 @@ import os
 import shutil
 import subprocess
 
-from . import sandbox
+from . import sandbox, sanitizers
 from .daemon import ROOT, binary
 from .routing_daemon import text_of
 
@@ -49,6 +49,7 @@ def run(*arguments, environment=None):
     """Runs the program; (exit status, what it said)."""
     done = subprocess.run([LB_LEASE, *arguments], env={**os.environ, **(environment or {})}, text=True, check=False,
                           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
+    sanitizers.check(done.stdout, "lb-lease")
     return done.returncode, done.stdout
 
 

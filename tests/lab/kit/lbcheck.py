@@ -3,11 +3,11 @@ import json
 import os
 import subprocess
 
+from . import sanitizers
 from .daemon import binary
 from .lab import CONF
 
 LBCHECK = os.path.join(os.path.dirname(binary()), "lbcheck")
-_REPORT_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")
 
 
 class Look:
@@ -16,7 +16,8 @@ class Look:
     def __init__(self, space, *arguments, prefix=()):
         done = subprocess.run([*space.command(), *prefix, LBCHECK, "--live", "--json", *arguments, CONF],
                               capture_output=True, text=True, timeout=60, check=False)
-        if any(mark in done.stderr for mark in _REPORT_MARKS) or not done.stdout:
+        sanitizers.check(done.stderr, "lbcheck")
+        if not done.stdout:
             raise AssertionError(done.stderr or "lbcheck said nothing")
         self.status = done.returncode
         told = json.loads(done.stdout)

@@ -9,13 +9,13 @@ import struct
 import subprocess
 import time
 
+from . import sanitizers
 from .daemon import binary
 from .expect import POLL_S, expect, text_of
 from .routing_daemon import fragment_path
 
 LBROUTE = os.environ.get("LBROUTE_BINARY", os.path.join(os.path.dirname(binary()), "lbroute"))
 OWN = "76"
-_REPORT_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")
 
 
 def hop(gateway, weight=1):
@@ -150,6 +150,7 @@ class Lbroute:
         self.stopped = True
         self._process.send_signal(number)
         self._process.wait(10)
+        sanitizers.check(self.log(), "lbroute")
         return self._process.returncode
 
     def close(self):
@@ -160,8 +161,7 @@ class Lbroute:
             status = self.end()
             if status != 0:
                 raise AssertionError(f"lbroute ended with {status} on SIGTERM:\n{self.log()}")
-        if any(mark in self.log() for mark in _REPORT_MARKS):
-            raise AssertionError("sanitizer report of lbroute:\n" + self.log())
+        sanitizers.check(self.log(), "lbroute")
 
 
 def start(lab, *arguments, environment=None, prefix=(), space=None):
@@ -184,8 +184,7 @@ def run(space, *words, check=None):
     if check is not None and done.returncode != check:
         raise AssertionError(f"lbroute {' '.join(words)} gave {done.returncode}:\n"
                              + done.stdout + done.stderr)
-    if any(mark in done.stderr for mark in _REPORT_MARKS):
-        raise AssertionError(done.stderr)
+    sanitizers.check(done.stderr, "lbroute")
     return done
 
 

@@ -3,6 +3,7 @@ import json
 import os
 import subprocess
 
+from . import sanitizers
 from .daemon import ROOT, binary
 
 # Beside the daemon, unless that is one for another machine.
@@ -12,13 +13,17 @@ PROMTOOL = os.path.join(ROOT, "build/tools/prometheus/usr/bin/promtool")
 
 
 def lbshow(*arguments):
-    return subprocess.run([LBSHOW, *arguments], capture_output=True, text=True, check=False,
+    done = subprocess.run([LBSHOW, *arguments], capture_output=True, text=True, check=False,
                           timeout=60)
+    sanitizers.check(done.stderr, "lbshow")
+    return done
 
 
 def state(*arguments):
     """What the dumps tell, however old they are: a busy machine may hold a daemon up. Nothing where there are none."""
     done = lbshow("--json", "--all", *arguments)
+    if done.returncode not in (0, 1, 3):  # 1 without dumps, 3 where they are old
+        raise AssertionError(f"lbshow ended with {done.returncode}:\n{done.stderr}")
     return json.loads(done.stdout or '{"interfaces": [], "rules": [], "routes": []}')
 
 

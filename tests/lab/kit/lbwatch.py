@@ -6,6 +6,7 @@ import struct
 import subprocess
 import threading
 
+from . import sanitizers
 from .daemon import binary
 from .expect import expect
 
@@ -15,8 +16,10 @@ HISTORY = "/run/lbwatch/history.db"
 
 def lbwatch(*arguments, environment=None):
     """One that ends by itself."""
-    return subprocess.run([LBWATCH, *arguments], capture_output=True, text=True, check=False,
+    done = subprocess.run([LBWATCH, *arguments], capture_output=True, text=True, check=False,
                           timeout=60, env={**os.environ, **(environment or {})})
+    sanitizers.check(done.stderr, "lbwatch")
+    return done
 
 
 class Lbwatch:
@@ -85,6 +88,7 @@ class Lbwatch:
         if self.running():
             self.process.send_signal(number)
         self.process.wait(10)
+        sanitizers.check(self.notices, "lbwatch")
         return self.process.returncode
 
     def close(self):

@@ -29,11 +29,12 @@ class Peer:
         self.recording = Recording()
         self._arp_seen = 0
         self._echo_seen = 0
+        self._failure = None  # why the thread has ended by itself
         self._due = []
         self._order = itertools.count()
         self._link = packet_socket(namespace, interface)
         self._wake_read, self._wake_write = os.pipe2(os.O_CLOEXEC)
-        self._thread = threading.Thread(target=self._serve, name=f"peer {interface}", daemon=True)
+        self._thread = threading.Thread(target=self._run, name=f"peer {interface}", daemon=True)
         self._thread.start()
 
     # What was seen.
@@ -74,11 +75,20 @@ class Peer:
         self.namespace.ip(f"link set {self.interface} {state}")
 
     def close(self):
+        """Ends it; fails where it had ended before, which tests would take for silence."""
         os.write(self._wake_write, b"x")
         self._thread.join()
         self._link.close()
         os.close(self._wake_read)
         os.close(self._wake_write)
+        if self._failure is not None:
+            raise AssertionError(f"the far end of {self.interface} fell over a frame") from self._failure
+
+    def _run(self):
+        try:
+            self._serve()
+        except Exception as failure:  # pylint: disable=broad-except
+            self._failure = failure
 
     def _serve(self):
         while True:

@@ -53,8 +53,8 @@ def guest_command(folder, preload):
     command = ["setpriv", "--pdeathsig", "KILL",
                "unshare", "--pid", "--fork", "--kill-child", "--mount-proc"]
     if preload is not None:
-        command += ["env", f"LD_PRELOAD={preload.resolve()}"]
-    # The folder's path has no blanks, whatever the path of the sources: `init` is a link in it.
+        command += ["env", f"LD_PRELOAD={folder}/preload"]
+    # The folder's path has no blanks, whatever the path of the sources: `init` and `preload` are links in it.
     return command + ["linux.uml", "rootfstype=hostfs", "rootflags=/", "ro", "mem=512M",
                       "con=null", "con0=null,fd:1", "quiet", "panic=-1", f"uml_dir={folder}/", "umid=guest",
                       f"init={folder}/init", "--", str(folder)]
@@ -62,6 +62,8 @@ def guest_command(folder, preload):
 
 def prepare(folder, options):
     (folder / "init").symlink_to(HERE / "guest_init.py")
+    if options.preload is not None:
+        (folder / "preload").symlink_to(options.preload.resolve())
     order = {"lb": str(options.lb.resolve()), "scenario": str(options.scenario.resolve()),
              "arguments": options.arguments}
     (folder / "order.json").write_text(json.dumps(order))
@@ -102,7 +104,8 @@ def main():
             sys.stdout.write((folder / "console").read_text(errors="replace"))
             print("no verdict" if status is None else f"verdict {status}")
         else:
-            print("passed")
+            said = (folder / "console").read_text(errors="replace").splitlines()
+            print("\n".join([line.strip() for line in said if "skipped" in line] + ["passed"]))
         if kept:
             print("console, log and captures:", folder)
         return 1 if status is None else status

@@ -14,9 +14,9 @@
 #include "lbshow/plain_text.h"
 #include "lbshow/views.h"
 #include "shared/standard_output.h"
+#include "shared/usual_paths.h"
 #ifdef LB_HISTORY
 #include "lbwatch/uplink_past.h"
-#include "shared/usual_paths.h"
 #endif
 #include <CLI/CLI.hpp>
 

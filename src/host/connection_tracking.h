@@ -32,8 +32,9 @@ class ConnectionTracking {
     /// acknowledge it, with its own message in the log.
     bool enter_echo(const std::string& source, const std::string& destination, bool is_ipv6,
                     std::uint16_t identifier);
-    /// The same for several, in their order and in one exchange with the host. Logs nothing: what
-    /// was not entered may be tried by `enter_echo`, which tells why.
+    /// The same for several, in their order and in one exchange with the host. Logs nothing, and
+    /// enters nothing before `enter_echo` has opened the way to the host, and after an exchange
+    /// that failed: what was not entered may be tried by `enter_echo`, which tells why.
     void enter_echoes(std::span<TrackedEcho> echoes, std::uint16_t identifier);
 
   private:

@@ -62,7 +62,7 @@ struct UplinkFacts {
     /// it.
     std::optional<lbshow::Interface> expected{};
     bool needs_all_targets = false;
-    std::optional<Echo> echo{};  ///< none: it could not be asked, see `Namespace::echo_problem`
+    std::optional<Echo> echo{};  ///< none: it could not be asked, see NamespaceFacts
 };
 
 /// Who takes the fragments of a namespace and family.

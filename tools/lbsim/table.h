@@ -19,7 +19,7 @@ class Table {
     std::size_t flush_left_;
 };
 
-/// "12.5 s"; "-" where there is none.
+/// "12.5 s".
 std::string shown_seconds(std::int64_t duration_us);
 
 }  // namespace lbsim

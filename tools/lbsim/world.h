@@ -24,11 +24,10 @@ class World {
     std::map<std::string, std::string> made_up_routers;
 
   private:
-    /// A learnt next hop at the start, which `clean` brings back.
     struct Place {
         Uplink uplink;
-        std::string first_router;
-        std::string router;  ///< the next hop in use; empty for none
+        std::string first_router;  ///< a learnt next hop at the start, which `clean` brings back
+        std::string router;        ///< the next hop in use; empty for none
     };
 
     Simulation::Link& link_of(const Place& place);

@@ -17,11 +17,10 @@
 
 namespace lbwatch {
 
-/// Runs the executables of a folder for each event, in the order of their names: LB_EVENT,
-/// LB_UPLINK, LB_FAMILY, LB_NAMESPACE, LB_FROM, LB_TO, LB_AFTER, LB_REASON and LB_TIME in the
-/// environment, the event's JSON object on standard input. Each has half a minute, then it is
-/// killed with its process group, as is what one leaves behind when it ends. Waits for nothing; one
-/// thread. Notices, one line each, go to `notice`.
+/// Runs the executables of a folder for each event, in the order of their names: the event in the
+/// environment (LB_EVENT and the others that lbwatch(8) lists), its JSON object on standard input.
+/// Each has half a minute, then it is killed with its process group, as is what one leaves behind
+/// when it ends. Waits for nothing; one thread. Notices, one line each, go to `notice`.
 class Hooks {
   public:
     using Notice = std::function<void(const std::string& line)>;

@@ -37,7 +37,8 @@ class LbwatchSession : public testing::Test {
     std::vector<std::string> put(DumpFile file, const given::Dump& dump, double second) {
         folder.put(name_of(file), std::string(dump.begin(), dump.end()));
         const std::int64_t wall_ms = at(second).wall_ms;
-        const timespec written{.tv_sec = wall_ms / 1000, .tv_nsec = wall_ms % 1000 * 1'000'000};
+        const timespec written{.tv_sec = wall_ms / 1000,
+                               .tv_nsec = static_cast<long>(wall_ms % 1000 * 1'000'000)};
         const timespec times[2] = {written, written};
         EXPECT_EQ(utimensat(AT_FDCWD, folder.file(name_of(file)).c_str(), times, 0), 0);
         return lines(session.rewritten({file}, at(second)));

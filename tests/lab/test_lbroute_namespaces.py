@@ -217,6 +217,8 @@ class Namespaces(RouteTest):
                 file.write(f"{other.pid}\n")
             told = expect(lambda: self.program.lines("the default namespace is not served: "))
             self.assertIn(f"process {other.pid} (sleep)", told[0])
+            self.assertIsNone(text_of(pid_path(ipv6=True)), "the file of the other family names nobody")
+            self.assertEqual(text_of(pid_path()), f"{other.pid}\n")
             expect(lambda: self.not_served("")[1])
             self.assertEqual(status(self.router)[0], 1)
             self.write(route(DEFAULT, GATEWAYS[1]))

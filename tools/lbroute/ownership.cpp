@@ -156,6 +156,8 @@ Outcome Ownership::claim(const std::string& namespace_name) {
         outcome.reason = obstacle(path, outcome.notes, is_patient);
         if (!outcome.reason.empty()) {
             outcome.kind = Outcome::Kind::refused;
+            // Where another one took one of both files over, the other is not to name us any more.
+            release(namespace_name);
             return outcome;
         }
     }

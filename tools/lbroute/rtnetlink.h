@@ -35,9 +35,14 @@ class RouteSocket {
                 const std::function<void()>& restart);
 
   private:
-    bool send(const Buffer& buffer);
-    /// Reads one datagram into the buffer; its length, or -1 with errno.
-    long receive();
+    /// 0, or the error as in errno(3).
+    int send(const Buffer& buffer);
+    struct Received {
+        long length = -1;  ///< negative: none
+        int error = 0;     ///< as in errno(3)
+    };
+    /// Reads one datagram into the buffer.
+    Received receive();
 
     Fd socket_;
     std::uint32_t port_ = 0;

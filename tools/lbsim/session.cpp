@@ -18,8 +18,8 @@ namespace lbsim {
 
 namespace {
 
-void complain(const std::string& path) {
-    throw Unusable{"lbsim: " + path + ": " + strerror(errno) + '\n'};
+void complain(const std::string& path, int error) {
+    throw Unusable{"lbsim: " + path + ": " + strerror(error) + '\n'};
 }
 
 /// Twenty at most: what is no scenario at all has as many as lines.
@@ -69,7 +69,7 @@ std::string read_beginning(const std::string& path, std::size_t most) {
         text.append(buffer, count);
     }
     if (file == nullptr || ferror(file.get()) != 0) {
-        complain(path);
+        complain(path, errno);
     }
     return text;
 }

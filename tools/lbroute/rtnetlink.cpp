@@ -14,6 +14,7 @@
 #include <map>
 
 #include "host/linux/netlink.h"
+#include "lbroute/rtnetlink_messages.h"
 
 namespace lbroute {
 

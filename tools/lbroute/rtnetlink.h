@@ -1,5 +1,7 @@
 #pragma once
 
+#include <linux/netlink.h>
+
 #include <functional>
 #include <optional>
 #include <set>
@@ -8,7 +10,7 @@
 #include <vector>
 
 #include "base/fd.h"
-#include "lbroute/rtnetlink_messages.h"
+#include "lbroute/rtnetlink_requests.h"
 
 /// The route netlink sockets of one network namespace: that in which they are opened. They keep
 /// that namespace alive as long as they are open. For one thread; calls wait for the kernel's

@@ -12,6 +12,7 @@
 #include "lbshow/plain_text.h"
 #include "lbsim/apart.h"
 #include "lbsim/packed.h"
+#include "lbsim/scenario_text.h"
 #include "shared/output_file.h"
 
 namespace lbsim {

@@ -68,12 +68,17 @@ int main(int argc, char* argv[]) {
         fprintf(stderr, "usage: responder INTERFACE\n");
         return 1;
     }
-    const Fd link = open_frame_receiver(ETH_P_ALL, pass_echo_requests);
+    const OpenedFd opened = open_frame_receiver(ETH_P_ALL, pass_echo_requests);
+    if (!opened.is_open()) {
+        fprintf(stderr, "responder: %s\n", strerror(opened.error));
+        return 1;
+    }
+    const Fd& link = opened.fd;
     sockaddr_ll place{};
     place.sll_family = AF_PACKET;
     place.sll_protocol = htons(ETH_P_ALL);
     place.sll_ifindex = static_cast<int>(if_nametoindex(argv[1]));
-    if (!link.is_open() || place.sll_ifindex == 0 ||
+    if (place.sll_ifindex == 0 ||
         bind(link.get(), reinterpret_cast<const sockaddr*>(&place), sizeof place) != 0) {
         perror("responder");
         return 1;

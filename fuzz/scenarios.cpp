@@ -3,6 +3,7 @@
 
 #include "fuzz/input.h"
 #include "lbsim/scenario.h"
+#include "lbsim/scenario_text.h"
 
 namespace {
 

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 /// A file descriptor that is closed when its owner goes out of scope.
@@ -33,3 +34,15 @@ class Fd {
   private:
     int number_ = -1;
 };
+
+/// A descriptor, or why there is none.
+struct OpenedFd {
+    Fd fd;
+    int error = 0;  ///< as in errno(3)
+
+    bool is_open() const { return fd.is_open(); }
+};
+/// Takes over what a system call that opens a descriptor has just returned.
+inline OpenedFd just_opened(int number) {
+    return {.fd = Fd(number), .error = number < 0 ? errno : 0};
+}

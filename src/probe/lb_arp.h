@@ -14,18 +14,13 @@ class LBArp : public NextHopProber {
     LBArp();
 
     void init(std::string ns_name);
-    /// 1: the kernel has a complete entry; 0: it has none or an incomplete one; -1: error, logged.
-    int check_arp_exist();
     /// Broadcasts one request. Returns the bytes sent, or -1 after logging why not.
     int send_arp();
     /// Receives nothing (B139). Starts the namespace's receiver thread, once in the life of the
     /// process; until it has its socket, each call says so.
     void received_arp();
-    /// 1 with the MAC in `mac` (6 bytes); 0: the entry is incomplete; -1: error, errno set.
-    int get_mac(unsigned char* mac);
 
-    /// The same for the daemon's own use. `error` is 0 with a MAC, EHOSTUNREACH for an entry that
-    /// is incomplete.
+    /// `error` is 0 with a MAC, EHOSTUNREACH for an entry that is incomplete.
     struct Mac {
         int error = 0;
         MacAddress mac{};
@@ -38,6 +33,13 @@ class LBArp : public NextHopProber {
 
     static NamespaceTable<int> _send_sock;
     static NamespaceTable<bool> is_start_recv;
+
+    /// What nothing in the daemon calls (B132): the two questions of `find_mac`, each with its
+    /// error in errno.
+    /// 1: the kernel has a complete entry; 0: it has none or an incomplete one; -1: error, logged.
+    int check_arp_exist();
+    /// 1 with the MAC in `mac` (6 bytes); 0: the entry is incomplete; -1: error.
+    int get_mac(unsigned char* mac);
 
   private:
     /// As `check_arp_exist`, with the error.

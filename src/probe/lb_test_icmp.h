@@ -25,26 +25,25 @@ class LBTestICMP : public LBTest {
     void send(const std::string& ifname, const std::string& target,
               const std::string& source_address, const std::string& nexthop, int packet_id,
               context* ctx);
-    /// Each path gives what sendto(2) returned, or -1 with errno set after logging why.
-    int send_for_interfaces(int sock, const std::string& ifname, const std::string& target,
-                            const std::string& source_address, const std::string& nexthop,
-                            int packet_id, context* ctx);
-    int send_for_tunnel(int sock, const std::string& ifname, const std::string& target,
-                        int packet_id, context* ctx);
-
-    timespec last_sent{};  ///< monotonic clock; of the latest registered probe
-
-    /// What nothing in the daemon calls (B132): the line for people, made anew, and checksums (RFC
-    /// 1071) over bytes in network order, which the frame builders have of their own.
-    using LBTest::status;
-    std::string status(context* ctx);
-    unsigned short in_checksum(unsigned short* data, int length) const;
-    unsigned short icmp4_checksum(icmphdr header, unsigned char* data, int length);
-
-  private:
+    /// The two paths. What failed before the sending itself has been logged.
     host::Transfer send_frame(int sock, const std::string& ifname, const std::string& to,
                               const std::string& source_address, const std::string& nexthop,
                               int packet_id, context* ctx);
     host::Transfer send_into_tunnel(int sock, const std::string& ifname, const std::string& to,
                                     int packet_id, context* ctx);
+
+    timespec last_sent{};  ///< monotonic clock; of the latest registered probe
+
+    /// What nothing in the daemon calls (B132): the two paths, with what sendto(2) returned and the
+    /// error in errno; the line for people, made anew; and checksums (RFC 1071) over bytes in
+    /// network order, which the frame builders have of their own.
+    int send_for_interfaces(int sock, const std::string& ifname, const std::string& target,
+                            const std::string& source_address, const std::string& nexthop,
+                            int packet_id, context* ctx);
+    int send_for_tunnel(int sock, const std::string& ifname, const std::string& target,
+                        int packet_id, context* ctx);
+    using LBTest::status;
+    std::string status(context* ctx);
+    unsigned short in_checksum(unsigned short* data, int length) const;
+    unsigned short icmp4_checksum(icmphdr header, unsigned char* data, int length);
 };

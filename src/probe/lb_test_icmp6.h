@@ -22,9 +22,10 @@ class LBTestICMP6 : public LBTest6 {
     void send(const std::string& ifname, const std::string& target,
               const std::string& source_address, const std::string& nexthop, int packet_id,
               context* ctx);
-    int send_for_interfaces(int sock, const std::string& ifname, const std::string& target,
-                            const std::string& source_address, const std::string& nexthop,
-                            int packet_id, context* ctx);
+    /// What failed before the sending itself has been logged.
+    host::Transfer send_frame(int sock, const std::string& ifname, const std::string& to,
+                              const std::string& source_address, const std::string& nexthop,
+                              int packet_id, context* ctx);
 
     /// The first address of an interface whose name begins with `ifname` that looks link-local (one
     /// of the first two bytes of fe80 suffices, B60).
@@ -33,8 +34,11 @@ class LBTestICMP6 : public LBTest6 {
 
     timespec last_sent{};
 
-    /// What nothing in the daemon calls (B132). The dispatcher sends no echo into a tunnel, since
-    /// the receiver would not match its replies; the frame builders have checksums of their own.
+    /// What nothing in the daemon calls (B132), as in `LBTestICMP`. The dispatcher sends no echo
+    /// into a tunnel, since the receiver would not match its replies.
+    int send_for_interfaces(int sock, const std::string& ifname, const std::string& target,
+                            const std::string& source_address, const std::string& nexthop,
+                            int packet_id, context* ctx);
     int send_for_tunnel(int sock, const std::string& ifname, const std::string& target,
                         int packet_id, context* ctx);
     using LBTest6::status;
@@ -45,9 +49,6 @@ class LBTestICMP6 : public LBTest6 {
     unsigned short in_checksum(ip6_hdr ip, icmp6_hdr header, unsigned char* data, int length);
 
   private:
-    host::Transfer send_frame(int sock, const std::string& ifname, const std::string& to,
-                              const std::string& source_address, const std::string& nexthop,
-                              int packet_id, context* ctx);
     host::Transfer send_into_tunnel(int sock, const std::string& ifname, const std::string& to,
                                     int packet_id, context* ctx);
     bool choose_source(LBHealth& health, context* ctx);

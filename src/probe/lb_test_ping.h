@@ -27,11 +27,6 @@ class LBTestPING : public LBTest {
     /// Chooses the path by the interface's name and reports a failed send.
     void send(LBHealth& health, const std::string& target, const std::string& nexthop, int id,
               context* ctx);
-    /// Each path gives 0 after a verdict, else -1 or what the failed send returned.
-    int send_for_interfaces(int sock, LBHealth& health, const std::string& target,
-                            const std::string& nexthop, int id, context* ctx);
-    int send_for_tunnel(int sock, LBHealth& health, const std::string& target, int id,
-                        context* ctx);
 
     timespec ping_timeout{.tv_sec = 1, .tv_nsec = 0};  ///< how long one echo may take
     int period = 240;         ///< s before the second run; after that every cycle runs
@@ -44,7 +39,12 @@ class LBTestPING : public LBTest {
     int last_rtt = 0;         ///< ms, mean
     timespec period_start{};  ///< monotonic clock; the first run
 
-    /// What nothing in the daemon calls (B132), as in `LBTestICMP`.
+    /// What nothing in the daemon calls (B132), as in `LBTestICMP`; the two paths give 0 after a
+    /// verdict.
+    int send_for_interfaces(int sock, LBHealth& health, const std::string& target,
+                            const std::string& nexthop, int id, context* ctx);
+    int send_for_tunnel(int sock, LBHealth& health, const std::string& target, int id,
+                        context* ctx);
     using LBTest::status;
     std::string status(context* ctx);
     unsigned short in_checksum(unsigned short* data, int length);
@@ -52,6 +52,7 @@ class LBTestPING : public LBTest {
 
   private:
     struct Run;
+    /// The two paths: 0 after a verdict, else the error.
     host::Transfer ping_by_frames(int sock, LBHealth& health, const std::string& to,
                                   const std::string& nexthop, int id, context* ctx);
     host::Transfer ping_into_tunnel(int sock, LBHealth& health, const std::string& to, int id,

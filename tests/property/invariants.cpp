@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "decision/route_text.h"
+#include "lbsim/scenario_text.h"
 #include "probe/lb_neighbor.h"
 #include "probe/lb_test.h"
 

@@ -12,6 +12,7 @@
 
 #include "lbsim/apart.h"
 #include "lbsim/packed.h"
+#include "lbsim/scenario_text.h"
 #include "lbsim/world.h"
 #include "property/invariants.h"
 #include "property/random_router.h"

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "lbsim/scenario.h"
+#include "lbsim/scenario_text.h"
 
 namespace property {
 

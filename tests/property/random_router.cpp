@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "lbsim/draws.h"
+#include "lbsim/scenario_text.h"
 
 namespace property {
 

@@ -16,7 +16,7 @@ HEADING = "\n## Messages of lbroute\n"
 # What it says in the words of files that it has in common with other programs.
 SHARED = ("program.cpp", "folder_watch.cpp")
 # The command line's own words, its answers, what status shows, and the languages of ip(8) and bird.
-NO_MESSAGES = ("main.cpp", "maintenance.cpp", "report.cpp", "status.cpp", "commands.cpp")
+NO_MESSAGES = ("main.cpp", "maintenance.cpp", "report.cpp", "report_text.cpp", "status.cpp", "commands.cpp")
 NO_WORDS = re.compile(r"[{}]|check link|^#")
 
 

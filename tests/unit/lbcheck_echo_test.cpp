@@ -7,11 +7,14 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <fstream>
 #include <thread>
 
 #include "base/address_text.h"
+#include "host/neighbours.h"
 #include "lbcheck/live_echo.h"
+#include "unit/support/faults.h"
 #include "unit/support/own_network.h"
 #include "wire/checksum.h"
 #include "wire/frames.h"
@@ -162,6 +165,31 @@ TEST_F(LbcheckEcho, whose_next_hop_nobody_has_is_not_sent) {
         EXPECT_EQ(echoes[0].end, Echo::End::not_sent);
         EXPECT_NE(echoes[0].reason, "");
         EXPECT_EQ(far_end.echoes(), 0);
+    });
+}
+
+TEST_F(LbcheckEcho, that_the_kernel_refuses_is_not_sent_and_its_error_told) {
+    in_network_with_wan1([](const TestLink& link) {
+        const FarEnd far_end(link);
+        // With a next hop that the kernel knows, nobody is asked for it.
+        EXPECT_EQ(host::write_arp_entry({192, 0, 2, 1}, hop_mac, "wan1"),
+                  host::ArpWritten::written);
+        const faults::FailCall refused(faults::Call::sendto, EPERM);
+        const auto echoes = send({request("203.0.113.1", "192.0.2.1")});
+        EXPECT_EQ(echoes[0].end, Echo::End::not_sent);
+        EXPECT_EQ(echoes[0].reason, "Operation not permitted");
+        EXPECT_EQ(far_end.echoes(), 0);
+    });
+}
+
+TEST_F(LbcheckEcho, without_a_socket_to_watch_by_is_not_sent_and_the_reason_told) {
+    in_network_with_wan1([](const TestLink& /*link*/) {
+        const faults::FailCall refused(faults::Call::bind, ENOMEM);
+        std::string problem;
+        EXPECT_TRUE(lbcheck::send_echoes("no witness", false, {request("203.0.113.1", "192.0.2.1")},
+                                         problem)
+                        .empty());
+        EXPECT_EQ(problem, "no socket for it: Cannot allocate memory");
     });
 }
 

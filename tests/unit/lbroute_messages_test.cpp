@@ -2,6 +2,7 @@
 #include <linux/rtnetlink.h>
 
 #include "lbroute/rtnetlink_messages.h"
+#include "lbroute/rtnetlink_requests.h"
 #include "support/lbroute_scene.h"
 
 namespace lbroute {

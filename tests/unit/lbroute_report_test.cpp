@@ -6,6 +6,7 @@
 
 #include "lbroute/findings.h"
 #include "lbroute/report.h"
+#include "lbroute/report_text.h"
 #include "support/lbroute_scene.h"
 #include <nlohmann/json.hpp>
 

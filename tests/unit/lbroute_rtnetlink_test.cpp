@@ -13,6 +13,7 @@
 
 #include "lbroute/rtnetlink.h"
 #include "support/lbroute_scene.h"
+#include "unit/support/faults.h"
 #include "unit/support/own_network.h"
 
 namespace lbroute {
@@ -197,6 +198,30 @@ TEST_F(LbrouteKernel, routes_of_others_are_those_to_the_prefixes_in_the_table) {
         EXPECT_THAT(list_foreign_routes(network.socket, 1234, {prefix("192.0.2.0/24")}, problem),
                     IsEmpty());
         EXPECT_EQ(problem, "") << "a table that is not there";
+    });
+}
+
+TEST_F(LbrouteKernel, request_that_does_not_get_through_is_told_with_its_error) {
+    in_own_network([](Network& network) {
+        const std::vector<Step> steps{AddHop{network.hop(1, network.one)},
+                                      AddHop{network.hop(2, network.two)}};
+        {
+            const faults::FailCall unsent(faults::Call::sendto, ENOBUFS);
+            EXPECT_THAT(network.errors_of(steps), ElementsAre(ENOBUFS, ENOBUFS));
+            EXPECT_THAT(list_kernel_state(network.socket).problem,
+                        ::testing::HasSubstr("No buffer space available"));
+        }
+        const faults::FailCall unanswered(faults::Call::recv, ENOTCONN);
+        EXPECT_THAT(network.errors_of(steps), ElementsAre(ENOTCONN, ENOTCONN));
+    });
+}
+
+TEST_F(LbrouteKernel, monitor_that_cannot_be_had_tells_why) {
+    in_own_network([](Network& /*network*/) {
+        const faults::FailCall refused(faults::Call::setsockopt, ENOMEM);
+        std::string problem;
+        RouteMonitor::open(0, problem);
+        EXPECT_EQ(problem, "no announcements of the kernel: Cannot allocate memory");
     });
 }
 

@@ -183,6 +183,15 @@ TEST_F(LbwatchHooks, one_that_another_user_may_change_is_not_run) {
     EXPECT_TRUE(has_told("others than its owner may write it")) << notices;
 }
 
+TEST_F(LbwatchHooks, one_that_cannot_be_started_is_told_with_the_reason_and_the_next_is_run) {
+    std::ofstream(folder + "/alien") << "#!/no/such/interpreter\n";
+    std::filesystem::permissions(folder + "/alien", std::filesystem::perms(0755));
+    hook("good", "echo ran > " + folder + "/.good\n");
+    hooks.add(change("eth0", 1), at(0));
+    EXPECT_TRUE(tend_until(1, [&] { return written(".good") == "ran\n" && hooks.is_idle(); }));
+    EXPECT_EQ(notices, "hook alien cannot be run: No such file or directory\n");
+}
+
 TEST_F(LbwatchHooks, one_that_floods_its_output_is_told_in_part_and_read_on) {
     hook("floods", "yes flood | head -c 3000000; echo done > " + folder + "/.done\n");
     hooks.add(change("eth0", 1), at(0));

@@ -35,6 +35,23 @@ TEST(Sockets, that_cannot_be_filtered_are_not_kept) {
     EXPECT_FALSE(host::open_reply_receiver(true, 7).is_open());
 }
 
+TEST(Sockets, that_cannot_be_filtered_or_bound_tell_the_error) {
+    const host::OpenedSocket sender = host::open_frame_sender();
+    if (!sender.is_open()) {
+        GTEST_SKIP() << "needs the right to have packet sockets";
+    }
+    host::close_socket(sender.number);
+    {
+        const FailCall fail(Call::setsockopt, ENOMEM);
+        EXPECT_EQ(host::open_arp_receiver().error, ENOMEM);
+        EXPECT_EQ(host::open_reply_receiver(true, 7).error, ENOMEM);
+        EXPECT_EQ(host::open_echo_sender(false).error, ENOMEM);
+    }
+    const FailCall fail(Call::bind, EADDRINUSE);
+    EXPECT_EQ(host::open_arp_receiver().error, EADDRINUSE);
+    EXPECT_EQ(host::open_advertisement_receiver().error, EADDRINUSE);
+}
+
 /// What left, with the address that the kernel was given; nothing really leaves.
 struct Leaving : testing::Test {
     struct Sent {

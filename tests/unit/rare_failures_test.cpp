@@ -9,7 +9,9 @@
 #include <string>
 #include <thread>
 
+#include "host/links.h"
 #include "host/log.h"
+#include "host/neighbours.h"
 #include "output/lb_output.h"
 #include "probe/lb_arp.h"
 #include "probe/lb_neighbor.h"
@@ -43,6 +45,21 @@ std::vector<std::string> logged_without_query_socket(const std::function<void()>
 }
 
 using Texts = std::vector<std::string>;
+
+TEST(WithoutAQuerySocket, each_question_gives_its_error) {
+    EXPECT_EQ(logged_without_query_socket([] {
+                  const host::Link link = host::ask_link("lo");
+                  EXPECT_EQ(link.failed, host::Link::Step::socket);
+                  EXPECT_EQ(link.error, EMFILE);
+                  EXPECT_EQ(host::primary_address("lo").error, EMFILE);
+                  host::PeerRequest request(false);
+                  EXPECT_EQ(host::ask_peer("lo", request), EMFILE);
+                  const host::ArpEntry entry = host::ask_arp_entry({192, 0, 2, 1}, "lo");
+                  EXPECT_EQ(entry.state, host::ArpEntry::State::no_socket);
+                  EXPECT_EQ(entry.error, EMFILE);
+              }),
+              Texts{});
+}
 
 TEST(WithoutAQuerySocket, arp_queries_say_so) {
     EXPECT_EQ(

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "host/clock.h"
+#include "lbsim/scenario_text.h"
 #include "lbsim/world.h"
 #include "property/outage_judge.h"
 

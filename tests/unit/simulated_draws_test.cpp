@@ -6,6 +6,7 @@
 #include <map>
 
 #include "lbsim/draws.h"
+#include "lbsim/scenario_text.h"
 #include "lbsim/svg.h"
 
 namespace {

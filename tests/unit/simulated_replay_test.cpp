@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "lbsim/replay.h"
+#include "lbsim/scenario_text.h"
 #include "lbsim/truth.h"
 
 namespace {

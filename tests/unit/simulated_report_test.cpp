@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "lbsim/report.h"
+#include "lbsim/scenario_text.h"
 #include "lbsim/svg.h"
 #include "lbsim/table.h"
 #include "lbsim/tune.h"

@@ -9,6 +9,7 @@
 #include "lbsim/packed.h"
 #include "lbsim/report.h"
 #include "lbsim/run.h"
+#include "lbsim/scenario_text.h"
 
 namespace {
 

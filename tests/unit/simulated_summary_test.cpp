@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "lbsim/scenario_text.h"
 #include "lbsim/summary.h"
 #include "lbsim/truth.h"
 

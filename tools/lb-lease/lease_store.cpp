@@ -133,18 +133,19 @@ std::string told_of_other(const std::string& name) {
            path;
 }
 
-bool write_all(int file, std::string_view text) {
+/// 0, or the error.
+int write_all(int file, std::string_view text) {
     while (!text.empty()) {
         const ssize_t count = write(file, text.data(), text.size());
         if (count < 0 && errno == EINTR) {
             continue;
         }
         if (count < 0) {
-            return false;
+            return errno;
         }
         text.remove_prefix(static_cast<std::size_t>(count));
     }
-    return true;
+    return 0;
 }
 
 /// The text in a file of its own, safe on the disk. 0, or the error.
@@ -156,11 +157,11 @@ int write_temporary(const Fd& folder, const std::string& text) {
     if (!file.is_open()) {
         return errno;
     }
-    // The daemon runs without the right to pass by the modes of files.
-    if (!write_all(file.get(), text) || fchmod(file.get(), 0644) != 0 || fsync(file.get()) != 0) {
-        return errno;
+    if (const int error = write_all(file.get(), text); error != 0) {
+        return error;
     }
-    return 0;
+    // The daemon runs without the right to pass by the modes of files.
+    return fchmod(file.get(), 0644) == 0 && fsync(file.get()) == 0 ? 0 : errno;
 }
 
 }  // namespace

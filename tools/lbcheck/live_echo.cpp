@@ -16,6 +16,7 @@
 #include <memory>
 #include <optional>
 #include <sstream>
+#include <utility>
 
 #include "base/address_text.h"
 #include "base/fd.h"
@@ -46,8 +47,8 @@ constexpr std::int64_t delivery_ms = 500;   ///< from an uplink to a socket
 constexpr std::int64_t pause_ms = 50;
 
 /// Sees echo replies as they come in by any interface, before anything can drop them.
-Fd open_witness(bool is_ipv6) {
-    Fd witness(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+OpenedFd open_witness(bool is_ipv6) {
+    OpenedFd witness = just_opened(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!witness.is_open()) {
         return witness;
     }
@@ -75,9 +76,10 @@ Fd open_witness(bool is_ipv6) {
     sockaddr_ll place{};
     place.sll_family = AF_PACKET;
     place.sll_protocol = htons(is_ipv6 ? ETH_P_IPV6 : ETH_P_IP);
-    if (setsockopt(witness.get(), SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0 ||
-        bind(witness.get(), reinterpret_cast<const sockaddr*>(&place), sizeof place) != 0) {
-        return {};
+    const int number = witness.fd.get();
+    if (setsockopt(number, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0 ||
+        bind(number, reinterpret_cast<const sockaddr*>(&place), sizeof place) != 0) {
+        return {.fd = Fd(), .error = errno};
     }
     return witness;
 }
@@ -138,12 +140,13 @@ class Echoes {
     }
 
     std::string open_sockets() {
-        witness_ = open_witness(is_ipv6_);
+        OpenedFd witness = open_witness(is_ipv6_);
+        witness_ = std::move(witness.fd);
         const host::OpenedSocket receiver = host::open_reply_receiver(is_ipv6_, 0xffffffffU);
         receiver_ = Fd(receiver.number);
         if (!witness_.is_open() || !receiver_.is_open()) {
             return std::string("no socket for it: ") +
-                   strerror(receiver_.is_open() ? errno : receiver.error);
+                   strerror(receiver.is_open() ? witness.error : receiver.error);
         }
         return "";
     }
@@ -192,29 +195,27 @@ class Echoes {
         const EchoRequest& request = requests_[at];
         one.interface_index = static_cast<int>(if_nametoindex(request.interface.c_str()));
         const int id = static_cast<int>(first_id + at);
-        errno = 0;
-        if (send(request, id) >= 0) {
+        const host::Transfer sent = send(request, id);
+        if (sent.count >= 0) {
             ++one.sent;
             one.sent_at_ms = now_ms();
-            one.error = 0;
-        } else {
-            one.error = errno;
         }
+        one.error = sent.count >= 0 ? 0 : sent.error;
     }
 
-    int send(const EchoRequest& request, int id) {
+    host::Transfer send(const EchoRequest& request, int id) {
         if (is_ipv6_) {
-            return probe6_->send_for_interfaces(LBTest6::_send_ipv6_sock.get(ns_name_),
-                                                request.interface, request.target,
-                                                source6_of(request), request.next_hop, id, &ctx_);
+            return probe6_->send_frame(LBTest6::_send_ipv6_sock.get(ns_name_), request.interface,
+                                       request.target, source6_of(request), request.next_hop, id,
+                                       &ctx_);
         }
         if (echoes_through_tunnel(request.interface)) {
-            return probe4_->send_for_tunnel(LBTest::_send_icmp_sock.get(ns_name_),
-                                            request.interface, request.target, id, &ctx_);
+            return probe4_->send_into_tunnel(LBTest::_send_icmp_sock.get(ns_name_),
+                                             request.interface, request.target, id, &ctx_);
         }
-        return probe4_->send_for_interfaces(LBTest::_send_ip_sock.get(ns_name_), request.interface,
-                                            request.target, request.source_address,
-                                            request.next_hop, id, &ctx_);
+        return probe4_->send_frame(LBTest::_send_ip_sock.get(ns_name_), request.interface,
+                                   request.target, request.source_address, request.next_hop, id,
+                                   &ctx_);
     }
 
     /// B61: the link-local address where none is configured.

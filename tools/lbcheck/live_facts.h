@@ -41,11 +41,11 @@ struct Lease {
 struct UplinkFacts {
     std::string interface;
     bool is_ipv6 = false;
-    std::string configured_next_hop;                ///< an address, "dhcp" or "tunnel"
-    std::string next_hop;                           ///< in force; empty while none is known
-    std::string source_address;                     ///< configured; empty: the interface's own
-    bool is_source_found = false;                   ///< by the daemon's rules; see live_collect.cpp
-    bool is_tunnel = false;                         ///< by its name: probes leave without a frame
+    std::string configured_next_hop;  ///< an address, "dhcp" or "tunnel"
+    std::string next_hop;             ///< in force; empty while none is known
+    std::string source_address;       ///< configured; empty: the interface's own
+    bool is_source_found = false;     ///< by the daemon's rules; see live_namespace.cpp
+    bool is_tunnel = false;           ///< by its name: probes leave without a frame
     std::vector<std::string> similar_interfaces{};  ///< that are there, where this one is not
     bool exists = false;
     bool is_up = false;

@@ -6,7 +6,7 @@
 
 #include "lbroute/daemon_record.h"
 #include "lbroute/holds.h"
-#include "lbroute/report.h"
+#include "lbroute/report_text.h"
 #include "lbroute/site.h"
 #include "lbroute/surroundings.h"
 #include "shared/standard_output.h"

@@ -10,8 +10,8 @@
 #include "lbroute/holds.h"
 #include "lbroute/served_namespace.h"
 
-/// What `lbroute status` shows: the fragments beside what the kernel routes by; without a system
-/// call.
+/// What `lbroute status` shows: the fragments beside what the kernel routes by, compared; without a
+/// system call.
 namespace lbroute {
 
 struct ReportedHop {
@@ -75,11 +75,5 @@ using BucketsOf = std::function<std::vector<std::pair<std::uint32_t, int>>(std::
 std::vector<ReportedRoute> reported_routes(const View& view, const DaemonRecord& daemon,
                                            const std::string& namespace_name,
                                            const BucketsOf& buckets_of);
-
-std::string report_text(const Report& report);
-std::string report_json(const Report& report);
-
-/// "90s", "29m 40s", "2h 3m", "1d 2h": how long a hold still lasts.
-std::string span_text(std::int64_t span_ms);
 
 }  // namespace lbroute

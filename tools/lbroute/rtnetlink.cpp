@@ -14,6 +14,7 @@
 #include <map>
 
 #include "host/linux/netlink.h"
+#include "lbroute/rtnetlink_messages.h"
 
 namespace lbroute {
 
@@ -25,9 +26,10 @@ constexpr std::size_t batch_bytes = 96 * 1024;
 constexpr std::size_t batch_count = 512;
 constexpr int receive_queue_bytes = 8 * 1024 * 1024;
 
+/// 0, or the error.
 template <class Value>
-bool set_option(int socket, int level, int name, const Value& value) {
-    return setsockopt(socket, level, name, &value, sizeof value) == 0;
+int set_option(int socket, int level, int name, const Value& value) {
+    return setsockopt(socket, level, name, &value, sizeof value) == 0 ? 0 : errno;
 }
 
 Fd open_bound(const std::vector<unsigned int>& groups, int flags, std::string& problem) {
@@ -40,14 +42,14 @@ Fd open_bound(const std::vector<unsigned int>& groups, int flags, std::string& p
         return Fd();
     }
     // Beyond the usual limit with CAP_NET_ADMIN; without it, what can be had.
-    if (!set_option(opened.get(), SOL_SOCKET, SO_RCVBUFFORCE, receive_queue_bytes)) {
+    if (set_option(opened.get(), SOL_SOCKET, SO_RCVBUFFORCE, receive_queue_bytes) != 0) {
         set_option(opened.get(), SOL_SOCKET, SO_RCVBUF, receive_queue_bytes);
     }
     for (const unsigned int group : groups) {
         // A kernel without next-hop objects has no group of their announcements, and no need.
-        if (!set_option(opened.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, group) &&
-            group != RTNLGRP_NEXTHOP) {
-            problem = std::string("no announcements of the kernel: ") + strerror(errno);
+        const int error = set_option(opened.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, group);
+        if (error != 0 && group != RTNLGRP_NEXTHOP) {
+            problem = std::string("no announcements of the kernel: ") + strerror(error);
             return Fd();
         }
     }
@@ -77,7 +79,7 @@ RouteSocket RouteSocket::open(std::string& problem) {
     return made;
 }
 
-bool RouteSocket::send(const Buffer& buffer) {
+int RouteSocket::send(const Buffer& buffer) {
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
     long sent = -1;
@@ -85,14 +87,17 @@ bool RouteSocket::send(const Buffer& buffer) {
         sent = sendto(socket_.get(), buffer.data(), buffer.size(), 0,
                       reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel);
     } while (sent < 0 && errno == EINTR);
-    return sent >= 0;
+    return sent < 0 ? errno : 0;
 }
 
-long RouteSocket::receive() {
+RouteSocket::Received RouteSocket::receive() {
     while (true) {
         const long length = recv(socket_.get(), received_.data(), received_.size(), 0);
-        if (length >= 0 || errno != EINTR) {
-            return length;
+        if (length >= 0) {
+            return {.length = length, .error = 0};
+        }
+        if (errno != EINTR) {
+            return {.length = -1, .error = errno};
         }
     }
 }
@@ -114,17 +119,17 @@ std::vector<Answer> RouteSocket::take(std::span<const Step> steps) {
             }
         };
         std::size_t answered = 0;
-        if (!send(buffer)) {
-            fail_rest(at, errno);
+        if (const int error = send(buffer); error != 0) {
+            fail_rest(at, error);
             answered = count;
         }
         while (answered < count) {
-            const long length = receive();
-            if (length < 0) {
-                fail_rest(at + answered, errno);
+            const Received datagram = receive();
+            if (datagram.length < 0) {
+                fail_rest(at + answered, datagram.error);
                 break;
             }
-            auto left = static_cast<int>(length);
+            auto left = static_cast<int>(datagram.length);
             const auto* message = reinterpret_cast<const nlmsghdr*>(received_.data());
             for (; is_whole(message, left); message = mnl_nlmsg_next(message, &left)) {
                 const std::uint32_t place = message->nlmsg_seq - first;
@@ -147,17 +152,17 @@ Answer RouteSocket::list(Dump what, std::uint32_t selector,
         restart();
         Buffer buffer;
         append_dump(buffer, what, selector, ++sequence_);
-        if (!send(buffer)) {
-            return {.error = errno, .reason = strerror(errno)};
+        if (const int error = send(buffer); error != 0) {
+            return {.error = error, .reason = strerror(error)};
         }
         bool is_done = false;
         bool was_interrupted = false;
         while (!is_done) {
-            const long length = receive();
-            if (length < 0) {
-                return {.error = errno, .reason = strerror(errno)};
+            const Received datagram = receive();
+            if (datagram.length < 0) {
+                return {.error = datagram.error, .reason = strerror(datagram.error)};
             }
-            auto left = static_cast<int>(length);
+            auto left = static_cast<int>(datagram.length);
             const auto* message = reinterpret_cast<const nlmsghdr*>(received_.data());
             for (; is_whole(message, left); message = mnl_nlmsg_next(message, &left)) {
                 if (message->nlmsg_seq != sequence_) {
@@ -279,8 +284,9 @@ std::vector<std::pair<std::uint32_t, int>> count_buckets(RouteSocket& socket, st
 
 namespace {
 
-/// A socket filter for announcements, which are one a datagram. It reads in network order.
-bool filter_announcements(int socket, std::uint32_t own_port) {
+/// A socket filter for announcements, which are one a datagram. It reads in network order. Gives 0,
+/// or the error.
+int filter_announcements(int socket, std::uint32_t own_port) {
     constexpr std::uint32_t type_at = offsetof(nlmsghdr, nlmsg_type);
     constexpr std::uint32_t port_at = offsetof(nlmsghdr, nlmsg_pid);
     constexpr std::array<std::uint16_t, 8> wanted{RTM_NEWLINK,    RTM_DELLINK,   RTM_NEWADDR,
@@ -312,8 +318,9 @@ RouteMonitor RouteMonitor::open(std::uint32_t own_port, std::string& problem) {
     made.socket_ = open_bound({RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR,
                                RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE, RTNLGRP_NEXTHOP},
                               SOCK_NONBLOCK, problem);
-    if (problem.empty() && !filter_announcements(made.socket_.get(), own_port)) {
-        problem = std::string("no filter for the announcements of the kernel: ") + strerror(errno);
+    const int error = problem.empty() ? filter_announcements(made.socket_.get(), own_port) : 0;
+    if (error != 0) {
+        problem = std::string("no filter for the announcements of the kernel: ") + strerror(error);
     }
     made.received_.resize(receive_size);
     return made;

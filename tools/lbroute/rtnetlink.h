@@ -1,5 +1,7 @@
 #pragma once
 
+#include <linux/netlink.h>
+
 #include <functional>
 #include <optional>
 #include <set>
@@ -8,7 +10,7 @@
 #include <vector>
 
 #include "base/fd.h"
-#include "lbroute/rtnetlink_messages.h"
+#include "lbroute/rtnetlink_requests.h"
 
 /// The route netlink sockets of one network namespace: that in which they are opened. They keep
 /// that namespace alive as long as they are open. For one thread; calls wait for the kernel's
@@ -35,9 +37,14 @@ class RouteSocket {
                 const std::function<void()>& restart);
 
   private:
-    bool send(const Buffer& buffer);
-    /// Reads one datagram into the buffer; its length, or -1 with errno.
-    long receive();
+    /// 0, or the error as in errno(3).
+    int send(const Buffer& buffer);
+    struct Received {
+        long length = -1;  ///< negative: none
+        int error = 0;     ///< as in errno(3)
+    };
+    /// Reads one datagram into the buffer.
+    Received receive();
 
     Fd socket_;
     std::uint32_t port_ = 0;

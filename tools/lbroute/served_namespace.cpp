@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "decision/route_text.h"
+#include "lbroute/rtnetlink_messages.h"
 
 namespace lbroute {
 

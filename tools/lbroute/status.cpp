@@ -11,7 +11,7 @@
 #include "lbroute/bird2.h"
 #include "lbroute/commands.h"
 #include "lbroute/findings.h"
-#include "lbroute/report.h"
+#include "lbroute/report_text.h"
 #include "lbroute/site.h"
 #include "lbroute/steps.h"
 #include "lbroute/surroundings.h"

@@ -11,6 +11,7 @@
 #include "lbsim/history.h"
 #include "lbsim/replay.h"
 #include "lbsim/report.h"
+#include "lbsim/scenario_text.h"
 #include "lbsim/session.h"
 #include "lbsim/svg.h"
 #include "lbsim/tune.h"

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "lbsim/replay_recorded.h"
+#include "lbsim/scenario_text.h"
 
 namespace lbsim {
 

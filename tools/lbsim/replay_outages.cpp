@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "lbsim/replay_recorded.h"
+#include "lbsim/scenario_text.h"
 
 namespace lbsim {
 

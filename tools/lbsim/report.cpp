@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "lbsim/scenario_text.h"
 #include "lbsim/table.h"
 
 namespace lbsim {

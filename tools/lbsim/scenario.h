@@ -1,14 +1,12 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "lbsim/uplink.h"
 
-/// What happens to the simulated network, and when: the scenario file. Pure.
+/// What happens to the simulated network, and when. Pure. The file with it: scenario_text.h.
 namespace lbsim {
 
 enum class Family { any, ipv4, ipv6 };
@@ -54,20 +52,9 @@ struct ScenarioError {
     std::string reason{};
 };
 
-struct ParsedScenario {
-    Scenario events{};
-    std::vector<ScenarioError> errors{};
-};
-ParsedScenario parse_scenario(std::string_view text);
-
 /// What the events name and the configuration does not have, or cannot have happen to it.
 std::vector<ScenarioError> check_scenario(const Scenario& events,
                                           const std::vector<Uplink>& uplinks);
-
-/// "10s", "2m", "1.5h", "900ms", "30d": microseconds; nothing where it is none.
-std::optional<std::int64_t> parse_duration(std::string_view text);
-/// "1m 10s", "2.5s".
-std::string shown_duration(std::int64_t duration_us);
 
 /// An address as hosts print it; what is none stays as it is.
 std::string canonical(const std::string& address);

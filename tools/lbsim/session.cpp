@@ -12,14 +12,15 @@
 #include "lbshow/plain_text.h"
 #include "lbsim/apart.h"
 #include "lbsim/packed.h"
+#include "lbsim/scenario_text.h"
 #include "shared/output_file.h"
 
 namespace lbsim {
 
 namespace {
 
-void complain(const std::string& path) {
-    throw Unusable{"lbsim: " + path + ": " + strerror(errno) + '\n'};
+void complain(const std::string& path, int error) {
+    throw Unusable{"lbsim: " + path + ": " + strerror(error) + '\n'};
 }
 
 /// Twenty at most: what is no scenario at all has as many as lines.
@@ -69,7 +70,7 @@ std::string read_beginning(const std::string& path, std::size_t most) {
         text.append(buffer, count);
     }
     if (file == nullptr || ferror(file.get()) != 0) {
-        complain(path);
+        complain(path, errno);
     }
     return text;
 }

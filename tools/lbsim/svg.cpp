@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 
+#include "lbsim/scenario_text.h"
 #include "lbsim/truth.h"
 
 namespace lbsim {

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "lbsim/scenario.h"
+#include "lbsim/scenario_text.h"
 #include "lbsim/table.h"
 #include <nlohmann/json.hpp>
 

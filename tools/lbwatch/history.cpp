@@ -23,46 +23,10 @@ constexpr std::size_t most_events = 5000;
 constexpr std::size_t most_minutes = 20'000;
 constexpr std::size_t most_spans = 5000;
 
-constexpr const char* layout = R"(
-CREATE TABLE uplink (
-  id INTEGER PRIMARY KEY, namespace TEXT NOT NULL, family INTEGER NOT NULL, name TEXT NOT NULL,
-  UNIQUE (namespace, family, name));
-CREATE TABLE target (
-  id INTEGER PRIMARY KEY, uplink INTEGER NOT NULL REFERENCES uplink (id), address TEXT NOT NULL,
-  UNIQUE (uplink, address));
-CREATE TABLE event (
-  id INTEGER PRIMARY KEY AUTOINCREMENT, time_ms INTEGER NOT NULL, kind TEXT NOT NULL,
-  namespace TEXT NOT NULL, family INTEGER NOT NULL, name TEXT NOT NULL, target TEXT NOT NULL,
-  rule TEXT NOT NULL, destinations TEXT NOT NULL, before TEXT NOT NULL, after TEXT NOT NULL,
-  after_s INTEGER, reason TEXT NOT NULL);
-CREATE INDEX event_time ON event (time_ms);
-CREATE INDEX event_uplink ON event (name, family, namespace, time_ms);
-CREATE INDEX event_last ON event (namespace, family, name, id) WHERE kind = 'uplink';
-CREATE TABLE span (
-  id INTEGER PRIMARY KEY, uplink INTEGER NOT NULL REFERENCES uplink (id), state TEXT NOT NULL,
-  begin_ms INTEGER NOT NULL, end_ms INTEGER NOT NULL, reason TEXT NOT NULL,
-  UNIQUE (uplink, begin_ms));
-CREATE INDEX span_end ON span (end_ms);
-CREATE TABLE minute (
-  minute INTEGER NOT NULL, target INTEGER NOT NULL REFERENCES target (id),
-  answered INTEGER NOT NULL, missed INTEGER NOT NULL, measured INTEGER NOT NULL,
-  loss INTEGER NOT NULL, rtt INTEGER NOT NULL, jitter INTEGER NOT NULL,
-  PRIMARY KEY (minute, target)) WITHOUT ROWID;
-)";
-
 /// What was told of each uplink last stays: the next start goes by it.
 constexpr const char* not_latest =
     " AND id NOT IN (SELECT max(id) FROM event WHERE kind = 'uplink' "
     "GROUP BY namespace, family, name)";
-
-/// Prefixes hold no blank.
-std::string joined(const std::vector<std::string>& words) {
-    std::string text;
-    for (const std::string& word : words) {
-        text += (text.empty() ? "" : " ") + word;
-    }
-    return text;
-}
 
 /// Why a file is not written, though there is something. A pipe would hold us up for ever; somebody
 /// else's link would turn the history against another file.
@@ -96,10 +60,6 @@ std::string own_name() {
     return entry == nullptr ? std::to_string(geteuid()) : entry->pw_name;
 }
 
-bool is_error(int code) {
-    return code != SQLITE_OK && code != SQLITE_DONE && code != SQLITE_ROW;
-}
-
 }  // namespace
 
 History::History(std::string path, Notice notice)
@@ -116,8 +76,7 @@ bool History::open() {
         return false;
     }
     database_.reset();
-    uplink_rows_.clear();
-    target_rows_.clear();
+    tables_.forget_rows();
     std::error_code error;
     std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), error);
     if (!lock_.is_open()) {
@@ -192,10 +151,7 @@ std::optional<History::Failure> History::prepare() {
     if (*version == history_version) {
         return std::nullopt;
     }
-    const std::string create = std::string("BEGIN IMMEDIATE;") + layout +
-                               "PRAGMA user_version = " + std::to_string(history_version) +
-                               ";COMMIT;";
-    if (is_error(database_->run(create.c_str()))) {
+    if (is_error(make_history_tables(*database_))) {
         const Failure why = failure();  // before the next statement takes its place
         database_->run("ROLLBACK");
         return why;
@@ -291,8 +247,7 @@ bool History::commit() {
         }
         const std::string error = database_->error();
         database_->run("ROLLBACK");
-        uplink_rows_.clear();
-        target_rows_.clear();
+        tables_.forget_rows();
         if (!is_damage(code)) {
             fail(code, error);
             break;
@@ -305,115 +260,10 @@ bool History::commit() {
 
 int History::write_all() {
     int code = database_->run("BEGIN IMMEDIATE");
-    for (const auto write :
-         {&History::write_events, &History::write_minutes, &History::write_spans}) {
-        if (is_error(code)) {
-            return code;
-        }
-        code = (this->*write)();
-    }
+    code = is_error(code) ? code : tables_.write(*database_, events_);
+    code = is_error(code) ? code : tables_.write(*database_, minutes_);
+    code = is_error(code) ? code : tables_.write(*database_, spans_);
     return is_error(code) ? code : database_->run("COMMIT");
-}
-
-int History::write_events() {
-    Statement insert = database_->statement(
-        "INSERT INTO event (time_ms, kind, namespace, family, name, target, rule, destinations, "
-        "before, after, after_s, reason) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-    for (const Event& event : events_) {
-        const int code = insert.bind(event.time_ms)
-                             .bind(std::string(word_of(event.kind)))
-                             .bind(event.uplink.namespace_name)
-                             .bind(std::int64_t{event.uplink.family})
-                             .bind(event.uplink.name)
-                             .bind(event.target)
-                             .bind(event.rule)
-                             .bind(joined(event.destinations))
-                             .bind(event.from)
-                             .bind(event.to)
-                             .bind(event.after_s)
-                             .bind(event.reason)
-                             .step();
-        if (is_error(code)) {
-            return code;
-        }
-    }
-    return SQLITE_OK;
-}
-
-int History::write_minutes() {
-    Statement insert = database_->statement(
-        "INSERT INTO minute VALUES (?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT DO UPDATE SET "
-        "answered = answered + excluded.answered, missed = missed + excluded.missed, "
-        "measured = measured + excluded.measured, loss = loss + excluded.loss, "
-        "rtt = rtt + excluded.rtt, jitter = jitter + excluded.jitter");
-    for (const Minute& row : minutes_) {
-        const std::int64_t target = target_row(row.uplink, row.target);
-        const int code = target == 0 ? database_->code()
-                                     : insert.bind(row.minute)
-                                           .bind(target)
-                                           .bind(std::int64_t{row.answered})
-                                           .bind(std::int64_t{row.missed})
-                                           .bind(std::int64_t{row.measured})
-                                           .bind(row.loss_percent_sum)
-                                           .bind(row.rtt_ms_sum)
-                                           .bind(row.jitter_ms_sum)
-                                           .step();
-        if (is_error(code) || target == 0) {
-            return is_error(code) ? code : SQLITE_ERROR;
-        }
-    }
-    return SQLITE_OK;
-}
-
-int History::write_spans() {
-    Statement insert = database_->statement(
-        "INSERT INTO span (uplink, state, begin_ms, end_ms, reason) VALUES (?, ?, ?, ?, ?) "
-        "ON CONFLICT DO UPDATE SET end_ms = excluded.end_ms");
-    for (const auto& [key, span] : spans_) {
-        const std::int64_t uplink = uplink_row(span.uplink);
-        const int code = uplink == 0 ? database_->code()
-                                     : insert.bind(uplink)
-                                           .bind(std::string(word_of(span.state)))
-                                           .bind(span.begin_ms)
-                                           .bind(span.end_ms)
-                                           .bind(span.reason)
-                                           .step();
-        if (is_error(code) || uplink == 0) {
-            return is_error(code) ? code : SQLITE_ERROR;
-        }
-    }
-    return SQLITE_OK;
-}
-
-/// The row of an uplink, made where there is none; 0 after an error.
-std::int64_t History::uplink_row(const UplinkKey& key) {
-    std::int64_t& row = uplink_rows_[key];
-    if (row == 0) {
-        const auto bind = [&key](Statement& statement) -> Statement& {
-            return statement.bind(key.namespace_name).bind(std::int64_t{key.family}).bind(key.name);
-        };
-        Statement insert = database_->statement(
-            "INSERT OR IGNORE INTO uplink (namespace, family, name) VALUES (?, ?, ?)");
-        bind(insert).step();
-        Statement find = database_->statement(
-            "SELECT id FROM uplink WHERE namespace = ? AND family = ? AND name = ?");
-        row = bind(find).has_row() ? find.number(0) : 0;
-    }
-    return row;
-}
-
-std::int64_t History::target_row(const UplinkKey& key, const std::string& target) {
-    std::int64_t& row = target_rows_[{key, target}];
-    const std::int64_t uplink = row == 0 ? uplink_row(key) : 0;
-    if (row == 0 && uplink != 0) {
-        Statement insert =
-            database_->statement("INSERT OR IGNORE INTO target (uplink, address) VALUES (?, ?)");
-        insert.bind(uplink).bind(target).step();
-        Statement find =
-            database_->statement("SELECT id FROM target WHERE uplink = ? AND address = ?");
-        row = find.bind(uplink).bind(target).has_row() ? find.number(0) : 0;
-    }
-    return row;
 }
 
 void History::fail(int code, const std::string& error) {

@@ -14,6 +14,7 @@
 #include "base/fd.h"
 #include "lbwatch/daemon_watch.h"
 #include "lbwatch/event.h"
+#include "lbwatch/history_tables.h"
 #include "lbwatch/records.h"
 #include "lbwatch/sqlite.h"
 
@@ -82,11 +83,6 @@ class History {
     void move_aside(const std::string& why);
     void remember();
     int write_all();
-    int write_events();
-    int write_minutes();
-    int write_spans();
-    std::int64_t uplink_row(const UplinkKey& key);
-    std::int64_t target_row(const UplinkKey& key, const std::string& target);
     void fail(int code, const std::string& error);
     void keep_within_bounds();
     bool delete_beyond(const std::string& sql, std::int64_t most);
@@ -101,14 +97,10 @@ class History {
     bool has_told_most_ = false;  ///< that there are more rows than are kept
     std::size_t lost_ = 0;
     Remembered remembered_;
-    std::map<UplinkKey, std::int64_t> uplink_rows_;
-    std::map<std::pair<UplinkKey, std::string>, std::int64_t> target_rows_;
+    HistoryTables tables_;
     std::deque<Event> events_;
     std::deque<Minute> minutes_;
-    std::map<std::pair<UplinkKey, std::int64_t>, Span> spans_;
+    Spans spans_;
 };
-
-/// The version of the file's layout, in PRAGMA user_version.
-inline constexpr int history_version = 1;
 
 }  // namespace lbwatch

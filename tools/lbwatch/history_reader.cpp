@@ -8,7 +8,7 @@
 #include <system_error>
 #include <utility>
 
-#include "lbwatch/history.h"
+#include "lbwatch/history_tables.h"
 
 namespace lbwatch {
 

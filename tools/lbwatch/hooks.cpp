@@ -40,18 +40,24 @@ std::string fault_of(const struct stat& found) {
 }
 
 /// A file of memory that holds the text, to be read from its begin.
-Fd input_of(const std::string& text) {
-    Fd file(memfd_create("event", MFD_CLOEXEC));
+OpenedFd input_of(const std::string& text) {
+    OpenedFd file = just_opened(memfd_create("event", MFD_CLOEXEC));
     if (file.is_open() &&
-        (write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-         lseek(file.get(), 0, SEEK_SET) != 0)) {
-        return Fd();
+        (write(file.fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+         lseek(file.fd.get(), 0, SEEK_SET) != 0)) {
+        return {.fd = Fd(), .error = errno};
     }
     return file;
 }
 
-/// Starts a program in a process group of its own; 0 with errno where it cannot be.
-pid_t spawn(const std::string& path, std::vector<std::string> environment, int input, int output) {
+struct Spawned {
+    pid_t pid = 0;  ///< 0: none
+    int error = 0;  ///< as in errno(3)
+};
+
+/// Starts a program in a process group of its own.
+Spawned spawn(const std::string& path, std::vector<std::string> environment, int input,
+              int output) {
     std::vector<char*> variables;
     for (std::string& variable : environment) {
         variables.push_back(variable.data());
@@ -78,13 +84,11 @@ pid_t spawn(const std::string& path, std::vector<std::string> environment, int i
     posix_spawnattr_setflags(
         &attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     pid_t pid = 0;
-    errno =
+    const int error =
         posix_spawn(&pid, path.c_str(), &files, &attributes, arguments.data(), variables.data());
-    const int error = errno;
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&files);
-    errno = error;
-    return error == 0 ? pid : 0;
+    return {.pid = error == 0 ? pid : 0, .error = error};
 }
 
 std::string end_text(const siginfo_t& ended) {
@@ -196,18 +200,24 @@ bool Hooks::start(Job& job, const Moment& now) {
         job.is_killed = false;
         job.is_flooding = false;
         std::array<int, 2> ends{-1, -1};
-        const Fd input = input_of(json_of(job.event) + "\n");
-        if (!input.is_open() || pipe2(ends.data(), O_CLOEXEC) != 0) {
-            notice_("hook " + job.name + " cannot be run: " + strerror(errno));
+        const OpenedFd input = input_of(json_of(job.event) + "\n");
+        int error = input.error;
+        if (input.is_open() && pipe2(ends.data(), O_CLOEXEC) != 0) {
+            error = errno;
+        }
+        if (!input.is_open() || error != 0) {
+            notice_("hook " + job.name + " cannot be run: " + strerror(error));
             continue;
         }
         job.output = Fd(ends[0]);
         const Fd said(ends[1]);
         fcntl(job.output.get(), F_SETFL, O_NONBLOCK);
-        job.pid =
-            spawn(folder_ + "/" + job.name, hook_environment(job.event), input.get(), said.get());
+        const Spawned spawned = spawn(folder_ + "/" + job.name, hook_environment(job.event),
+                                      input.fd.get(), said.get());
+        job.pid = spawned.pid;
         if (job.pid == 0) {
-            notice_("hook " + lbshow::harmless(job.name) + " cannot be run: " + strerror(errno));
+            notice_("hook " + lbshow::harmless(job.name) +
+                    " cannot be run: " + strerror(spawned.error));
             continue;
         }
         job.ended = Fd(static_cast<int>(syscall(SYS_pidfd_open, job.pid, 0)));

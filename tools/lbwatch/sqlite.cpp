@@ -76,6 +76,10 @@ std::optional<std::int64_t> Database::number(const char* sql) const {
     return query.has_row() ? query.optional_number(0) : std::nullopt;
 }
 
+bool is_error(int code) {
+    return code != SQLITE_OK && code != SQLITE_DONE && code != SQLITE_ROW;
+}
+
 bool is_damage(int code) {
     const int primary = code & 0xff;
     return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;

@@ -62,6 +62,8 @@ class Database {
     int opened_ = SQLITE_OK;
 };
 
+/// Any code but those of success, of a row and of the end.
+bool is_error(int code);
 /// The file is no database, or a damaged one.
 bool is_damage(int code);
 

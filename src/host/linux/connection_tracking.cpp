@@ -102,8 +102,8 @@ void set_echo(nf_conntrack* record, bool ipv6, std::uint16_t identifier) {
     nfct_set_attr_u32(record, ATTR_TIMEOUT, record_lifetime_s);
 }
 
-/// Reads until the acknowledgement or an error; false with errno set on an error.
-bool read_answer(mnl_socket* handle, void* buffer, std::size_t size, unsigned sequence) {
+/// Reads until the acknowledgement or an error. 0, or the error.
+int read_answer(mnl_socket* handle, void* buffer, std::size_t size, unsigned sequence) {
     const unsigned port = mnl_socket_get_portid(handle);
     ssize_t last = mnl_socket_recvfrom(handle, buffer, size);
     while (last > 0) {
@@ -112,7 +112,7 @@ bool read_answer(mnl_socket* handle, void* buffer, std::size_t size, unsigned se
             last = mnl_socket_recvfrom(handle, buffer, size);
         }
     }
-    return last != -1;
+    return last == -1 ? errno : 0;
 }
 
 bool exchange(mnl_socket* handle, const std::string& source, const std::string& destination,
@@ -138,9 +138,11 @@ bool exchange(mnl_socket* handle, const std::string& source, const std::string& 
         return false;
     }
     const unsigned sequence = message->nlmsg_seq;
-    if (!read_answer(handle, buffer.data(), std::min(page, buffer.size()), sequence)) {
+    if (const int error =
+            read_answer(handle, buffer.data(), std::min(page, buffer.size()), sequence);
+        error != 0) {
         plain_syslog(3, "<%s> mnl_socket_recvfrom for ip version %d: %s", function_name,
-                     ipv6 ? 6 : 4, strerror(errno));
+                     ipv6 ? 6 : 4, strerror(error));
         return false;
     }
     return true;

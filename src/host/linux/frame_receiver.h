@@ -9,5 +9,4 @@
 
 /// A packet socket (packet(7)) that receives the frames of `protocol` (host order, for example
 /// `ETH_P_ARP`) which `filter` passes. The filter is in force before the first frame can arrive.
-/// Closed, with the reason in errno, where none can be had.
-Fd open_frame_receiver(std::uint16_t protocol, std::span<const sock_filter> filter);
+OpenedFd open_frame_receiver(std::uint16_t protocol, std::span<const sock_filter> filter);

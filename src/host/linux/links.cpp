@@ -22,41 +22,43 @@ ifreq request_for(const std::string& ifname) {
 
 }  // namespace
 
-int query_socket() {
-    thread_local Fd socket_of_thread;
-    if (!socket_of_thread.is_open()) {
-        socket_of_thread = Fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+host::OpenedSocket query_socket() {
+    thread_local OpenedFd of_thread;
+    if (!of_thread.is_open()) {
+        of_thread = just_opened(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     }
-    return socket_of_thread.get();
+    return {.number = of_thread.fd.get(), .error = of_thread.error};
 }
 
 namespace host {
 
 // SIOCGIFHWADDR and SIOCGIFINDEX, netdevice(7).
 Link ask_link(const std::string& ifname) {
-    const auto failed = [](Link::Step step) { return Link{.failed = step, .error = errno}; };
-    const int query = query_socket();
-    if (query < 0) {
-        return failed(Link::Step::socket);
+    const OpenedSocket query = query_socket();
+    if (!query.is_open()) {
+        return {.failed = Link::Step::socket, .error = query.error};
     }
     Link link;
     ifreq request = request_for(ifname);
-    if (ioctl(query, SIOCGIFHWADDR, &request) < 0) {
-        return failed(Link::Step::mac);
+    if (ioctl(query.number, SIOCGIFHWADDR, &request) < 0) {
+        return {.failed = Link::Step::mac, .error = errno};
     }
     std::memcpy(link.mac.data(), request.ifr_hwaddr.sa_data, link.mac.size());
     request = request_for(ifname);
-    if (ioctl(query, SIOCGIFINDEX, &request) < 0) {
-        return failed(Link::Step::index);
+    if (ioctl(query.number, SIOCGIFINDEX, &request) < 0) {
+        return {.failed = Link::Step::index, .error = errno};
     }
     link.index = request.ifr_ifindex;
     return link;
 }
 
 PrimaryAddress primary_address(const std::string& ifname) {
-    const int query = query_socket();
+    const OpenedSocket query = query_socket();
+    if (!query.is_open()) {
+        return {.error = query.error, .address = {}};
+    }
     ifreq request = request_for(ifname);
-    if (query < 0 || ioctl(query, SIOCGIFADDR, &request) < 0) {
+    if (ioctl(query.number, SIOCGIFADDR, &request) < 0) {
         return {.error = errno, .address = {}};
     }
     sockaddr_in address;
@@ -68,12 +70,16 @@ PeerRequest::PeerRequest(bool is_ipv6)
     : family(static_cast<std::uint16_t>(is_ipv6 ? AF_INET6 : AF_INET)) {}
 
 int ask_peer(const std::string& ifname, PeerRequest& request) {
+    const OpenedSocket query = query_socket();
+    if (!query.is_open()) {
+        return query.error;
+    }
     ifreq passed = request_for(ifname);
     sockaddr_in peer{};
     peer.sin_family = request.family;
     peer.sin_addr = std::bit_cast<in_addr>(request.address);
     std::memcpy(&passed.ifr_dstaddr, &peer, sizeof peer);
-    if (ioctl(query_socket(), SIOCGIFDSTADDR, &passed) < 0) {
+    if (ioctl(query.number, SIOCGIFDSTADDR, &passed) < 0) {
         return errno;
     }
     std::memcpy(&peer, &passed.ifr_dstaddr, sizeof peer);

@@ -30,13 +30,13 @@ arpreq request_for(const Ipv4Bytes& address, const std::string& ifname) {
 }  // namespace
 
 ArpEntry ask_arp_entry(const Ipv4Bytes& address, const std::string& ifname) {
-    const int query = query_socket();
-    if (query < 0) {
-        return {.state = ArpEntry::State::no_socket, .error = errno, .mac = {}};
+    const OpenedSocket query = query_socket();
+    if (!query.is_open()) {
+        return {.state = ArpEntry::State::no_socket, .error = query.error, .mac = {}};
     }
     arpreq request = request_for(address, ifname);
     request.arp_ha.sa_family = ARPHRD_ETHER;
-    if (ioctl(query, SIOCGARP, &request) < 0) {
+    if (ioctl(query.number, SIOCGARP, &request) < 0) {
         const auto state = errno == ENXIO ? ArpEntry::State::missing : ArpEntry::State::refused;
         return {.state = state, .error = errno, .mac = {}};
     }
@@ -51,15 +51,15 @@ ArpEntry ask_arp_entry(const Ipv4Bytes& address, const std::string& ifname) {
 // The hardware family stays 0 (B78): the kernel takes it from the device.
 ArpWritten write_arp_entry(const Ipv4Bytes& address, std::span<const std::uint8_t> hardware,
                            const std::string& ifname) {
-    const int query = query_socket();
-    if (query < 0) {
+    const OpenedSocket query = query_socket();
+    if (!query.is_open()) {
         return ArpWritten::no_socket;
     }
     arpreq request = request_for(address, ifname);
     std::memcpy(request.arp_ha.sa_data, hardware.data(),
                 std::min(hardware.size(), sizeof request.arp_ha.sa_data));
     request.arp_flags = ATF_COM;
-    return ioctl(query, SIOCSARP, &request) < 0 ? ArpWritten::refused : ArpWritten::written;
+    return ioctl(query.number, SIOCSARP, &request) < 0 ? ArpWritten::refused : ArpWritten::written;
 }
 
 }  // namespace host

@@ -26,62 +26,71 @@
 
 namespace {
 
-bool attach_filter(const Fd& to, std::span<const sock_filter> filter) {
+/// 0, or the error.
+int attach_filter(const Fd& to, std::span<const sock_filter> filter) {
     const sock_fprog program{static_cast<unsigned short>(filter.size()),
                              const_cast<sock_filter*>(filter.data())};
-    return setsockopt(to.get(), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) == 0;
+    return setsockopt(to.get(), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) == 0
+               ? 0
+               : errno;
 }
 
 /// Without a protocol the kernel hands a packet socket (packet(7)) no frame.
-Fd open_packet_socket() {
-    return Fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+OpenedFd open_packet_socket() {
+    return just_opened(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
 }
 
 }  // namespace
 
 // Binding to the protocol comes after the filter.
-Fd open_frame_receiver(std::uint16_t protocol, std::span<const sock_filter> filter) {
-    Fd receiver = open_packet_socket();
-    if (!receiver.is_open() || !attach_filter(receiver, filter)) {
-        return Fd();
+OpenedFd open_frame_receiver(std::uint16_t protocol, std::span<const sock_filter> filter) {
+    OpenedFd receiver = open_packet_socket();
+    if (!receiver.is_open()) {
+        return receiver;
+    }
+    if (const int error = attach_filter(receiver.fd, filter); error != 0) {
+        return {.fd = Fd(), .error = error};
     }
     sockaddr_ll any_interface{};
     any_interface.sll_family = AF_PACKET;
     any_interface.sll_protocol = htons(protocol);
-    const bool is_bound = bind(receiver.get(), reinterpret_cast<const sockaddr*>(&any_interface),
-                               sizeof any_interface) == 0;
-    return is_bound ? std::move(receiver) : Fd();
+    if (bind(receiver.fd.get(), reinterpret_cast<const sockaddr*>(&any_interface),
+             sizeof any_interface) != 0) {
+        return {.fd = Fd(), .error = errno};
+    }
+    return receiver;
 }
 
 namespace host {
 
 namespace {
 
-/// Hands a socket over to the daemon's tables; one that is not open leaves its error.
-OpenedSocket hand_over(Fd opened) {
-    const int error = errno;
-    return opened.is_open() ? OpenedSocket{.number = opened.release(), .error = 0}
-                            : OpenedSocket{.number = -1, .error = error};
+/// Hands a socket over to the daemon's tables.
+OpenedSocket hand_over(OpenedFd opened) {
+    return {.number = opened.fd.release(), .error = opened.error};
 }
 
-Fd reusable(Fd opened) {
+OpenedFd reusable(OpenedFd opened) {
     const int on = 1;
     if (opened.is_open()) {
-        setsockopt(opened.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        setsockopt(opened.fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     }
     return opened;
 }
 
 /// A raw socket (raw(7)) receives from its first moment on, so what slipped in before the filter
 /// is thrown away.
-Fd open_raw_socket(bool is_ipv6, std::span<const sock_filter> filter) {
-    Fd raw(socket(is_ipv6 ? AF_INET6 : AF_INET, SOCK_RAW | SOCK_CLOEXEC,
-                  is_ipv6 ? int{protocol_icmp6} : int{protocol_icmp}));
-    if (!raw.is_open() || !attach_filter(raw, filter)) {
-        return Fd();
+OpenedFd open_raw_socket(bool is_ipv6, std::span<const sock_filter> filter) {
+    OpenedFd raw = just_opened(socket(is_ipv6 ? AF_INET6 : AF_INET, SOCK_RAW | SOCK_CLOEXEC,
+                                      is_ipv6 ? int{protocol_icmp6} : int{protocol_icmp}));
+    if (!raw.is_open()) {
+        return raw;
+    }
+    if (const int error = attach_filter(raw.fd, filter); error != 0) {
+        return {.fd = Fd(), .error = error};
     }
     std::array<char, 1> byte;
-    while (recv(raw.get(), byte.data(), byte.size(), MSG_DONTWAIT | MSG_TRUNC) >= 0) {
+    while (recv(raw.fd.get(), byte.data(), byte.size(), MSG_DONTWAIT | MSG_TRUNC) >= 0) {
     }
     return raw;
 }

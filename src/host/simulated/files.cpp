@@ -60,7 +60,6 @@ File open_file(const std::string& path, const char* mode) {
     auto& files = simulation.files;
     if (simulation.fails(*mode == 'w' ? Simulation::Call::write_file
                                       : Simulation::Call::read_file)) {
-        errno = EMFILE;
         return nullptr;
     }
     if (*mode == 'w') {

@@ -5,12 +5,14 @@
 import json
 import os
 import signal
+import time
 
 from kit import Conf, LabTest, expect, main, ping, ping_ext
 from kit import echo_policies as policy
 from kit.lab import OUTPUT_DIRECTORY
 from kit.lbshow import lbshow, state
 from kit.lbwatch import HISTORY, Lbwatch, lbwatch
+from kit.prometheus import ask
 from scenes import (GATEWAY, GATEWAY_2, PREFIX, ROUTER, TARGET, TARGET_2, attach_two, one_uplink,
                     two_uplinks)
 
@@ -125,6 +127,27 @@ class Events(Watched):
         self.assertEqual(again.changes("uplink", "gi1_1"), [])
         self.assertEqual(again.changes("daemon"), [])
 
+
+    def test_line_that_loses_every_other_echo_is_failed_behind_a_restart(self):
+        os.system("ip link set lo up")
+        daemon, watch = self.settled("--listen", "127.0.0.1:9837", success=3, failure=3)
+        daemon.kill(signal.SIGTERM)
+        watch.expect_change("daemon", "running", "stopped")
+        self.peers[1].echo = policy.drop_every(2)
+        begin = time.monotonic()
+        self.start(success=3, failure=3)
+
+        told = watch.expect_change("uplink", "active", "failed", "gi1_2", within=90)
+
+        self.assertGreater(time.monotonic() - begin, 29, "before the daemon had time to judge")
+        self.assertEqual(told["reason"], f"{TARGET_2} no 3 answers in a row since the daemon started; "
+                         "changed while nothing was watched")
+        self.assertEqual(watch.events("uplink", uplink="gi1_1")[-1]["to"], "active")
+        expect(lambda: 'lb_uplink_state{uplink="gi1_2",family="ipv4",namespace="",state="failed"} 1\n'
+               in ask(9837, "/metrics"))
+        # It is no verdict for ever.
+        self.peers[1].echo = policy.answer
+        watch.expect_change("uplink", "failed", "active", "gi1_2")
 
     def check_lbshow(self):
         """lbshow tells since when, by the same history."""

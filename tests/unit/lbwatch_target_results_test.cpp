@@ -65,7 +65,7 @@ TEST(LbwatchFault, is_the_first_limit_that_was_reached) {
 
 TEST(LbwatchTarget, takes_results_verdict_and_measurements_over) {
     Target target;
-    take_over(target, measured(answered("a", 3), 10, 20, 5), interface("eth0", true, {}));
+    take_over(target, {measured(answered("a", 3), 10, 20, 5)}, interface("eth0", true, {}));
     EXPECT_EQ(target.verdict, success);
     EXPECT_EQ(target.last_result, lbshow::Result::answered);
     EXPECT_EQ(target.success_run, 3);
@@ -78,16 +78,16 @@ TEST(LbwatchTarget, takes_results_verdict_and_measurements_over) {
 TEST(LbwatchTarget, extended_ping_that_never_ran_has_measured_nothing) {
     const auto uplink = interface("eth0", true, {});
     Target target;
-    take_over(target, measured(timed_out("a"), 0, 0, 0), uplink);
+    take_over(target, {measured(timed_out("a"), 0, 0, 0)}, uplink);
     EXPECT_FALSE(target.quality);
     lbshow::Probe none = measured(timed_out("a"), 1, 1, 1);
     none.last_result = lbshow::Result::none;
-    take_over(target, none, uplink);
+    take_over(target, {none}, uplink);
     EXPECT_FALSE(target.quality);
-    take_over(target, measured(answered("a"), 0, 0, 0), uplink);
+    take_over(target, {measured(answered("a"), 0, 0, 0)}, uplink);
     EXPECT_TRUE(target.quality) << "an answer at once";
     for (const auto& values : {std::array{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}) {
-        take_over(target, measured(timed_out("a"), values[0], values[1], values[2]), uplink);
+        take_over(target, {measured(timed_out("a"), values[0], values[1], values[2])}, uplink);
         EXPECT_TRUE(target.quality);
     }
 }
@@ -95,22 +95,60 @@ TEST(LbwatchTarget, extended_ping_that_never_ran_has_measured_nothing) {
 TEST(LbwatchTarget, keeps_its_fault_where_a_run_without_a_first_answer_left_the_last_values) {
     const auto uplink = interface("eth0", true, {});
     Target target;
-    take_over(target, measured(answered("a"), 10, 20, 5), uplink);
+    take_over(target, {measured(answered("a"), 10, 20, 5)}, uplink);
     // Nothing was measured anew: no limit explains this failure.
-    take_over(target, measured(timed_out("a", 1), 10, 20, 5), uplink);
+    take_over(target, {measured(timed_out("a", 1), 10, 20, 5)}, uplink);
     EXPECT_EQ(target.fault, "no answer");
-    take_over(target, measured(timed_out("a", 2), 50, 20, 5), uplink);
+    take_over(target, {measured(timed_out("a", 2), 50, 20, 5)}, uplink);
     EXPECT_EQ(target.fault, "loss 50 % (limit 20 %)");
-    take_over(target, timed_out("a", 3), uplink);
+    take_over(target, {timed_out("a", 3)}, uplink);
     EXPECT_EQ(target.fault, "no answer");
     for (const auto& values : {std::array{30, 20, 5}, {30, 200, 5}, {30, 200, 50}}) {
         target.fault = "before";
-        take_over(target, measured(timed_out("a"), values[0], values[1], values[2]), uplink);
+        take_over(target, {measured(timed_out("a"), values[0], values[1], values[2])}, uplink);
         EXPECT_EQ(target.fault, "loss 30 % (limit 20 %)");
         target.fault = "before";
-        take_over(target, measured(timed_out("a"), values[0], values[1], values[2]), uplink);
+        take_over(target, {measured(timed_out("a"), values[0], values[1], values[2])}, uplink);
         EXPECT_EQ(target.fault, "before") << "the same values again";
     }
+}
+
+TEST(LbwatchTarget, of_two_probes_is_missed_where_one_of_them_is) {
+    const auto uplink = interface("eth0", true, {});
+    Target target;
+    take_over(target, {answered("a", 2), measured(timed_out("a", 0), 30, 20, 5)}, uplink);
+    EXPECT_EQ(target.last_result, lbshow::Result::timed_out);
+    EXPECT_EQ(target.fault, "loss 30 % (limit 20 %)");
+    ASSERT_TRUE(target.quality);
+    EXPECT_EQ(target.quality->loss_percent, 30);
+    target = Target();
+    take_over(target, {timed_out("a", 1), measured(answered("a", 0), 0, 20, 5)}, uplink);
+    EXPECT_EQ(target.last_result, lbshow::Result::timed_out);
+    EXPECT_EQ(target.fault, "no answer");
+    EXPECT_EQ(target.quality->rtt_ms, 20);
+}
+
+TEST(LbwatchTarget, of_two_probes_takes_the_result_of_the_one_that_has_run) {
+    lbshow::Probe none = measured(answered("a"), 0, 0, 0);
+    none.last_result = lbshow::Result::none;
+    Target target;
+    take_over(target, {none, answered("a")}, interface("eth0", true, {}));
+    EXPECT_EQ(target.last_result, lbshow::Result::answered);
+    EXPECT_EQ(target.verdict, success);
+    EXPECT_FALSE(target.quality);
+}
+
+TEST(LbwatchTarget, is_broken_by_a_miss_behind_an_answer) {
+    const auto uplink = interface("eth0", false, {});
+    Target target;
+    take_over(target, {timed_out("a", 1)}, uplink);
+    take_over(target, {answered("a", 1)}, uplink);
+    EXPECT_FALSE(target.is_broken) << "its next hop had to be learnt";
+    take_over(target, {timed_out("a", 1)}, uplink);
+    EXPECT_TRUE(target.is_broken);
+    Target shared;
+    take_over(shared, {answered("a", 0), timed_out("a", 1)}, uplink);
+    EXPECT_TRUE(shared.is_broken) << "two probes that disagree";
 }
 
 TEST(LbwatchTarget, is_told_with_its_run_where_there_is_one) {

@@ -45,6 +45,80 @@ TEST_F(LbwatchWorld, uplink_that_is_not_judged_yet_is_unknown) {
     EXPECT_EQ(world.uplinks().at(key("eth0")).state, UplinkState::unknown);
 }
 
+/// A line that loses every other echo, from the daemon's start on.
+TEST_F(LbwatchWorld, uplink_without_enough_answers_in_a_row_is_failed_once_there_was_time) {
+    read(-60, {interface("eth0", true, {answered("198.51.100.1")})});
+    world.forget_states();
+    std::vector<Event> events;
+    int second = 0;
+    for (; second < 60 && events.empty(); ++second) {
+        const auto probe =
+            second % 4 < 2 ? timed_out("198.51.100.1", 1) : answered("198.51.100.1", 1);
+        events = read(second, {interface("eth0", false, {probe})});
+    }
+    EXPECT_EQ(second, 31);
+    EXPECT_EQ(lines(events),
+              Lines{"eth0 ipv4 active -> failed: 198.51.100.1 no 3 answers in a row since the "
+                    "daemon started; changed while nothing was watched"});
+    EXPECT_EQ(world.uplinks().at(key("eth0")).state, UplinkState::failed);
+}
+
+TEST_F(LbwatchWorld, uplink_that_still_counts_its_answers_is_not_failed) {
+    for (int second = 0; second < 300; ++second) {
+        auto one = interface("eth0", false, {});
+        one.success_ct = 200;
+        one.probes = {second < 3 ? timed_out("a", 1) : answered("a", second / 2)};
+        read(second, {one});
+        EXPECT_EQ(world.uplinks().at(key("eth0")).state, UplinkState::unknown) << second;
+    }
+}
+
+TEST_F(LbwatchWorld, uplink_with_a_high_count_of_answers_has_the_time_of_two_runs_of_them) {
+    auto one = interface("eth0", false, {});
+    one.success_ct = 20;
+    for (int second = 0; second < 79; ++second) {
+        one.probes = {second % 16 == 15 ? timed_out("a", 1) : answered("a", second % 16 + 1)};
+        read(second, {one});
+        EXPECT_EQ(world.uplinks().at(key("eth0")).state, UplinkState::unknown) << second;
+    }
+    EXPECT_EQ(lines(read(79, {one})),
+              Lines{"eth0 ipv4 unknown -> failed: a no 20 answers in a row since the "
+                    "daemon started"});
+}
+
+TEST_F(LbwatchWorld, uplink_that_was_never_evaluated_is_not_failed) {
+    for (int second = 0; second < 60; ++second) {
+        auto one =
+            interface("eth0", false, {second % 2 == 0 ? answered("a", 1) : timed_out("a", 1)});
+        one.since_failure_s.reset();
+        read(second, {one});
+    }
+    EXPECT_EQ(world.uplinks().at(key("eth0")).state, UplinkState::unknown);
+}
+
+TEST_F(LbwatchWorld, inactive_uplink_that_the_daemon_has_held_for_active_is_failed_at_once) {
+    auto one = interface("eth0", false, {timed_out("a", 1)});
+    one.since_success_s = 125;
+    EXPECT_EQ(lines(read(0, {one})), Lines{"eth0 ipv4 absent -> failed: a no 3 answers in a row"});
+}
+
+TEST_F(LbwatchWorld, two_probes_of_one_target_are_counted_as_one) {
+    auto quality = timed_out("a", 1);
+    quality.position = 2;
+    quality.quality = lbshow::Quality{.loss_percent = 0,
+                                      .rtt_ms = 300,
+                                      .jitter_ms = 5,
+                                      .loss_limit = 10,
+                                      .rtt_limit = 200,
+                                      .jitter_limit = 50};
+    read(0, {interface("eth0", true, {answered("a", 0), quality})});
+    ASSERT_EQ(cycles.size(), 1U);
+    EXPECT_FALSE(cycles[0].is_answered);
+    ASSERT_TRUE(cycles[0].quality);
+    EXPECT_EQ(cycles[0].quality->rtt_ms, 300);
+    EXPECT_EQ(world.uplinks().at(key("eth0")).targets.at("a").missed, 1U);
+}
+
 TEST_F(LbwatchWorld, failure_is_told_with_its_target_run_and_length) {
     read(0, {interface("eth0", true, {answered("203.0.113.53")})});
     auto failed = interface("eth0", false, {timed_out("203.0.113.53")});

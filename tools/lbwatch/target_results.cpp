@@ -1,5 +1,7 @@
 #include "lbwatch/target_results.h"
 
+#include <algorithm>
+
 namespace lbwatch {
 
 namespace {
@@ -61,19 +63,38 @@ std::string fault_of(const lbshow::Probe& probe) {
     return "no answer";
 }
 
-void take_over(Target& target, const lbshow::Probe& probe, const lbshow::Interface& interface) {
-    const auto quality = measured(probe);
+void take_over(Target& target, const std::vector<lbshow::Probe>& probes,
+               const lbshow::Interface& interface) {
+    lbshow::Probe joined;
+    std::optional<lbshow::Quality> quality;
+    std::string fault;
+    for (const lbshow::Probe& probe : probes) {
+        quality = quality ? quality : measured(probe);
+        if (probe.last_result == lbshow::Result::timed_out && fault.empty()) {
+            fault = fault_of(probe);
+        }
+        if (joined.last_result != lbshow::Result::timed_out &&
+            probe.last_result != lbshow::Result::none) {
+            joined.last_result = probe.last_result;
+        }
+        joined.success_run = std::max(joined.success_run, probe.success_run);
+        joined.failure_run = std::max(joined.failure_run, probe.failure_run);
+        target.was_answered = target.was_answered || probe.success_run > 0 ||
+                              probe.last_result == lbshow::Result::answered;
+    }
     // A run whose first echo stays unanswered leaves the measurements of the run before in place,
     // so they explain a failure only where they came with it.
     const bool is_fresh = target.last_result != lbshow::Result::timed_out ||
                           !is_same(target.quality, quality) || target.fault.empty();
-    if (probe.last_result == lbshow::Result::timed_out && is_fresh) {
-        target.fault = fault_of(probe);
+    if (joined.last_result == lbshow::Result::timed_out && is_fresh) {
+        target.fault = fault;
     }
-    target.verdict = verdict_of(probe, interface, target.verdict);
-    target.last_result = probe.last_result;
-    target.success_run = probe.success_run;
-    target.failure_run = probe.failure_run;
+    target.is_broken =
+        target.is_broken || (target.was_answered && (joined.failure_run > 0 || !fault.empty()));
+    target.verdict = verdict_of(joined, interface, target.verdict);
+    target.last_result = joined.last_result;
+    target.success_run = joined.success_run;
+    target.failure_run = joined.failure_run;
     target.quality = quality;
 }
 

@@ -1,12 +1,14 @@
 #pragma once
 
+#include <map>
 #include <string>
+#include <vector>
 
 #include "lbshow/state.h"
 #include "lbwatch/moment.h"
 #include "lbwatch/world.h"
 
-/// What one probe entry of a dump says of its target. Pure.
+/// What the probe entries of a dump say of their target. Pure.
 namespace lbwatch {
 
 /// The verdict that the daemon holds: it changes only when a run of equal results reaches its
@@ -17,8 +19,10 @@ Verdict verdict_of(const lbshow::Probe& probe, const lbshow::Interface& interfac
 /// order: loss, round-trip time, jitter), or that no answer came.
 std::string fault_of(const lbshow::Probe& probe);
 
-/// Takes the entry over into the target, verdict and results; counts nothing.
-void take_over(Target& target, const lbshow::Probe& probe, const lbshow::Interface& interface);
+/// Takes the entries of all probes of one target over into it, verdict and results; counts nothing.
+/// The daemon counts their results in one run, so it is missed where any of them was.
+void take_over(Target& target, const std::vector<lbshow::Probe>& probes,
+               const lbshow::Interface& interface);
 
 /// For example "203.0.113.53 no answer (3 in a row)" or "203.0.113.53 answered (2 in a row)".
 std::string told(const std::string& address, const Target& target);

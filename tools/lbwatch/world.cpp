@@ -43,6 +43,24 @@ Event event_of(EventKind kind, const UplinkKey& key, const Moment& now) {
     return event;
 }
 
+/// Why a failed uplink has failed where no target was seen to reach the count of failures.
+std::string reason_without_verdict(const Uplink& uplink, const lbshow::Interface& item) {
+    return (uplink.targets.size() == 1 ? uplink.targets.begin()->first + " " : std::string()) +
+           "no " + std::to_string(item.success_ct) + " answers in a row" +
+           (item.since_success_s ? "" : " since the daemon started");
+}
+
+/// The targets' probes; two that share a target share its run of results as well.
+std::map<std::string, std::vector<lbshow::Probe>> by_target(const lbshow::Interface& item) {
+    std::map<std::string, std::vector<lbshow::Probe>> probes;
+    for (const lbshow::Probe& probe : item.probes) {
+        if (!probe.target.empty()) {
+            probes[probe.target].push_back(probe);
+        }
+    }
+    return probes;
+}
+
 UplinkKey key_of(const lbshow::Interface& item) {
     return {.namespace_name = item.namespace_name, .family = item.family, .name = item.name};
 }
@@ -139,23 +157,21 @@ void World::read_one(const UplinkKey& key, const lbshow::Interface& item, bool i
     Uplink& uplink = uplinks_[key];
     uplink.missing = 0;
     std::map<std::string, Target> targets;
-    for (const lbshow::Probe& probe : item.probes) {
-        if (probe.target.empty() || targets.contains(probe.target)) {
-            continue;
-        }
-        Target& target = targets[probe.target] = uplink.targets[probe.target];
-        take_over(target, probe, item);
+    for (const auto& [address, probes] : by_target(item)) {
+        Target& target = targets[address] = uplink.targets[address];
+        take_over(target, probes, item);
         if (is_new_cycle && target.last_result != lbshow::Result::none) {
             const bool is_answered = target.last_result == lbshow::Result::answered;
             ++(is_answered ? target.answered : target.missed);
             changes.cycles.push_back({.uplink = key,
-                                      .target = probe.target,
+                                      .target = address,
                                       .is_answered = is_answered,
                                       .quality = target.quality});
         }
     }
     // A target that is learnt with the next hop goes with it.
     uplink.targets = std::move(targets);
+    uplink.cycles += is_new_cycle ? 1 : 0;
     const UplinkState before = uplink.state;
     uplink.state = judged(uplink, item, written_s, now);
     // A single target of an active uplink has answered, before this program looked.
@@ -175,9 +191,26 @@ void World::read_one(const UplinkKey& key, const lbshow::Interface& item, bool i
     tell_state(key, uplink, now, changes.events);
 }
 
+/// Whether an inactive uplink would be active by now if it were sound. The daemon holds each for
+/// inactive from its start on, so that alone is no judgement. One that loses some answers may never
+/// have as many failures in a row as make a target fail.
+bool World::has_had_time(const Uplink& uplink, const lbshow::Interface& item,
+                         const Moment& now) const {
+    if (item.since_success_s) {
+        return true;  // this daemon has held it for active
+    }
+    // A sound target is answered in every second cycle: time for two whole runs of answers.
+    const std::int64_t cycles = std::int64_t{4} * item.success_ct;
+    const bool is_broken = std::any_of(uplink.targets.begin(), uplink.targets.end(),
+                                       [](const auto& entry) { return entry.second.is_broken; });
+    return item.since_failure_s && is_broken && uplink.cycles >= cycles && begun_boot_ms_ &&
+           now.boot_ms - *begun_boot_ms_ >= patience_ms_;
+}
+
 UplinkState World::judged(Uplink& uplink, const lbshow::Interface& item, std::int64_t written_s,
                           const Moment& now) const {
-    uplink.is_judged = uplink.is_judged || item.is_active || has_failed_target(uplink);
+    uplink.is_judged = uplink.is_judged || item.is_active || has_failed_target(uplink) ||
+                       has_had_time(uplink, item, now);
     if (!uplink.is_judged) {
         return UplinkState::unknown;
     }
@@ -197,6 +230,9 @@ UplinkState World::judged(Uplink& uplink, const lbshow::Interface& item, std::in
     if (state != uplink.state) {
         uplink.reason =
             reason_of(uplink.targets, item.is_active ? Verdict::success : Verdict::failure);
+        if (uplink.reason.empty() && !item.is_active) {
+            uplink.reason = reason_without_verdict(uplink, item);
+        }
     }
     return state;
 }
@@ -323,6 +359,7 @@ void World::forget_states() {
         uplink.state = UplinkState::unknown;
         uplink.reason.clear();
         uplink.is_judged = false;
+        uplink.cycles = 0;
         uplink.is_unwatched = true;
         uplink.is_routed = false;
         uplink.evaluated_s.reset();
@@ -337,6 +374,7 @@ void World::forget_states() {
             target.failure_run = 0;
             target.quality.reset();
             target.fault.clear();
+            target.was_answered = target.is_broken = false;
         }
     }
     for (auto& [key, rule] : rules_) {

@@ -16,6 +16,7 @@
 namespace lbwatch {
 
 /// `unknown`: the daemon has not judged the uplink since it started, or no longer evaluates it.
+/// What it holds inactive although there was time for the answers that it asks for is `failed`.
 enum class UplinkState { unknown, active, failed };
 enum class Verdict { unknown, success, failure };
 
@@ -45,6 +46,8 @@ struct Target {
     int failure_run = 0;
     std::optional<lbshow::Quality> quality;  ///< of an extended ping that has run
     std::string fault;                       ///< why the latest failed result is one
+    bool was_answered = false;               ///< since the daemon started
+    bool is_broken = false;                  ///< a run of answers has ended since then
     std::uint64_t answered = 0;              ///< cycles since this program started
     std::uint64_t missed = 0;
 };
@@ -67,6 +70,7 @@ struct Uplink {
     // The rest serves World alone.
     bool is_told = false;    ///< some event or the history knows it
     bool is_judged = false;  ///< since the daemon started
+    int cycles = 0;          ///< seen since then
     bool has_been_read = false;
     bool had_success = false;  ///< the daemon that runs knows when it last was judged so
     bool had_failure = false;
@@ -135,6 +139,7 @@ class World {
                   std::int64_t written_s, const Moment& now, Changes& changes);
     UplinkState judged(Uplink& uplink, const lbshow::Interface& item, std::int64_t written_s,
                        const Moment& now) const;
+    bool has_had_time(const Uplink& uplink, const lbshow::Interface& item, const Moment& now) const;
     static void tell_details(const UplinkKey& key, Uplink& uplink, const lbshow::Interface& item,
                              const Moment& now, std::vector<Event>& events);
     static void tell_state(const UplinkKey& key, Uplink& uplink, const Moment& now,

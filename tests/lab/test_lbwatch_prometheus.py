@@ -31,9 +31,13 @@ class Rules(LabTest):
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
         with open(RULES, encoding="utf-8") as rules, open(RULE_TESTS, encoding="utf-8") as tests:
             names, tested = re.findall(r"alert: (\w+)", rules.read()), tests.read()
-        self.assertEqual(len(names), 6)
+        self.assertEqual(len(names), 8)
         for name in names:
             self.assertIn(f"alertname: {name}\n", tested)
+        with open(DASHBOARD, encoding="utf-8") as file:
+            panels = {panel["title"]: panel["targets"] for panel in json.load(file)["panels"]}
+        availability = panels["Availability over a day"][0]["expr"].replace("$router", ".*")
+        self.assertIn(f"expr: '{availability}'\n", tested)
 
 
 @unittest.skipUnless(program("prometheus") and program("prometheus-alertmanager"),

@@ -154,7 +154,7 @@ class Web(Scripted):
     def test_stream_tells_events_as_they_come(self):
         watch = self.settled()
         with socket.create_connection(ADDRESS, timeout=15) as stream:
-            stream.sendall(b"GET /events HTTP/1.1\r\nHost: x\r\n\r\n")
+            stream.sendall(b"GET /events HTTP/1.1\r\nHost: 127.0.0.1:9837\r\n\r\n")
             received = stream.recv(65536).decode()
             self.assertIn("Content-Type: text/event-stream", received)
             with self.daemon.lock:
@@ -204,6 +204,12 @@ class Web(Scripted):
         self.assertIn(" 431 ", send(b"GET / HTTP/1.1\r\nX: " + b"a" * 20000))
         self.assertEqual(get("/metrics")[0], 200)
         self.assertTrue(watch.running())
+
+    def test_uplink_that_nobody_knows_is_not_answered_with_nothing(self):
+        self.settled()
+        for path in ("/api/report", "/api/events"):
+            self.assertEqual(get(f"{path}?uplink=eth0")[0], 200, path)
+            self.assertEqual(get(f"{path}?uplink=nope")[::2], (404, "no uplink is known that is called 'nope'\n"), path)
 
     def test_request_that_does_not_end_is_closed(self):
         self.settled()
@@ -275,19 +281,55 @@ class Keeping(Scripted):
 
         self.assertEqual([json.loads(line) for line in done.stdout.splitlines()], told)
 
+    def test_outage_of_which_a_kill_hid_the_end_is_in_the_report(self):
+        watch = self.settled("--hooks", "none")
+        with self.daemon.lock:
+            self.daemon.fail(self.two)
+        failed = watch.expect_state("eth1", "failed")
+
+        def kept_ms():
+            with sqlite3.connect(f"file:{HISTORY}?mode=ro", uri=True) as database:
+                return database.execute("SELECT max(end_ms - begin_ms) FROM span WHERE state = 'failed'").fetchone()[0]
+
+        # How long it has lasted is not left to the next minute.
+        expect(lambda: (kept_ms() or 0) >= 3000, within=15)
+        watch.kill()
+        with self.daemon.lock:
+            self.daemon.answer(self.two)
+        self.daemon.pass_by(2)
+        again = self.watch("--hooks", "none")
+        again.expect_change("uplink", "failed", "active", "eth1")
+
+        report = json.loads(lbwatch("report", "--json", "--since", "1h", "--uplink", "eth1", "--history", HISTORY).stdout)
+
+        outages = report["uplinks"][0]["outages"]
+        self.assertEqual([(one["begin"], one["begin_seen"], one["end_seen"]) for one in outages],
+                         [(failed["time"], True, False)])
+        self.assertGreaterEqual(outages[0]["seconds"], 3)
+
     def test_full_disk_is_told_and_nothing_is_lost_when_there_is_room_again(self):
         os.mkdir("/run/lbwatch")
         disk = self.lab.disk("/run/lbwatch", pages=200)
-        watch = self.settled("--hooks", "none")
+        os.system("ip link set lo up")
+        watch = self.settled("--hooks", "none", *LISTEN)
+        self.assertEqual(metric(get("/metrics")[2], "lb_history_written"), 1)
         disk.fill()
         with self.daemon.lock:
             self.daemon.fail(self.one)
         expect(lambda: "goes on in memory" in watch.notices)
         watch.expect_state("eth0", "failed")
+        expect(lambda: metric(get("/metrics")[2], "lb_history_written") == 0)
+        self.assertGreaterEqual(metric(get("/metrics")[2], "lb_history_waiting_rows"), 1)
+        self.assertIn("goes on in memory", json.loads(get("/api/state")[2])["history"]["problem"])
+        expect(lambda: "the history goes on in memory" in get("/")[2])
+        # What the file lacks is shown all the same.
+        expect(lambda: "going on" in get("/")[2])
         disk.empty()
         with self.daemon.lock:
             self.daemon.answer(self.one)
         expect(lambda: "is written again; nothing was lost" in watch.notices, within=90)
+        expect(lambda: metric(get("/metrics")[2], "lb_history_written") == 1)
+        self.assertIsNone(json.loads(get("/api/state")[2])["history"]["problem"])
 
         done = lbwatch("events", "--json", "--history", HISTORY)
 

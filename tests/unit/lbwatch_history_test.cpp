@@ -46,6 +46,21 @@ TEST(LbwatchSpans, grow_while_the_state_holds_and_end_where_the_next_begins) {
     EXPECT_TRUE(recorder.take().empty());
 }
 
+TEST(LbwatchSpans, ended_and_open_ones_can_be_looked_at_before_they_are_taken) {
+    SpanRecorder recorder(4);
+    recorder.see(uplinks({{"eth0", active}}), patience, at(0));
+    recorder.see(uplinks({{"eth0", failed}}), patience, at(2));
+    recorder.see(uplinks({{"eth0", failed}}), patience, at(5));
+    ASSERT_EQ(recorder.ended().size(), 1U);
+    EXPECT_EQ(recorder.ended()[0].state, active);
+    ASSERT_EQ(recorder.open().size(), 1U);
+    EXPECT_EQ(recorder.open()[0].state, failed);
+    EXPECT_EQ(recorder.open()[0].end_ms, at(5).wall_ms);
+    EXPECT_EQ(recorder.take().size(), 2U);
+    EXPECT_TRUE(recorder.ended().empty());
+    EXPECT_EQ(recorder.open().size(), 1U);
+}
+
 TEST(LbwatchSpans, time_that_nobody_watched_is_covered_by_none) {
     SpanRecorder recorder(4);
     recorder.see(uplinks({{"eth0", active}}), patience, at(0));
@@ -274,6 +289,8 @@ TEST_F(LbwatchHistory, second_writer_keeps_its_history_in_memory) {
     EXPECT_FALSE(second.commit());
     ASSERT_EQ(notices.size(), 1U);
     EXPECT_NE(notices[0].find("another lbwatch"), std::string::npos);
+    EXPECT_EQ(second.problem(), notices[0]);
+    EXPECT_EQ(first.problem(), "");
 }
 
 TEST_F(LbwatchHistory, folder_that_cannot_be_made_is_waited_for) {
@@ -281,12 +298,16 @@ TEST_F(LbwatchHistory, folder_that_cannot_be_made_is_waited_for) {
     std::ofstream(folder / "file") << "x";
     History history(wrong, notice());
     history.add(event(1, "active", "failed"));
+    EXPECT_EQ(history.problem(), notices.at(0)) << "at its opening";
     EXPECT_FALSE(history.commit());
     EXPECT_FALSE(history.commit());
     ASSERT_EQ(notices.size(), 1U);
     EXPECT_NE(notices[0].find("goes on in memory"), std::string::npos);
+    EXPECT_EQ(history.problem(), notices[0]);
     std::filesystem::remove(folder / "file");
     EXPECT_TRUE(history.commit());
+    EXPECT_EQ(history.problem(), "");
+    EXPECT_EQ(history.lost(), 0U);
     EXPECT_EQ(notices.back(), wrong.string() + " is written again; nothing was lost");
 }
 
@@ -487,6 +508,7 @@ TEST_F(LbwatchHistory, rows_that_wait_are_bounded) {
     }
     EXPECT_FALSE(history.commit());
     EXPECT_EQ(history.waiting(), 5000U);
+    EXPECT_EQ(history.lost(), 1000U);
     std::filesystem::remove(folder / "file");
     EXPECT_TRUE(history.commit());
     EXPECT_NE(notices.back().find("; 1000 rows were lost"), std::string::npos);
@@ -512,6 +534,7 @@ TEST_F(LbwatchHistory, minutes_and_spans_that_wait_are_bounded_and_those_lost_ar
     history.add(std::move(spans));
     EXPECT_FALSE(history.commit());
     EXPECT_EQ(history.waiting(), 25'000U);
+    EXPECT_EQ(history.waiting_spans().size(), 5000U);
     std::filesystem::remove(folder / "file");
     EXPECT_TRUE(history.commit());
     EXPECT_NE(notices.back().find("; 7 rows were lost"), std::string::npos) << notices.back();

@@ -123,6 +123,18 @@ TEST(Metrics, of_a_daemon_that_was_never_seen_are_not_made_up) {
               "lb_build_info{version=\"1.2\"} 1\nlb_up 0\n");
 }
 
+TEST(Metrics, tell_whether_the_history_is_written) {
+    View view;
+    view.history = "/var/lib/lb/history.db";
+    EXPECT_EQ(samples_of(view, {.wall_ms = 0, .boot_ms = 0}),
+              "lb_build_info{version=\"1.2\"} 1\nlb_up 0\nlb_history_written 1\n"
+              "lb_history_waiting_rows 0\nlb_history_lost_rows_total 0\n");
+    view.history_state = {.problem = "full", .waiting_rows = 12, .lost_rows = 3};
+    EXPECT_EQ(samples_of(view, {.wall_ms = 0, .boot_ms = 0}),
+              "lb_build_info{version=\"1.2\"} 1\nlb_up 0\nlb_history_written 0\n"
+              "lb_history_waiting_rows 12\nlb_history_lost_rows_total 3\n");
+}
+
 TEST(Metrics, of_a_watcher_that_stands_still_are_unknown_and_not_the_last_ones) {
     Board board;
     View view = one_uplink();

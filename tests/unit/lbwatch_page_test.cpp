@@ -169,6 +169,15 @@ TEST_F(LbwatchPage, says_when_nothing_is_known_of_the_uplinks) {
     expect("told nothing for 10m 0s: nothing is known");
 }
 
+TEST_F(LbwatchPage, says_when_the_history_is_not_written) {
+    expect_none("class=\"notice\">h");
+    view.history = "h";
+    view.history_state = {.problem = "h <cannot> be written", .waiting_rows = 12, .lost_rows = 0};
+    expect("<p class=\"notice\">h &lt;cannot&gt; be written. 12 rows wait.</p>");
+    view.history_state.lost_rows = 3;
+    expect("12 rows wait, 3 were lost.</p>");
+}
+
 TEST_F(LbwatchPage, latest_event_comes_first) {
     Event first;
     first.time_ms = at(1).wall_ms;

@@ -90,6 +90,19 @@ TEST(LbwatchOutages, rows_that_follow_each_other_are_one) {
     EXPECT_EQ(uplink.outages.size(), 1U);
 }
 
+TEST(LbwatchOutages, begin_alone_is_one_of_a_cycle) {
+    const auto uplink = only(report_of(1000, {span(0, 300, active), span(300, 300, failed, "why"),
+                                              span(330, 600, active), span(600, 600, active)}));
+    ASSERT_EQ(uplink.outages.size(), 1U);
+    EXPECT_EQ(uplink.outages[0].begin_ms, at(300).wall_ms);
+    EXPECT_EQ(uplink.outages[0].end_ms, at(301).wall_ms);
+    EXPECT_TRUE(uplink.outages[0].is_begin_seen);
+    EXPECT_FALSE(uplink.outages[0].is_end_seen);
+    EXPECT_EQ(uplink.outages[0].reason, "why");
+    EXPECT_EQ(uplink.flaps, 1);
+    EXPECT_LT(*uplink.availability(), 100.0);
+}
+
 TEST(LbwatchPeriods, are_clipped_to_what_is_asked) {
     const auto uplink = only(report_of(100, {span(-50, 30, failed), span(30, 500, active)}));
     EXPECT_EQ(uplink.failed_ms, 30'000);

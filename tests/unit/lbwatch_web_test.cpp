@@ -213,6 +213,82 @@ TEST_F(LbwatchWeb, events_of_this_run_are_told_where_the_history_cannot_be_read)
     board.publish(view, now());
     board.add(event("seen", minute_ms));
     EXPECT_EQ(count_of(body("/api/events"), "\"uplink\":\"seen\""), 1);
+    EXPECT_THAT(get("/api/events"), HasSubstr("\r\nX-From-Memory: there is no history at "));
+    EXPECT_EQ(count_of(body("/api/events?uplink=seen"), "\"uplink\":\"seen\""), 1);
+}
+
+TEST_F(LbwatchWeb, uplink_that_nobody_knows_is_refused) {
+    keep_history([](History& history) {
+        history.add(event("told", minute_ms));
+        history.add({Span{.uplink = key("kept"),
+                          .state = UplinkState::active,
+                          .begin_ms = 1000,
+                          .end_ms = 2000,
+                          .reason = ""}});
+    });
+    View view = *board.view(now());
+    view.uplinks[key("now")].state = UplinkState::active;
+    board.publish(view, now());
+    for (const char* const known : {"kept", "now"}) {
+        EXPECT_THAT(get(std::string("/api/report?uplink=") + known), StartsWith("HTTP/1.1 200 "));
+        EXPECT_EQ(body(std::string("/api/events?uplink=") + known), "[]\n");
+    }
+    EXPECT_THAT(get("/api/events?uplink=told"), StartsWith("HTTP/1.1 200 "));
+    EXPECT_THAT(get("/api/events"), Not(HasSubstr("X-From-Memory")));
+    for (const char* const target : {"/api/report?uplink=nope", "/api/events?uplink=nope"}) {
+        EXPECT_THAT(get(target), StartsWith("HTTP/1.1 404 "));
+        EXPECT_EQ(body(target), "no uplink is known that is called 'nope'\n");
+    }
+}
+
+/// The file has what was seen up to a minute ago; a watcher that was started anew saw it again.
+TEST_F(LbwatchWeb, time_that_nobody_watched_is_not_painted_in_the_state_of_now) {
+    const std::int64_t now_ms = now().wall_ms;
+    const auto span = [now_ms](UplinkState state, std::int64_t begin_ago, std::int64_t end_ago) {
+        return Span{.uplink = key("eth0"),
+                    .state = state,
+                    .begin_ms = now_ms - begin_ago,
+                    .end_ms = now_ms - end_ago,
+                    .reason = ""};
+    };
+    keep_history([&](History& history) {
+        history.add({span(UplinkState::active, 10 * minute_ms, minute_ms)});
+    });
+    View view = *board.view(now());
+    view.uplinks[key("eth0")].state = UplinkState::active;
+    view.uplinks[key("eth0")].has_been_read = true;
+    view.unwritten.open = {span(UplinkState::active, 4500, 1000)};
+    board.publish(view, now());
+    const std::string told = body("/api/report?since=2m");
+    EXPECT_THAT(told, HasSubstr("\"unwatched_s\":55,"));
+    EXPECT_THAT(told, HasSubstr("\"active_s\":64,"));
+    EXPECT_THAT(body("/"), HasSubstr("<title>unwatched, "));
+}
+
+/// A full disk: the file ends a minute ago, in the middle of a time that was active.
+TEST_F(LbwatchWeb, state_that_the_file_could_not_take_is_shown_as_it_was_seen) {
+    const std::int64_t now_ms = now().wall_ms;
+    const auto span = [now_ms](UplinkState state, std::int64_t begin_ago, std::int64_t end_ago) {
+        return Span{.uplink = key("eth0"),
+                    .state = state,
+                    .begin_ms = now_ms - begin_ago,
+                    .end_ms = now_ms - end_ago,
+                    .reason = "why"};
+    };
+    keep_history([&](History& history) {
+        history.add({span(UplinkState::active, 10 * minute_ms, minute_ms)});
+    });
+    View view = *board.view(now());
+    view.uplinks[key("eth0")].state = UplinkState::failed;
+    view.unwritten.ended = {span(UplinkState::active, 10 * minute_ms, 12'500)};
+    view.unwritten.open = {span(UplinkState::failed, 12'500, 700)};
+    board.publish(view, now());
+    const std::string told = body("/api/report?since=2m");
+    EXPECT_THAT(told, HasSubstr("\"failed_s\":12,"));
+    EXPECT_THAT(told, HasSubstr("\"unwatched_s\":0,"));
+    // A watcher that is held up knows no more than it had seen.
+    board.publish(view, {.wall_ms = now_ms, .boot_ms = now().boot_ms - 31'000});
+    EXPECT_THAT(body("/api/report?since=2m"), HasSubstr("\"failed_s\":11,"));
 }
 
 TEST_F(LbwatchWeb, five_thousand_events_are_told_and_the_latest_of_more) {
@@ -269,7 +345,9 @@ TEST_F(LbwatchWeb, report_comes_in_three_formats) {
     EXPECT_THAT(body("/api/report?since=1w"), HasSubstr("\"answered\":59,\"missed\":1,"));
     // A longer one is made without the minutes.
     EXPECT_THAT(body("/api/report?since=8d"), HasSubstr("\"targets\":[]"));
-    EXPECT_THAT(body("/api/report?uplink=eth1"), EndsWith("\"uplinks\":[]}\n"));
+    EXPECT_THAT(body("/api/report?format=json&since=1m&uplink=eth0"), EndsWith("}\n"));
+    EXPECT_THAT(get("/api/report?format=xml"), StartsWith("HTTP/1.1 400 "));
+    EXPECT_EQ(body("/api/report?format=xml"), "format is json, html or csv\n");
     EXPECT_THAT(get("/api/report?format=html"), HasSubstr("\r\nContent-Type: text/html; charset"));
     EXPECT_THAT(body("/api/report?format=html"), HasSubstr("<h1>Uplink report</h1>"));
     EXPECT_THAT(get("/api/report?format=csv"), HasSubstr("\r\nContent-Type: text/csv; charset"));

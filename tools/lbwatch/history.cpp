@@ -83,8 +83,7 @@ bool History::open() {
         // Held as long as this program runs; the lock ends with it, the file may stay.
         Fd lock(::open((path_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640));
         if (lock.is_open() && flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-            is_refused_ = true;
-            notice_(path_ + " is written by another lbwatch; this one keeps its history in memory");
+            refuse("is written by another lbwatch; this one keeps its history in memory");
             return false;
         }
         lock_ = std::move(lock);
@@ -131,11 +130,10 @@ std::optional<History::Failure> History::prepare() {
         return failure();
     }
     if (*version > history_version) {
-        is_refused_ = true;
-        notice_(path_ +
-                " was written by a newer version of lbwatch; it stays as it is, and this "
-                "one keeps its history in memory: install that version again, or give "
-                "another file with --history");
+        refuse(
+            "was written by a newer version of lbwatch; it stays as it is, and this "
+            "one keeps its history in memory: install that version again, or give "
+            "another file with --history");
         return Failure{};
     }
     // Readers must not wait for the writer, nor it for them.
@@ -236,12 +234,13 @@ bool History::commit() {
             events_.clear();
             minutes_.clear();
             spans_.clear();
-            if (is_failing_) {
+            if (!problem_.empty()) {
                 notice_(path_ + " is written again" +
-                        (lost_ == 0 ? "; nothing was lost"
-                                    : "; " + std::to_string(lost_) + " rows were lost"));
-                is_failing_ = false;
-                lost_ = 0;
+                        (lost_ == lost_before_
+                             ? "; nothing was lost"
+                             : "; " + std::to_string(lost_ - lost_before_) + " rows were lost"));
+                problem_.clear();
+                lost_before_ = lost_;
             }
             return true;
         }
@@ -266,14 +265,33 @@ int History::write_all() {
     return is_error(code) ? code : database_->run("COMMIT");
 }
 
+/// A file that is not this one's to write stays as it is.
+void History::refuse(const std::string& why) {
+    is_refused_ = true;
+    problem_ = path_ + " " + why;
+    notice_(problem_);
+}
+
+/// It is tried again; the first reason is told, and stays until it is written.
 void History::fail(int code, const std::string& error) {
-    if (is_failing_) {
+    if (!problem_.empty()) {
         return;
     }
-    is_failing_ = true;
     const bool is_full = (code & 0xff) == SQLITE_FULL;
-    notice_(path_ + " cannot be written (" + error + "); the history goes on in memory" +
-            (is_full ? " until there is room on the disk" : ""));
+    problem_ = path_ + " cannot be written (" + error + "); the history goes on in memory" +
+               (is_full ? " until there is room on the disk" : "");
+    notice_(problem_);
+    if (is_full) {
+        problem_ += "; look: df " + std::filesystem::path(path_).parent_path().string();
+    }
+}
+
+std::vector<Span> History::waiting_spans() const {
+    std::vector<Span> spans;
+    for (const auto& [key, span] : spans_) {
+        spans.push_back(span);
+    }
+    return spans;
 }
 
 void History::keep_within_bounds() {

@@ -67,6 +67,12 @@ class History {
     /// Deletes what is older than it is kept, and the oldest of more rows than that.
     void forget_old(std::int64_t now_ms, const MostRows& most = {});
 
+    /// Why the file is not written; empty where it is.
+    const std::string& problem() const { return problem_; }
+    /// Rows that no memory was left for, since this program started.
+    std::uint64_t lost() const { return lost_; }
+    /// Spans that wait.
+    std::vector<Span> waiting_spans() const;
     std::size_t waiting() const { return events_.size() + minutes_.size() + spans_.size(); }
     /// Whether the file is this one's to write: it is no newer version's, and no other run's.
     bool is_own() const { return !is_refused_; }
@@ -84,6 +90,7 @@ class History {
     void remember();
     int write_all();
     void fail(int code, const std::string& error);
+    void refuse(const std::string& why);
     void keep_within_bounds();
     bool delete_beyond(const std::string& sql, std::int64_t most);
 
@@ -93,9 +100,10 @@ class History {
     std::unique_ptr<Database> database_;
     std::optional<std::pair<dev_t, ino_t>> file_;  ///< that the database is in
     bool is_refused_ = false;  ///< a newer version's, or another run's: never touched
-    bool is_failing_ = false;
+    std::string problem_;
     bool has_told_most_ = false;  ///< that there are more rows than are kept
-    std::size_t lost_ = 0;
+    std::uint64_t lost_ = 0;
+    std::uint64_t lost_before_ = 0;  ///< told already
     Remembered remembered_;
     HistoryTables tables_;
     std::deque<Event> events_;

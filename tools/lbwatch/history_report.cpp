@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <ctime>
-#include <map>
+#include <iterator>
 
 #include "lbwatch/report_text.h"
 
@@ -25,40 +25,31 @@ int local_hour(std::int64_t minute) {
 std::int64_t end_of(const std::vector<Span>& spans, std::int64_t until_ms, std::int64_t now_ms) {
     std::int64_t latest_ms = 0;
     for (const Span& span : spans) {
-        latest_ms = std::max(latest_ms, span.end_ms);
+        latest_ms = std::max(latest_ms, shown_end_ms(span));
     }
     return until_ms >= now_ms && now_ms - latest_ms < written_every_ms
                ? std::min(until_ms, latest_ms)
                : until_ms;
 }
 
-/// The states as they are, from where the file ends up to now.
-void append_current(std::vector<Span>& spans, const World::Uplinks& current, std::int64_t now_ms) {
-    std::map<UplinkKey, std::int64_t> latest;
-    for (const Span& span : spans) {
-        latest[span.uplink] = std::max(latest[span.uplink], span.end_ms);
-    }
-    for (const auto& [key, uplink] : current) {
-        const auto end = latest.find(key);
-        if (end == latest.end() || !uplink.has_been_read || uplink.is_unwatched ||
-            now_ms - end->second >= written_every_ms || now_ms <= end->second) {
-            continue;
-        }
-        spans.push_back({.uplink = key,
-                         .state = uplink.state,
-                         .begin_ms = end->second,
-                         .end_ms = now_ms,
-                         .reason = uplink.reason});
-    }
+/// Lays those that tell of the time and the uplink asked for over the file's.
+void append(std::vector<Span>& spans, const std::vector<Span>& unwritten,
+            const HistoryReader::Selection& selection) {
+    std::copy_if(unwritten.begin(), unwritten.end(), std::back_inserter(spans),
+                 [&selection](const Span& span) {
+                     return shown_end_ms(span) > selection.since_ms &&
+                            span.begin_ms < selection.until_ms &&
+                            (selection.uplink.empty() || span.uplink.name == selection.uplink);
+                 });
 }
 
 }  // namespace
 
 Report report_of(HistoryReader& history, HistoryReader::Selection selection, bool with_minutes,
-                 std::int64_t now_ms, const World::Uplinks* current) {
+                 std::int64_t now_ms, const std::vector<Span>* unwritten) {
     std::vector<Span> spans = history.spans(selection);
-    if (current != nullptr) {
-        append_current(spans, *current, now_ms);
+    if (unwritten != nullptr) {
+        append(spans, *unwritten, selection);
     } else {
         selection.until_ms = end_of(spans, selection.until_ms, now_ms);
     }

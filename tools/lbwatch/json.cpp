@@ -163,12 +163,22 @@ std::string json_of(const View& view, const Moment& now) {
         rules.push_back(
             {{"rule", key.name}, {"namespace", key.namespace_name}, {"destinations", used}});
     }
+    Json history = nullptr;
+    if (!view.history.empty()) {
+        const HistoryState& state = view.history_state;
+        history = {{"file", view.history},
+                   {"written", state.problem.empty()},
+                   {"problem", state.problem.empty() ? Json(nullptr) : Json(state.problem)},
+                   {"waiting_rows", state.waiting_rows},
+                   {"lost_rows", state.lost_rows}};
+    }
     const auto age_s = seconds_since(view.last_written_boot_ms, now);
     return text_of_json({{"time", rfc3339(now.wall_ms)},
                          {"daemon", word_of(view.daemon)},
                          {"dump_age_s", age_s ? Json(*age_s) : Json(nullptr)},
                          {"uplinks", std::move(uplinks)},
-                         {"rules", std::move(rules)}});
+                         {"rules", std::move(rules)},
+                         {"history", std::move(history)}});
 }
 
 std::string json_of(const Event& event) {

@@ -97,6 +97,18 @@ std::string daemon_notice(const View& view, const Moment& now) {
     return "";
 }
 
+std::string history_notice(const HistoryState& history) {
+    if (history.problem.empty()) {
+        return "";
+    }
+    std::string text = "<p class=\"notice\">" + escaped(history.problem) + ". ";
+    text += std::to_string(history.waiting_rows) + " rows wait";
+    if (history.lost_rows > 0) {
+        text += ", " + std::to_string(history.lost_rows) + " were lost";
+    }
+    return text + ".</p>";
+}
+
 std::string shown_time(const Report& shown) {
     const std::int64_t minutes = (shown.until_ms - shown.since_ms) / 60'000;
     return minutes >= 120 ? std::to_string(minutes / 60) + " hours"
@@ -134,13 +146,13 @@ std::string live_page(const View& view, const Report& day, const std::vector<Eve
     for (const UplinkReport& uplink : day.uplinks) {
         known[uplink.uplink] = &uplink;
     }
-    std::string text = page_head("Uplinks", true) +
-                       "<body>\n<div id=\"live\">\n<header class=\"top\"><h1>" + summary_of(view) +
-                       "</h1><p class=\"sub\">" + local_time(now.wall_ms) + ", the last " +
-                       shown_time(day) + "</p>" + daemon_notice(view, now) +
-                       "<p class=\"notice\" id=\"connection\" hidden>The watcher does not answer; "
-                       "this is what it told last.</p>" +
-                       legend() + "</header>\n<main>\n";
+    std::string text =
+        page_head("Uplinks", true) + "<body>\n<div id=\"live\">\n<header class=\"top\"><h1>" +
+        summary_of(view) + "</h1><p class=\"sub\">" + local_time(now.wall_ms) + ", the last " +
+        shown_time(day) + "</p>" + daemon_notice(view, now) + history_notice(view.history_state) +
+        "<p class=\"notice\" id=\"connection\" hidden>The watcher does not answer; "
+        "this is what it told last.</p>" +
+        legend() + "</header>\n<main>\n";
     for (const auto& [key, uplink] : view.uplinks) {
         UplinkReport nothing;
         nothing.uplink = key;

@@ -118,6 +118,15 @@ std::string metrics_of(const View& view, const std::string& version, const Momen
         all.gauge("lb_dump_age_seconds", "Time since a dump was last rewritten and believed.", {},
                   static_cast<double>(now.boot_ms - *view.last_written_boot_ms) / 1000.0);
     }
+    if (!view.history.empty()) {
+        all.gauge("lb_history_written", "1 while the history is written to its file.", {},
+                  view.history_state.problem.empty() ? 1 : 0);
+        all.gauge("lb_history_waiting_rows",
+                  "Rows of the history that wait in memory to be written.", {},
+                  static_cast<double>(view.history_state.waiting_rows));
+        all.counter("lb_history_lost_rows_total", "Rows of the history that were lost.", {},
+                    static_cast<double>(view.history_state.lost_rows));
+    }
     for (const auto& [key, uplink] : view.uplinks) {
         add_uplink(all, key, uplink);
     }

@@ -46,6 +46,14 @@ void SpanRecorder::stop() {
     last_.reset();
 }
 
+std::vector<Span> SpanRecorder::open() const {
+    std::vector<Span> spans;
+    for (const auto& [key, open] : open_) {
+        spans.push_back(open.span);
+    }
+    return spans;
+}
+
 std::vector<Span> SpanRecorder::take() {
     std::vector<Span> spans = std::move(closed_);
     closed_.clear();

@@ -41,6 +41,12 @@ struct Minute {
     bool operator==(const Minute&) const = default;
 };
 
+/// Spans that a history file may lack. Those of `open` go on as long as nothing else is seen.
+struct Unwritten {
+    std::vector<Span> ended;
+    std::vector<Span> open;
+};
+
 /// Makes spans of looks at the uplinks of one family, which one dump tells.
 class SpanRecorder {
   public:
@@ -52,6 +58,10 @@ class SpanRecorder {
 
     /// Nothing is seen any more until the next look.
     void stop();
+
+    /// What the next take() gives of ended ones, and the open ones as far as they were seen.
+    const std::vector<Span>& ended() const { return closed_; }
+    std::vector<Span> open() const;
 
     /// Spans that are new or have grown since the last call. An open one comes again, with the same
     /// uplink and begin, whenever it has grown.

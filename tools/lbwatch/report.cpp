@@ -108,6 +108,12 @@ std::optional<double> UplinkReport::availability() const {
                                                static_cast<double>(judged_ms));
 }
 
+std::int64_t shown_end_ms(const Span& span) {
+    constexpr std::int64_t cycle_ms = 1000;
+    const bool is_begin_alone = span.state == UplinkState::failed && span.end_ms == span.begin_ms;
+    return is_begin_alone ? span.begin_ms + cycle_ms : span.end_ms;
+}
+
 std::string percent_text(double percent) {
     std::array<char, 32> text{};
     snprintf(text.data(), text.size(), "%.3f %%", std::floor(percent * 1000.0) / 1000.0);
@@ -153,7 +159,7 @@ void ReportMaker::lay(std::map<std::int64_t, Piece>& pieces, Piece piece) const 
 void ReportMaker::add(const std::vector<Span>& spans) {
     for (const Span& span : spans) {
         lay(uplinks_[span.uplink].pieces, {.begin_ms = span.begin_ms,
-                                           .end_ms = span.end_ms,
+                                           .end_ms = shown_end_ms(span),
                                            .known = known_of(span.state),
                                            .reason = span.reason});
     }

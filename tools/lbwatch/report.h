@@ -90,6 +90,10 @@ struct Report {
     std::vector<UplinkReport> uplinks;
 };
 
+/// Where a span ends for a report. A watcher that was killed with its machine may have written no
+/// more of an outage than that it began: it lasted a cycle at least.
+std::int64_t shown_end_ms(const Span& span);
+
 /// Makes a report: spans first, in the order of their recording, then minutes in any order.
 class ReportMaker {
   public:

@@ -209,4 +209,14 @@ std::vector<Span> Session::take_spans() {
     return spans;
 }
 
+Unwritten Session::unwritten() const {
+    Unwritten all;
+    for (const SpanRecorder* const spans : {&spans4_, &spans6_}) {
+        all.ended.insert(all.ended.end(), spans->ended().begin(), spans->ended().end());
+        const std::vector<Span> open = spans->open();
+        all.open.insert(all.open.end(), open.begin(), open.end());
+    }
+    return all;
+}
+
 }  // namespace lbwatch

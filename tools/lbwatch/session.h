@@ -43,6 +43,8 @@ class Session {
     bool is_clock_trusted(const Moment& now) const;
 
     std::vector<Span> take_spans();
+    /// Those that are not taken yet, and those that go on.
+    Unwritten unwritten() const;
     std::vector<Minute> take_minutes(const Moment& now, bool with_current) {
         return minutes_.take(now, with_current);
     }

@@ -22,6 +22,7 @@ namespace {
 /// so that one cycle is read once.
 constexpr std::int64_t settle_ms = 100;
 constexpr std::int64_t second_ms = 1000;
+constexpr std::int64_t minute_ms = 60'000;
 constexpr std::int64_t hour_ms = 3'600'000;
 /// What the history file could not take waits in memory, and is offered so often.
 constexpr std::int64_t write_again_ms = 5000;
@@ -168,11 +169,12 @@ void Watcher::tick(const Moment& now) {
     if (!events.empty()) {
         publish();
     }
-    const std::int64_t minute = now.wall_ms / 60'000;
+    const std::int64_t minute = now.wall_ms / minute_ms;
     if (minute != last_minute_) {
         keep(now, false);
         last_minute_ = minute;
     }
+    keep_what_is_young(now);
     if (history_ != nullptr) {
         history_->follow_file();
     }
@@ -180,6 +182,9 @@ void Watcher::tick(const Moment& now) {
         now.boot_ms - written_again_boot_ms_ >= write_again_ms) {
         written_again_boot_ms_ = now.boot_ms;
         history_->commit();
+    }
+    if (history_state() != published_history_) {
+        publish();
     }
     if (history_ != nullptr && now.boot_ms - forgotten_boot_ms_ >= hour_ms &&
         session_.is_clock_trusted(now)) {
@@ -228,6 +233,30 @@ void Watcher::distribute(const std::vector<Event>& events, const Moment& now) {
         history_->add(session_.take_spans());
         history_->commit();
     }
+    if (std::any_of(events.begin(), events.end(),
+                    [](const Event& event) { return event.kind == EventKind::uplink; })) {
+        changed_boot_ms_ = spans_kept_boot_ms_ = now.boot_ms;
+    }
+}
+
+/// A state that has just begun is written again 1, 2, 4, ... seconds later, and with every minute
+/// from then on: of what an end without notice leaves, a half at least is in the file.
+void Watcher::keep_what_is_young(const Moment& now) {
+    const std::int64_t age = now.boot_ms - changed_boot_ms_;
+    const std::int64_t kept_age = spans_kept_boot_ms_ - changed_boot_ms_;
+    if (history_ == nullptr || age > minute_ms || age < std::max(second_ms, 2 * kept_age)) {
+        return;
+    }
+    spans_kept_boot_ms_ = now.boot_ms;
+    history_->add(session_.take_spans());
+    history_->commit();
+}
+
+HistoryState Watcher::history_state() const {
+    return history_ == nullptr ? HistoryState()
+                               : HistoryState{.problem = history_->problem(),
+                                              .waiting_rows = history_->waiting(),
+                                              .lost_rows = history_->lost()};
 }
 
 /// Shows what is known now; without a listener nobody looks.
@@ -235,11 +264,19 @@ void Watcher::publish() {
     if (options_.listen.empty()) {
         return;
     }
+    published_history_ = history_state();
+    Unwritten unwritten = session_.unwritten();
+    if (history_ != nullptr) {
+        std::vector<Span> waiting = history_->waiting_spans();
+        unwritten.ended.insert(unwritten.ended.begin(), waiting.begin(), waiting.end());
+    }
     board_.publish({.uplinks = session_.world().uplinks(),
                     .rules = session_.world().rules(),
                     .daemon = session_.daemon().state(),
                     .last_written_boot_ms = session_.daemon().last_written_boot_ms(),
-                    .history = options_.history == "none" ? "" : options_.history},
+                    .history = options_.history == "none" ? "" : options_.history,
+                    .history_state = published_history_,
+                    .unwritten = std::move(unwritten)},
                    now());
 }
 

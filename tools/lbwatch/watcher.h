@@ -48,6 +48,8 @@ class Watcher {
     void distribute(const std::vector<Event>& events, const Moment& now);
     void end_hooks();
     void publish();
+    HistoryState history_state() const;
+    void keep_what_is_young(const Moment& now);
     void keep(const Moment& now, bool with_current);
     static void notice(const std::string& line);
 
@@ -66,6 +68,9 @@ class Watcher {
     std::int64_t read_at_boot_ms_ = 0;  ///< when the dirty files are read
     std::int64_t next_second_boot_ms_ = 0;
     std::int64_t last_minute_ = 0;
+    std::int64_t changed_boot_ms_ = 0;  ///< when an uplink's state changed last
+    std::int64_t spans_kept_boot_ms_ = 0;
+    HistoryState published_history_;
     std::int64_t forgotten_boot_ms_ = 0;  ///< when old rows were last deleted
     std::int64_t written_again_boot_ms_ = 0;
     std::int64_t searched_boot_ms_ = 0;  ///< when the process was last looked for

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "lbshow/plain_text.h"
 #include "lbwatch/history_report.h"
 #include "lbwatch/json.h"
 #include "lbwatch/live_page.h"
@@ -83,6 +84,19 @@ std::string bare_answer(const char* status, const char* text) {
     return std::string("HTTP/1.1 ") + status +
            "\r\nAllow: GET, HEAD\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Length: " +
            std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
+}
+
+/// What the file may lack. A state that goes on is shown up to now as long as it is believed.
+std::vector<Span> unwritten_of(const View& view, std::int64_t now_ms) {
+    std::vector<Span> spans = view.unwritten.ended;
+    for (Span span : view.unwritten.open) {
+        const auto found = view.uplinks.find(span.uplink);
+        if (found != view.uplinks.end() && found->second.state == span.state) {
+            span.end_ms = std::max(span.end_ms, now_ms);
+        }
+        spans.push_back(std::move(span));
+    }
+    return spans;
 }
 
 bool is_plain(char character) {
@@ -175,10 +189,10 @@ class Web::Routes : public httplib::Server {
                 shown_ms /= 2;
                 last.since_ms = at.wall_ms - shown_ms;
             }
-            Report read = report_of(history, last, false, at.wall_ms, &view->uplinks);
+            const std::vector<Span> unwritten = unwritten_of(*view, at.wall_ms);
+            day = report_of(history, last, false, at.wall_ms, &unwritten);
             std::vector<Event> kept = history.latest(listed_events);
             if (history.problem().empty()) {
-                day = std::move(read);
                 events = std::move(kept);
             }
         }
@@ -208,12 +222,24 @@ class Web::Routes : public httplib::Server {
         return true;
     }
 
+    /// Whether this run has an uplink of that name; else the history is asked.
+    static bool has_uplink(const View& view, const std::string& name) {
+        return std::any_of(view.uplinks.begin(), view.uplinks.end(),
+                           [&name](const auto& entry) { return entry.first.name == name; });
+    }
+
+    /// A name with a typing error is not answered with nothing, which looks as if all were well.
+    static void refuse_uplink(httplib::Response& answer, const std::string& name) {
+        text_answer(answer, 404, "no uplink is known that is called '" + name + "'");
+    }
+
     void events(const httplib::Request& asked, httplib::Response& answer) const {
         HistoryReader::Selection selection;
         if (!read_selection(asked, answer, selection)) {
             return;
         }
         const auto view = board_.view(now());
+        bool is_known = selection.uplink.empty() || has_uplink(*view, selection.uplink);
         std::deque<Event> found;
         std::string problem = "no history is kept";
         if (!view->history.empty()) {
@@ -226,10 +252,12 @@ class Web::Routes : public httplib::Server {
                     found.pop_front();
                 }
             });
+            is_known = is_known || history.knows(selection.uplink);
             problem = history.problem();
         }
         if (!problem.empty()) {
             // What this run saw is told also where nothing can be kept.
+            answer.set_header("X-From-Memory", lbshow::harmless(problem));
             found.clear();
             for (auto& one : board_.events_after(0)) {
                 if (one.event.time_ms >= selection.since_ms &&
@@ -239,12 +267,21 @@ class Web::Routes : public httplib::Server {
                 }
             }
         }
+        if (!is_known && found.empty()) {
+            refuse_uplink(answer, selection.uplink);
+            return;
+        }
         answer.set_content(json_of({found.begin(), found.end()}) + "\n", "application/json");
     }
 
     void report(const httplib::Request& asked, httplib::Response& answer) const {
         HistoryReader::Selection selection;
         if (!read_selection(asked, answer, selection)) {
+            return;
+        }
+        const std::string format = asked.get_param_value("format");
+        if (!format.empty() && format != "json" && format != "html" && format != "csv") {
+            text_answer(answer, 400, "format is json, html or csv");
             return;
         }
         const auto view = board_.view(now());
@@ -262,12 +299,18 @@ class Web::Routes : public httplib::Server {
         }
         const bool with_minutes =
             selection.until_ms - selection.since_ms <= longest_with_minutes_ms;
-        const Report made = report_of(history, selection, with_minutes, now().wall_ms);
+        const Moment at = now();
+        const std::vector<Span> unwritten = unwritten_of(*view, at.wall_ms);
+        const Report made = report_of(history, selection, with_minutes, at.wall_ms, &unwritten);
         if (!history.problem().empty()) {
             text_answer(answer, 503, history.problem());
             return;
         }
-        const std::string format = asked.get_param_value("format");
+        if (!selection.uplink.empty() && !has_uplink(*view, selection.uplink) &&
+            !history.knows(selection.uplink)) {
+            refuse_uplink(answer, selection.uplink);
+            return;
+        }
         if (format == "html") {
             answer.set_content(html_of(made), "text/html; charset=utf-8");
         } else if (format == "csv") {

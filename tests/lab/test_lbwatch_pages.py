@@ -1,5 +1,6 @@
 """The report's page and the live one in a real browser: wide and narrow, light and dark."""
 import os
+import signal
 import unittest
 
 from kit import expect, main
@@ -84,8 +85,19 @@ class Pages(Scripted):
         for width, scheme in VIEWS:
             with self.subTest(width=width, scheme=scheme):
                 self.check_view("live", url, width, scheme)
+        expect(lambda: not self.is_lost())
+        # One that answers nothing more, like a router without power, ends no connection.
+        watch.process.send_signal(signal.SIGSTOP)
+        expect(self.is_lost, within=60)
+        watch.process.send_signal(signal.SIGCONT)
+        expect(lambda: not self.is_lost(), within=60)
         watch.kill(15)
-        expect(lambda: "The watcher does not answer" in " ".join(self.browser.texts("#connection")), within=40)
+        expect(self.is_lost, within=40)
+
+    def is_lost(self):
+        """Whether the page says that the watcher does not answer. (The text of what is hidden can be read as well.)"""
+        return self.browser.run("const notice = document.getElementById('connection');"
+                                " return !notice.hidden && notice.innerText.includes('does not answer')")
 
 
 if __name__ == "__main__":

@@ -205,6 +205,17 @@ class Web(Scripted):
         self.assertEqual(get("/metrics")[0], 200)
         self.assertTrue(watch.running())
 
+    def test_request_by_a_name_of_another_machine_is_refused(self):
+        self.settled("--host", "monitor.example.org", "--host", "uplinks.example.org")
+        for path in ("/", "/api/state", "/events"):
+            answer = send(f"GET {path} HTTP/1.1\r\nHost: evil.example:9837\r\n\r\n".encode())
+            self.assertTrue(answer.startswith("HTTP/1.1 421 Misdirected Request\r\n"), answer)
+            self.assertIn("--host NAME\n", answer)
+        for host in ("localhost:9837", "127.0.0.1", f"{os.uname().nodename}.example.org", "Monitor.Example.org",
+                     "uplinks.example.org:9837"):
+            answer = send(f"GET /api/state HTTP/1.1\r\nHost: {host}\r\n\r\n".encode())
+            self.assertTrue(answer.startswith("HTTP/1.1 200 OK\r\n"), f"{host}: {answer}")
+
     def test_uplink_that_nobody_knows_is_not_answered_with_nothing(self):
         self.settled()
         for path in ("/api/report", "/api/events"):

@@ -354,6 +354,22 @@ TEST_F(LbwatchWeb, report_comes_in_three_formats) {
     EXPECT_THAT(body("/api/report?format=csv"), HasSubstr("\r\nuplink,eth0,4,,"));
 }
 
+TEST_F(LbwatchWeb, request_by_a_name_that_is_not_this_machine_s_is_refused) {
+    const Web other(board, "1.2", {"uplinks.example.org"});
+    for (const char* const path : {"/", "/page.js", "/metrics", "/api/state", "/events"}) {
+        const std::string line = std::string("GET ") + path + " HTTP/1.1";
+        const std::string refused = answer(line + "\r\nHost: evil.example:9837");
+        EXPECT_THAT(refused, StartsWith("HTTP/1.1 421 Misdirected Request\r\n")) << path;
+        EXPECT_THAT(refused, HasSubstr("--host NAME")) << path;
+    }
+    EXPECT_FALSE(web.is_meant("GET /events HTTP/1.1\r\nHost: uplinks.example.org\r\n\r\n"));
+    EXPECT_TRUE(other.is_meant("GET /events HTTP/1.1\r\nHost: uplinks.example.org\r\n\r\n"));
+    for (const std::string& host : {std::string("127.0.0.1:9837"), own_host_name()}) {
+        EXPECT_THAT(answer("GET /api/state HTTP/1.1\r\nHost: " + host), StartsWith("HTTP/1.1 200 "))
+            << host;
+    }
+}
+
 TEST(LbwatchStream, is_asked_for_by_its_address_alone) {
     std::uint64_t after = 7;
     EXPECT_TRUE(Web::is_stream("GET /events HTTP/1.1\r\n\r\n", after));

@@ -58,8 +58,9 @@ bool split(const std::string& text, std::string& address, std::string& port) {
 
 }  // namespace
 
-Listener::Listener(const std::string& address, const Board& board, const std::string& version)
-    : board_(board), web_(board, version), ending_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+Listener::Listener(const std::string& address, const Board& board, const std::string& version,
+                   const std::vector<std::string>& hosts)
+    : board_(board), web_(board, version, hosts), ending_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     open(address);
     if (problem_.empty()) {
         // Signals are the caller's.
@@ -163,7 +164,8 @@ void Listener::answer(Connection& connection, std::int64_t now_ms) {
             "Connection: close\r\n\r\n";
     } else if (pending > most_pending) {
         connection.out = busy;
-    } else if (Web::is_stream(connection.in.substr(0, end + 4), after)) {
+    } else if (web_.is_meant(connection.in.substr(0, end + 4)) &&
+               Web::is_stream(connection.in.substr(0, end + 4), after)) {
         connection.is_stream = streams < most_streams;
         connection.out = connection.is_stream ? stream_head : busy;
         // A number of another run of this program says nothing here.
@@ -185,7 +187,7 @@ void Listener::feed(Connection& connection, std::int64_t now_ms) const {
         connection.heard_boot_ms = now_ms;
     }
     if (now_ms - connection.heard_boot_ms >= heartbeat_ms) {
-        connection.out += ": still here\n\n";
+        connection.out += "event: beat\ndata: still here\n\n";
         connection.heard_boot_ms = now_ms;
     }
 }

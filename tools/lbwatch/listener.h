@@ -4,6 +4,7 @@
 #include <list>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "base/fd.h"
 #include "lbwatch/board.h"
@@ -17,8 +18,9 @@ namespace lbwatch {
 class Listener {
   public:
     /// `address` is ADDRESS:PORT or [ADDRESS]:PORT, numbers alone. Throws nothing: problem() tells
-    /// why it does not listen.
-    Listener(const std::string& address, const Board& board, const std::string& version);
+    /// why it does not listen. `hosts` are names of this machine beside its own.
+    Listener(const std::string& address, const Board& board, const std::string& version,
+             const std::vector<std::string>& hosts = {});
     ~Listener();
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;

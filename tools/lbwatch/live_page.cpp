@@ -13,13 +13,16 @@ const char* const page_script = R"(
 (function () {
   'use strict';
   let timer = null;
+  let heard = Date.now();
   async function refresh() {
     timer = null;
     try {
-      const answer = await fetch('/', { cache: 'no-store' });
+      const answer = await fetch('/', { cache: 'no-store', signal: AbortSignal.timeout(10000) });
       if (!answer.ok) throw new Error(answer.status);
       const page = new DOMParser().parseFromString(await answer.text(), 'text/html');
-      document.getElementById('live').replaceWith(page.getElementById('live'));
+      const live = page.getElementById('live');
+      if (!live) throw new Error('another page');
+      document.getElementById('live').replaceWith(live);
     } catch (error) {
       lost();
     }
@@ -29,11 +32,14 @@ const char* const page_script = R"(
     if (notice) notice.hidden = false;
   }
   function soon() { if (timer === null) timer = setTimeout(refresh, 300); }
+  function hear() { heard = Date.now(); }
   const stream = new EventSource('/events');
-  stream.addEventListener('change', soon);
-  stream.onopen = function () { soon(); };
+  stream.addEventListener('change', function () { hear(); soon(); });
+  stream.addEventListener('beat', hear);
+  stream.onopen = function () { hear(); soon(); };
   stream.onerror = lost;
   setInterval(soon, 30000);
+  setInterval(function () { if (Date.now() - heard > 40000) lost(); }, 5000);
 })();
 )";
 

@@ -14,7 +14,9 @@ namespace lbwatch {
 std::string live_page(const View& view, const Report& day, const std::vector<Event>& events,
                       const Moment& now);
 
-/// The script: fetches the page again when an event comes, and every half minute.
+/// The script: fetches the page again when an event comes, and every half minute. It says so where
+/// no answer comes in 10 s, or nothing of the stream for 40 s: of a machine that lost its power no
+/// browser hears for minutes.
 extern const char* const page_script;
 
 }  // namespace lbwatch

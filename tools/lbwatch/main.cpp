@@ -35,6 +35,11 @@ void add_run_options(CLI::App& app, lbwatch::WatchOptions& options) {
     app.add_option("--listen", options.listen,
                    "serve the page, metrics and answers to programs there")
         ->type_name("ADDRESS:PORT");
+    app.add_option("--host", options.hosts,
+                   "answer requests that call this machine so, beside its own name")
+        ->type_name("NAME")
+        ->expected(1)
+        ->take_all();
     app.add_flag("--json", options.as_json, "events as JSON, one object a line");
 }
 

@@ -76,7 +76,7 @@ int Watcher::run() {
     }
     if (!options_.listen.empty()) {
         publish();
-        listener_ = std::make_unique<Listener>(options_.listen, board_, LB_VERSION);
+        listener_ = std::make_unique<Listener>(options_.listen, board_, LB_VERSION, options_.hosts);
         if (!listener_->problem().empty()) {
             notice(listener_->problem());
             return 1;

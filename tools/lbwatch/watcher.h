@@ -26,6 +26,7 @@ struct WatchOptions {
     std::string history = shared::usual_history;  ///< "none": in memory only
     std::string hooks = shared::usual_hooks;      ///< "none": none is run
     std::string listen;                           ///< ADDRESS:PORT; empty: nowhere
+    std::vector<std::string> hosts;               ///< names of this machine beside its own
     bool as_json = false;
 };
 

@@ -327,8 +327,9 @@ class Web::Routes : public httplib::Server {
     std::uint64_t page_for_ = 0;
 };
 
-Web::Web(const Board& board, std::string version)
-    : routes_(std::make_unique<Routes>(board, std::move(version))) {}
+Web::Web(const Board& board, std::string version, std::vector<std::string> hosts)
+    : routes_(std::make_unique<Routes>(board, std::move(version))),
+      hosts_(own_host_name(), std::move(hosts)) {}
 
 Web::~Web() = default;
 
@@ -337,6 +338,11 @@ std::string Web::answer(const std::string& head) {
     const bool is_head = line.starts_with("HEAD ");
     if (!is_head && !line.starts_with("GET ")) {
         return bare_answer("405 Method Not Allowed", "only GET and HEAD are answered");
+    }
+    if (!is_meant(head)) {
+        return bare_answer("421 Misdirected Request",
+                           "this machine does not know itself by the name in the address; ask by "
+                           "its own name or by number, or let lbwatch know it: --host NAME");
     }
     const std::size_t begin = is_head ? 5 : 4;
     const std::size_t end = line.find(' ', begin);

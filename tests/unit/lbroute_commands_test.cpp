@@ -129,7 +129,9 @@ TEST_F(LbrouteCommands, status_tells_what_is_missing_and_what_agrees) {
         put_into_force(served);
         shown = status();
         EXPECT_EQ(shown.status, 1);
-        EXPECT_THAT(shown.output, HasSubstr("no routing daemon runs, so nobody takes over"));
+        EXPECT_THAT(shown.output,
+                    HasSubstr("no routing daemon runs for IPv4 of the default namespace, "
+                              "so nobody takes over"));
         std::ofstream("/run/routing.pid") << getpid() << "\n";
         shown = status();
         EXPECT_EQ(shown.status, 0) << shown.output;
@@ -174,11 +176,22 @@ TEST_F(LbrouteCommands, hold_and_release_tell_what_they_did) {
         EXPECT_EQ(done.output, "wan2 is released in IPv6\n");
         done = released(asked);
         EXPECT_EQ(done.status, 1);
-        EXPECT_EQ(done.errors, "lbroute: wan2 is not held\n");
+        EXPECT_EQ(
+            done.errors,
+            "lbroute: wan2 is not held; what is held ends with: lbroute release wan2 --family "
+            "ipv4\n");
         EXPECT_EQ(released(request("wan2")).output, "wan2 is released in IPv4\n");
         asked = request("wan1");
         asked.namespace_name = "blue";
         EXPECT_EQ(released(asked).errors, "lbroute: wan1 in namespace blue is not held\n");
+        asked = request("wan3");
+        asked.namespace_name = "blue";
+        asked.family = Family::ipv4;
+        EXPECT_THAT(held(asked).output,
+                    HasSubstr(" until lbroute release wan3 --namespace blue --family ipv4\n"));
+        EXPECT_EQ(released(request("wan3")).errors,
+                  "lbroute: wan3 is not held; what is held ends with: lbroute release wan3 "
+                  "--namespace blue --family ipv4\n");
         EXPECT_EQ(held(request("wan1")).output,
                   "wan1 is held in IPv4 until lbroute release wan1\n"
                   "lbroute does not run: the hold counts once it does\n");
@@ -198,7 +211,8 @@ TEST_F(LbrouteCommands, hold_refuses_what_is_no_uplink_or_time) {
         HoldRequest asked = request("wan3");
         asked.namespace_name = "blue";
         EXPECT_EQ(held(asked).output,
-                  "wan3 in namespace blue is held in IPv4 until lbroute release wan3\n"
+                  "wan3 in namespace blue is held in IPv4 until lbroute release wan3 --namespace "
+                  "blue\n"
                   "lbroute does not run: the hold counts once it does\n");
         asked.namespace_name = "red";
         EXPECT_THAT(held(asked).errors, HasSubstr("is called wan3 in namespace red in "));

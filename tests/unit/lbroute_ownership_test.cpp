@@ -106,7 +106,8 @@ TEST_F(LbrouteOwnership, file_that_names_another_running_process_is_refused_by_i
                   shared::process_name(other.pid()) +
                   "), which is running; two routing daemons would undo each other's routes: stop "
                   "it first (kill " +
-                  other.number() + ")");
+                  other.number() + "), or where it is no routing daemon: rm " +
+                  above.file("var/run/routing6.pid"));
     EXPECT_EQ(above.text("var/run/routing6.pid"), other.number() + "\n");
     EXPECT_EQ(above.text("var/run/routing.pid"), "") << "one family's file without the other";
 }
@@ -243,6 +244,20 @@ TEST_F(LbrouteOwnership, damaged_record_is_no_obstacle) {
         above.put("state/instances", garbage);
         EXPECT_EQ(claimed().kind, Kind::owned) << garbage;
     }
+}
+
+TEST_F(LbrouteOwnership, record_that_cannot_be_written_is_told_and_no_obstacle) {
+    above.put("state/instances/in-the-way", "");
+    Ownership ownership = make();
+    const auto outcome = ownership.begin();
+    EXPECT_EQ(outcome.kind, Kind::owned);
+    ASSERT_EQ(outcome.notes.size(), 1U);
+    EXPECT_EQ(outcome.notes[0].find("cannot write " + above.file("state/instances") +
+                                    ": Is a directory; where lbroute is killed"),
+              0U)
+        << outcome.notes[0];
+    EXPECT_EQ(ownership.claim("").kind, Kind::owned);
+    EXPECT_EQ(above.text("var/run/routing.pid"), own_number());
 }
 
 TEST_F(LbrouteOwnership, second_instance_is_refused_while_the_first_lives) {

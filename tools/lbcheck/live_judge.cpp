@@ -170,13 +170,14 @@ class UplinkJudge {
             return false;
         }
         if (!uplink_.is_next_hop_on_link) {
-            add(State::error,
-                "its next hop " + uplink_.next_hop + " lies in none of its networks" +
-                    (uplink_.lease ? ": the lease is of another network, or old" : ""),
-                uplink_.lease ? "renew the lease"
-                              : "correct nexthop, or the length of its address: " +
+            add(State::warning,
+                "its next hop " + uplink_.next_hop +
+                    " lies in none of its networks; lbroute routes by it all the same (onlink), "
+                    "other routing daemons may not",
+                uplink_.lease ? "where that is not meant, renew the lease"
+                              : "where that is not meant, correct nexthop, or the length of its "
+                                "address: " +
                                     command("ip address show dev " + uplink_.interface));
-            return false;
         }
         return true;
     }

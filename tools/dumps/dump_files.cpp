@@ -1,4 +1,4 @@
-#include "lbshow/dump_files.h"
+#include "dumps/dump_files.h"
 
 #include <fcntl.h>
 
@@ -15,7 +15,7 @@
 #include "base/fd.h"
 #include "shared/dump_file.h"
 
-namespace lbshow {
+namespace dumps {
 
 namespace {
 
@@ -149,4 +149,4 @@ std::string read_state(const std::string& directory, bool is_swapped, State& sta
     return problem;
 }
 
-}  // namespace lbshow
+}  // namespace dumps

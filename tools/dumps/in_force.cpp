@@ -1,10 +1,10 @@
-#include "lbshow/in_force.h"
+#include "dumps/in_force.h"
 
 #include <algorithm>
 #include <map>
 #include <utility>
 
-namespace lbshow {
+namespace dumps {
 
 namespace {
 
@@ -90,4 +90,4 @@ void resolve_next_hops(State& state) {
     }
 }
 
-}  // namespace lbshow
+}  // namespace dumps

@@ -5,12 +5,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <iterator>
+#include <span>
 #include <thread>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "base/fd.h"
 #include "shared/dump_file.h"

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <ctime>
 #include <iterator>
 #include <limits>
 #include <utility>
+#include <vector>
 
 #include "shared/plain_text.h"
 

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <map>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace dumps {
 

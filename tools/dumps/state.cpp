@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <string_view>
 
 #include "output/record_layout.h"
 #include "shared/dump_file.h"

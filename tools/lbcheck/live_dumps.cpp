@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <string>
 #include <tuple>
-#include <vector>
 
 #include "dumps/freshness.h"
 #include "lbcheck/live_judge.h"

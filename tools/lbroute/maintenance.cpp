@@ -1,5 +1,6 @@
 #include "lbroute/maintenance.h"
 
+#include <cstdint>
 #include <iostream>
 #include <set>
 #include <vector>

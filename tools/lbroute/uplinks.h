@@ -1,10 +1,8 @@
 #pragma once
 
-#include <map>
 #include <optional>
 #include <set>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 

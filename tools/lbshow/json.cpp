@@ -1,3 +1,7 @@
+#include <optional>
+#include <string>
+#include <vector>
+
 #include "dumps/freshness.h"
 #include "lbshow/views.h"
 #include <nlohmann/json.hpp>

@@ -3,10 +3,13 @@
 #include <algorithm>
 #include <bit>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <optional>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "dumps/dump_files.h"
 #include "dumps/freshness.h"

@@ -1,6 +1,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "dumps/freshness.h"
 #include "lbshow/views.h"

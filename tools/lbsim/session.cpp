@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 #include <limits>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "lbsim/apart.h"
 #include "lbsim/packed.h"

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <span>
 #include <utility>
 
 namespace lbwatch {

@@ -1,7 +1,8 @@
 #include "lbwatch/live_page.h"
 
-#include <algorithm>
+#include <cstdint>
 #include <map>
+#include <optional>
 
 #include "lbwatch/drawing.h"
 #include "lbwatch/report_page.h"

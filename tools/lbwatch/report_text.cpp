@@ -1,8 +1,11 @@
 #include "lbwatch/report_text.h"
 
+#include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <optional>
 
 #include "lbwatch/moment.h"
 #include "shared/plain_text.h"

@@ -1,5 +1,8 @@
 #include "lbwatch/target_results.h"
 
+#include <map>
+#include <optional>
+
 namespace lbwatch {
 
 namespace {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <ctime>
+#include <optional>
+#include <vector>
 
 #include "lbwatch/history_report.h"
 #include "lbwatch/moment.h"

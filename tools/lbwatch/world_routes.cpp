@@ -1,8 +1,13 @@
 // Which uplinks the destinations use: the half of World that reads rules and routes.
 
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
+#include <map>
+#include <set>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "dumps/in_force.h"
 #include "lbwatch/world.h"

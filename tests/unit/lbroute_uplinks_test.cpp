@@ -50,7 +50,7 @@ TEST(Uplinks, rules_have_members_of_one_family_and_none_of_weight_0) {
 }
 
 TEST(Uplinks, dumps_tell_the_next_hop_in_force_and_who_is_active) {
-    lbshow::Interface dumped;
+    dumps::Interface dumped;
     dumped.name = "gi1_2";
     dumped.family = 4;
     dumped.namespace_name = "blue";

@@ -76,11 +76,10 @@ TEST(LbwatchSpans, other_family_is_not_seen) {
 
 TEST(LbwatchMinutes, cycles_are_added_up_and_given_once) {
     MinuteRecorder recorder;
-    const Cycle answer{
-        .uplink = key("eth0"),
-        .target = "a",
-        .is_answered = true,
-        .quality = lbshow::Quality{.loss_percent = 10, .rtt_ms = 30, .jitter_ms = 4}};
+    const Cycle answer{.uplink = key("eth0"),
+                       .target = "a",
+                       .is_answered = true,
+                       .quality = dumps::Quality{.loss_percent = 10, .rtt_ms = 30, .jitter_ms = 4}};
     const Cycle miss{.uplink = key("eth0"), .target = "a", .is_answered = false, .quality = {}};
     recorder.add({answer}, at(1));
     recorder.add({answer}, at(2));
@@ -417,7 +416,7 @@ TEST_F(LbwatchHistory, state_of_now_is_known_without_reading_the_years_before) {
     HistoryReader reader(path);
     EXPECT_LT(reader.recent_spans(now_ms - 24 * hour_ms).size(), 35U);
 
-    lbshow::State state;
+    dumps::State state;
     for (const char* name : {"calm", "restless", "new", "gone"}) {
         state.interfaces.push_back(interface(name, true, {}));
     }

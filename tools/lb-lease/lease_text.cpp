@@ -10,6 +10,7 @@
 #include <iterator>
 #include <span>
 #include <sstream>
+#include <system_error>
 #include <vector>
 
 namespace lblease {

@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "config/lb_data_factory.h"

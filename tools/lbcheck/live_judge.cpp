@@ -4,6 +4,7 @@
 #include "lbcheck/live_judge.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "lbcheck/values.h"
 

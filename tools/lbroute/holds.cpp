@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <ctime>
+#include <system_error>
 #include <utility>
 
 #include <nlohmann/json.hpp>

@@ -1,6 +1,7 @@
 #include "lbroute/maintenance.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <set>
 #include <vector>

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "decision/route_text.h"

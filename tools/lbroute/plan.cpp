@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <optional>
 
 #include "lbroute/resolve.h"
 #include "lbroute/weights.h"

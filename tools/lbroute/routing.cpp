@@ -1,6 +1,8 @@
 #include "lbroute/routing.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <map>
 
 #include "lbroute/findings.h"
 #include "lbroute/holds.h"

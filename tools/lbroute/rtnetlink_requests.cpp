@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include <span>
+#include <variant>
 
 namespace lbroute {
 

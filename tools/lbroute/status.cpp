@@ -3,9 +3,14 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <iostream>
 #include <iterator>
+#include <optional>
+#include <set>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "decision/route_text.h"
 #include "lbroute/bird2.h"

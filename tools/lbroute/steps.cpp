@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdint>
 #include <map>
 #include <set>
 #include <tuple>
 #include <unordered_map>
 #include <unordered_set>
+#include <variant>
 
 namespace lbroute {
 

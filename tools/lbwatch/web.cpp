@@ -4,10 +4,11 @@
 
 #include <algorithm>
 #include <charconv>
-#include <chrono>
+#include <cstdint>
 #include <deque>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "lbwatch/history_report.h"
 #include "lbwatch/json.h"

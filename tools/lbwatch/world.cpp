@@ -14,13 +14,13 @@ constexpr int missing_dumps = 2;
 /// less than this is waited for.
 constexpr std::int64_t overdue_ms = 5000;
 
-std::optional<std::int64_t> evaluation_age_s(const lbshow::Interface& item) {
+std::optional<std::int64_t> evaluation_age_s(const dumps::Interface& item) {
     return item.is_active ? item.since_success_s : item.since_failure_s;
 }
 
 /// Since when the state in a first dump has lasted: since it was last judged to be the other one.
 /// None where it never was, or where the clock has been set since.
-std::optional<std::int64_t> since_last_change(const lbshow::Interface& item, const Moment& now) {
+std::optional<std::int64_t> since_last_change(const dumps::Interface& item, const Moment& now) {
     const auto age_s = item.is_active ? item.since_failure_s : item.since_success_s;
     const std::int64_t age_ms = std::int64_t{age_s.value_or(-1)} * 1000;
     if (age_ms < 0 || age_ms > now.boot_ms) {
@@ -43,7 +43,7 @@ Event event_of(EventKind kind, const UplinkKey& key, const Moment& now) {
     return event;
 }
 
-UplinkKey key_of(const lbshow::Interface& item) {
+UplinkKey key_of(const dumps::Interface& item) {
     return {.namespace_name = item.namespace_name, .family = item.family, .name = item.name};
 }
 
@@ -98,18 +98,18 @@ void World::remember(const UplinkKey& key, UplinkState told) {
     uplink.is_unwatched = true;
 }
 
-Changes World::read(int family, const std::vector<lbshow::Interface>& interfaces,
+Changes World::read(int family, const std::vector<dumps::Interface>& interfaces,
                     std::int64_t written_s, const Moment& now) {
     Changes changes;
     if (!begun_boot_ms_) {
         begun_boot_ms_ = now.boot_ms;
     }
     std::set<std::string> namespaces;
-    for (const lbshow::Interface& item : interfaces) {
+    for (const dumps::Interface& item : interfaces) {
         namespaces.insert(item.namespace_name);
     }
     std::set<UplinkKey> present;
-    for (const lbshow::Interface& item : interfaces) {
+    for (const dumps::Interface& item : interfaces) {
         const UplinkKey key = key_of(item);
         if (!present.insert(key).second) {
             continue;
@@ -134,19 +134,19 @@ Changes World::read(int family, const std::vector<lbshow::Interface>& interfaces
     return changes;
 }
 
-void World::read_one(const UplinkKey& key, const lbshow::Interface& item, bool is_new_cycle,
+void World::read_one(const UplinkKey& key, const dumps::Interface& item, bool is_new_cycle,
                      std::int64_t written_s, const Moment& now, Changes& changes) {
     Uplink& uplink = uplinks_[key];
     uplink.missing = 0;
     std::map<std::string, Target> targets;
-    for (const lbshow::Probe& probe : item.probes) {
+    for (const dumps::Probe& probe : item.probes) {
         if (probe.target.empty() || targets.contains(probe.target)) {
             continue;
         }
         Target& target = targets[probe.target] = uplink.targets[probe.target];
         take_over(target, probe, item);
-        if (is_new_cycle && target.last_result != lbshow::Result::none) {
-            const bool is_answered = target.last_result == lbshow::Result::answered;
+        if (is_new_cycle && target.last_result != dumps::Result::none) {
+            const bool is_answered = target.last_result == dumps::Result::answered;
             ++(is_answered ? target.answered : target.missed);
             changes.cycles.push_back({.uplink = key,
                                       .target = probe.target,
@@ -175,7 +175,7 @@ void World::read_one(const UplinkKey& key, const lbshow::Interface& item, bool i
     tell_state(key, uplink, now, changes.events);
 }
 
-UplinkState World::judged(Uplink& uplink, const lbshow::Interface& item, std::int64_t written_s,
+UplinkState World::judged(Uplink& uplink, const dumps::Interface& item, std::int64_t written_s,
                           const Moment& now) const {
     uplink.is_judged = uplink.is_judged || item.is_active || has_failed_target(uplink);
     if (!uplink.is_judged) {
@@ -202,7 +202,7 @@ UplinkState World::judged(Uplink& uplink, const lbshow::Interface& item, std::in
 }
 
 /// The targets' verdicts and the next hop.
-void World::tell_details(const UplinkKey& key, Uplink& uplink, const lbshow::Interface& item,
+void World::tell_details(const UplinkKey& key, Uplink& uplink, const dumps::Interface& item,
                          const Moment& now, std::vector<Event>& events) {
     for (auto& [address, target] : uplink.targets) {
         if (target.verdict == target.told || target.verdict == Verdict::unknown) {
@@ -266,7 +266,7 @@ void World::tell_state(const UplinkKey& key, Uplink& uplink, const Moment& now,
     events.push_back(std::move(made));
 }
 
-bool World::is_of_another_run(const std::vector<lbshow::Interface>& interfaces,
+bool World::is_of_another_run(const std::vector<dumps::Interface>& interfaces,
                               std::int64_t written_s) const {
     return std::any_of(interfaces.begin(), interfaces.end(), [&](const auto& item) {
         const auto found = uplinks_.find(key_of(item));
@@ -331,7 +331,7 @@ void World::forget_states() {
         uplink.had_success = uplink.had_failure = false;
         for (auto& [address, target] : uplink.targets) {
             target.verdict = Verdict::unknown;
-            target.last_result = lbshow::Result::none;
+            target.last_result = dumps::Result::none;
             target.since_boot_ms.reset();
             target.success_run = 0;
             target.failure_run = 0;

@@ -128,6 +128,43 @@ TEST_F(LbrouteDaemon, faulty_fragment_costs_its_route_and_the_status) {
     });
 }
 
+TEST_F(LbrouteDaemon, damaged_holds_are_told) {
+    in_own_machine([this] {
+        write_fragment(first);
+        std::filesystem::create_directory(StateFolder::usual_path);
+        std::ofstream(std::string(StateFolder::usual_path) + "/holds") << "{";
+        std::string errors;
+        once(errors);
+        EXPECT_THAT(errors, HasSubstr(std::string(StateFolder::usual_path) +
+                                      "/holds is damaged: no hold is in force; hold again what "
+                                      "must stay held\n"));
+        EXPECT_THAT(state().routes, SizeIs(1));
+    });
+}
+
+TEST_F(LbrouteDaemon, without_a_state_folder_it_fails_and_routes_nothing) {
+    in_own_machine([this] {
+        write_fragment(first);
+        std::ofstream(StateFolder::usual_path) << "";
+        std::string errors;
+        EXPECT_EQ(once(errors), 1);
+        EXPECT_THAT(errors, HasSubstr(" is no folder and is not used; remove it: rm "));
+        EXPECT_THAT(state().routes, IsEmpty());
+    });
+}
+
+TEST_F(LbrouteDaemon, routes_that_bird_has_not_got_are_not_told_as_routed) {
+    in_own_machine([this] {
+        write_fragment(both);
+        options.bird2_file = folder.file("no/such/folder");
+        std::string errors;
+        EXPECT_EQ(once(errors), 1);
+        EXPECT_THAT(errors, HasSubstr(options.bird2_file));
+        EXPECT_THAT(errors, ::testing::Not(HasSubstr("10.0.0.0/8 via")));
+        EXPECT_THAT(state().routes, IsEmpty()) << "bird is to make them";
+    });
+}
+
 TEST_F(LbrouteDaemon, place_of_another_routing_daemon_is_left_alone) {
     in_own_machine([this] {
         write_fragment(both);

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <set>
 #include <thread>
 
@@ -17,6 +18,7 @@
 #include "lbroute/holds.h"
 #include "lbroute/rtnetlink.h"
 #include "support/lbroute_scene.h"
+#include "unit/support/faults.h"
 #include "unit/support/lbroute_machine.h"
 #include "unit/support/temporary_folder.h"
 
@@ -31,6 +33,8 @@ using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
 constexpr const char* pid_file = "/run/routing.pid";
+/// Calls up to this one are counted and go through.
+constexpr int never = std::numeric_limits<int>::max();
 
 class LbrouteDaemon : public ::testing::Test {
   protected:
@@ -233,6 +237,27 @@ TEST_F(LbrouteDaemon, link_that_comes_later_is_taken_into_its_routes) {
                   0);
         EXPECT_THAT(::testing::internal::GetCapturedStderr(),
                     HasSubstr("there is no interface wan3"));
+    });
+}
+
+TEST_F(LbrouteDaemon, next_hop_of_either_uplink_is_guessed_once_and_then_rests) {
+    in_own_machine([this] {
+        folder.put("lb.conf",
+                   "health {\n interface6 wan1 {\n  nexthop fe80::1\n }\n interface6 wan2 {\n  "
+                   "nexthop fe80::1\n }\n}\nrule 1_ipv6 {\n interface6 wan1 {\n  weight 1\n }\n "
+                   "interface6 wan2 {\n  weight 1\n }\n target {\n  address 2001:db8::/32\n }\n}\n");
+        std::ofstream("/usr/etc/routing6-wlb.conf")
+            << "protocol static {\nroute 2001:db8::/32 multipath via fe80::1 weight 1;\n};\n";
+        ::testing::internal::CaptureStderr();
+        EXPECT_EQ(beside([] {
+                      EXPECT_TRUE(within([] { return hops() == 1; }));
+                      const faults::FailCall read(faults::Call::recv, 0, never);
+                      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+                      EXPECT_LT(read.calls(), 30) << "it asks the kernel again and again";
+                  }),
+                  0);
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+                  "IPv6 2001:db8::/32 via fe80::1 dev wan1 weight 1\n");
     });
 }
 

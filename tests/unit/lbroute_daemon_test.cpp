@@ -242,10 +242,11 @@ TEST_F(LbrouteDaemon, link_that_comes_later_is_taken_into_its_routes) {
 
 TEST_F(LbrouteDaemon, next_hop_of_either_uplink_is_guessed_once_and_then_rests) {
     in_own_machine([this] {
-        folder.put("lb.conf",
-                   "health {\n interface6 wan1 {\n  nexthop fe80::1\n }\n interface6 wan2 {\n  "
-                   "nexthop fe80::1\n }\n}\nrule 1_ipv6 {\n interface6 wan1 {\n  weight 1\n }\n "
-                   "interface6 wan2 {\n  weight 1\n }\n target {\n  address 2001:db8::/32\n }\n}\n");
+        folder.put(
+            "lb.conf",
+            "health {\n interface6 wan1 {\n  nexthop fe80::1\n }\n interface6 wan2 {\n  "
+            "nexthop fe80::1\n }\n}\nrule 1_ipv6 {\n interface6 wan1 {\n  weight 1\n }\n "
+            "interface6 wan2 {\n  weight 1\n }\n target {\n  address 2001:db8::/32\n }\n}\n");
         std::ofstream("/usr/etc/routing6-wlb.conf")
             << "protocol static {\nroute 2001:db8::/32 multipath via fe80::1 weight 1;\n};\n";
         ::testing::internal::CaptureStderr();

@@ -2,11 +2,16 @@
 // the right to make them.
 
 #include <gmock/gmock.h>
+#include <sched.h>
+#include <sys/mount.h>
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
+#include <thread>
 
 #include "lbroute/maintenance.h"
+#include "lbroute/rtnetlink.h"
 #include "lbroute/served_namespace.h"
 #include "lbroute/status.h"
 #include "support/lbroute_scene.h"
@@ -263,6 +268,35 @@ TEST_F(LbrouteCommands, dry_run_prints_the_commands_and_changes_nothing) {
                   "lbroute: /usr/etc/routing-wlb.conf line 2: 'nonsense' is no IPv4 prefix; the "
                   "route is left out\n");
     });
+}
+
+TEST_F(LbrouteCommands, flush_reaches_namespaces_that_are_no_longer_configured) {
+    const bool is_possible = in_own_network({"/usr", "/run", "/var"}, [this] {
+        std::filesystem::create_directory_symlink("/run", "/var/run");
+        std::filesystem::create_directories("/run/netns");
+        std::filesystem::create_directories("/var/vrfs/green/usr/etc");
+        std::ofstream("/run/netns/green") << "";
+        folder.put("lb.conf", "health {\n interface wan1 {\n  nexthop 192.0.2.1\n }\n}\n");
+        std::unique_ptr<TestLink> link;
+        std::thread([&link] {
+            ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+            ASSERT_EQ(mount("/proc/thread-self/ns/net", "/run/netns/green", nullptr, MS_BIND, ""),
+                      0);
+            link = std::make_unique<TestLink>("wan1", "192.0.2.10");
+            KernelRoute route;
+            route.prefix = prefix("10.0.0.0/8");
+            route.hops = {{address("192.0.2.1"), link->index, 1, false}};
+            std::string problem;
+            RouteSocket socket = RouteSocket::open(problem);
+            const std::vector<Step> steps{PutRoute{route, false}};
+            EXPECT_EQ(socket.take(steps).at(0).error, 0);
+        }).join();
+        options.flushes = true;
+        EXPECT_EQ(commands().output, "ip -n green route del 10.0.0.0/8 metric 0 protocol 76\n");
+    });
+    if (!is_possible) {
+        GTEST_SKIP() << "needs the right to make a network and mounts of its own";
+    }
 }
 
 TEST_F(LbrouteCommands, served_namespace_routes_by_its_fragment) {

@@ -82,11 +82,14 @@ TEST_F(LbrouteOwnership, files_of_both_families_and_missing_folders_are_made) {
          {"var/run/routing.pid", "var/run/routing6.pid", "var/vrfs/blue/usr/var/run/routing.pid",
           "var/vrfs/blue/usr/var/run/routing6.pid"}) {
         EXPECT_EQ(above.text(path), own_number()) << path;
+        struct stat found {};
+        EXPECT_EQ(stat(above.file(path).c_str(), &found), 0) << path;
+        EXPECT_EQ(found.st_mode, S_IFREG | 0644) << path;
     }
     for (const char* path : {"usr/etc", "var/vrfs/blue/usr/etc"}) {
         struct stat found {};
         EXPECT_EQ(stat(above.file(path).c_str(), &found), 0) << path;
-        EXPECT_TRUE(S_ISDIR(found.st_mode)) << path;
+        EXPECT_EQ(found.st_mode, S_IFDIR | 0755) << path;
     }
     ownership.release("blue");
     EXPECT_EQ(above.text("var/vrfs/blue/usr/var/run/routing.pid"), "");
@@ -224,6 +227,18 @@ TEST_F(LbrouteOwnership, file_that_the_new_holder_of_the_number_wrote_is_its_own
     reuse_number(above, predecessor, other.pid());
     std::filesystem::remove(above.file("var/run/routing.pid"));
     above.put("var/run/routing.pid", other.number() + "\n");
+    EXPECT_EQ(claimed().kind, Kind::refused);
+}
+
+TEST_F(LbrouteOwnership, file_of_a_predecessor_that_still_runs_is_refused) {
+    const pid_t predecessor = kill_a_predecessor(folder, root());
+    const OtherProcess other;
+    reuse_number(above, predecessor, other.pid());
+    const std::string start_key = "\"start\": \"";
+    std::string record = above.text("state/instances");
+    const std::size_t start = record.find(start_key) + start_key.size();
+    record.replace(start, record.find('"', start) - start, shared::start_of(other.pid()));
+    above.put("state/instances", record);
     EXPECT_EQ(claimed().kind, Kind::refused);
 }
 

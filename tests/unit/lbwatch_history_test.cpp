@@ -358,6 +358,7 @@ TEST_F(LbwatchHistory, rows_are_kept_as_long_as_they_are_wanted) {
                    [&rows](const Minute&) { ++rows; });
     EXPECT_EQ(rows, 1);
     EXPECT_EQ(told().size(), 1U);
+    EXPECT_TRUE(notices.empty()) << "nothing goes for want of room";
 }
 
 TEST_F(LbwatchHistory, uplink_that_never_rests_does_not_fill_the_disk) {

@@ -175,6 +175,18 @@ TEST_F(LbwatchWorld, change_over_a_stopped_daemon_is_told_as_unwatched) {
               "watched");
 }
 
+TEST_F(LbwatchWorld, failure_that_the_daemon_before_found_is_none_of_the_next_one) {
+    read(0, {interface("eth0", false, {timed_out("a"), answered("b")})});
+    world.forget_states();
+    auto starting = interface("eth0", false, {timed_out("a", 1), answered("b", 1)});
+    starting.since_failure_s.reset();
+    EXPECT_EQ(read(10, {starting}), std::vector<Event>());
+    const Uplink& uplink = world.uplinks().at(key("eth0"));
+    EXPECT_EQ(uplink.state, UplinkState::unknown);
+    EXPECT_EQ(uplink.targets.at("a").verdict, Verdict::unknown);
+    EXPECT_EQ(uplink.targets.at("b").verdict, Verdict::unknown);
+}
+
 TEST_F(LbwatchWorld, remembered_state_is_no_event_while_it_holds) {
     world.remember(key("eth0"), UplinkState::active);
     EXPECT_EQ(read(0, {interface("eth0", true, {answered("a")})}), std::vector<Event>());

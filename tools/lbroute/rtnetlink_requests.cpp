@@ -84,9 +84,7 @@ struct Appender {
         }
         const std::size_t size = entries.size() * sizeof(nexthop_grp);
         Writer writer(size + 128, RTM_NEWNEXTHOP, step.replaces ? replace : create_new, sequence);
-        auto& body = writer.body<nhmsg>();
-        body.nh_family = AF_UNSPEC;
-        body.nh_protocol = own_protocol;
+        writer.body<nhmsg>().nh_protocol = own_protocol;  // a group has no family
         writer.number(NHA_ID, group.id);
         writer.data(NHA_GROUP, {reinterpret_cast<const std::uint8_t*>(entries.data()), size});
         writer.number16(NHA_GROUP_TYPE,

@@ -96,6 +96,16 @@ class RouterOutside(LeaseTest):
 
         self.assertEqual(self.reached(), [OUTSIDE])
 
+    def test_that_the_client_keeps_in_a_file_of_its_own_is_reached(self):
+        """lb-lease says that it leaves the file alone; the daemon takes its first router."""
+        lb_lease.put(LEASE, "".join(f"lease {{\n  option routers {router};\n}}\n"
+                                    for router in (f"{OUTSIDE},203.0.113.2", "203.0.113.3")))
+        said = self.lab.router.run("env", "interface=gi1_1", "ip=203.0.113.7", "subnet=255.255.255.255",
+                                   f"router={OUTSIDE}", "sh", "-c", '"$@" 2>&1', "sh", UDHCPC_SCRIPT, "bound")
+
+        self.assertIn("was not written by lb-lease", said)
+        self.assertEqual(self.reached(), [OUTSIDE])
+
     def test_inside_needs_none(self):
         self.bound(subnet="255.255.255.0")
 

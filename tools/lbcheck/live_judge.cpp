@@ -139,7 +139,10 @@ class UplinkJudge {
         }
         const Lease& lease = *uplink_.lease;
         const std::string by_hand =
-            "renew the lease (the package's hooks write the file), or: lb-lease " +
+            "make its DHCP client tell it anew (ifdown and ifup " + uplink_.interface +
+            ", dhcpcd -n " + uplink_.interface +
+            ", systemctl restart networkd-dispatcher, nmcli connection up NAME, kill -USR1 of "
+            "udhcpc), or: lb-lease " +
             uplink_.interface + " ROUTER";
         if (!lease.error.empty()) {
             add(State::error, lease.path + " cannot be read: " + lease.error, by_hand);

@@ -25,12 +25,13 @@ void write_and_read(const std::string& interface, bool is_ipv6, const std::strin
     if (router.address.empty()) {
         return;
     }
-    const std::string written = lblease::lease_text(interface, is_ipv6, router.address);
+    const std::string written = lblease::lease_text({interface, is_ipv6, router.address, "0c4b"});
     const auto file =
         as_file(reinterpret_cast<const std::uint8_t*>(written.data()), written.size());
     const std::string read = is_ipv6 ? router_in_lease6(file.get(), std::chrono::seconds(0))
                                      : router_in_lease(file.get(), std::chrono::seconds(0));
     if (read != router.address || !lblease::is_own_text(written) ||
+        lblease::is_of_other_boot(written, "0c4b") || !lblease::is_of_other_boot(written, "77") ||
         lease_name(interface, is_ipv6).find('/') != std::string::npos) {
         __builtin_trap();
     }
@@ -51,5 +52,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         write_and_read(interface, false, *router);
     }
     lblease::is_own_text(rest);
+    lblease::is_of_other_boot(rest, interface);
     return 0;
 }

@@ -4,6 +4,11 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
 
 #include "config/keywords.h"
 #include "config/lb_data_factory.h"

@@ -1,6 +1,8 @@
 // Changes of state, and the diagnostics of the records.
 
 #include <iostream>
+#include <map>
+#include <string>
 
 #include "config/interface_name.h"
 #include "config/lb_data.h"

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <iterator>
 #include <limits>
-#include <utility>
 
 #include "config/live_state.h"
 #include "config/own_records.h"

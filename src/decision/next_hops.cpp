@@ -1,6 +1,7 @@
 // Next hops that are learnt: from DHCP leases, from tunnel peers.
 
 #include <chrono>
+#include <string>
 
 #include "base/address_text.h"
 #include "config/interface_name.h"

@@ -1,6 +1,7 @@
 #include "output/records.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <limits>
 #include <string_view>

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <string>
 
 #include "config/interface_name.h"
 #include "config/lb_data.h"

@@ -1,6 +1,7 @@
 #include "probe/host_view.h"
 
 #include <algorithm>
+#include <atomic>
 #include <string_view>
 #include <utility>
 

@@ -3,6 +3,7 @@
 #include <netinet/icmp6.h>
 #include <netinet/ip6.h>
 
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <string>

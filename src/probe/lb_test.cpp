@@ -1,5 +1,7 @@
 #include "probe/lb_test.h"
 
+#include <optional>
+
 #include "config/live_state.h"
 #include "probe/reply_socket.h"
 #include "wire/frames.h"

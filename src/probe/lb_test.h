@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <optional>
 #include <string>
 
 #include "base/namespace_table.h"

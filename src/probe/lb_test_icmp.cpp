@@ -2,6 +2,7 @@
 
 #include <bit>
 #include <cerrno>
+#include <cstdint>
 
 #include "config/interface_name.h"
 #include "host/log.h"

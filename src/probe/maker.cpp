@@ -1,4 +1,5 @@
 #include <set>
+#include <string>
 
 #include "config/probe_maker.h"
 #include "probe/lb_test_icmp.h"

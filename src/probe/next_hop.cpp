@@ -2,6 +2,8 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
+#include <span>
 #include <utility>
 
 #include "host/log.h"

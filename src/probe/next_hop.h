@@ -1,9 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
+#include <span>
 #include <string>
 
 #include "base/namespace_table.h"

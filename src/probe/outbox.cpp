@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string>
 
 #include "base/address_text.h"
 #include "host/log.h"

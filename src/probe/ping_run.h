@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <ctime>
 
 /// The arithmetic of an extended ping run, in whole milliseconds. Pure.
 struct PingRun {

@@ -92,7 +92,7 @@ class ClientTests:
 
         self.expect_lease(None)
 
-    def test_uplink_of_another_kind_is_left_alone(self):
+    def test_uplink_of_another_kind_gets_what_the_client_does(self):
         lb_lease.write_conf(Conf().interface("gi1_1", nexthop="192.0.2.9"))
         self.start()
 
@@ -101,7 +101,26 @@ class ClientTests:
         self.client.release()
         expect(lambda: "inet 192.0.2." not in self.lab.router.ip("address show dev gi1_1"), within=30)
 
-        self.assertIsNone(text_of(LEASE))
+        self.expect_lease(None)
+
+    def test_lease_that_is_older_than_the_configuration_counts_when_it_comes(self):
+        lb_lease.put(lb_lease.CONF, None)
+        self.start()
+        self.expect_lease(ROUTER_1)
+
+        self.lab.start(configuration())
+
+        expect(lambda: self.lab.fragment() == via(ROUTER_1), within=40)
+
+    def test_renewal_while_the_configuration_is_being_written_is_followed(self):
+        self.start()
+        self.expect_lease(ROUTER_1)
+
+        lb_lease.put(lb_lease.CONF, configuration().text().rstrip().removesuffix("}"))
+        self.server.give(ROUTER_2)
+        self.client.renew()
+
+        self.expect_lease(ROUTER_2)
 
     def test_daemon_follows_the_client(self):
         self.lab.start(configuration())

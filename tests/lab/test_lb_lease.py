@@ -11,11 +11,11 @@ import subprocess
 import threading
 
 from kit import Conf, LabTest, expect, lb_lease, main, sandbox
-from kit.lb_lease import LB_LEASE, LEASE, LEASE6, lease, lease6, put, run, text_of
+from kit.lb_lease import LB_LEASE, LEASE, LEASE6, LOCK, files, lease, lease6, put, run, text_of
 
 CONF = "/run/lb.conf"
 DIRECTORY = os.path.dirname(LEASE)
-DONE, FAILED, MISUSED, LEFT_ALONE = range(4)
+DONE, FAILED, MISUSED, NO_UPLINK = range(4)
 # A whole other lease, as a DHCP client would keep it there itself.
 FOREIGN = 'lease {\n  interface "gi1_1";\n  option routers 192.0.2.9;\n}\n'
 OF_OTHERS = f"lb-lease: {LEASE} was not written by lb-lease and stays as it is"
@@ -29,6 +29,13 @@ def opened_by(process):
             yield os.readlink(f"{folder}/{name}")
 
 
+def held_lock():
+    """The lock of the program, taken; it is free again once this is closed."""
+    lock = os.open(LOCK, os.O_RDWR | os.O_CREAT, 0o600)
+    fcntl.flock(lock, fcntl.LOCK_EX)
+    return lock
+
+
 class ProgramTest(LabTest):
     def setUp(self):
         super().setUp()
@@ -40,9 +47,6 @@ class ProgramTest(LabTest):
         """Runs with the test's configuration, and with these results."""
         self.assertEqual(run("-f", CONF, *arguments), (status, said))
 
-    def files(self):
-        return sorted(os.listdir(DIRECTORY))
-
 
 class Writing(ProgramTest):
     def test_routers_of_both_families_stand_in_the_files_of_the_daemon(self):
@@ -50,7 +54,7 @@ class Writing(ProgramTest):
         self.check(DONE, "", "--ipv6", "gi1_1", "FE80::0:1")
 
         self.assertEqual((text_of(LEASE), text_of(LEASE6)), (lease("192.0.2.1"), lease6("fe80::1")))
-        self.assertEqual(self.files(), sorted(os.path.basename(path) for path in (LEASE, LEASE6)))
+        self.assertEqual(files(), sorted(os.path.basename(path) for path in (LEASE, LEASE6)))
 
     def test_first_of_several_routers_counts(self):
         self.check(DONE, "", "gi1_1", "192.0.2.1", "192.0.2.2")
@@ -79,7 +83,7 @@ class Writing(ProgramTest):
     def test_uplink_of_any_namespace_is_written(self):
         self.check(DONE, "", "gi1_3", "192.0.2.1")
 
-        self.assertEqual(self.files(), ["dhclient_gi1_3.leases"])
+        self.assertEqual(files(), ["dhclient_gi1_3.leases"])
 
     def test_file_is_readable_for_all_whatever_the_callers_mask(self):
         subprocess.run(["sh", "-c", f'umask 077; exec "$0" -f {CONF} gi1_1 192.0.2.1', LB_LEASE], check=True)
@@ -112,7 +116,7 @@ class Writing(ProgramTest):
         self.check(DONE, "", "gi1_1", "--gone")
         self.check(DONE, "", "gi1_1", "--gone")
 
-        self.assertEqual(self.files(), [os.path.basename(LEASE6)])
+        self.assertEqual(files(), [os.path.basename(LEASE6)])
 
 
 class SideBySide(ProgramTest):
@@ -140,36 +144,59 @@ class SideBySide(ProgramTest):
         self.assertEqual([call.wait(60) for call in calls], [DONE] * len(calls))
 
         self.assertIn(text_of(LEASE), {lease(f"192.0.2.{number}") for number in range(1, 21)})
-        self.assertEqual(self.files(), [os.path.basename(LEASE)])
+        self.assertEqual(files(), [os.path.basename(LEASE)])
 
     def test_call_waits_for_another(self):
-        folder = os.open(DIRECTORY, os.O_RDONLY)
-        fcntl.flock(folder, fcntl.LOCK_EX)
+        lock = held_lock()
         call = subprocess.Popen([LB_LEASE, "-f", CONF, "gi1_1", "192.0.2.1"])
-        expect(lambda: DIRECTORY in opened_by(call.pid), what="the call has come as far as the lock")
+        expect(lambda: LOCK in opened_by(call.pid), what="the call has come as far as the lock")
         self.assertIsNone(call.poll())
         self.assertIsNone(text_of(LEASE))
-        os.close(folder)
+        os.close(lock)
 
         self.assertEqual(call.wait(60), DONE)
         self.assertEqual(text_of(LEASE), lease("192.0.2.1"))
 
     def test_lock_that_stays_ends_in_a_message(self):
-        folder = os.open(DIRECTORY, os.O_RDONLY)
-        self.addCleanup(os.close, folder)
-        fcntl.flock(folder, fcntl.LOCK_EX)
+        self.addCleanup(os.close, held_lock())
 
-        self.check(FAILED, f"lb-lease: {DIRECTORY} has been locked by another program for 10 seconds, see: "
-                           f"lsof {DIRECTORY}\n", "gi1_1", "192.0.2.1")
+        self.check(FAILED, f"lb-lease: {LOCK} has been locked for 10 seconds, by another lb-lease or some program of "
+                           f"root's, see: lsof {LOCK}\n", "gi1_1", "192.0.2.1")
 
 
-class LeftAlone(ProgramTest):
-    def test_others_than_dhcp_uplinks_are_left_alone_silently(self):
-        for arguments in (["gi1_2", "192.0.2.1"], ["gre_1", "192.0.2.1"], ["lo", "192.0.2.1"], ["gi1_2", "--gone"],
+class OtherInterfaces(ProgramTest):
+    """The configuration names them later, perhaps."""
+
+    def test_others_than_dhcp_uplinks_are_written_and_told_apart_silently(self):
+        for arguments in (["gi1_2", "192.0.2.1"], ["gre_1", "192.0.2.1"], ["lan", "192.0.2.1"],
                           ["--ipv6", "gi1_3", "fe80::1"]):
-            self.check(LEFT_ALONE, "", *arguments)
+            self.check(NO_UPLINK, "", *arguments)
 
-        self.assertEqual(self.files(), [])
+        self.assertEqual(files(), ["dhclient_gi1_2.leases", "dhclient_gre_1.leases", "dhclient_lan.leases",
+                                   "dhcp6_clientgi1_3.leases"])
+
+    def test_gone_takes_the_file_away(self):
+        self.check(NO_UPLINK, "", "gi1_2", "192.0.2.1")
+        self.check(NO_UPLINK, "", "gi1_2", "--gone")
+
+        self.assertEqual(files(), [])
+
+    def test_what_cannot_be_written_is_passed_over_and_leaves_no_old_router(self):
+        disk = self.lab.disk(DIRECTORY)
+        self.check(NO_UPLINK, "", "gi1_2", "192.0.2.1")
+        disk.fill()
+
+        self.check(NO_UPLINK, "", "gi1_2", "192.0.2.2")
+
+        self.assertEqual(files(), ["filler"])
+
+    def test_others_files_stay_and_are_not_told(self):
+        path = f"{DIRECTORY}/dhclient_gi1_2.leases"
+        put(path, FOREIGN)
+        for arguments in (["gi1_2", "192.0.2.1"], ["gi1_2", "--gone"], ["gi1_2", "x"]):
+            self.check(NO_UPLINK, "", *arguments)
+
+        self.assertEqual(text_of(path), FOREIGN)
 
     def test_person_is_told_why(self):
         terminal, far_end = pty.openpty()
@@ -180,26 +207,36 @@ class LeftAlone(ProgramTest):
         said = b""
         while not said.endswith(b"\n"):  # a terminal gives what is written piece by piece
             said += os.read(terminal, 4096)
-        self.assertEqual(status, LEFT_ALONE)
-        self.assertEqual(said.decode(),
-                         f"lb-lease: gi1_2 is left alone: no 'interface gi1_2' in {CONF} has 'nexthop dhcp'\r\n")
+        self.assertEqual(status, NO_UPLINK)
+        self.assertEqual(said.decode(), "lb-lease: gi1_2 is none of the uplinks with 'nexthop dhcp': no 'interface gi1_2'"
+                                        f" in {CONF} has it\r\n")
 
-    def test_without_the_default_configuration_there_is_no_such_uplink(self):
+    def test_lease_that_is_older_than_the_configuration_is_there_when_it_comes(self):
         sandbox.make_writable("/etc")
         self.addCleanup(sandbox.unmount, "/etc")
         put(lb_lease.CONF, None)
 
-        self.assertEqual(run("gi1_1", "192.0.2.1"), (LEFT_ALONE, ""))
+        self.assertEqual(run("gi1_1", "192.0.2.1"), (NO_UPLINK, ""))
+
+        self.assertEqual(text_of(LEASE), lease("192.0.2.1"))
 
     def test_configuration_that_cannot_be_read_is_told(self):
         self.assertEqual(run("-f", "/run/none.conf", "gi1_1", "192.0.2.1"),
-                         (FAILED, "lb-lease: /run/none.conf cannot be read: No such file or directory\n"))
+                         (NO_UPLINK, "lb-lease: /run/none.conf cannot be read: No such file or directory; until it can be"
+                                     " read as a whole, gi1_1 is none of the uplinks with 'nexthop dhcp'\n"))
+        self.assertEqual(text_of(LEASE), lease("192.0.2.1"))
 
-    def test_configuration_with_unmatched_brackets_is_told(self):
+    def test_configuration_with_unmatched_brackets_counts_as_far_as_it_goes(self):
+        self.check(DONE, "", "gi1_1", "192.0.2.1")
         put(CONF, "health {\n  interface gi1_1 {\n    nexthop dhcp\n  }\n")
 
-        self.check(FAILED, f"lb-lease: {CONF} is not whole, see: lbcheck {CONF}\n", "gi1_1", "192.0.2.1")
-        self.assertEqual((self.files(), self.lab.log.texts()), ([], []))
+        self.check(DONE, "", "gi1_1", "192.0.2.2")
+        self.check(NO_UPLINK, f"lb-lease: {CONF} is not whole, see: lbcheck {CONF}; until it can be read as a whole, gi1_3"
+                              " is none of the uplinks with 'nexthop dhcp'\n", "gi1_3", "192.0.2.3")
+
+        self.assertEqual(text_of(LEASE), lease("192.0.2.2"))
+        self.assertEqual(text_of(f"{DIRECTORY}/dhclient_gi1_3.leases"), lease("192.0.2.3", interface="gi1_3"))
+        self.assertEqual(self.lab.log.texts(), [])
 
 
 class Refused(ProgramTest):
@@ -209,7 +246,7 @@ class Refused(ProgramTest):
                              ("sixteen_letters_", "is longer than 15 characters")):
             self.check(MISUSED, f"lb-lease: the interface name {reason}\n", name, "192.0.2.1")
 
-        self.assertEqual(self.files(), [])
+        self.assertEqual(files(), [])
 
     def test_addresses_that_no_router_has_keep_the_old_file(self):
         self.check(DONE, "", "gi1_1", "192.0.2.1")
@@ -223,6 +260,14 @@ class Refused(ProgramTest):
     def test_neither_or_both_of_router_and_gone(self):
         self.check(MISUSED, "lb-lease: a router is missing, or --gone\n", "gi1_1")
         self.check(MISUSED, "lb-lease: --gone takes no router\n", "gi1_1", "192.0.2.1", "--gone")
+
+    def test_nothing_at_all(self):
+        self.check(MISUSED, "lb-lease: the interface name is empty\n")
+
+    def test_removal_of_old_ones_beside_anything_else(self):
+        self.check(MISUSED, "lb-lease: --remove-old takes nothing else\n", "--remove-old", "gi1_1")
+        for arguments in (["--gone"], ["--ipv6"], ["--static-routes", "x"]):
+            self.assertEqual(run("--remove-old", *arguments)[0], MISUSED)
 
     def test_unknown_option(self):
         self.assertEqual(run("--nonsense", "gi1_1", "192.0.2.1")[0], MISUSED)
@@ -239,7 +284,7 @@ class Others(ProgramTest):
         for arguments in (["192.0.2.1"], ["--gone"]):
             status, said = run("-f", CONF, "gi1_1", *arguments)
             self.assertEqual((status, said.partition(";")[0]), (FAILED, OF_OTHERS))
-        self.assertEqual(self.files(), [os.path.basename(LEASE)])
+        self.assertEqual(files(), [os.path.basename(LEASE)])
 
     def test_lease_of_a_client(self):
         for text in (FOREIGN, ""):
@@ -270,9 +315,50 @@ class Others(ProgramTest):
             make()
             put(LEASE, None)
             self.check(DONE, "", "gi1_1", "192.0.2.1")
-            self.assertEqual((text_of(LEASE), self.files()), (lease("192.0.2.1"), [os.path.basename(LEASE)]))
+            self.assertEqual((text_of(LEASE), files()), (lease("192.0.2.1"), [os.path.basename(LEASE)]))
 
         self.assertEqual(text_of("/run/victim"), "untouched")
+
+
+class Old(ProgramTest):
+    """What was written before the machine's last start."""
+
+    def remove(self):
+        self.assertEqual(run("--remove-old"), (DONE, ""))
+
+    def test_files_of_another_start_are_removed_and_those_of_this_one_stay(self):
+        put(LEASE, lease("192.0.2.1", boot="0c4b"))
+        put(LEASE6, lease6("fe80::1", boot="0c4b"))
+        self.check(DONE, "", "gi1_3", "192.0.2.3")
+
+        self.remove()
+
+        self.assertEqual(files(), ["dhclient_gi1_3.leases"])
+
+    def test_files_of_others_stay(self):
+        put(LEASE, FOREIGN)
+        os.symlink(LEASE, LEASE6)
+
+        self.remove()
+
+        self.assertEqual(files(), sorted(os.path.basename(path) for path in (LEASE, LEASE6)))
+
+    def test_missing_folder_is_well(self):
+        sandbox.unmount(DIRECTORY)
+        self.addCleanup(sandbox.mount, "lab", DIRECTORY, "tmpfs")
+        sandbox.mount("lab", os.path.dirname(DIRECTORY), "tmpfs")
+        self.addCleanup(sandbox.unmount, os.path.dirname(DIRECTORY))
+
+        self.remove()
+
+        self.assertFalse(os.path.exists(DIRECTORY))
+
+    def test_same_router_told_again_counts_for_this_start(self):
+        put(LEASE, lease("192.0.2.1", boot="0c4b"))
+
+        self.check(DONE, "", "gi1_1", "192.0.2.1")
+
+        self.assertEqual(text_of(LEASE), lease("192.0.2.1"))
 
 
 class Disks(ProgramTest):
@@ -288,7 +374,7 @@ class Disks(ProgramTest):
     def test_full_one_keeps_the_old_file_and_takes_the_next(self):
         self.disk.fill()
         self.check_stays("No space left on device", f"make room there, see: df -h -i {DIRECTORY}")
-        self.assertEqual(self.files(), sorted([os.path.basename(LEASE), "filler"]))
+        self.assertEqual(files(), sorted([os.path.basename(LEASE), "filler"]))
 
         self.disk.empty()
         self.check(DONE, "", "gi1_1", "192.0.2.2")
@@ -310,7 +396,7 @@ class Disks(ProgramTest):
                                "gi1_1", "192.0.2.2"], stderr=subprocess.PIPE, text=True, check=False)
 
         self.assertEqual((done.returncode, done.stderr),
-                         (FAILED, f"lb-lease: {LEASE} stays as it was: Permission denied; run it as root\n"))
+                         (FAILED, f"lb-lease: {LOCK} cannot be opened: Permission denied; run it as root\n"))
         self.assertEqual(text_of(LEASE), lease("192.0.2.1"))
 
 

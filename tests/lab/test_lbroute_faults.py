@@ -143,6 +143,48 @@ class Refusals(RouteTest):
         self.assertTrue(self.program.lines("10.77.0.1 dev gi1_9 is left out"))
         self.assertEqual(own_objects(self.router), [])
 
+    def test_gateway_outside_of_all_networks_of_its_interface_is_routed(self):
+        self.lab.write_conf(three_uplinks().interface("gi1_9", nexthop="10.77.0.1"))
+        self.lab.uplink("gi1_9")
+        self.router.ip("address add 10.99.0.7/32 dev gi1_9")  # as many a provider's lease is
+        outside = ("10.77.0.1", "gi1_9")
+        self.write(route(DEFAULT, GATEWAYS[0], outside[0]), route(PREFIX, outside[0]))
+        for options in ((), ("--no-sticky",)):
+            with self.subTest(options=options):
+                commands = run(self.router, "-f", "/run/lb.conf", "--dry-run", *options).stdout
+                self.assertIn("via 10.77.0.1 dev gi1_9", commands)
+                self.assertIn("onlink", commands)
+                self.start(*options)
+                self.assertEqual(self.path(), {ONE: 1, outside: 1})
+                self.assertEqual(self.path(PREFIX), {outside: 1})
+                self.assertEqual(status(self.router)[0], 0)
+                self.program.end()
+                run(self.router, "-f", "/run/lb.conf", "--once", "--flush")
+                for command in commands.splitlines():
+                    self.router.run(*command.split())
+                self.assertEqual(self.path(), {ONE: 1, outside: 1})
+                run(self.router, "-f", "/run/lb.conf", "--once", "--flush")
+
+    def test_routes_that_others_take_away_are_put_back_and_told(self):
+        self.write(route(DEFAULT, GATEWAYS[0], GATEWAYS[1]))
+        self.start()
+        for _ in range(2):
+            self.router.ip("route del default")
+            self.expect_path({ONE: 1, TWO: 1})
+        self.assertEqual(len(self.program.lines("routes of ours were gone or changed")), 1)
+
+    def test_configuration_behind_a_symbolic_link_is_followed(self):
+        os.makedirs("/run/kept", exist_ok=True)
+        os.replace("/run/lb.conf", "/run/kept/lb.conf")
+        os.symlink("/run/kept/lb.conf", "/run/lb.conf")
+        self.write(route(DEFAULT, GATEWAYS[0], "10.77.0.1"))
+        self.start()
+        self.assertEqual(self.path(), {ONE: 1})
+        self.lab.uplink("gi1_9", "10.77.9.10/24", "10.77.0.1")
+        with open("/run/kept/lb.conf", "w", encoding="ascii") as file:
+            file.write(three_uplinks().interface("gi1_9", nexthop="10.77.0.1").text())
+        self.expect_path({ONE: 1, ("10.77.0.1", "gi1_9"): 1})
+
     def test_interface_that_is_missing_is_told_and_used_once_it_is_there(self):
         self.lab.write_conf(three_uplinks().interface("gi1_9", nexthop="10.77.0.1"))
         self.write(route(DEFAULT, GATEWAYS[0], "10.77.0.1"))

@@ -161,6 +161,21 @@ class Namespaces(RouteTest):
         self.make_blue()
         expect(lambda: status(self.router)[0] == 0)
 
+    def test_second_name_of_a_namespace_is_told_and_not_served(self):
+        self.lab.write_conf(self.with_blue())
+        with open("/var/run/netns/blue", "wb"):
+            pass
+        self.router.run("mount", "--bind", "/proc/self/ns/net", "/var/run/netns/blue")
+        self.lab.own(lambda: self.router.run("ip", "netns", "del", "blue"))
+        self.write(route(PREFIX, GATEWAYS[1]), namespace="blue")
+        self.start()
+        self.assertEqual(self.path(), {ONE: 1})
+        self.assertEqual(len(self.program.lines("namespace blue is not served: it is the default namespace by")), 1)
+        before = self.program.processor_s()
+        assert_stays(lambda: self.path() == {ONE: 1} and self.path(PREFIX) is None, during=2)
+        self.assertLess(self.program.processor_s() - before, 0.5)
+        self.assertEqual(status(self.router)[0], 1)
+
     # What keeps it from serving one namespace costs that one alone.
 
     def not_served(self, name):

@@ -1,11 +1,13 @@
 """What lbroute tells of the kernel, and uplinks that an operator holds (topology: route_scene.py)."""
 import json
 import os
+import subprocess
 import time
 
 from kit import Conf, expect, main
 from kit.lbroute import route, run, shown_route, standing, status
-from route_scene import DEFAULT, GATEWAYS, ONE, PREFIX, THREE, TWO, RouteTest
+from kit.routing_daemon import pid_path
+from route_scene import DEFAULT, GATEWAYS, ONE, PREFIX, THREE, TWO, RouteTest, three_uplinks
 
 
 class Status(RouteTest):
@@ -92,6 +94,19 @@ class Hold(RouteTest):
 
     def hold(self, *words, check=0):
         return run(self.router, *words, "-f", "/run/lb.conf", check=check)
+
+    def test_routing_daemon_of_one_family_alone_is_told_with_the_one_that_has_none(self):
+        self.lab.write_conf(three_uplinks().interface("gi2_1", nexthop=GATEWAYS[0], namespace="blue")
+                            .rule("2_ipv4", {"gi2_1": 1}, {}, namespace="blue"))
+        self.lab.namespace("blue")
+        with subprocess.Popen(["sleep", "100"]) as other:
+            with open(pid_path(), "w", encoding="ascii") as file:
+                file.write(f"{other.pid}\n")
+            code, shown = status(self.router)
+            self.assertEqual(code, 1)
+            self.assertEqual(shown["others"], [f"{pid_path()} names process {other.pid} (sleep)"])
+            self.assertIn("no routing daemon runs for IPv4 of namespace blue", shown["problems"][-1])
+            other.kill()
 
     def test_held_uplink_leaves_the_routes_that_have_another_until_it_is_released(self):
         self.start()

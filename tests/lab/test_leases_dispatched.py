@@ -75,17 +75,25 @@ class Networkd(DispatchedTest):
 
         self.assertEqual(text_of(LEASE6), lease6("fe80::1"))
 
+    def test_router_of_advertisements_that_is_gone_is_told(self):
+        put(LEASE6, lease6("fe80::1"))
+        self.lab.router.ip("-6 route add default via fe80::9 dev gi1_1 proto static metric 10")
+        self.changed("routable")
+
+        self.assertIsNone(text_of(LEASE6))
+
     def test_interface_that_networkd_does_not_manage_is_left_alone(self):
         put(LEASE, lease("192.0.2.1"))
+        put(LEASE6, lease6("fe80::1"))
         self.changed("routable", administrative="unmanaged")
 
-        self.assertEqual(text_of(LEASE), lease("192.0.2.1"))
+        self.assertEqual((text_of(LEASE), text_of(LEASE6)), (lease("192.0.2.1"), lease6("fe80::1")))
 
-    def test_uplink_of_another_kind_is_left_alone(self):
+    def test_uplink_of_another_kind_is_written_for_a_later_configuration(self):
         self.has_lease("ROUTER=192.0.2.1\n", "gi1_2")
         self.changed("routable", "gi1_2")
 
-        self.assertEqual(os.listdir("/var/db"), [])
+        self.assertEqual(lb_lease.files(), ["dhclient_gi1_2.leases"])
 
 
 class NetworkManager(DispatchedTest):
@@ -119,26 +127,34 @@ class NetworkManager(DispatchedTest):
 
         self.assertEqual((text_of(LEASE), text_of(LEASE6)), (None, lease6("fe80::1")))
 
+    def test_router_of_advertisements_that_is_gone_is_told(self):
+        for action in ("up", "reapply", "dhcp4-change", "dhcp6-change"):
+            put(LEASE6, lease6("fe80::1"))
+            self.happened(action, IP6_GATEWAY="")
+
+            self.assertIsNone(text_of(LEASE6), action)
+
     def test_interface_that_goes_down_has_neither(self):
         put(LEASE, lease("192.0.2.1"))
         put(LEASE6, lease6("fe80::1"))
         self.happened("down")
 
-        self.assertEqual(os.listdir("/var/db"), [])
+        self.assertEqual(lb_lease.files(), [])
 
     def test_other_changes_and_other_managers_interfaces_change_nothing(self):
         put(LEASE, lease("192.0.2.1"))
         self.happened("up")
+        put(LEASE6, lease6("fe80::1"))
         self.happened("connectivity-change", CONNECTIVITY_STATE="FULL")
         self.happened("pre-down")
         self.happened("down", CONNECTION_EXTERNAL="1")
 
-        self.assertEqual(text_of(LEASE), lease("192.0.2.1"))
+        self.assertEqual((text_of(LEASE), text_of(LEASE6)), (lease("192.0.2.1"), lease6("fe80::1")))
 
-    def test_uplink_of_another_kind_is_left_alone(self):
+    def test_uplink_of_another_kind_is_written_for_a_later_configuration(self):
         self.happened("up", "gi1_2", DHCP4_IP_ADDRESS="192.0.2.10", DHCP4_ROUTERS="192.0.2.1")
 
-        self.assertEqual(os.listdir("/var/db"), [])
+        self.assertEqual(lb_lease.files(), ["dhclient_gi1_2.leases"])
 
 
 if __name__ == "__main__":

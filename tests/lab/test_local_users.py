@@ -5,8 +5,10 @@ files (LbrouteOwnership, pid_files), lease files that lb-lease writes (lb_lease)
 (LbrouteFragmentFile), dumps (LbshowDumpFiles), pages and drawings (OutputFile).
 """
 import os
+import subprocess
+import time
 
-from kit import LabTest, expect, main
+from kit import LabTest, expect, lb_lease, main
 from kit.lbwatch import HISTORY, Lbwatch, lbwatch
 from kit.routing_daemon import fragment_path
 from running import NOT_OPENED, OUTBOUNDS, REPORT, RunningTest
@@ -14,6 +16,7 @@ from scenes import GATEWAY, ROUTER, VIA_1, error, fragment, one_uplink, two_upli
 from test_lease_faults import LEASE, NO_ROUTER, lease
 
 PID_FILE = "/run/lb.pid"
+AS_NOBODY = ("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups")
 
 
 def put_pipe(path):
@@ -65,6 +68,32 @@ class Leases(LabTest):
         with open(LEASE, "w", encoding="ascii") as file:
             file.write(lease(GATEWAY))
         self.lab.cycles.expect(lambda: self.lab.fragment() == fragment(VIA_1), 8, "the lease counts")
+
+
+class LockedLeases(LabTest):
+    def test_locks_that_any_user_can_take_hold_no_lease_up(self):
+        conf = "/run/lb.conf"
+        self.lab.write_conf(one_uplink(nexthop="dhcp"))
+        self.assertEqual(lb_lease.run("-f", conf, "gi1_1", GATEWAY), (0, ""))
+        for path in (os.path.dirname(LEASE), LEASE):
+            holder = subprocess.Popen([*AS_NOBODY, "flock", path, "sh", "-c", "echo; exec sleep 60"],
+                                      stdout=subprocess.PIPE)
+            self.addCleanup(holder.wait)
+            self.addCleanup(holder.kill)
+            self.addCleanup(holder.stdout.close)
+            self.assertEqual(holder.stdout.readline(), b"\n", "it has the lock")
+            start = time.monotonic()
+            self.assertEqual(lb_lease.run("-f", conf, "gi1_1", "--gone"), (0, ""))
+            self.assertEqual(lb_lease.run("-f", conf, "gi1_1", GATEWAY), (0, ""))
+            self.assertLess(time.monotonic() - start, 5)
+
+    def test_lock_of_the_leases_is_opened_by_nobody_else(self):
+        self.lab.write_conf(one_uplink(nexthop="dhcp"))
+        self.assertEqual(lb_lease.run("-f", "/run/lb.conf", "gi1_1", GATEWAY), (0, ""))
+        tried = subprocess.run([*AS_NOBODY, "flock", "--nonblock", lb_lease.LOCK, "true"], stderr=subprocess.PIPE,
+                               text=True, check=False)
+        self.assertNotEqual(tried.returncode, 0)
+        self.assertIn("Permission denied", tried.stderr)
 
 
 class History(LabTest):

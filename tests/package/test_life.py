@@ -201,6 +201,14 @@ class Life(unittest.TestCase):
         self.assertTrue(foreign.exists())
         foreign.unlink()
 
+    def test_lease_from_before_the_configuration_is_there_when_it_comes(self):
+        """By the sample, which names no uplink, and with the command that the service runs before the daemon."""
+        told = subprocess.run(["lb-lease", "gi1_1", "192.0.2.1"], stderr=subprocess.PIPE, text=True, check=False)
+        subprocess.run(["lb-lease", "--remove-old"], check=True)
+
+        self.assertEqual((told.returncode, told.stderr), (3, ""))
+        self.assertIn("option routers 192.0.2.1;", pathlib.Path("/var/db/dhclient_gi1_1.leases").read_text())
+
     def test_removed_package_leaves_a_hook_that_does_nothing(self):
         dpkg("--remove", "--no-triggers", NAME)
 

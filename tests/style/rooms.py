@@ -1,11 +1,12 @@
 #!/usr/bin/python3
-"""Holds the rooms of src/ to one direction of dependence, and the kernel to one of them.
+"""Holds the rooms of src/ to one direction of dependence, and the kernel to one of them; the folders of tools/ as well.
 
-    rooms.py [SOURCE]
+    rooms.py [SOURCE [TOOLS]]
 
 - A room includes only rooms below it.
 - Headers of sockets, interface requests, netlink and threads are included below host/linux and in base only.
 - The headers of host include no header of a system at all: the C++ library and rooms below are enough.
+- A folder of tools includes only those that it is said to know.
 
 Prints each include that is wrong; the exit status is 1 when there is one.
 """
@@ -19,7 +20,19 @@ FLOORS = (("core",), ("output", "decision"), ("probe",), ("config",), ("host/lin
           ("base",), ("wire",))
 FLOOR_OF = {room: floor for floor, rooms in enumerate(FLOORS) for room in rooms}
 HOSTS = {"host/linux", "host/simulated"}
+# Which folders of tools/ each of them knows, beside itself.
+KNOWN = {
+    "shared": set(),
+    "dumps": {"shared"},
+    "lb-lease": {"shared"},
+    "lbroute": {"shared", "dumps"},
+    "lbwatch": {"shared", "dumps"},
+    "lbshow": {"shared", "dumps", "lbwatch"},  # how long a state lasts
+    "lbsim": {"shared", "lbwatch"},            # a recorded history
+    "lbcheck": {"shared", "dumps", "lbroute"},  # what the kernel has
+}
 INCLUDE = re.compile(r'^#include "([\w/]+)/[\w.]+"', re.MULTILINE)
+FOLDER = re.compile(r'^#include "([\w-]+)/', re.MULTILINE)
 SYSTEM_INCLUDE = re.compile(r"^#include <([\w/.]+)>", re.MULTILINE)
 
 OF_THE_KERNEL = re.compile(r"(sys/(socket|ioctl|eventfd|un)|net/|netinet/|arpa/|linux/|libmnl/|libnetfilter|ifaddrs|netdb"
@@ -62,15 +75,27 @@ def wrong_includes(source):
                 yield f"{here} includes <{header}>: only host/linux and base may"
 
 
+def wrong_companions(tools):
+    folders = {path.parent.name for path in tools.glob("*/*.cpp")}
+    for folder in sorted(folders ^ set(KNOWN)):
+        yield f"{tools / folder}: a folder without a line in KNOWN, or a line without a folder"
+    for path in sorted(tools.glob("*/*.[ch]*")):
+        folder = path.parent.name
+        for other in FOLDER.findall(path.read_text(encoding="utf-8")):
+            if other in folders - {folder} and other not in KNOWN.get(folder, folders):
+                yield f"{folder}/{path.name} includes {other}/: {folder} must not know it"
+
+
 def main():
     source = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).parents[2] / "src")
     checked = len(list(source.rglob("*.cpp")))
     if not checked:
         sys.exit(f"rooms: no sources under {source}")
-    wrong = list(wrong_includes(source))
+    tools = pathlib.Path(sys.argv[2]) if len(sys.argv) > 2 else source.parent / "tools"
+    wrong = list(wrong_includes(source)) + list(wrong_companions(tools))
     wrong += [f"no file includes it any more: {file} <{header}>" for file, header in sorted(GIVEN)
               if f"#include <{header}>" not in (source / file).read_text(encoding="utf-8")]
-    print("\n".join(wrong) if wrong else f"rooms: {checked} source files depend downwards only")
+    print("\n".join(wrong) if wrong else f"rooms: {checked} source files and the companions depend downwards only")
     return 1 if wrong else 0
 
 

@@ -1,5 +1,6 @@
 // The files below /var/db, in a /var of the test's own. Skipped without the right to have one.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -8,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "base/fd.h"
 #include "lb-lease/lease_store.h"
 #include "lb-lease/lease_text.h"
 #include "unit/support/own_network.h"
@@ -16,8 +18,10 @@ namespace {
 
 using lblease::lease_text;
 using lblease::remove_lease;
+using lblease::remove_leases_of_other_boots;
 using lblease::write_lease;
 
+constexpr const char* lock = "/var/db/.lb-lease.lock";
 constexpr const char* name = "dhclient_wan1.leases";
 const std::string path = std::string("/var/db/") + name;
 
@@ -32,9 +36,18 @@ class LbLeaseStore : public testing::Test {
         std::ifstream stream(file);
         return {std::istreambuf_iterator<char>(stream), {}};
     }
+    /// Beside the lock.
     static std::size_t files() {
         return static_cast<std::size_t>(
-            std::distance(std::filesystem::directory_iterator("/var/db"), {}));
+                   std::distance(std::filesystem::directory_iterator("/var/db"), {})) -
+               (std::filesystem::exists(lock) ? 1 : 0);
+    }
+    static std::string text(const std::string& router, const std::string& boot = "") {
+        return lease_text({"wan1", false, router, boot});
+    }
+    static unsigned mode_of(const std::string& file) {
+        struct stat found {};
+        return stat(file.c_str(), &found) == 0 ? found.st_mode & 07777U : 0;
     }
     static std::string stays() {
         return path +
@@ -44,8 +57,8 @@ class LbLeaseStore : public testing::Test {
                path;
     }
 
-    const std::string one = lease_text("wan1", false, "192.0.2.1");
-    const std::string other = lease_text("wan1", false, "192.0.2.2");
+    const std::string one = text("192.0.2.1");
+    const std::string other = text("192.0.2.2");
 };
 
 TEST_F(LbLeaseStore, lease_is_written_readable_by_all_and_replaced_whole) {
@@ -80,7 +93,7 @@ TEST_F(LbLeaseStore, removed_lease_is_gone_and_one_that_is_not_there_is_well) {
         EXPECT_EQ(remove_lease(name), "") << "no folder yet";
         EXPECT_FALSE(std::filesystem::exists("/var/db"));
         ASSERT_EQ(write_lease(name, one), "");
-        ASSERT_EQ(write_lease("dhclient_wan2.leases", lease_text("wan2", false, "192.0.2.1")), "");
+        ASSERT_EQ(write_lease("dhclient_wan2.leases", one), "");
         EXPECT_EQ(remove_lease(name), "");
         EXPECT_FALSE(std::filesystem::exists(path));
         EXPECT_EQ(files(), 1U);
@@ -124,6 +137,58 @@ TEST_F(LbLeaseStore, leftover_of_a_killed_call_is_replaced) {
     });
 }
 
+TEST_F(LbLeaseStore, lock_is_open_to_nobody_else) {
+    in_own_var([this] {
+        ASSERT_EQ(write_lease(name, one), "");
+        EXPECT_EQ(mode_of(lock), 0600U);
+        ASSERT_EQ(chmod(lock, 0644), 0);
+        EXPECT_EQ(write_lease(name, other), "");
+        EXPECT_EQ(mode_of(lock), 0600U);
+    });
+}
+
+TEST_F(LbLeaseStore, folder_or_lease_that_somebody_locked_holds_nobody_up) {
+    in_own_var([this] {
+        ASSERT_EQ(write_lease(name, one), "");
+        for (const char* held : {"/var/db", path.c_str()}) {
+            const Fd file(open(held, O_RDONLY | O_CLOEXEC));
+            ASSERT_EQ(flock(file.get(), LOCK_EX), 0);
+            EXPECT_EQ(write_lease(name, text_of(path) == one ? other : one), "") << held;
+        }
+    });
+}
+
+TEST_F(LbLeaseStore, what_lies_in_the_locks_place_is_neither_followed_nor_taken) {
+    in_own_var([this] {
+        std::filesystem::create_directory("/var/db");
+        std::filesystem::create_symlink("/var/victim", lock);
+        EXPECT_EQ(write_lease(name, one),
+                  std::string(lock) + " cannot be opened: Too many levels of symbolic links");
+        EXPECT_FALSE(std::filesystem::exists("/var/victim"));
+        std::filesystem::remove(lock);
+        ASSERT_EQ(mkfifo(lock, 0600), 0);
+        EXPECT_EQ(
+            write_lease(name, one),
+            std::string(lock) + " is not a plain file of the caller's; remove it: rm " + lock);
+        EXPECT_EQ(files(), 0U);
+    });
+}
+
+TEST_F(LbLeaseStore, leases_of_other_starts_of_the_machine_are_removed) {
+    in_own_var([this] {
+        EXPECT_EQ(remove_leases_of_other_boots("0c4b"), "") << "no folder yet";
+        ASSERT_EQ(write_lease(name, text("192.0.2.1", "77")), "");
+        ASSERT_EQ(write_lease("dhcp6_clientwan1.leases", text("192.0.2.1", "78")), "");
+        ASSERT_EQ(write_lease("dhclient_wan2.leases", text("192.0.2.1", "0c4b")), "");
+        ASSERT_EQ(write_lease("dhclient_wan3.leases", one), "");
+        std::ofstream("/var/db/dhclient_wan4.leases") << "lease {\n}\n";
+        EXPECT_EQ(remove_leases_of_other_boots("0c4b"), "");
+        EXPECT_EQ(files(), 3U);
+        EXPECT_FALSE(std::filesystem::exists(path));
+        EXPECT_FALSE(std::filesystem::exists("/var/db/dhcp6_clientwan1.leases"));
+    });
+}
+
 TEST_F(LbLeaseStore, file_in_the_folders_place_is_told_with_what_mends_it) {
     in_own_var([this] {
         std::ofstream("/var/db") << "x";
@@ -131,6 +196,7 @@ TEST_F(LbLeaseStore, file_in_the_folders_place_is_told_with_what_mends_it) {
                   "/var/db cannot be opened: Not a directory; it must be a folder, see: ls -ld "
                   "/var/db");
         EXPECT_EQ(remove_lease(name), write_lease(name, one));
+        EXPECT_EQ(remove_leases_of_other_boots("0c4b"), write_lease(name, one));
     });
 }
 

@@ -105,20 +105,37 @@ TEST(LeaseFile, is_where_the_daemon_looks) {
 }
 
 TEST(LeaseFile, holds_the_line_that_the_daemon_takes) {
-    EXPECT_EQ(lease_text("gi1_1", false, "192.0.2.1"),
+    EXPECT_EQ(lease_text({"gi1_1", false, "192.0.2.1", "0c4b"}),
               "# Written by lb-lease(8) for lb(8); changes are lost.\n"
+              "# Since the machine's start 0c4b\n"
               "lease {\n  interface \"gi1_1\";\n  option routers 192.0.2.1;\n}\n");
-    EXPECT_EQ(lease_text("gi1_1", true, "fe80::1"),
+    EXPECT_EQ(lease_text({"gi1_1", true, "fe80::1", ""}),
               "# Written by lb-lease(8) for lb(8); changes are lost.\n"
               "interface='gi1_1'\nnew_routers='fe80::1'\n");
 }
 
 TEST(LeaseFile, is_told_from_a_clients_own) {
-    EXPECT_TRUE(is_own_text(lease_text("gi1_1", false, "192.0.2.1")));
-    EXPECT_TRUE(is_own_text(lease_text("gi1_1", true, "fe80::1")));
+    EXPECT_TRUE(is_own_text(lease_text({"gi1_1", false, "192.0.2.1", ""})));
+    EXPECT_TRUE(is_own_text(lease_text({"gi1_1", true, "fe80::1", "0c4b"})));
     EXPECT_FALSE(is_own_text("lease {\n  option routers 192.0.2.1;\n}\n"));
     EXPECT_FALSE(is_own_text(""));
     EXPECT_FALSE(is_own_text("# Written by lb-lease"));
+}
+
+TEST(LeaseFile, of_another_start_of_the_machine_is_told_from_one_of_this) {
+    for (const bool is_ipv6 : {false, true}) {
+        const std::string text = lease_text({"gi1_1", is_ipv6, "fe80::1", "0c4b"});
+        EXPECT_FALSE(is_of_other_boot(text, "0c4b"));
+        EXPECT_TRUE(is_of_other_boot(text, "0c4"));
+        EXPECT_TRUE(is_of_other_boot(text, "0c4b1"));
+    }
+}
+
+TEST(LeaseFile, of_an_unknown_start_or_of_others_is_of_no_other_start) {
+    EXPECT_FALSE(is_of_other_boot(lease_text({"gi1_1", false, "192.0.2.1", ""}), "0c4b"));
+    EXPECT_FALSE(is_of_other_boot("lease {\n  option routers 192.0.2.1;\n}\n", "0c4b"));
+    EXPECT_FALSE(is_of_other_boot("# Since the machine's start 77\n", "0c4b"));
+    EXPECT_FALSE(is_of_other_boot("", "0c4b"));
 }
 
 }  // namespace

@@ -71,6 +71,18 @@ TEST(Causes, byte_order_mark) {
               "mend: sed -i '1s/^\\xEF\\xBB\\xBF//' 'F'\nF: 1 error, 0 warnings\n");
 }
 
+TEST(Causes, bracket_too_many_and_one_too_few) {
+    EXPECT_EQ(said_of("}\n" + good.substr(0, good.rfind('}'))),
+              "F:1: error: '}': closes no block: one bracket too many\n"
+              "F:24: error: 'rule 1_ipv4 {': this block does not end: '}' is missing before the "
+              "end of the file\nF: 2 errors, 0 warnings\n");
+}
+
+TEST(Causes, brackets_that_nothing_explains_are_told_as_the_loader_tells_them) {
+    EXPECT_EQ(said_of("}\n}\n}\nhealth {\n"),
+              "F:1: error: '}': Malformed configuration file: brackets\nF: 1 error, 0 warnings\n");
+}
+
 TEST(Causes, wide_characters) {
     EXPECT_EQ(said_of("\xFF\xFEh"),
               "F:1: error: is written in UTF-16, of which nothing is understood; mend: iconv -f "

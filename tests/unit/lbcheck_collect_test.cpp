@@ -139,6 +139,26 @@ TEST_F(LbcheckCollect, uplink_of_ipv6_is_one) {
     EXPECT_TRUE(uplink(0).is_ipv6);
 }
 
+TEST_F(LbcheckCollect, routes_of_others_to_what_is_balanced_are_listed) {
+    const Loaded loaded("health {\n" + interface("wan1", "dhcp") + "}\n" + rule);
+    const bool is_possible = in_own_network({"/usr", "/run"}, [&] {
+        const TestLink one("wan1", "192.0.2.10");
+        const TestLink two("wan2", "198.51.100.10");
+        std::filesystem::create_directories("/usr/etc");
+        // The kernel has made routes to the networks of both links.
+        std::ofstream("/usr/etc/routing-wlb.conf")
+            << "protocol static {\nroute 198.51.100.0/24 multipath via 192.0.2.1 weight 1;\n};\n";
+        facts = lbcheck::collect_facts(folder.file("lb.conf"), loaded.data(), folder.path());
+    });
+    if (!is_possible) {
+        GTEST_SKIP() << "needs the right to make a network and mounts of its own";
+    }
+    ASSERT_EQ(facts.namespaces.size(), 1U);
+    EXPECT_EQ(facts.namespaces[0].routes_problem, "");
+    ASSERT_EQ(facts.namespaces[0].routes.size(), 1U);
+    EXPECT_EQ(facts.namespaces[0].routes[0].prefix.text(), "198.51.100.0/24");
+}
+
 TEST_F(LbcheckCollect, namespace_that_is_not_there_is_told) {
     const Loaded loaded("health {\n" +
                         interface("wan1", "192.0.2.1", "  namespace no-such-namespace\n") + "}\n");

@@ -61,10 +61,10 @@ LiveFacts good() {
     routes.routes.push_back(route);
     routes.fragments.push_back({.path = router.fragment_path, .state = "read", .problems = {}});
     facts.routes.namespaces.push_back(routes);
-    lbshow::Family dumped;
+    dumps::Family dumped;
     dumped.limit_s = 15;
     facts.dumps.families.push_back(dumped);
-    lbshow::Interface known;
+    dumps::Interface known;
     known.name = "gi1_1";
     known.nexthop = "192.0.2.1";
     known.nexthop_from = "configured";
@@ -73,8 +73,8 @@ LiveFacts good() {
                     {.position = 2, .target = "203.0.113.54"}};
     facts.namespaces[0].uplinks[0].expected = known;
     known.is_active = true;
-    for (lbshow::Probe& probe : known.probes) {
-        probe.last_result = lbshow::Result::answered;
+    for (dumps::Probe& probe : known.probes) {
+        probe.last_result = dumps::Result::answered;
         probe.success_run = 2;
     }
     facts.dumps.interfaces.push_back(known);
@@ -103,15 +103,15 @@ lbcheck::RouterFacts& router(LiveFacts& facts) {
 lbroute::ReportedRoute& route(LiveFacts& facts) {
     return facts.routes.namespaces[0].routes[0];
 }
-lbshow::Interface& dumped(LiveFacts& facts) {
+dumps::Interface& dumped(LiveFacts& facts) {
     return facts.dumps.interfaces[0];
 }
 /// The daemon has seen losses enough of some of the targets, by their positions from 0.
 void fail(LiveFacts& facts, const std::vector<std::size_t>& probes) {
     dumped(facts).is_active = false;
     for (const std::size_t at : probes) {
-        lbshow::Probe& probe = dumped(facts).probes[at];
-        probe.last_result = lbshow::Result::timed_out;
+        dumps::Probe& probe = dumped(facts).probes[at];
+        probe.last_result = dumps::Result::timed_out;
         probe.success_run = 0;
         probe.failure_run = 2;
     }
@@ -289,7 +289,7 @@ const std::vector<Row> rows{
     {"uplink_held_for_failed_for_a_limit",
      [](LiveFacts& f) {
          fail(f, {0, 1});
-         const lbshow::Quality limits{.loss_limit = 10, .rtt_limit = 50, .jitter_limit = 20};
+         const dumps::Quality limits{.loss_limit = 10, .rtt_limit = 50, .jitter_limit = 20};
          uplink(f).expected->probes[0].quality = dumped(f).probes[0].quality = limits;
          dumped(f).probes[0].quality->rtt_ms = 50;
          uplink(f).expected->probes.pop_back();
@@ -455,7 +455,7 @@ TEST(Live, group_of_root_and_a_folder_above_that_keeps_files_of_others_are_well)
 
 TEST(Live, what_the_daemon_learns_is_no_other_configuration) {
     LiveFacts facts = good();
-    for (lbshow::Interface* one : {&*uplink(facts).expected, &dumped(facts)}) {
+    for (dumps::Interface* one : {&*uplink(facts).expected, &dumped(facts)}) {
         one->family = 6;
         one->nexthop_from = "dhcp";
     }

@@ -71,6 +71,13 @@ TEST(LbrouteBird2, one_static_protocol_a_family) {
               "}\n");
 }
 
+TEST(LbrouteBird2, gateway_outside_of_all_networks_is_told_as_on_link) {
+    Bird2Hop outside = hop(ipv4("10.0.0.1"), "gi1_1", 1);
+    outside.is_on_link = true;
+    EXPECT_NE(text4({outside}).text.find("\t\tvia 10.0.0.1%'gi1_1' weight 1 onlink;\n"),
+              std::string::npos);
+}
+
 TEST(LbrouteBird2, without_routes_both_protocols_stand_empty) {
     const std::string text = bird2_text({}, {}).text;
     EXPECT_NE(text.find("protocol static lbroute4 {\n\tipv4;\n}\n"), std::string::npos);
@@ -133,6 +140,7 @@ TEST(LbrouteBird2, plan_gives_the_next_hops_in_use_and_metrics_that_differ_from_
     used.gateway = ipv4("10.0.0.1");
     used.interface = "gi1_1";
     used.weight = 7;
+    used.is_on_link = true;
     lbroute::PlannedHop held = used;
     held.state = lbroute::HopState::held;
     lbroute::PlannedHop last = used;
@@ -146,9 +154,10 @@ TEST(LbrouteBird2, plan_gives_the_next_hops_in_use_and_metrics_that_differ_from_
     plan[3].hops = {used};
     const Bird2Routes made = lbroute::bird2_routes(plan, Family::ipv4, true);
     EXPECT_TRUE(made.check_link);
-    const std::vector<lbroute::Bird2Route> expected = {
-        {everything4, {hop(ipv4("10.0.0.1"), "gi1_1", 7)}, {}},
-        {{ipv4("10.0.0.0"), 8}, {hop(ipv4("10.0.0.1"), "gi1_1", 7)}, 20U}};
+    Bird2Hop in_use = hop(ipv4("10.0.0.1"), "gi1_1", 7);
+    in_use.is_on_link = true;
+    const std::vector<lbroute::Bird2Route> expected = {{everything4, {in_use}, {}},
+                                                       {{ipv4("10.0.0.0"), 8}, {in_use}, 20U}};
     EXPECT_EQ(made.routes, expected);
     const Bird2Routes made6 = lbroute::bird2_routes(plan, Family::ipv6, false);
     ASSERT_EQ(made6.routes.size(), 1U);

@@ -2,11 +2,16 @@
 // the right to make them.
 
 #include <gmock/gmock.h>
+#include <sched.h>
+#include <sys/mount.h>
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
+#include <thread>
 
 #include "lbroute/maintenance.h"
+#include "lbroute/rtnetlink.h"
 #include "lbroute/served_namespace.h"
 #include "lbroute/status.h"
 #include "support/lbroute_scene.h"
@@ -129,7 +134,9 @@ TEST_F(LbrouteCommands, status_tells_what_is_missing_and_what_agrees) {
         put_into_force(served);
         shown = status();
         EXPECT_EQ(shown.status, 1);
-        EXPECT_THAT(shown.output, HasSubstr("no routing daemon runs, so nobody takes over"));
+        EXPECT_THAT(shown.output,
+                    HasSubstr("no routing daemon runs for IPv4 of the default namespace, "
+                              "so nobody takes over"));
         std::ofstream("/run/routing.pid") << getpid() << "\n";
         shown = status();
         EXPECT_EQ(shown.status, 0) << shown.output;
@@ -174,11 +181,22 @@ TEST_F(LbrouteCommands, hold_and_release_tell_what_they_did) {
         EXPECT_EQ(done.output, "wan2 is released in IPv6\n");
         done = released(asked);
         EXPECT_EQ(done.status, 1);
-        EXPECT_EQ(done.errors, "lbroute: wan2 is not held\n");
+        EXPECT_EQ(
+            done.errors,
+            "lbroute: wan2 is not held; what is held ends with: lbroute release wan2 --family "
+            "ipv4\n");
         EXPECT_EQ(released(request("wan2")).output, "wan2 is released in IPv4\n");
         asked = request("wan1");
         asked.namespace_name = "blue";
         EXPECT_EQ(released(asked).errors, "lbroute: wan1 in namespace blue is not held\n");
+        asked = request("wan3");
+        asked.namespace_name = "blue";
+        asked.family = Family::ipv4;
+        EXPECT_THAT(held(asked).output,
+                    HasSubstr(" until lbroute release wan3 --namespace blue --family ipv4\n"));
+        EXPECT_EQ(released(request("wan3")).errors,
+                  "lbroute: wan3 is not held; what is held ends with: lbroute release wan3 "
+                  "--namespace blue --family ipv4\n");
         EXPECT_EQ(held(request("wan1")).output,
                   "wan1 is held in IPv4 until lbroute release wan1\n"
                   "lbroute does not run: the hold counts once it does\n");
@@ -198,7 +216,8 @@ TEST_F(LbrouteCommands, hold_refuses_what_is_no_uplink_or_time) {
         HoldRequest asked = request("wan3");
         asked.namespace_name = "blue";
         EXPECT_EQ(held(asked).output,
-                  "wan3 in namespace blue is held in IPv4 until lbroute release wan3\n"
+                  "wan3 in namespace blue is held in IPv4 until lbroute release wan3 --namespace "
+                  "blue\n"
                   "lbroute does not run: the hold counts once it does\n");
         asked.namespace_name = "red";
         EXPECT_THAT(held(asked).errors, HasSubstr("is called wan3 in namespace red in "));
@@ -249,6 +268,35 @@ TEST_F(LbrouteCommands, dry_run_prints_the_commands_and_changes_nothing) {
                   "lbroute: /usr/etc/routing-wlb.conf line 2: 'nonsense' is no IPv4 prefix; the "
                   "route is left out\n");
     });
+}
+
+TEST_F(LbrouteCommands, flush_reaches_namespaces_that_are_no_longer_configured) {
+    const bool is_possible = in_own_network({"/usr", "/run", "/var"}, [this] {
+        std::filesystem::create_directory_symlink("/run", "/var/run");
+        std::filesystem::create_directories("/run/netns");
+        std::filesystem::create_directories("/var/vrfs/green/usr/etc");
+        std::ofstream("/run/netns/green") << "";
+        folder.put("lb.conf", "health {\n interface wan1 {\n  nexthop 192.0.2.1\n }\n}\n");
+        std::unique_ptr<TestLink> link;
+        std::thread([&link] {
+            ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+            ASSERT_EQ(mount("/proc/thread-self/ns/net", "/run/netns/green", nullptr, MS_BIND, ""),
+                      0);
+            link = std::make_unique<TestLink>("wan1", "192.0.2.10");
+            KernelRoute route;
+            route.prefix = prefix("10.0.0.0/8");
+            route.hops = {{address("192.0.2.1"), link->index, 1, false}};
+            std::string problem;
+            RouteSocket socket = RouteSocket::open(problem);
+            const std::vector<Step> steps{PutRoute{route, false}};
+            EXPECT_EQ(socket.take(steps).at(0).error, 0);
+        }).join();
+        options.flushes = true;
+        EXPECT_EQ(commands().output, "ip -n green route del 10.0.0.0/8 metric 0 protocol 76\n");
+    });
+    if (!is_possible) {
+        GTEST_SKIP() << "needs the right to make a network and mounts of its own";
+    }
 }
 
 TEST_F(LbrouteCommands, served_namespace_routes_by_its_fragment) {

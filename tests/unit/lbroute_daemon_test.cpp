@@ -9,6 +9,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <set>
 #include <thread>
 
@@ -17,6 +18,7 @@
 #include "lbroute/holds.h"
 #include "lbroute/rtnetlink.h"
 #include "support/lbroute_scene.h"
+#include "unit/support/faults.h"
 #include "unit/support/lbroute_machine.h"
 #include "unit/support/temporary_folder.h"
 
@@ -31,6 +33,8 @@ using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
 constexpr const char* pid_file = "/run/routing.pid";
+/// Calls up to this one are counted and go through.
+constexpr int never = std::numeric_limits<int>::max();
 
 class LbrouteDaemon : public ::testing::Test {
   protected:
@@ -128,6 +132,43 @@ TEST_F(LbrouteDaemon, faulty_fragment_costs_its_route_and_the_status) {
     });
 }
 
+TEST_F(LbrouteDaemon, damaged_holds_are_told) {
+    in_own_machine([this] {
+        write_fragment(first);
+        std::filesystem::create_directory(StateFolder::usual_path);
+        std::ofstream(std::string(StateFolder::usual_path) + "/holds") << "{";
+        std::string errors;
+        once(errors);
+        EXPECT_THAT(errors, HasSubstr(std::string(StateFolder::usual_path) +
+                                      "/holds is damaged: no hold is in force; hold again what "
+                                      "must stay held\n"));
+        EXPECT_THAT(state().routes, SizeIs(1));
+    });
+}
+
+TEST_F(LbrouteDaemon, without_a_state_folder_it_fails_and_routes_nothing) {
+    in_own_machine([this] {
+        write_fragment(first);
+        std::ofstream(StateFolder::usual_path) << "";
+        std::string errors;
+        EXPECT_EQ(once(errors), 1);
+        EXPECT_THAT(errors, HasSubstr(" is no folder and is not used; remove it: rm "));
+        EXPECT_THAT(state().routes, IsEmpty());
+    });
+}
+
+TEST_F(LbrouteDaemon, routes_that_bird_has_not_got_are_not_told_as_routed) {
+    in_own_machine([this] {
+        write_fragment(both);
+        options.bird2_file = folder.file("no/such/folder");
+        std::string errors;
+        EXPECT_EQ(once(errors), 1);
+        EXPECT_THAT(errors, HasSubstr(options.bird2_file));
+        EXPECT_THAT(errors, ::testing::Not(HasSubstr("10.0.0.0/8 via")));
+        EXPECT_THAT(state().routes, IsEmpty()) << "bird is to make them";
+    });
+}
+
 TEST_F(LbrouteDaemon, place_of_another_routing_daemon_is_left_alone) {
     in_own_machine([this] {
         write_fragment(both);
@@ -196,6 +237,28 @@ TEST_F(LbrouteDaemon, link_that_comes_later_is_taken_into_its_routes) {
                   0);
         EXPECT_THAT(::testing::internal::GetCapturedStderr(),
                     HasSubstr("there is no interface wan3"));
+    });
+}
+
+TEST_F(LbrouteDaemon, next_hop_of_either_uplink_is_guessed_once_and_then_rests) {
+    in_own_machine([this] {
+        folder.put(
+            "lb.conf",
+            "health {\n interface6 wan1 {\n  nexthop fe80::1\n }\n interface6 wan2 {\n  "
+            "nexthop fe80::1\n }\n}\nrule 1_ipv6 {\n interface6 wan1 {\n  weight 1\n }\n "
+            "interface6 wan2 {\n  weight 1\n }\n target {\n  address 2001:db8::/32\n }\n}\n");
+        std::ofstream("/usr/etc/routing6-wlb.conf")
+            << "protocol static {\nroute 2001:db8::/32 multipath via fe80::1 weight 1;\n};\n";
+        ::testing::internal::CaptureStderr();
+        EXPECT_EQ(beside([] {
+                      EXPECT_TRUE(within([] { return hops() == 1; }));
+                      const faults::FailCall read(faults::Call::recv, 0, never);
+                      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+                      EXPECT_LT(read.calls(), 30) << "it asks the kernel again and again";
+                  }),
+                  0);
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+                  "IPv6 2001:db8::/32 via fe80::1 dev wan1 weight 1\n");
     });
 }
 

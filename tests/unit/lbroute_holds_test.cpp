@@ -257,4 +257,23 @@ TEST(LbrouteStateFolder, lock_is_held_by_one_at_a_time) {
     EXPECT_TRUE(folder.lock("lock", StateFolder::Wait::not_at_all, problem).is_open());
 }
 
+TEST(LbrouteStateFolder, lock_can_be_opened_by_its_owner_alone) {
+    const TemporaryFolder above;
+    std::string problem;
+    const auto folder =
+        StateFolder::open(above.file("state"), StateFolder::IfMissing::make, problem);
+    const std::string path = above.file("state") + "/lock";
+    const auto rights = [&path] {
+        struct stat found {};
+        EXPECT_EQ(stat(path.c_str(), &found), 0);
+        return found.st_mode & 0777U;
+    };
+    Fd lock = folder.lock("lock", StateFolder::Wait::not_at_all, problem);
+    EXPECT_EQ(rights(), 0600U);
+    lock = Fd();
+    chmod(path.c_str(), 0644);
+    lock = folder.lock("lock", StateFolder::Wait::some_seconds, problem);
+    EXPECT_EQ(rights(), 0600U) << "made by an earlier version";
+}
+
 }  // namespace

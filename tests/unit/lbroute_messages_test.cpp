@@ -56,6 +56,58 @@ TEST_F(LittleEndian, hop_object_is_written_as_the_kernel_reads_it) {
               "0b000000");  // link
 }
 
+TEST_F(LittleEndian, hop_object_outside_of_all_networks_is_written_on_link) {
+    EXPECT_EQ(hex(request(AddHop{{1, address("192.0.2.1"), 11}, true})),
+              "30000000"
+              "6800"
+              "0506"
+              "05000000"
+              "00000000"
+              "02004c00"
+              "04000000"  // RTNH_F_ONLINK
+              "08000100"
+              "01000000"
+              "08000600"
+              "c0000201"
+              "08000500"
+              "0b000000");
+}
+
+TEST_F(LittleEndian, next_hop_of_a_plain_route_outside_of_all_networks_is_written_on_link) {
+    KernelRoute route;
+    route.prefix = prefix("10.0.0.0/8");
+    route.priority = 20;
+    route.hops = {{.gateway = address("192.0.2.1"), .link = 11, .is_on_link = true}};
+    const std::string place =
+        "00000000"  // RTNH_F_ONLINK goes here where the route has one next hop
+        "08000100"
+        "0a000000"
+        "08000f00"
+        "fe000000"
+        "08000600"
+        "14000000";
+    EXPECT_EQ(hex(request(PutRoute{route, false})),
+              "4400000018000506050000000000000002080000004c0001"
+              "04000000" +
+                  place.substr(8) +
+                  "08000500"
+                  "c0000201"
+                  "08000400"
+                  "0b000000");
+    route.hops.push_back({.gateway = address("192.0.2.2"), .link = 12});
+    EXPECT_EQ(hex(request(PutRoute{route, false})),
+              "5800000018000506050000000000000002080000004c0001" + place +
+                  "24000980"
+                  "10000400"  // 16 bytes, on link, weight 1
+                  "0b000000"
+                  "08000500"
+                  "c0000201"
+                  "10000000"
+                  "0c000000"
+                  "08000500"
+                  "c0000202");
+}
+
 TEST_F(LittleEndian, resilient_group_is_written_as_the_kernel_reads_it) {
     const Group group{.id = 9,
                       .entries = {{1, 1}, {2, 256}},

@@ -82,11 +82,14 @@ TEST_F(LbrouteOwnership, files_of_both_families_and_missing_folders_are_made) {
          {"var/run/routing.pid", "var/run/routing6.pid", "var/vrfs/blue/usr/var/run/routing.pid",
           "var/vrfs/blue/usr/var/run/routing6.pid"}) {
         EXPECT_EQ(above.text(path), own_number()) << path;
+        struct stat found {};
+        EXPECT_EQ(stat(above.file(path).c_str(), &found), 0) << path;
+        EXPECT_EQ(found.st_mode, S_IFREG | 0644) << path;
     }
     for (const char* path : {"usr/etc", "var/vrfs/blue/usr/etc"}) {
         struct stat found {};
         EXPECT_EQ(stat(above.file(path).c_str(), &found), 0) << path;
-        EXPECT_TRUE(S_ISDIR(found.st_mode)) << path;
+        EXPECT_EQ(found.st_mode, S_IFDIR | 0755) << path;
     }
     ownership.release("blue");
     EXPECT_EQ(above.text("var/vrfs/blue/usr/var/run/routing.pid"), "");
@@ -106,7 +109,8 @@ TEST_F(LbrouteOwnership, file_that_names_another_running_process_is_refused_by_i
                   shared::process_name(other.pid()) +
                   "), which is running; two routing daemons would undo each other's routes: stop "
                   "it first (kill " +
-                  other.number() + ")");
+                  other.number() + "), or where it is no routing daemon: rm " +
+                  above.file("var/run/routing6.pid"));
     EXPECT_EQ(above.text("var/run/routing6.pid"), other.number() + "\n");
     EXPECT_EQ(above.text("var/run/routing.pid"), "") << "one family's file without the other";
 }
@@ -226,6 +230,18 @@ TEST_F(LbrouteOwnership, file_that_the_new_holder_of_the_number_wrote_is_its_own
     EXPECT_EQ(claimed().kind, Kind::refused);
 }
 
+TEST_F(LbrouteOwnership, file_of_a_predecessor_that_still_runs_is_refused) {
+    const pid_t predecessor = kill_a_predecessor(folder, root());
+    const OtherProcess other;
+    reuse_number(above, predecessor, other.pid());
+    const std::string start_key = "\"start\": \"";
+    std::string record = above.text("state/instances");
+    const std::size_t start = record.find(start_key) + start_key.size();
+    record.replace(start, record.find('"', start) - start, shared::start_of(other.pid()));
+    above.put("state/instances", record);
+    EXPECT_EQ(claimed().kind, Kind::refused);
+}
+
 TEST_F(LbrouteOwnership, predecessor_is_known_to_the_next_but_one_too) {
     const pid_t predecessor = kill_a_predecessor(folder, root());
     usleep(20000);
@@ -243,6 +259,20 @@ TEST_F(LbrouteOwnership, damaged_record_is_no_obstacle) {
         above.put("state/instances", garbage);
         EXPECT_EQ(claimed().kind, Kind::owned) << garbage;
     }
+}
+
+TEST_F(LbrouteOwnership, record_that_cannot_be_written_is_told_and_no_obstacle) {
+    above.put("state/instances/in-the-way", "");
+    Ownership ownership = make();
+    const auto outcome = ownership.begin();
+    EXPECT_EQ(outcome.kind, Kind::owned);
+    ASSERT_EQ(outcome.notes.size(), 1U);
+    EXPECT_EQ(outcome.notes[0].find("cannot write " + above.file("state/instances") +
+                                    ": Is a directory; where lbroute is killed"),
+              0U)
+        << outcome.notes[0];
+    EXPECT_EQ(ownership.claim("").kind, Kind::owned);
+    EXPECT_EQ(above.text("var/run/routing.pid"), own_number());
 }
 
 TEST_F(LbrouteOwnership, second_instance_is_refused_while_the_first_lives) {

@@ -74,6 +74,37 @@ TEST_F(Plan, missing_interface_leaves_its_next_hop_out_with_a_reason) {
     EXPECT_EQ(planned.at(0).hops.at(0).reason, "there is no interface gi1_1");
 }
 
+TEST_F(Plan, gateway_outside_of_all_networks_of_its_interface_is_taken_on_link) {
+    kernel.addresses = {{11, address("192.0.2.7"), prefix("192.0.2.7/32")},
+                        {12, address("198.51.100.10"), prefix("198.51.100.0/24")},
+                        {13, address("203.0.113.9"), prefix("203.0.113.1/32")}};
+    const auto planned =
+        routes(fragment("route 0.0.0.0/0 multipath via 192.0.2.1 weight 1 via 198.51.100.1 weight "
+                        "1 via 203.0.113.1 "
+                        "weight 1;\n"));
+    const auto& hops = planned.at(0).hops;
+    EXPECT_TRUE(hops.at(0).is_on_link) << "a lease of /32";
+    EXPECT_FALSE(hops.at(1).is_on_link);
+    EXPECT_FALSE(hops.at(2).is_on_link) << "the far end of a point-to-point link";
+}
+
+TEST_F(Plan, gateway_of_an_interface_without_addresses_waits_for_them) {
+    kernel.addresses = {{12, address("198.51.100.10"), prefix("198.51.100.0/24")},
+                        {11, address("fe80::7"), prefix("fe80::/64")},
+                        {11, address("2001:db8::7"), prefix("2001:db8::7/128")}};
+    EXPECT_FALSE(routes(fragment(both)).at(0).hops.at(0).is_on_link);
+}
+
+TEST_F(Plan, link_local_gateway_needs_no_network) {
+    uplinks.uplinks = {uplink("gi1_1", "fe80::1"), uplink("gi1_2", "2001:db8:9::1")};
+    kernel.addresses = {{11, address("2001:db8::7"), prefix("2001:db8::7/128")},
+                        {12, address("2001:db8::8"), prefix("2001:db8::8/128")}};
+    const auto planned = routes(fragment(
+        "route ::/0 multipath via fe80::1 weight 1 via 2001:db8:9::1 weight 1;\n", Family::ipv6));
+    EXPECT_FALSE(planned.at(0).hops.at(0).is_on_link);
+    EXPECT_TRUE(planned.at(0).hops.at(1).is_on_link);
+}
+
 TEST_F(Plan, held_uplink_is_out_of_routes_that_have_another) {
     held = {{"gi1_1", false}};
     EXPECT_THAT(states(fragment(both)), ElementsAre(HopState::held, HopState::routed));

@@ -85,6 +85,13 @@ TEST(Resolve, active_members_alone_share_a_next_hop) {
     EXPECT_FALSE(resolved.is_uncertain);
 }
 
+TEST(Resolve, weight_of_two_members_is_that_of_the_active_one) {
+    const auto resolved =
+        resolve(route6(" via fe80::1 weight 1"), "", shared(false, false, true), three_links());
+    EXPECT_THAT(interfaces(resolved), ElementsAre("gi1_3"));
+    EXPECT_FALSE(resolved.is_uncertain);
+}
+
 TEST(Resolve, weights_tell_where_the_dumps_are_older_than_the_fragment) {
     const auto resolved =
         resolve(route6(" via fe80::1 weight 3"), "", shared(true, true, true), three_links());

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <set>
 
 #include "lbroute/rtnetlink.h"
 #include "support/lbroute_scene.h"
@@ -222,6 +223,73 @@ TEST_F(LbrouteKernel, monitor_that_cannot_be_had_tells_why) {
         std::string problem;
         RouteMonitor::open(0, problem);
         EXPECT_EQ(problem, "no announcements of the kernel: Cannot allocate memory");
+    });
+}
+
+/// While it lives, the kernel says of listings that they were interrupted: of each the first time,
+/// or always.
+class Interruptions {
+  public:
+    enum class Of { first_tries, all };
+
+    explicit Interruptions(Of of) {
+        interrupted.clear();
+        all = of == Of::all;
+        stand_ins.recv = receive;
+        faults::set_stand_ins(stand_ins);
+    }
+    ~Interruptions() { faults::reset_stand_ins(); }
+    Interruptions(const Interruptions&) = delete;
+    Interruptions& operator=(const Interruptions&) = delete;
+
+    std::size_t count() const { return interrupted.size(); }
+
+  private:
+    static ssize_t receive(int fd, void* data, size_t size, int flags) {
+        const ssize_t length = faults::real_recv(fd, data, size, flags);
+        if (length >= static_cast<ssize_t>(sizeof(nlmsghdr))) {
+            auto& message = *static_cast<nlmsghdr*>(data);
+            // Each try has the number behind that of the one before.
+            if (all || !interrupted.contains(message.nlmsg_seq - 1)) {
+                interrupted.insert(message.nlmsg_seq);
+                message.nlmsg_flags |= NLM_F_DUMP_INTR;
+            }
+        }
+        return length;
+    }
+
+    static inline std::set<std::uint32_t> interrupted;
+    static inline bool all = false;
+    faults::StandIns stand_ins;
+};
+
+TEST_F(LbrouteKernel, listing_that_was_interrupted_has_everything_once) {
+    in_own_network([](Network& network) {
+        KernelRoute route6 = route_to("2001:db8::/32", network.one, "fe80::1");
+        const Group group{.id = 9, .entries = {{1, 1}}};
+        const auto errors =
+            network.errors_of({AddHop{network.hop(1, network.one)}, PutGroup{group, false},
+                               PutRoute{route_to("10.0.0.0/8", network.one, "192.0.2.1"), false},
+                               PutRoute{route6, false}});
+        ASSERT_THAT(errors, ::testing::Each(0));
+        const KernelState once = network.state();
+        const Interruptions interruptions(Interruptions::Of::first_tries);
+        const KernelState state = network.state();
+        EXPECT_EQ(interruptions.count(), 5U) << "links, addresses, routes of both families, hops";
+        EXPECT_EQ(state.links.size(), once.links.size());
+        EXPECT_EQ(state.addresses.size(), once.addresses.size());
+        EXPECT_THAT(state.routes, SizeIs(2));
+        EXPECT_THAT(state.hops, ElementsAre(network.hop(1, network.one)));
+        EXPECT_THAT(state.groups, SizeIs(1));
+        EXPECT_EQ(state.foreign_ids, once.foreign_ids);
+    });
+}
+
+TEST_F(LbrouteKernel, listing_that_is_interrupted_again_and_again_is_given_up) {
+    in_own_network([](Network& network) {
+        const Interruptions interruptions(Interruptions::Of::all);
+        EXPECT_EQ(list_kernel_state(network.socket).problem,
+                  "links: the kernel's tables change faster than they can be read");
     });
 }
 

@@ -25,6 +25,11 @@ LBData configuration() {
     two.nexthop = "dhcp";
     two.namespace_name = "blue";
     data.health.emplace(name, two);
+    name = "gi1_4";
+    LBHealth four(name, false);
+    four.nexthop = "tunnel";
+    four.namespace_name = "blue";
+    data.health.emplace(name, four);
     LBRule rule;
     rule.targets = {{"10.0.0.0/8", -1}, {"nonsense", 3}};
     rule.interfaces = {{{"gi1_1", false}, 2}, {{"gi1_3", false}, 0}, {{"gi1_1", true}, 1}};
@@ -34,10 +39,12 @@ LBData configuration() {
 
 TEST(Uplinks, are_those_of_the_configuration) {
     const Uplinks uplinks = uplinks_of(configuration());
-    ASSERT_EQ(uplinks.uplinks.size(), 2U);
+    ASSERT_EQ(uplinks.uplinks.size(), 3U);
     EXPECT_EQ(uplinks.uplinks[0].next_hop, address("192.0.2.1"));
+    EXPECT_FALSE(uplinks.uplinks[0].is_learning);
     EXPECT_EQ(uplinks.uplinks[1].next_hop, std::nullopt);
-    EXPECT_TRUE(uplinks.uplinks[1].is_learning);
+    EXPECT_TRUE(uplinks.uplinks[1].is_learning) << "from a lease";
+    EXPECT_TRUE(uplinks.uplinks[2].is_learning) << "from a tunnel";
     EXPECT_THAT(uplinks.namespaces, ElementsAre("", "blue"));
 }
 
@@ -50,7 +57,7 @@ TEST(Uplinks, rules_have_members_of_one_family_and_none_of_weight_0) {
 }
 
 TEST(Uplinks, dumps_tell_the_next_hop_in_force_and_who_is_active) {
-    lbshow::Interface dumped;
+    dumps::Interface dumped;
     dumped.name = "gi1_2";
     dumped.family = 4;
     dumped.namespace_name = "blue";
@@ -63,6 +70,19 @@ TEST(Uplinks, dumps_tell_the_next_hop_in_force_and_who_is_active) {
     EXPECT_EQ(found->next_hop, address("198.51.100.1"));
     EXPECT_EQ(found->is_active, true);
     EXPECT_EQ(uplinks.find("", Family::ipv4, "gi1_1")->is_active, std::nullopt);
+}
+
+TEST(Uplinks, dumps_tell_who_learns_its_next_hop) {
+    lbshow::Interface dumped;
+    dumped.name = "gi1_5";
+    dumped.family = 4;
+    dumped.nexthop = "203.0.113.1";
+    for (const auto& [from, is_learning] :
+         {std::pair("static", false), {"dhcp", true}, {"tunnel", true}}) {
+        dumped.nexthop_from = from;
+        const Uplinks uplinks = with_dumps({}, {dumped});
+        EXPECT_EQ(uplinks.find("", Family::ipv4, "gi1_5")->is_learning, is_learning) << from;
+    }
 }
 
 TEST(PrefixText, is_an_address_and_a_length_and_nothing_else) {

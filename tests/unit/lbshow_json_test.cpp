@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "lbshow/freshness.h"
+#include "dumps/freshness.h"
 #include "lbshow/views.h"
 #include "unit/support/given_dumps.h"
 #include <nlohmann/json.hpp>
@@ -131,7 +131,7 @@ TEST(JsonText, has_its_documented_shape) {
 }
 
 TEST(JsonText, of_bytes_that_are_no_utf8_is_still_json) {
-    lbshow::State bad = judged();
+    dumps::State bad = judged();
     bad.interfaces[0].name = "\xff\xfe";
     EXPECT_NE(lbshow::json(bad, {}).find("\xef\xbf\xbd"), std::string::npos);
 }
@@ -143,10 +143,10 @@ TEST(JsonText, of_a_stale_family_says_so_of_each_item) {
 }
 
 TEST(JsonText, names_an_interface_whose_worker_stands_still_though_it_is_left_out) {
-    lbshow::State state = judged();
+    dumps::State state = judged();
     state.interfaces[0].since_success_s = 100;
-    lbshow::judge_freshness(state, state.seen, std::nullopt);
-    lbshow::leave_out_stale(state);
+    dumps::judge_freshness(state, state.seen, std::nullopt);
+    dumps::leave_out_stale(state);
     const auto read = nlohmann::json::parse(lbshow::json(state, {}));
     EXPECT_EQ(read["interfaces"].size(), 0U);
     EXPECT_EQ(read["families"]["ipv4"]["stale"], false);

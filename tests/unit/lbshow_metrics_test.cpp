@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "lbshow/freshness.h"
+#include "dumps/freshness.h"
 #include "lbshow/views.h"
 #include "unit/support/given_dumps.h"
 
@@ -13,7 +13,7 @@ bool has(const std::string& text, const std::string& part) {
 }
 
 TEST(MetricsText, is_grouped_by_metric_with_escaped_labels) {
-    lbshow::State one = judged();
+    dumps::State one = judged();
     one.interfaces[0].name = "a\"\\";
     const std::string text = lbshow::metrics(one, "1.2.3");
     EXPECT_TRUE(
@@ -29,7 +29,7 @@ TEST(MetricsText, is_grouped_by_metric_with_escaped_labels) {
 }
 
 TEST(MetricsText, tells_probes_of_one_target_apart) {
-    lbshow::State one = judged();
+    dumps::State one = judged();
     one.interfaces[0].probes[1].target = one.interfaces[0].probes[0].target;
     const std::string text = lbshow::metrics(one, "1");
     const std::string labels = "{interface=\"gi1_1\",family=\"ipv4\",namespace=\"blue\",";
@@ -41,7 +41,7 @@ TEST(MetricsText, tells_probes_of_one_target_apart) {
 }
 
 TEST(MetricsText, measures_in_base_units) {
-    lbshow::State one = judged();
+    dumps::State one = judged();
     one.interfaces[0].probes[1].quality->rtt_ms = -7;
     const std::string text = lbshow::metrics(one, "1");
     EXPECT_TRUE(has(text, "target=\"198.51.100.2\"} 0.896\n")) << text;
@@ -50,7 +50,7 @@ TEST(MetricsText, measures_in_base_units) {
 }
 
 TEST(MetricsText, never_holds_a_series_twice) {
-    lbshow::State twice = judged();
+    dumps::State twice = judged();
     twice.interfaces.push_back(twice.interfaces[0]);
     EXPECT_EQ(lbshow::metrics(twice, "1"), lbshow::metrics(judged(), "1"));
 }
@@ -63,8 +63,8 @@ TEST(MetricsText, of_a_fresh_family_says_that_it_is_up) {
 }
 
 TEST(MetricsText, of_a_stale_family_is_left_out_but_that_it_is_down_and_how_old) {
-    lbshow::State dead = judged(61);
-    lbshow::leave_out_stale(dead);
+    dumps::State dead = judged(61);
+    dumps::leave_out_stale(dead);
     EXPECT_EQ(lbshow::metrics(dead, "1"),
               "# HELP lb_build_info 1, with the version of the programs\n"
               "# TYPE lb_build_info gauge\n"
@@ -78,10 +78,10 @@ TEST(MetricsText, of_a_stale_family_is_left_out_but_that_it_is_down_and_how_old)
 }
 
 TEST(MetricsText, of_an_interface_whose_worker_stands_still_is_left_out_but_that) {
-    lbshow::State hung = given::state();
+    dumps::State hung = given::state();
     hung.interfaces[0].since_success_s = 61;
-    lbshow::judge_freshness(hung, given::written, std::nullopt);
-    lbshow::leave_out_stale(hung);
+    dumps::judge_freshness(hung, given::written, std::nullopt);
+    dumps::leave_out_stale(hung);
     const std::string labels = "{interface=\"gi1_1\",family=\"ipv4\",namespace=\"blue\"} ";
     const std::string text = lbshow::metrics(hung, "1");
     EXPECT_TRUE(has(text, "lb_interface_worker_stalled" + labels + "1\n")) << text;
@@ -91,7 +91,7 @@ TEST(MetricsText, of_an_interface_whose_worker_stands_still_is_left_out_but_that
 }
 
 TEST(MetricsText, tells_healthy_from_routed) {
-    lbshow::State unrouted = judged();
+    dumps::State unrouted = judged();
     unrouted.interfaces[0].is_routed = false;
     const std::string labels = "{interface=\"gi1_1\",family=\"ipv4\",namespace=\"blue\"} ";
     EXPECT_TRUE(has(lbshow::metrics(judged(), "1"), "lb_interface_routed" + labels + "1\n"));

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "lbshow/freshness.h"
+#include "dumps/freshness.h"
 #include "lbshow/views.h"
 #include "unit/support/given_dumps.h"
 
@@ -33,7 +33,7 @@ TEST(Tables, are_aligned) {
 
 TEST(Tables, with_a_history_tell_since_when_and_how_many_flaps) {
     lbshow::Selection interfaces_only{.interfaces = true, .rules = false, .routes = false};
-    lbshow::State state = judged();
+    dumps::State state = judged();
     state.has_history = true;
     const auto has = [&](const std::string& end) {
         return lbshow::tables(state, interfaces_only, false).find(end) != std::string::npos;
@@ -47,7 +47,7 @@ TEST(Tables, with_a_history_tell_since_when_and_how_many_flaps) {
 }
 
 TEST(Tables, age_of_a_date_in_the_future_has_a_minus) {
-    lbshow::State state = judged();
+    dumps::State state = judged();
     state.interfaces[0].since_failure_s = -93'600;
     EXPECT_NE(lbshow::tables(state, {}, false).find("6s       -1d2h\n"), std::string::npos);
 }
@@ -60,7 +60,7 @@ TEST(Tables, are_coloured_without_losing_their_alignment) {
 }
 
 TEST(Tables, show_control_characters_of_foreign_names_as_text) {
-    lbshow::State bad = judged();
+    dumps::State bad = judged();
     bad.interfaces[0].name = "a\033[2Jb\n";
     const std::string text = lbshow::tables(bad, {}, false);
     EXPECT_NE(text.find("a\\x1b[2Jb\\x0a"), std::string::npos);
@@ -68,8 +68,8 @@ TEST(Tables, show_control_characters_of_foreign_names_as_text) {
 }
 
 TEST(Tables, of_a_dead_daemon_say_so_in_the_first_line_and_show_nothing_else) {
-    lbshow::State dead = judged(61);
-    lbshow::leave_out_stale(dead);
+    dumps::State dead = judged(61);
+    dumps::leave_out_stale(dead);
     EXPECT_EQ(lbshow::tables(dead, {}, false),
               "STALE: ipv4 written 61 s ago, at 2026-11-21T14:10:05Z: is the daemon running? "
               "(systemctl status lb)\n"
@@ -87,7 +87,7 @@ TEST(Tables, of_everything_show_what_was_so_as_past) {
 }
 
 TEST(Tables, without_items_keep_their_heads_while_nothing_is_stale) {
-    lbshow::State empty = judged();
+    dumps::State empty = judged();
     empty.interfaces.clear();
     empty.rules.clear();
     empty.routes.clear();
@@ -97,7 +97,7 @@ TEST(Tables, without_items_keep_their_heads_while_nothing_is_stale) {
 }
 
 TEST(Tables, show_the_weights_of_shared_routes) {
-    lbshow::State shared = judged();
+    dumps::State shared = judged();
     shared.routes[0].nexthop = "";
     shared.routes[0].in_force.push_back(
         {.address = "198.51.100.1", .interface = "gi1_2", .weight = 1});

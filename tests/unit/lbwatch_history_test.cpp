@@ -91,11 +91,10 @@ TEST(LbwatchSpans, other_family_is_not_seen) {
 
 TEST(LbwatchMinutes, cycles_are_added_up_and_given_once) {
     MinuteRecorder recorder;
-    const Cycle answer{
-        .uplink = key("eth0"),
-        .target = "a",
-        .is_answered = true,
-        .quality = lbshow::Quality{.loss_percent = 10, .rtt_ms = 30, .jitter_ms = 4}};
+    const Cycle answer{.uplink = key("eth0"),
+                       .target = "a",
+                       .is_answered = true,
+                       .quality = dumps::Quality{.loss_percent = 10, .rtt_ms = 30, .jitter_ms = 4}};
     const Cycle miss{.uplink = key("eth0"), .target = "a", .is_answered = false, .quality = {}};
     recorder.add({answer}, at(1));
     recorder.add({answer}, at(2));
@@ -380,6 +379,7 @@ TEST_F(LbwatchHistory, rows_are_kept_as_long_as_they_are_wanted) {
                    [&rows](const Minute&) { ++rows; });
     EXPECT_EQ(rows, 1);
     EXPECT_EQ(told().size(), 1U);
+    EXPECT_TRUE(notices.empty()) << "nothing goes for want of room";
 }
 
 TEST_F(LbwatchHistory, uplink_that_never_rests_does_not_fill_the_disk) {
@@ -438,7 +438,7 @@ TEST_F(LbwatchHistory, state_of_now_is_known_without_reading_the_years_before) {
     HistoryReader reader(path);
     EXPECT_LT(reader.recent_spans(now_ms - 24 * hour_ms).size(), 35U);
 
-    lbshow::State state;
+    dumps::State state;
     for (const char* name : {"calm", "restless", "new", "gone"}) {
         state.interfaces.push_back(interface(name, true, {}));
     }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <map>
 #include <sstream>
 
 #include "lbwatch/drawing.h"
@@ -190,6 +191,74 @@ TEST(LbwatchCsvReport, has_as_many_fields_in_every_row_and_quotes_them) {
         EXPECT_EQ(commas, 19) << line;
     }
     EXPECT_EQ(rows, 5);
+}
+
+/// The fields of the first row of a kind that are not empty, by their columns.
+std::map<std::string, std::string> fields_of(const std::string& csv, const std::string& kind) {
+    const auto fields = [](const std::string& line) {
+        std::vector<std::string> all;
+        std::istringstream stream(line);
+        for (std::string field; std::getline(stream, field, ',');) {
+            all.push_back(field);
+        }
+        return all;
+    };
+    const std::vector<std::string> columns = fields(csv.substr(0, csv.find("\r\n")));
+    const std::size_t begin = csv.find("\r\n" + kind + ",") + 2;
+    const std::vector<std::string> row = fields(csv.substr(begin, csv.find("\r\n", begin) - begin));
+    std::map<std::string, std::string> found;
+    for (std::size_t i = 0; i < row.size(); ++i) {
+        if (!row[i].empty()) {
+            found[columns.at(i)] = row[i];
+        }
+    }
+    return found;
+}
+
+TEST(LbwatchCsvReport, has_each_figure_in_its_column) {
+    const std::string csv = csv_of(report_of(
+        1000,
+        {span(0, 300, active), span(300, 400, failed, "silent"), span(400, 500, active),
+         span(500, 550, failed), span(550, 600, active), span(600, 700, UplinkState::unknown)},
+        {minute(0, 30, 30), minute(1, 15, 5)}));
+    using Fields = std::map<std::string, std::string>;
+    EXPECT_EQ(fields_of(csv, "uplink"), (Fields{{"record", "uplink"},
+                                                {"uplink", "eth0"},
+                                                {"family", "4"},
+                                                {"begin", "2026-11-21T12:00:00.000Z"},
+                                                {"end", "2026-11-21T12:16:40.000Z"},
+                                                {"seconds", "1000"},
+                                                {"availability_percent", "75.000"},
+                                                {"active_s", "450"},
+                                                {"failed_s", "150"},
+                                                {"unknown_s", "100"},
+                                                {"unwatched_s", "300"},
+                                                {"outages", "2"},
+                                                {"flaps", "4"},
+                                                {"longest_s", "100"},
+                                                {"mean_between_s", "225"},
+                                                {"mean_repair_s", "75"},
+                                                {"answered", "45"},
+                                                {"missed", "35"}}));
+    EXPECT_EQ(fields_of(csv, "outage"), (Fields{{"record", "outage"},
+                                                {"uplink", "eth0"},
+                                                {"family", "4"},
+                                                {"begin", "2026-11-21T12:05:00.000Z"},
+                                                {"end", "2026-11-21T12:06:40.000Z"},
+                                                {"seconds", "100"},
+                                                {"reason", "silent"}}));
+    EXPECT_EQ(fields_of(csv, "unwatched"), (Fields{{"record", "unwatched"},
+                                                   {"uplink", "eth0"},
+                                                   {"family", "4"},
+                                                   {"begin", "2026-11-21T12:11:40.000Z"},
+                                                   {"end", "2026-11-21T12:16:40.000Z"},
+                                                   {"seconds", "300"}}));
+    EXPECT_EQ(fields_of(csv, "hour"), (Fields{{"record", "hour"},
+                                              {"uplink", "eth0"},
+                                              {"family", "4"},
+                                              {"begin", "0"},
+                                              {"answered", "30"},
+                                              {"missed", "30"}}));
 }
 
 TEST(LbwatchJsonReport, tells_what_is_not_known_as_null) {

@@ -15,7 +15,7 @@ constexpr auto success = Verdict::success;
 constexpr auto failure = Verdict::failure;
 
 /// An extended ping's result; its limits are 20 %, 150 ms and 40 ms.
-lbshow::Probe measured(lbshow::Probe probe, int loss_percent, int rtt_ms, int jitter_ms) {
+dumps::Probe measured(dumps::Probe probe, int loss_percent, int rtt_ms, int jitter_ms) {
     probe.quality = {.loss_percent = loss_percent,
                      .rtt_ms = rtt_ms,
                      .jitter_ms = jitter_ms,
@@ -36,8 +36,8 @@ TEST(LbwatchVerdict, changes_with_the_result_that_completes_a_run) {
 }
 
 TEST(LbwatchVerdict, of_a_target_without_a_result_stays) {
-    lbshow::Probe none = timed_out("a", 9);
-    none.last_result = lbshow::Result::none;
+    dumps::Probe none = timed_out("a", 9);
+    none.last_result = dumps::Result::none;
     EXPECT_EQ(verdict_of(none, interface("eth0", true, {}), success), success);
     EXPECT_EQ(verdict_of(none, interface("eth0", true, {}), unknown), unknown);
 }
@@ -67,7 +67,7 @@ TEST(LbwatchTarget, takes_results_verdict_and_measurements_over) {
     Target target;
     take_over(target, {measured(answered("a", 3), 10, 20, 5)}, interface("eth0", true, {}));
     EXPECT_EQ(target.verdict, success);
-    EXPECT_EQ(target.last_result, lbshow::Result::answered);
+    EXPECT_EQ(target.last_result, dumps::Result::answered);
     EXPECT_EQ(target.success_run, 3);
     EXPECT_EQ(target.failure_run, 0);
     ASSERT_TRUE(target.quality);
@@ -80,8 +80,8 @@ TEST(LbwatchTarget, extended_ping_that_never_ran_has_measured_nothing) {
     Target target;
     take_over(target, {measured(timed_out("a"), 0, 0, 0)}, uplink);
     EXPECT_FALSE(target.quality);
-    lbshow::Probe none = measured(timed_out("a"), 1, 1, 1);
-    none.last_result = lbshow::Result::none;
+    dumps::Probe none = measured(timed_out("a"), 1, 1, 1);
+    none.last_result = dumps::Result::none;
     take_over(target, {none}, uplink);
     EXPECT_FALSE(target.quality);
     take_over(target, {measured(answered("a"), 0, 0, 0)}, uplink);
@@ -117,23 +117,23 @@ TEST(LbwatchTarget, of_two_probes_is_missed_where_one_of_them_is) {
     const auto uplink = interface("eth0", true, {});
     Target target;
     take_over(target, {answered("a", 2), measured(timed_out("a", 0), 30, 20, 5)}, uplink);
-    EXPECT_EQ(target.last_result, lbshow::Result::timed_out);
+    EXPECT_EQ(target.last_result, dumps::Result::timed_out);
     EXPECT_EQ(target.fault, "loss 30 % (limit 20 %)");
     ASSERT_TRUE(target.quality);
     EXPECT_EQ(target.quality->loss_percent, 30);
     target = Target();
     take_over(target, {timed_out("a", 1), measured(answered("a", 0), 0, 20, 5)}, uplink);
-    EXPECT_EQ(target.last_result, lbshow::Result::timed_out);
+    EXPECT_EQ(target.last_result, dumps::Result::timed_out);
     EXPECT_EQ(target.fault, "no answer");
     EXPECT_EQ(target.quality->rtt_ms, 20);
 }
 
 TEST(LbwatchTarget, of_two_probes_takes_the_result_of_the_one_that_has_run) {
-    lbshow::Probe none = measured(answered("a"), 0, 0, 0);
-    none.last_result = lbshow::Result::none;
+    dumps::Probe none = measured(answered("a"), 0, 0, 0);
+    none.last_result = dumps::Result::none;
     Target target;
     take_over(target, {none, answered("a")}, interface("eth0", true, {}));
-    EXPECT_EQ(target.last_result, lbshow::Result::answered);
+    EXPECT_EQ(target.last_result, dumps::Result::answered);
     EXPECT_EQ(target.verdict, success);
     EXPECT_FALSE(target.quality);
 }

@@ -11,7 +11,7 @@ using namespace lbwatch_items;
 class LbwatchWorld : public testing::Test {
   protected:
     /// Reads a dump of family 4 in the second; gives all events, cycles stay in `cycles`.
-    std::vector<Event> read(double second, const std::vector<lbshow::Interface>& interfaces) {
+    std::vector<Event> read(double second, const std::vector<dumps::Interface>& interfaces) {
         const Moment now = at(second);
         Changes changes = world.read(4, interfaces, now.wall_ms / 1000, now);
         cycles = changes.cycles;
@@ -105,12 +105,12 @@ TEST_F(LbwatchWorld, inactive_uplink_that_the_daemon_has_held_for_active_is_fail
 TEST_F(LbwatchWorld, two_probes_of_one_target_are_counted_as_one) {
     auto quality = timed_out("a", 1);
     quality.position = 2;
-    quality.quality = lbshow::Quality{.loss_percent = 0,
-                                      .rtt_ms = 300,
-                                      .jitter_ms = 5,
-                                      .loss_limit = 10,
-                                      .rtt_limit = 200,
-                                      .jitter_limit = 50};
+    quality.quality = dumps::Quality{.loss_percent = 0,
+                                     .rtt_ms = 300,
+                                     .jitter_ms = 5,
+                                     .loss_limit = 10,
+                                     .rtt_limit = 200,
+                                     .jitter_limit = 50};
     read(0, {interface("eth0", true, {answered("a", 0), quality})});
     ASSERT_EQ(cycles.size(), 1U);
     EXPECT_FALSE(cycles[0].is_answered);
@@ -170,18 +170,18 @@ TEST_F(LbwatchWorld, threshold_of_zero_takes_every_result) {
 
 TEST_F(LbwatchWorld, extended_ping_tells_the_limit_it_reached) {
     auto probe = answered("a", 1);
-    probe.quality = lbshow::Quality{.loss_percent = 0,
-                                    .rtt_ms = 20,
-                                    .jitter_ms = 5,
-                                    .loss_limit = 10,
-                                    .rtt_limit = 200,
-                                    .jitter_limit = 50};
+    probe.quality = dumps::Quality{.loss_percent = 0,
+                                   .rtt_ms = 20,
+                                   .jitter_ms = 5,
+                                   .loss_limit = 10,
+                                   .rtt_limit = 200,
+                                   .jitter_limit = 50};
     auto one = interface("eth0", true, {probe});
     one.success_ct = one.failure_ct = 1;
     read(0, {one});
     one.is_active = false;
     one.since_failure_s = 0;
-    one.probes[0].last_result = lbshow::Result::timed_out;
+    one.probes[0].last_result = dumps::Result::timed_out;
     one.probes[0].failure_run = 1;
     one.probes[0].quality->loss_percent = 30;
     EXPECT_EQ(lines(read(1, {one})).back(),
@@ -190,17 +190,17 @@ TEST_F(LbwatchWorld, extended_ping_tells_the_limit_it_reached) {
 
 TEST_F(LbwatchWorld, extended_ping_without_a_first_answer_is_not_blamed_on_old_measurements) {
     auto probe = answered("a", 1);
-    probe.quality = lbshow::Quality{.loss_percent = 0,
-                                    .rtt_ms = 20,
-                                    .jitter_ms = 5,
-                                    .loss_limit = 10,
-                                    .rtt_limit = 200,
-                                    .jitter_limit = 50};
+    probe.quality = dumps::Quality{.loss_percent = 0,
+                                   .rtt_ms = 20,
+                                   .jitter_ms = 5,
+                                   .loss_limit = 10,
+                                   .rtt_limit = 200,
+                                   .jitter_limit = 50};
     auto one = interface("eth0", true, {probe});
     read(0, {one});
     one.is_active = false;
     one.since_failure_s = 0;
-    one.probes[0].last_result = lbshow::Result::timed_out;
+    one.probes[0].last_result = dumps::Result::timed_out;
     one.probes[0].failure_run = 3;
     EXPECT_EQ(lines(read(1, {one})).back(), "eth0 ipv4 active -> failed: a no answer (3 in a row)");
 }
@@ -247,6 +247,18 @@ TEST_F(LbwatchWorld, change_over_a_stopped_daemon_is_told_as_unwatched) {
     EXPECT_EQ(lines(events).back(),
               "eth0 ipv4 active -> failed: a no answer (3 in a row); changed while nothing was "
               "watched");
+}
+
+TEST_F(LbwatchWorld, failure_that_the_daemon_before_found_is_none_of_the_next_one) {
+    read(0, {interface("eth0", false, {timed_out("a"), answered("b")})});
+    world.forget_states();
+    auto starting = interface("eth0", false, {timed_out("a", 1), answered("b", 1)});
+    starting.since_failure_s.reset();
+    EXPECT_EQ(read(10, {starting}), std::vector<Event>());
+    const Uplink& uplink = world.uplinks().at(key("eth0"));
+    EXPECT_EQ(uplink.state, UplinkState::unknown);
+    EXPECT_EQ(uplink.targets.at("a").verdict, Verdict::unknown);
+    EXPECT_EQ(uplink.targets.at("b").verdict, Verdict::unknown);
 }
 
 TEST_F(LbwatchWorld, remembered_state_is_no_event_while_it_holds) {
@@ -310,7 +322,7 @@ TEST_F(LbwatchWorld, rewrites_of_several_workers_count_by_the_date_of_the_evalua
 }
 
 TEST_F(LbwatchWorld, probe_without_a_result_counts_as_none) {
-    lbshow::Probe fresh;
+    dumps::Probe fresh;
     fresh.target = "a";
     read(0, {interface("eth0", false, {fresh})});
     EXPECT_TRUE(cycles.empty());
@@ -332,8 +344,8 @@ class LbwatchRoutes : public LbwatchWorld {
         rule.members = {{.interface = "eth0", .family = 4, .weight = 1},
                         {.interface = "eth1", .family = 4, .weight = 3}};
     }
-    static lbshow::Route route(std::string prefix, std::string nexthop = "") {
-        lbshow::Route made;
+    static dumps::Route route(std::string prefix, std::string nexthop = "") {
+        dumps::Route made;
         made.rule_number = 1;
         made.prefix = std::move(prefix);
         made.nexthop = std::move(nexthop);
@@ -344,7 +356,7 @@ class LbwatchRoutes : public LbwatchWorld {
         two.nexthop = "192.0.2.2";
         read(second, {interface("eth0", first, {first ? answered("a") : timed_out("a")}), two});
     }
-    lbshow::Rule rule;
+    dumps::Rule rule;
 };
 
 TEST_F(LbwatchRoutes, all_active_members_are_used_and_alike_changes_are_one_event) {

@@ -194,6 +194,17 @@ TEST(StoryText, timeline_has_events_and_answers_in_the_order_of_time) {
               "     30.0 s  gi1_1 alive\n");
 }
 
+TEST(StoryText, timeline_has_times_of_months_as_wide_as_they_are) {
+    constexpr std::int64_t day = 86'400 * s;
+    Story story = two_uplinks();
+    story.scenario = parse_scenario("11d gi1_1 dead\n12d gi1_1 alive\n120d gi1_1 dead").events;
+    story.run.duration_us = 365 * day;
+    EXPECT_EQ(timeline_text(story),
+              " 950400.0 s  gi1_1 dead\n"
+              "1036800.0 s  gi1_1 alive\n"
+              "10368000.0 s  gi1_1 dead\n");
+}
+
 TEST(ComparisonText, shows_both_where_they_differ) {
     const Story one = two_uplinks();
     Story other = two_uplinks();

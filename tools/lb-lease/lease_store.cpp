@@ -10,8 +10,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <string_view>
+#include <system_error>
 #include <thread>
 
 #include "base/fd.h"
@@ -24,6 +26,8 @@ namespace {
 
 // One name is enough under the lock, and what a killed call left there is replaced by the next.
 constexpr const char* temporary_name = ".lb-lease.new";
+// Whoever can open a file can lock it: neither the folder nor a lease will do, which all may read.
+constexpr const char* lock_name = ".lb-lease.lock";
 // Far more than the files of this program have; what is longer is not one of them.
 constexpr std::size_t most_read = 4096;
 // A call takes milliseconds; one that was stopped must not hold up the DHCP client for ever.
@@ -57,30 +61,72 @@ std::string failure(const std::string& path, const char* what, int error) {
     return path + " " + what + ": " + std::strerror(error) + advice(error);
 }
 
+/// The directory, locked while it lives.
 struct Opened {
     Fd folder;
+    Fd lock;
     std::string problem;
 };
 
-/// The directory, locked until it is closed.
-Opened open_locked() {
-    Fd folder(open(lease_folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder.is_open()) {
-        return {Fd(), failure(lease_folder, "cannot be opened", errno)};
+Opened not_opened(const std::string& problem) {
+    return {Fd(), Fd(), problem};
+}
+
+/// Empty where nobody else can have it open.
+std::string make_private(const Fd& lock) {
+    struct stat status {};
+    if (fstat(lock.get(), &status) != 0) {
+        return failure(path_of(lock_name), "cannot be looked at", errno);
     }
+    if (!S_ISREG(status.st_mode) || status.st_uid != geteuid()) {
+        return path_of(lock_name) + " is not a plain file of the caller's; remove it: rm " +
+               path_of(lock_name);
+    }
+    if ((status.st_mode & 07777U) != 0600 && fchmod(lock.get(), 0600) != 0) {
+        return failure(path_of(lock_name), "cannot be kept from others", errno);
+    }
+    return "";
+}
+
+/// Empty once the file is locked.
+std::string take(const Fd& lock) {
     const auto deadline = std::chrono::steady_clock::now() + longest_wait;
-    while (flock(folder.get(), LOCK_EX | LOCK_NB) != 0) {
+    while (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
-            return {Fd(), failure(lease_folder, "cannot be locked", errno)};
+            return failure(path_of(lock_name), "cannot be locked", errno);
         }
         if (std::chrono::steady_clock::now() > deadline) {
-            return {Fd(), std::string(lease_folder) +
-                              " has been locked by another program for 10 seconds, see: lsof " +
-                              lease_folder};
+            return path_of(lock_name) +
+                   " has been locked for 10 seconds, by another lb-lease or some program of root's,"
+                   " see: lsof " +
+                   path_of(lock_name);
         }
         std::this_thread::sleep_for(pause_between_tries);
     }
-    return {std::move(folder), ""};
+    return "";
+}
+
+Opened open_locked() {
+    Fd folder(open(lease_folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder.is_open()) {
+        return not_opened(failure(lease_folder, "cannot be opened", errno));
+    }
+    Fd lock(openat(folder.get(), lock_name,
+                   O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+    if (!lock.is_open()) {
+        return not_opened(failure(path_of(lock_name), "cannot be opened", errno));
+    }
+    std::string problem = make_private(lock);
+    if (problem.empty()) {
+        problem = take(lock);
+    }
+    return {std::move(folder), std::move(lock), problem};
+}
+
+/// Whether nothing can stand under this name. What another call is about to put there comes later.
+bool is_absent(const std::string& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) != 0 && errno == ENOENT;
 }
 
 /// The start of a plain file, long enough for every file of ours.
@@ -170,7 +216,7 @@ std::string write_lease(const std::string& name, const std::string& text) {
     if (mkdir(lease_folder, 0755) != 0 && errno != EEXIST) {
         return failure(lease_folder, "cannot be made", errno);
     }
-    const auto [folder, problem] = open_locked();
+    const auto [folder, lock, problem] = open_locked();
     if (!problem.empty()) {
         return problem;
     }
@@ -194,10 +240,10 @@ std::string write_lease(const std::string& name, const std::string& text) {
 }
 
 std::string remove_lease(const std::string& name) {
-    if (access(lease_folder, F_OK) != 0 && errno == ENOENT) {
+    if (is_absent(path_of(name))) {
         return "";
     }
-    const auto [folder, problem] = open_locked();
+    const auto [folder, lock, problem] = open_locked();
     if (!problem.empty()) {
         return problem;
     }
@@ -210,6 +256,32 @@ std::string remove_lease(const std::string& name) {
     }
     fsync(folder.get());
     return "";
+}
+
+std::string remove_leases_of_other_boots(const std::string& boot) {
+    if (is_absent(lease_folder)) {
+        return "";
+    }
+    const auto [folder, lock, problem] = open_locked();
+    if (!problem.empty()) {
+        return problem;
+    }
+    std::error_code error;
+    std::string first_problem;
+    for (std::filesystem::directory_iterator entry(lease_folder, error), end;
+         !error && entry != end; entry.increment(error)) {
+        const std::string name = entry->path().filename();
+        const Present present = look(folder, name);
+        if (present.owner == Owner::self && is_of_other_boot(present.text, boot) &&
+            unlinkat(folder.get(), name.c_str(), 0) != 0 && first_problem.empty()) {
+            first_problem = failure(path_of(name), "stays as it was", errno);
+        }
+    }
+    if (error) {
+        return failure(lease_folder, "cannot be read", error.value());
+    }
+    fsync(folder.get());
+    return first_problem;
 }
 
 }  // namespace lblease

@@ -10,6 +10,7 @@
 #include <iterator>
 #include <span>
 #include <sstream>
+#include <system_error>
 #include <vector>
 
 namespace lblease {
@@ -17,6 +18,7 @@ namespace lblease {
 namespace {
 
 constexpr std::string_view mark = "# Written by lb-lease(8) for lb(8); changes are lost.\n";
+constexpr std::string_view boot_mark = "# Since the machine's start ";
 
 bool is_printable(char character) {
     return character > ' ' && character != '\x7f';
@@ -147,16 +149,29 @@ Router parse_router(const std::string& text, bool is_ipv6, const std::string& in
     return parse<in6_addr>(AF_INET6, text.substr(0, scope));
 }
 
-std::string lease_text(const std::string& interface, bool is_ipv6, const std::string& router) {
+std::string lease_text(const Told& told) {
+    const std::string since = told.boot.empty() ? "" : std::string(boot_mark) + told.boot + "\n";
     const std::string statements =
-        is_ipv6
-            ? "interface='" + interface + "'\nnew_routers='" + router + "'\n"
-            : "lease {\n  interface \"" + interface + "\";\n  option routers " + router + ";\n}\n";
-    return std::string(mark) + statements;
+        told.is_ipv6 ? "interface='" + told.interface + "'\nnew_routers='" + told.router + "'\n"
+                     : "lease {\n  interface \"" + told.interface + "\";\n  option routers " +
+                           told.router + ";\n}\n";
+    return std::string(mark) + since + statements;
 }
 
 bool is_own_text(std::string_view text) {
     return text.starts_with(mark);
+}
+
+bool is_of_other_boot(std::string_view text, std::string_view boot) {
+    if (!is_own_text(text)) {
+        return false;
+    }
+    text.remove_prefix(mark.size());
+    if (!text.starts_with(boot_mark)) {
+        return false;
+    }
+    text.remove_prefix(boot_mark.size());
+    return text.substr(0, text.find('\n')) != boot;
 }
 
 }  // namespace lblease

@@ -27,10 +27,19 @@ Router parse_router(const std::string& text, bool is_ipv6, const std::string& in
 /// none.
 std::optional<std::string> default_router(const std::string& static_routes);
 
+/// What the text tells.
+struct Told {
+    std::string interface;
+    bool is_ipv6 = false;
+    std::string router;
+    std::string boot;  ///< the machine's start since which it counts; empty where that is unknown
+};
 /// The file's whole text. One router: the daemon takes the first in any case, and cuts the last
 /// character off the first of several IPv6 ones.
-std::string lease_text(const std::string& interface, bool is_ipv6, const std::string& router);
+std::string lease_text(const Told& told);
 /// Whether lease_text made this text. A DHCP client may keep its own database under that name.
 bool is_own_text(std::string_view text);
+/// Whether lease_text made it, and for another start of the machine than `boot`.
+bool is_of_other_boot(std::string_view text, std::string_view boot);
 
 }  // namespace lblease

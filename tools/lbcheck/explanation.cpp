@@ -1,5 +1,6 @@
 // The configuration as understood.
 #include <map>
+#include <string>
 #include <utility>
 #include <vector>
 

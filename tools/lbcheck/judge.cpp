@@ -3,12 +3,13 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <string>
 #include <tuple>
 #include <utility>
 
+#include "dumps/freshness.h"
 #include "lbcheck/timing.h"
 #include "lbcheck/values.h"
-#include "lbshow/freshness.h"
 #include "output/records.h"
 #include "probe/lb_test.h"
 
@@ -155,7 +156,7 @@ class Judge {
     void judge_cycles() {
         for (const auto& [place, longest_s] : longest_cycles_s(data_)) {
             if (work_in(place.first, place.second).needs_worker() &&
-                longest_s > lbshow::limit_with_extended_pings_s) {
+                longest_s > dumps::limit_with_extended_pings_s) {
                 findings_.push_back(
                     {.line = 0,
                      .severity = Severity::warning,
@@ -166,7 +167,7 @@ class Judge {
                                 " may hold a cycle for " + std::to_string(longest_s) +
                                 " s (count x timeout of all of them): lbshow calls dumps stale "
                                 "after " +
-                                std::to_string(lbshow::limit_with_extended_pings_s) +
+                                std::to_string(dumps::limit_with_extended_pings_s) +
                                 " s, and other uplinks are judged as late"});
             }
         }

@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "config/lb_data.h"
+#include "dumps/dump_files.h"
+#include "dumps/freshness.h"
 #include "lbcheck/live_expected.h"
 #include "lbcheck/live_facts.h"
 #include "lbcheck/live_judge.h"
@@ -19,8 +21,6 @@
 #include "lbcheck/live_namespace.h"
 #include "lbroute/state_folder.h"
 #include "lbroute/status.h"
-#include "lbshow/dump_files.h"
-#include "lbshow/freshness.h"
 #include "shared/dump_file.h"
 #include "shared/usual_paths.h"
 
@@ -75,7 +75,7 @@ std::vector<PathRights> all_rights(const LiveFacts& facts) {
     return all;
 }
 
-lbshow::Time now() {
+dumps::Time now() {
     return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
 }
 
@@ -86,8 +86,8 @@ void read_dumps(LiveFacts& facts) {
     constexpr std::chrono::milliseconds pause(200);
     for (int look = 1;; ++look) {
         facts.dumps = {};
-        facts.dumps_problem = lbshow::read_state(facts.output_directory, false, facts.dumps);
-        lbshow::judge_freshness(facts.dumps, now(), std::nullopt);
+        facts.dumps_problem = dumps::read_state(facts.output_directory, false, facts.dumps);
+        dumps::judge_freshness(facts.dumps, now(), std::nullopt);
         if (look == looks || are_of_this_configuration(facts)) {
             return;
         }

@@ -4,18 +4,17 @@
 #include <algorithm>
 #include <string>
 #include <tuple>
-#include <vector>
 
+#include "dumps/freshness.h"
 #include "lbcheck/live_judge.h"
-#include "lbshow/freshness.h"
 #include "shared/dump_file.h"
 
 namespace lbcheck {
 
 namespace {
 
-const lbshow::Family* family_of(const lbshow::State& dumps, int family) {
-    for (const lbshow::Family& one : dumps.families) {
+const dumps::Family* family_of(const dumps::State& dumps, int family) {
+    for (const dumps::Family& one : dumps.families) {
         if (one.family == family) {
             return &one;
         }
@@ -25,21 +24,21 @@ const lbshow::Family* family_of(const lbshow::State& dumps, int family) {
 
 /// Whether what the family's dumps tell is of now.
 bool is_told(const LiveFacts& facts, int family) {
-    const lbshow::Family* dumped = family_of(facts.dumps, family);
+    const dumps::Family* dumped = family_of(facts.dumps, family);
     return facts.dumps_problem.empty() && dumped != nullptr && !dumped->is_stale;
 }
 
-const lbshow::Interface* dumped_of(const LiveFacts& facts, const lbshow::Interface& expected) {
+const dumps::Interface* dumped_of(const LiveFacts& facts, const dumps::Interface& expected) {
     const auto found =
-        std::ranges::find_if(facts.dumps.interfaces, [&expected](const lbshow::Interface& one) {
+        std::ranges::find_if(facts.dumps.interfaces, [&expected](const dumps::Interface& one) {
             return one.name == expected.name && one.family == expected.family;
         });
     return found == facts.dumps.interfaces.end() ? nullptr : &*found;
 }
 
-bool has_same_limits(const lbshow::Probe& expected, const lbshow::Probe& dumped) {
-    const auto limits_of = [](const lbshow::Probe& probe) {
-        const lbshow::Quality quality = probe.quality.value_or(lbshow::Quality{});
+bool has_same_limits(const dumps::Probe& expected, const dumps::Probe& dumped) {
+    const auto limits_of = [](const dumps::Probe& probe) {
+        const dumps::Quality quality = probe.quality.value_or(dumps::Quality{});
         return std::tuple(probe.quality.has_value(), quality.loss_limit, quality.rtt_limit,
                           quality.jitter_limit);
     };
@@ -47,14 +46,14 @@ bool has_same_limits(const lbshow::Probe& expected, const lbshow::Probe& dumped)
 }
 
 /// Without a target of its own a probe asks the next hop.
-bool asks_learnt_hop(const lbshow::Interface& expected, const lbshow::Probe& probe) {
+bool asks_learnt_hop(const dumps::Interface& expected, const dumps::Probe& probe) {
     return expected.nexthop_from != "configured" && probe.target == expected.nexthop;
 }
 
 /// Apart from what the daemon learns while it runs: the next hop of a lease or tunnel, and the
 /// source of an IPv6 uplink that is given none.
-bool is_same(const lbshow::Interface& expected, const lbshow::Interface& dumped) {
-    const auto settings_of = [](const lbshow::Interface& one) {
+bool is_same(const dumps::Interface& expected, const dumps::Interface& dumped) {
+    const auto settings_of = [](const dumps::Interface& one) {
         return std::tie(one.namespace_name, one.nexthop_from, one.success_ct, one.failure_ct);
     };
     const bool is_source_learnt = expected.family == 6 && expected.source_address.empty();
@@ -63,14 +62,14 @@ bool is_same(const lbshow::Interface& expected, const lbshow::Interface& dumped)
            (is_source_learnt || expected.source_address == dumped.source_address) &&
            std::ranges::equal(
                expected.probes, dumped.probes,
-               [&expected](const lbshow::Probe& one, const lbshow::Probe& other) {
+               [&expected](const dumps::Probe& one, const dumps::Probe& other) {
                    return has_same_limits(one, other) &&
                           (asks_learnt_hop(expected, one) || one.target == other.target);
                });
 }
 
-bool is_same(const lbshow::Rule& expected, const lbshow::Rule& dumped) {
-    const auto member_of = [](const lbshow::Member& one) {
+bool is_same(const dumps::Rule& expected, const dumps::Rule& dumped) {
+    const auto member_of = [](const dumps::Member& one) {
         return std::tie(one.interface, one.family, one.weight);
     };
     return std::tie(expected.number, expected.family, expected.namespace_name,
@@ -81,11 +80,11 @@ bool is_same(const lbshow::Rule& expected, const lbshow::Rule& dumped) {
 
 /// Rules and routes; dumps of which a part is stale tell nothing.
 bool are_rules_same(const LiveFacts& facts) {
-    const auto route_of = [](const lbshow::Route& one) {
+    const auto route_of = [](const dumps::Route& one) {
         return std::tie(one.rule_number, one.family, one.prefix, one.metric);
     };
     return std::ranges::equal(facts.expected_rules, facts.dumps.rules,
-                              [](const lbshow::Rule& one, const lbshow::Rule& other) {
+                              [](const dumps::Rule& one, const dumps::Rule& other) {
                                   return is_same(one, other);
                               }) &&
            std::ranges::equal(facts.expected_routes, facts.dumps.routes, {}, route_of, route_of);
@@ -93,12 +92,12 @@ bool are_rules_same(const LiveFacts& facts) {
 
 bool are_rules_told(const LiveFacts& facts) {
     return facts.dumps_problem.empty() && !facts.dumps.families.empty() &&
-           std::ranges::none_of(facts.dumps.families, &lbshow::Family::is_stale);
+           std::ranges::none_of(facts.dumps.families, &dumps::Family::is_stale);
 }
 
 void judge_family(const LiveFacts& facts, int family, LiveFindings& findings) {
     const bool is_configured = facts.configured.contains(family);
-    const lbshow::Family* dumped = family_of(facts.dumps, family);
+    const dumps::Family* dumped = family_of(facts.dumps, family);
     const std::string place = "dumps of IPv" + std::to_string(family);
     if (dumped == nullptr && is_configured) {
         findings.add(State::error, place, "there is none: the daemon does not serve the family",
@@ -107,12 +106,12 @@ void judge_family(const LiveFacts& facts, int family, LiveFindings& findings) {
         findings.add(State::warning, place,
                      "they are of an earlier configuration, which had the family",
                      "rm " + shared::dump_folder(facts.output_directory) + "/" +
-                         lbshow::outbounds_name(family));
+                         dumps::outbounds_name(family));
     } else if (dumped != nullptr && !is_configured) {
         findings.add(State::warning, place,
                      "the daemon runs with another configuration, which has the family",
                      "systemctl restart lb");
-    } else if (dumped != nullptr && dumped->age_s < -lbshow::clock_tolerance_s) {
+    } else if (dumped != nullptr && dumped->age_s < -dumps::clock_tolerance_s) {
         findings.add(State::error, place,
                      "they are from the future: the clock was set back, and the daemon has not "
                      "written since",
@@ -127,7 +126,7 @@ void judge_family(const LiveFacts& facts, int family, LiveFindings& findings) {
     }
 }
 
-bool is_answered_beyond_its_limits(const lbshow::Probe& probe) {
+bool is_answered_beyond_its_limits(const dumps::Probe& probe) {
     constexpr int all_percent = 100;
     const auto& measured = probe.quality;
     return measured && measured->loss_percent < all_percent &&
@@ -138,7 +137,7 @@ bool is_answered_beyond_its_limits(const lbshow::Probe& probe) {
 
 /// Judges what the daemon has found of an uplink for which nothing else was found to be wrong.
 void judge_verdict(const NamespaceFacts& space, const UplinkFacts& uplink,
-                   const lbshow::Interface& dumped, LiveFindings& findings) {
+                   const dumps::Interface& dumped, LiveFindings& findings) {
     const std::string place = place_of(space, uplink);
     if (dumped.is_active) {
         findings.add(State::ok, place, "the daemon holds it for active");
@@ -147,8 +146,8 @@ void judge_verdict(const NamespaceFacts& space, const UplinkFacts& uplink,
     std::string causes;
     std::string first_silent;
     std::size_t failed = 0;
-    for (const lbshow::Probe& probe : dumped.probes) {
-        if (probe.last_result != lbshow::Result::timed_out ||
+    for (const dumps::Probe& probe : dumped.probes) {
+        if (probe.last_result != dumps::Result::timed_out ||
             probe.failure_run < dumped.failure_ct) {
             continue;
         }
@@ -186,8 +185,8 @@ bool has_error(const LiveFindings& findings, const std::string& place) {
 
 void judge_dumped_uplink(const LiveFacts& facts, const NamespaceFacts& space,
                          const UplinkFacts& uplink, LiveFindings& findings) {
-    const lbshow::Interface& expected = *uplink.expected;
-    const lbshow::Interface* dumped = dumped_of(facts, expected);
+    const dumps::Interface& expected = *uplink.expected;
+    const dumps::Interface* dumped = dumped_of(facts, expected);
     const std::string place = place_of(space, uplink);
     if (dumped == nullptr) {
         findings.add(State::error, place,
@@ -212,7 +211,7 @@ bool are_of_this_configuration(const LiveFacts& facts) {
         if (!uplink.expected || !is_told(facts, uplink.expected->family)) {
             return true;
         }
-        const lbshow::Interface* dumped = dumped_of(facts, *uplink.expected);
+        const dumps::Interface* dumped = dumped_of(facts, *uplink.expected);
         return dumped != nullptr && is_same(*uplink.expected, *dumped);
     };
     return (!are_rules_told(facts) || are_rules_same(facts)) &&
@@ -242,7 +241,7 @@ void judge_dumps(const LiveFacts& facts, LiveFindings& findings) {
                      "the daemon runs with other rules than the configuration has",
                      "systemctl restart lb");
     }
-    for (const lbshow::Interface& one : facts.dumps.unjudged) {
+    for (const dumps::Interface& one : facts.dumps.unjudged) {
         findings.add(State::error, one.name + " (IPv" + std::to_string(one.family) + ")",
                      "its worker stands still: nobody judges it", "systemctl restart lb");
     }

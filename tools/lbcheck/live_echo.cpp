@@ -13,8 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <memory>
 #include <optional>
+#include <span>
 #include <sstream>
 #include <utility>
 

@@ -20,9 +20,9 @@ std::span<const std::uint8_t> bytes_of(const std::optional<Record>& record) {
 
 }  // namespace
 
-std::optional<lbshow::Interface> expected_of(const LBHealth& health) {
+std::optional<dumps::Interface> expected_of(const LBHealth& health) {
     const auto read =
-        lbshow::read_interfaces(bytes_of(outbound_record(health, 0)), health.ipv6 ? 6 : 4, false);
+        dumps::read_interfaces(bytes_of(outbound_record(health, 0)), health.ipv6 ? 6 : 4, false);
     return read.items.empty() ? std::nullopt : std::make_optional(read.items.front());
 }
 
@@ -32,8 +32,7 @@ void expect_rules(const LBData& data, LiveFacts& facts) {
         if (!key) {
             return;  // B123
         }
-        for (lbshow::Rule& one :
-             lbshow::read_rules(bytes_of(rule_record(*key, rule)), false).items) {
+        for (dumps::Rule& one : dumps::read_rules(bytes_of(rule_record(*key, rule)), false).items) {
             facts.expected_rules.push_back(std::move(one));
         }
         int position = 0;
@@ -42,7 +41,7 @@ void expect_rules(const LBData& data, LiveFacts& facts) {
                 break;
             }
             const auto written = route_record(*key, rule, prefix, metric, position);
-            for (lbshow::Route& one : lbshow::read_routes(bytes_of(written), false).items) {
+            for (dumps::Route& one : dumps::read_routes(bytes_of(written), false).items) {
                 facts.expected_routes.push_back(std::move(one));
             }
         }

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "dumps/state.h"
 #include "lbroute/report.h"
-#include "lbshow/state.h"
 
 /// What a router tells of itself at one moment, as plain values: all that `lbcheck --live` judges.
 namespace lbcheck {
@@ -60,7 +60,7 @@ struct UplinkFacts {
     std::optional<Lease> lease{};
     /// What the dumps of a daemon with this configuration tell of it; none where no worker serves
     /// it.
-    std::optional<lbshow::Interface> expected{};
+    std::optional<dumps::Interface> expected{};
     bool needs_all_targets = false;
     std::optional<Echo> echo{};  ///< none: it could not be asked, see NamespaceFacts
 };
@@ -117,11 +117,11 @@ struct LiveFacts {
     std::string output_directory;
     std::vector<NamespaceFacts> namespaces{};
     lbroute::Report routes{};
-    lbshow::State dumps{};
+    dumps::State dumps{};
     std::string dumps_problem{};
     /// What the dumps of a daemon with this configuration tell of its rules.
-    std::vector<lbshow::Rule> expected_rules{};
-    std::vector<lbshow::Route> expected_routes{};
+    std::vector<dumps::Rule> expected_rules{};
+    std::vector<dumps::Route> expected_routes{};
     /// Uplinks of each family (4, 6) that the configuration has.
     std::map<int, int> configured{};
     Setting neighbour_least[2]{};      ///< gc_thresh1 of IPv4, IPv6

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "lbshow/plain_text.h"
+#include "shared/plain_text.h"
 #include <nlohmann/json.hpp>
 
 namespace lbcheck {
@@ -41,7 +41,7 @@ std::string live_text(const std::vector<LiveFinding>& findings) {
         std::string state = word_of(one.state);
         state.resize(8, ' ');
         text += state +
-                lbshow::harmless(one.place + ": " + one.text +
+                shared::harmless(one.place + ": " + one.text +
                                  (one.mend.empty() ? "" : "; mend: " + one.mend)) +
                 "\n";
     }

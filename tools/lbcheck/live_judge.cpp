@@ -4,6 +4,7 @@
 #include "lbcheck/live_judge.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "lbcheck/values.h"
 
@@ -138,7 +139,10 @@ class UplinkJudge {
         }
         const Lease& lease = *uplink_.lease;
         const std::string by_hand =
-            "renew the lease (the package's hooks write the file), or: lb-lease " +
+            "make its DHCP client tell it anew (ifdown and ifup " + uplink_.interface +
+            ", dhcpcd -n " + uplink_.interface +
+            ", systemctl restart networkd-dispatcher, nmcli connection up NAME, kill -USR1 of "
+            "udhcpc), or: lb-lease " +
             uplink_.interface + " ROUTER";
         if (!lease.error.empty()) {
             add(State::error, lease.path + " cannot be read: " + lease.error, by_hand);
@@ -170,13 +174,14 @@ class UplinkJudge {
             return false;
         }
         if (!uplink_.is_next_hop_on_link) {
-            add(State::error,
-                "its next hop " + uplink_.next_hop + " lies in none of its networks" +
-                    (uplink_.lease ? ": the lease is of another network, or old" : ""),
-                uplink_.lease ? "renew the lease"
-                              : "correct nexthop, or the length of its address: " +
+            add(State::warning,
+                "its next hop " + uplink_.next_hop +
+                    " lies in none of its networks; lbroute routes by it all the same (onlink), "
+                    "other routing daemons may not",
+                uplink_.lease ? "where that is not meant, renew the lease"
+                              : "where that is not meant, correct nexthop, or the length of its "
+                                "address: " +
                                     command("ip address show dev " + uplink_.interface));
-            return false;
         }
         return true;
     }

@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <optional>
 #include <set>
-#include <utility>
 #include <vector>
 
 #include "config/own_records.h"

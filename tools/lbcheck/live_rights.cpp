@@ -1,5 +1,7 @@
 // Who else may change what root's programs write into, read or run.
 
+#include <string>
+
 #include "lbcheck/live_judge.h"
 
 namespace lbcheck {

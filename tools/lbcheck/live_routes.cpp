@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "lbcheck/live_judge.h"
 

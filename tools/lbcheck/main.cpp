@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <string>
 
 #include "lbcheck/findings.h"
 #include "lbcheck/live_findings.h"

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <map>
+#include <variant>
 
 #include "lbroute/commands.h"
 

@@ -69,6 +69,9 @@ std::string via_clauses(const std::vector<Bird2Hop>& hops) {
         const std::string scope = hop.interface.empty() ? "" : "%'" + hop.interface + "'";
         clauses +=
             "\n\t\tvia " + hop.gateway.text() + scope + " weight " + std::to_string(hop.weight);
+        if (hop.is_on_link) {
+            clauses += " onlink";
+        }
     }
     return clauses;
 }
@@ -116,7 +119,8 @@ Bird2Routes bird2_routes(const std::vector<PlannedRoute>& planned, Family family
             one.hops.push_back({.gateway = hop->gateway,
                                 .interface = hop->interface,
                                 .weight = hop->weight,
-                                .link = hop->link});
+                                .link = hop->link,
+                                .is_on_link = hop->is_on_link});
         }
         // Without krt_metric bird leaves the kernel's own.
         if (route.priority != priority_of(family, std::nullopt)) {

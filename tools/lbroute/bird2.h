@@ -15,9 +15,10 @@ namespace lbroute {
 
 struct Bird2Hop {
     Address gateway;
-    std::string interface;  ///< named in the text where known; a link-local gateway needs it
-    int weight = 1;         ///< above 0; scaled to bird's 1 to 256 within its route
-    int link = 0;           ///< the interface's number
+    std::string interface;    ///< named in the text where known; a link-local gateway needs it
+    int weight = 1;           ///< above 0; scaled to bird's 1 to 256 within its route
+    int link = 0;             ///< the interface's number
+    bool is_on_link = false;  ///< as in PlannedHop
 
     bool operator==(const Bird2Hop&) const = default;
 };

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <utility>
+#include <variant>
 
 namespace lbroute {
 
@@ -42,7 +43,7 @@ struct Writer {
     std::string operator()(const AddHop& step) const {
         return ip(namespace_name) + "nexthop add id " + std::to_string(step.hop.id) + " via " +
                step.hop.gateway.text() + " dev " + link_name(step.hop.link, kernel) + " protocol " +
-               protocol_name(own_protocol);
+               protocol_name(own_protocol) + (step.is_on_link ? " onlink" : "");
     }
     std::string operator()(const PutGroup& step) const {
         std::string text = ip(namespace_name) + "nexthop " + (step.replaces ? "replace" : "add") +
@@ -106,6 +107,9 @@ std::string text_of(const PathHop& hop, const KernelState& kernel, bool is_one_o
         text.append("via ").append(hop.gateway->text()).append(" ");
     }
     text.append("dev ").append(link_name(hop.link, kernel));
+    if (hop.is_on_link) {
+        text.append(" onlink");
+    }
     if (is_one_of_several) {
         text.append(" weight ").append(std::to_string(hop.weight));
     }

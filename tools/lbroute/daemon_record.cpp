@@ -1,5 +1,7 @@
 #include "lbroute/daemon_record.h"
 
+#include <variant>
+
 #include "shared/processes.h"
 #include <nlohmann/json.hpp>
 

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <limits>
 #include <map>
+#include <system_error>
 #include <utility>
 #include <variant>
 

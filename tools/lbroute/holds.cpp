@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <ctime>
+#include <system_error>
 #include <utility>
 
 #include <nlohmann/json.hpp>
@@ -189,7 +190,7 @@ HoldsReading read_holds(const StateFolder& folder, std::int64_t now_ms) {
 HoldsChange change_holds(const StateFolder& folder, std::int64_t now_ms,
                          const std::function<void(std::vector<Hold>&)>& change) {
     HoldsChange done;
-    const Fd lock = folder.lock(lock_name, StateFolder::Wait::until_free, done.problem);
+    const Fd lock = folder.lock(lock_name, StateFolder::Wait::some_seconds, done.problem);
     if (!lock.is_open()) {
         return done;
     }

@@ -65,7 +65,8 @@ struct PathHop {
     std::optional<Address> gateway;
     int link = 0;
     int weight = 1;
-    bool is_dead = false;  ///< its link is down or without carrier
+    bool is_dead = false;     ///< its link is down or without carrier
+    bool is_on_link = false;  ///< to be written with RTNH_F_ONLINK; not read
 
     bool operator==(const PathHop&) const = default;
 };
@@ -105,6 +106,7 @@ struct KernelState {
 
 struct AddHop {
     HopObject hop;
+    bool is_on_link = false;  ///< with RTNH_F_ONLINK: in whatever network the gateway lies
 };
 struct PutGroup {
     Group group;

@@ -1,5 +1,7 @@
 #include "lbroute/maintenance.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <set>
 #include <vector>
@@ -22,6 +24,17 @@ int fail(const std::string& problem) {
 
 std::string where(const HoldRequest& request) {
     return request.namespace_name.empty() ? "" : " in namespace " + request.namespace_name;
+}
+
+std::string release_command(const HoldRequest& request) {
+    std::string command = "lbroute release " + request.interface;
+    if (!request.namespace_name.empty()) {
+        command += " --namespace " + request.namespace_name;
+    }
+    if (request.family) {
+        command += *request.family == Family::ipv6 ? " --family ipv6" : " --family ipv4";
+    }
+    return command;
 }
 
 /// The families in which the uplink is known, of those that were asked for.
@@ -141,7 +154,7 @@ int hold(const Options& options, const HoldRequest& request) {
     }
     std::cout << request.interface << where(request) << " is held in " << names_of(families)
               << (until_ms ? " for " + span_text(*until_ms - boottime_ms())
-                           : " until lbroute release " + request.interface)
+                           : " until " + release_command(request))
               << "\n";
     const DaemonRecord daemon = read_record(folder);
     tell_kept_routes(options, request, site.uplinks(), change.holds, daemon);
@@ -156,18 +169,18 @@ int release(const Options& /*options*/, const HoldRequest& request) {
     const StateFolder folder =
         StateFolder::open(StateFolder::usual_path, StateFolder::IfMissing::leave, problem);
     std::vector<Family> released;
+    HoldsChange change;
     if (folder.is_open()) {
-        const HoldsChange change =
-            change_holds(folder, boottime_ms(), [&](std::vector<Hold>& holds) {
-                released.clear();
-                for (const Family family : {Family::ipv4, Family::ipv6}) {
-                    const bool is_asked = !request.family || *request.family == family;
-                    if (is_asked &&
-                        remove_hold(holds, request.namespace_name, request.interface, family)) {
-                        released.push_back(family);
-                    }
+        change = change_holds(folder, boottime_ms(), [&](std::vector<Hold>& holds) {
+            released.clear();
+            for (const Family family : {Family::ipv4, Family::ipv6}) {
+                const bool is_asked = !request.family || *request.family == family;
+                if (is_asked &&
+                    remove_hold(holds, request.namespace_name, request.interface, family)) {
+                    released.push_back(family);
                 }
-            });
+            }
+        });
         if (!change.is_written) {
             return fail(change.problem);
         }
@@ -175,7 +188,15 @@ int release(const Options& /*options*/, const HoldRequest& request) {
         return fail(problem);
     }
     if (released.empty()) {
-        return fail(request.interface + where(request) + " is not held");
+        const auto elsewhere = std::ranges::find(change.holds, request.interface, &Hold::interface);
+        std::string hint;
+        if (elsewhere != change.holds.end()) {
+            HoldRequest other = request;
+            other.namespace_name = elsewhere->namespace_name;
+            other.family = elsewhere->family;
+            hint = "; what is held ends with: " + release_command(other);
+        }
+        return fail(request.interface + where(request) + " is not held" + hint);
     }
     std::cout << request.interface << where(request) << " is released in " << names_of(released)
               << "\n";

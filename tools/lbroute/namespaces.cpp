@@ -58,7 +58,15 @@ void Namespaces::leave_all_but(const std::set<std::string>& named) {
 std::set<std::string> Namespaces::follow(const std::set<std::string>& named, bool claims_again) {
     leave_all_but(named);
     std::set<std::string> to_read;
+    std::map<NamespaceIdentity, std::string> names_of;
     for (const std::string& name : named) {
+        if (const auto identity = namespace_identity(name)) {
+            const auto [first, is_first] = names_of.try_emplace(*identity, name);
+            if (!is_first) {
+                leave_second_name(name, first->second);
+                continue;
+            }
+        }
         const auto [entry, is_new] = served_.try_emplace(name, name, options_);
         Served& served = entry->second;
         // Another routing daemon that comes later writes its number in the place of ours.
@@ -84,6 +92,22 @@ std::set<std::string> Namespaces::follow(const std::set<std::string>& named, boo
         }
     }
     return to_read;
+}
+
+/// Under both names the one would take the other's routes for leftovers of its own.
+void Namespaces::leave_second_name(const std::string& name, const std::string& first) {
+    if (const auto served = served_.find(name); served != served_.end()) {
+        ownership_.release(name);
+        journal_.forget("routes " + name);
+        served_.erase(served);
+    }
+    not_served_[name] = "it is " +
+                        (first.empty() ? "the default namespace" : "namespace " + first) +
+                        " by another name; name its uplinks there, or remove the name: ip netns "
+                        "del " +
+                        name;
+    journal_.tell("namespace " + name,
+                  {{"namespace " + name + " is not served: " + not_served_[name], Level::error}});
 }
 
 void Namespaces::tell_state(const std::string& name, const Served& served,

@@ -9,6 +9,7 @@
 
 #include "lbroute/event_loop.h"
 #include "lbroute/journal.h"
+#include "lbroute/net_namespace.h"
 #include "lbroute/options.h"
 #include "lbroute/ownership.h"
 #include "lbroute/served_namespace.h"
@@ -23,7 +24,8 @@ struct Served {
     ServedNamespace kernel;
     /// Some route waits for the dumps, and this long (CLOCK_BOOTTIME); then it is guessed.
     std::optional<std::int64_t> uncertain_until_ms;
-    std::map<std::string, std::string> paths;  ///< a route's title -> what was told of it
+    std::map<std::string, std::string> paths;      ///< a route's title -> what was told of it
+    std::optional<std::int64_t> put_back_told_ms;  ///< CLOCK_BOOTTIME
     /// Its process number files are ours; else nothing is done there.
     bool is_claimed = false;
     bool is_shared = false;  ///< some next hop follows the dumps
@@ -64,6 +66,7 @@ class Namespaces {
     bool told(const Ownership::Outcome& outcome) const;
     void claim(const std::string& name, Served& served, bool is_new);
     void tell_state(const std::string& name, const Served& served, const std::string& problem);
+    void leave_second_name(const std::string& name, const std::string& first);
     void leave_all_but(const std::set<std::string>& named);
 
     const Options& options_;

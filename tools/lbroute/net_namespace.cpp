@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <system_error>
 
 #include "decision/route_text.h"
 #include "shared/folder_names.h"
@@ -29,11 +30,12 @@ std::string namespace_path(const std::string& name) {
 }
 
 std::optional<NamespaceIdentity> namespace_identity(const std::string& name) {
+    struct stat found {};
     if (name.empty()) {
-        return NamespaceIdentity{};
+        return stat(own_path, &found) == 0 ? NamespaceIdentity{found.st_dev, found.st_ino}
+                                           : NamespaceIdentity{};
     }
     const std::string path = namespace_path(name);
-    struct stat found {};
     struct statfs system {};
     // Before ip(8) mounts the namespace on it, the file is an empty one of its folder.
     if (stat(path.c_str(), &found) != 0 || statfs(path.c_str(), &system) != 0 ||
@@ -45,11 +47,7 @@ std::optional<NamespaceIdentity> namespace_identity(const std::string& name) {
 
 std::vector<std::string> other_namespaces(const std::set<std::string>& names,
                                           std::string& problem) {
-    std::set<NamespaceIdentity> known;
-    struct stat own {};
-    if (stat(own_path, &own) == 0) {
-        known.insert({own.st_dev, own.st_ino});
-    }
+    std::set<NamespaceIdentity> known{*namespace_identity("")};
     for (const std::string& name : names) {
         if (const auto identity = namespace_identity(name)) {
             known.insert(*identity);

@@ -24,7 +24,7 @@ struct NamespaceIdentity {
 };
 
 /// The namespace that has the name now; none where there is none. The default one (the empty name)
-/// always is there.
+/// is that of the calling thread, and always is there.
 std::optional<NamespaceIdentity> namespace_identity(const std::string& name);
 
 /// A name of each namespace that is there beside the own one and those with these names, and has a

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "decision/route_text.h"
@@ -95,11 +96,11 @@ std::optional<pid_t> number_in(std::string_view text) {
     return number;
 }
 
-std::string refusal(const std::string& place, pid_t pid) {
-    return place + " process " + std::to_string(pid) + " (" + shared::process_name(pid) +
+std::string refusal(const std::string& path, pid_t pid) {
+    return path + " names process " + std::to_string(pid) + " (" + shared::process_name(pid) +
            "), which is running; two routing daemons would undo each other's routes: stop it first "
            "(kill " +
-           std::to_string(pid) + ")";
+           std::to_string(pid) + "), or where it is no routing daemon: rm " + path;
 }
 
 /// The files of a namespace that hold the process number.
@@ -134,10 +135,20 @@ Outcome Ownership::begin() {
         std::erase_if(predecessor.files, [](const Written& file) { return !is_unchanged(file); });
     }
     std::erase_if(predecessors_, [](const Instance& old) { return old.files.empty(); });
-    problem = folder_.write(record_name, record());
-    return {.kind = problem.empty() ? Outcome::Kind::owned : Outcome::Kind::failed,
-            .reason = problem,
-            .notes = {}};
+    Outcome outcome;
+    write_record(outcome);
+    return outcome;
+}
+
+/// It serves to recognise leftovers: no reason to leave a router without its routes.
+void Ownership::write_record(Outcome& outcome) const {
+    if (const std::string problem = folder_.write(record_name, record()); !problem.empty()) {
+        outcome.notes.push_back(
+            problem +
+            "; where lbroute is killed, the next one will take its process number files "
+            "for another's if their number has been given again, see: df -h " +
+            folder_.path());
+    }
 }
 
 Outcome Ownership::claim(const std::string& namespace_name) {
@@ -168,7 +179,7 @@ Outcome Ownership::claim(const std::string& namespace_name) {
         }
     }
     if (outcome.reason.empty()) {
-        outcome.reason = folder_.write(record_name, record());
+        write_record(outcome);
     }
     if (!outcome.reason.empty()) {
         outcome.kind = Outcome::Kind::failed;
@@ -269,7 +280,7 @@ std::string Ownership::obstacle(const std::string& path, std::vector<std::string
                         ", which does not run; it is written anew");
         return "";
     }
-    return refusal(path + " names", *named);
+    return refusal(path, *named);
 }
 
 bool Ownership::is_predecessors(const std::string& path, pid_t named) const {

@@ -34,7 +34,7 @@ class Ownership {
         };
         Kind kind = Kind::owned;
         std::string reason;              ///< refused, failed: what stands in the way
-        std::vector<std::string> notes;  ///< owned: leftovers taken over, for the log
+        std::vector<std::string> notes;  ///< owned: what is to be told for all that
     };
 
     /// The folder is open and outlives this object. Another root than / is for tests.
@@ -71,6 +71,7 @@ class Ownership {
     static bool is_unchanged(const Written& file);
 
     std::string record() const;
+    void write_record(Outcome& outcome) const;
     /// Why the file cannot be taken over, or empty; what is left over in it goes to the notes.
     /// `is_patient`: one that may just be being written is waited for.
     std::string obstacle(const std::string& path, std::vector<std::string>& notes,

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <optional>
 
 #include "lbroute/resolve.h"
 #include "lbroute/weights.h"
@@ -13,6 +14,22 @@ namespace {
 /// What the kernel makes of an IPv6 route without a priority (IP6_RT_PRIO_USER).
 constexpr std::uint32_t default_priority6 = 1024;
 
+/// Whether the interface has addresses, but none whose network holds the gateway. Without any, the
+/// route would carry the address of another interface, and the one to come may hold it.
+bool is_beside_networks(const Address& gateway, int link, const KernelState& kernel) {
+    bool has_address = false;
+    for (const LinkAddress& one : kernel.addresses) {
+        if (one.link == link && one.address.family == gateway.family &&
+            !one.address.is_link_local()) {
+            has_address = true;
+            if (one.network.contains(gateway)) {
+                return false;
+            }
+        }
+    }
+    return has_address && !gateway.is_link_local();
+}
+
 /// What is to be said of a hop before any hold: its interface, and whether that can carry it.
 PlannedHop planned_hop(const ResolvedHop& hop, bool check_link, const PlanContext& context) {
     PlannedHop planned{.gateway = hop.gateway,
@@ -21,6 +38,7 @@ PlannedHop planned_hop(const ResolvedHop& hop, bool check_link, const PlanContex
                        .link = 0,
                        .state = HopState::routed,
                        .is_hold_forced = false,
+                       .is_on_link = false,
                        .reason = {}};
     if (hop.interface.empty()) {
         planned.state = HopState::no_interface;
@@ -34,6 +52,7 @@ PlannedHop planned_hop(const ResolvedHop& hop, bool check_link, const PlanContex
         return planned;
     }
     planned.link = link->index;
+    planned.is_on_link = is_beside_networks(hop.gateway, link->index, *context.kernel);
     if (!link->is_up) {
         planned.state = HopState::no_interface;
         planned.reason = hop.interface + " is down";

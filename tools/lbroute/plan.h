@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,7 +37,10 @@ struct PlannedHop {
     int link = 0;
     HopState state = HopState::routed;
     bool is_hold_forced = false;  ///< held also where nothing else is left
-    std::string reason;           ///< why it is not routed, where its state does not tell alone
+    /// No network of the interface holds the gateway: a lease of /32, a gateway next door. The
+    /// kernel takes it with RTNH_F_ONLINK alone.
+    bool is_on_link = false;
+    std::string reason;  ///< why it is not routed, where its state does not tell alone
 
     bool is_routed() const {
         return state == HopState::routed || state == HopState::last_though_held;

@@ -58,6 +58,8 @@ struct ReportedNamespace {
 struct Report {
     DaemonRecord daemon;
     bool is_running = false;
+    /// Where lbroute does not run: the process number files that name a process which does.
+    std::vector<std::string> others;
     std::vector<std::string> problems;  ///< of the configuration and the holds
     std::vector<Hold> holds;
     std::int64_t now_ms = 0;  ///< CLOCK_BOOTTIME, as the holds' ends

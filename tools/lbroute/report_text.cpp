@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <optional>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -176,6 +175,9 @@ std::string report_text(const Report& report) {
                                                .append(std::to_string(report.daemon.pid))
                                                .append("\n")
                                          : "lbroute does not run\n";
+    for (const std::string& other : report.others) {
+        text += other + ", which is taken for the routing daemon there\n";
+    }
     const bool is_for_bird = report.is_running && !report.daemon.bird2_file.empty();
     if (is_for_bird) {
         text += "bird writes the routes, by " + report.daemon.bird2_file +
@@ -219,6 +221,7 @@ std::string report_json(const Report& report) {
     const json shown{{"running", report.is_running},
                      {"pid", report.is_running ? json(report.daemon.pid) : json()},
                      {"bird2_file", report.is_running ? report.daemon.bird2_file : ""},
+                     {"others", report.others},
                      {"agrees", report.agrees()},
                      {"problems", report.problems},
                      {"holds", holds},

@@ -1,6 +1,8 @@
 #include "lbroute/routing.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <map>
 
 #include "lbroute/findings.h"
 #include "lbroute/holds.h"
@@ -13,6 +15,16 @@ namespace {
 constexpr std::int64_t dumps_patience_ms = 1500;
 /// More changed routes than these are told as a number.
 constexpr std::size_t most_told_routes = 20;
+/// Another program that goes on taking our routes away is told of this seldom.
+constexpr std::int64_t put_back_told_every_ms = 60'000;
+
+/// How many steps made something stand; removals tidy up only.
+std::ptrdiff_t count_put(const std::vector<Step>& steps) {
+    return std::ranges::count_if(steps, [](const Step& step) {
+        return std::holds_alternative<AddHop>(step) || std::holds_alternative<PutGroup>(step) ||
+               std::holds_alternative<PutRoute>(step);
+    });
+}
 
 std::string place_of(const std::string& namespace_name) {
     return namespace_name.empty() ? "" : "namespace " + namespace_name + ": ";
@@ -57,13 +69,13 @@ void Routing::tell(Served& served, const ServedNamespace::Result& result) {
     served.is_good = std::ranges::all_of(
         problems, [](const auto& problem) { return problem.second >= Level::notice; });
     if (result.is_whole() && is_handed_over) {
-        tell_changes(served, result.view);
+        tell_changes(served, result);
     }
 }
 
-void Routing::tell_changes(Served& served, const View& view) const {
+void Routing::tell_changes(Served& served, const ServedNamespace::Result& result) const {
     std::map<std::string, std::string> paths;
-    for (const PlannedRoute& route : view.wanted.routes) {
+    for (const PlannedRoute& route : result.view.wanted.routes) {
         paths[title_of(route, served.kernel.name())] = path_text(route);
     }
     std::vector<std::string> changes;
@@ -80,6 +92,9 @@ void Routing::tell_changes(Served& served, const View& view) const {
             changes.push_back(title + " is not routed any more");
         }
     }
+    if (changes.empty() && !served.paths.empty()) {
+        tell_put_back(served, count_put(result.taken));
+    }
     if (changes.size() > most_told_routes) {
         journal_.say(Level::information, std::to_string(changes.size()) + " routes changed");
     } else {
@@ -88,6 +103,24 @@ void Routing::tell_changes(Served& served, const View& view) const {
         }
     }
     served.paths = std::move(paths);
+}
+
+/// What stood as planned has been put again, though the plan is the same.
+void Routing::tell_put_back(Served& served, std::ptrdiff_t steps) const {
+    const std::int64_t now = boottime_ms();
+    const bool is_told =
+        served.put_back_told_ms && now - *served.put_back_told_ms < put_back_told_every_ms;
+    if (steps == 0 || is_told) {
+        return;
+    }
+    served.put_back_told_ms = now;
+    journal_.say(Level::notice,
+                 place_of(served.kernel.name()) +
+                     "routes of ours were gone or changed, by another program or with their link, "
+                     "and were put back (" +
+                     std::to_string(steps) +
+                     " steps); busy flows may have moved; who does that: ip monitor route nexthop "
+                     "link");
 }
 
 /// Gives the routes to bird, once all of them are known, and adds what is wrong with that. True

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -29,7 +30,8 @@ class Routing {
     bool hand_to_bird(const Served& served, const ServedNamespace::Result& result,
                       Journal::Problems& problems);
     void tell(Served& served, const ServedNamespace::Result& result);
-    void tell_changes(Served& served, const View& view) const;
+    void tell_changes(Served& served, const ServedNamespace::Result& result) const;
+    void tell_put_back(Served& served, std::ptrdiff_t steps) const;
     void forget_flows(Served& served, const std::vector<Address>& addresses);
 
     const Options& options_;

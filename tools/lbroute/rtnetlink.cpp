@@ -10,8 +10,10 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <map>
+#include <optional>
 
 #include "host/linux/netlink.h"
 #include "lbroute/rtnetlink_messages.h"

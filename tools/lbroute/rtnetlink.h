@@ -2,8 +2,8 @@
 
 #include <linux/netlink.h>
 
+#include <cstdint>
 #include <functional>
-#include <optional>
 #include <set>
 #include <span>
 #include <string>

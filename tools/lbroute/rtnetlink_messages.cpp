@@ -15,6 +15,8 @@
 #include <cstdint>
 #include <cstring>
 #include <span>
+#include <string>
+#include <vector>
 
 namespace lbroute {
 

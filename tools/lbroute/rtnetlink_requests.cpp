@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include <span>
+#include <variant>
 
 namespace lbroute {
 
@@ -65,6 +66,7 @@ struct Appender {
         auto& body = writer.body<nhmsg>();
         body.nh_family = family_number(step.hop.gateway.family);
         body.nh_protocol = own_protocol;
+        body.nh_flags = step.is_on_link ? RTNH_F_ONLINK : 0;
         writer.number(NHA_ID, step.hop.id);
         writer.data(NHA_GATEWAY, step.hop.gateway.used_bytes());
         writer.number(NHA_OIF, static_cast<std::uint32_t>(step.hop.link));
@@ -82,9 +84,7 @@ struct Appender {
         }
         const std::size_t size = entries.size() * sizeof(nexthop_grp);
         Writer writer(size + 128, RTM_NEWNEXTHOP, step.replaces ? replace : create_new, sequence);
-        auto& body = writer.body<nhmsg>();
-        body.nh_family = AF_UNSPEC;
-        body.nh_protocol = own_protocol;
+        writer.body<nhmsg>().nh_protocol = own_protocol;  // a group has no family
         writer.number(NHA_ID, group.id);
         writer.data(NHA_GROUP, {reinterpret_cast<const std::uint8_t*>(entries.data()), size});
         writer.number16(NHA_GROUP_TYPE,
@@ -105,7 +105,8 @@ struct Appender {
         constexpr std::size_t hop_size = sizeof(rtnexthop) + 2 * sizeof(nlattr) + 16;
         Writer writer(128 + route.hops.size() * hop_size, RTM_NEWROUTE,
                       step.replaces ? replace : create_new, sequence);
-        put_place(writer, route, RT_SCOPE_UNIVERSE, RTN_UNICAST);
+        put_place(writer, route, RT_SCOPE_UNIVERSE, RTN_UNICAST,
+                  route.hops.size() == 1 && route.hops[0].is_on_link ? RTNH_F_ONLINK : 0);
         if (route.group_id != 0) {
             writer.number(RTA_NH_ID, route.group_id);
         } else if (route.hops.size() == 1 && route.hops[0].gateway) {
@@ -119,7 +120,7 @@ struct Appender {
 
     void operator()(const RemoveRoute& step) const {
         Writer writer(128, RTM_DELROUTE, NLM_F_ACK, sequence);
-        put_place(writer, step.route, RT_SCOPE_NOWHERE, 0);
+        put_place(writer, step.route, RT_SCOPE_NOWHERE, 0, 0);
         writer.append_to(buffer);
     }
 
@@ -132,13 +133,14 @@ struct Appender {
 
   private:
     static void put_place(Writer& writer, const KernelRoute& route, unsigned char scope,
-                          unsigned char type) {
+                          unsigned char type, unsigned int flags) {
         auto& body = writer.body<rtmsg>();
         body.rtm_family = family_number(route.prefix.address.family);
         body.rtm_dst_len = static_cast<unsigned char>(route.prefix.length);
         body.rtm_protocol = own_protocol;  // on removal: of that protocol alone
         body.rtm_scope = scope;
         body.rtm_type = type;
+        body.rtm_flags = flags;
         body.rtm_table = RT_TABLE_UNSPEC;
         writer.data(RTA_DST, route.prefix.address.used_bytes());
         writer.number(RTA_TABLE, route.table);
@@ -150,6 +152,7 @@ struct Appender {
         for (const PathHop& hop : hops) {
             auto& head = writer.body<rtnexthop>();
             const std::size_t begin = writer.header().nlmsg_len - sizeof(rtnexthop);
+            head.rtnh_flags = hop.is_on_link ? RTNH_F_ONLINK : 0;
             head.rtnh_hops = static_cast<unsigned char>(hop.weight - 1);
             head.rtnh_ifindex = hop.link;
             if (hop.gateway) {

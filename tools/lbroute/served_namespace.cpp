@@ -3,6 +3,7 @@
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
+#include <span>
 
 #include "decision/route_text.h"
 #include "lbroute/rtnetlink_messages.h"

@@ -87,7 +87,7 @@ bool Site::read_dumps(std::int64_t now_ms) {
             }
             continue;
         }
-        auto read = lbshow::read_interfaces(dump.bytes, family, false);
+        auto read = dumps::read_interfaces(dump.bytes, family, false);
         if (dump.is_rewritten || read.is_truncated || dump.bytes.empty()) {
             is_cut = true;
         } else if (read.problem.empty()) {
@@ -103,7 +103,7 @@ bool Site::read_dumps(std::int64_t now_ms) {
 }
 
 bool Site::combine() {
-    std::vector<lbshow::Interface> dumped = dumped_[0];
+    std::vector<dumps::Interface> dumped = dumped_[0];
     std::ranges::copy(dumped_[1], std::back_inserter(dumped));
     Uplinks uplinks = with_dumps(configured_, dumped);
     const bool differs = uplinks != uplinks_;

@@ -56,7 +56,7 @@ class Site {
     std::string dump_folder_;
     std::optional<Stamp> loaded_;
     Uplinks configured_;
-    std::array<std::vector<lbshow::Interface>, 2> dumped_;  // by family
+    std::array<std::vector<dumps::Interface>, 2> dumped_;  // by family
     Uplinks uplinks_;
     std::optional<std::int64_t> read_again_at_ms_;
     bool are_dumps_read_ = true;

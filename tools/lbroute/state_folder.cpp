@@ -6,8 +6,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <thread>
 
 #include "shared/file_text.h"
 
@@ -18,6 +20,8 @@ namespace {
 constexpr std::size_t largest_file = 1U << 20U;
 constexpr mode_t owner_writes_all_enter = 0755;
 constexpr mode_t owner_writes_all_read = 0644;
+constexpr mode_t owner_alone = 0600;
+constexpr int longest_wait_s = 10;
 
 std::string failure(const std::string& what, int error) {
     const char* const hint = error == EACCES || error == EPERM ? "; run it as root" : "";
@@ -145,20 +149,29 @@ void StateFolder::remove(const std::string& name) const {
 Fd StateFolder::lock(const std::string& name, Wait wait, std::string& problem) const {
     problem.clear();
     Fd file(openat(folder_.get(), name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC,
-                   owner_writes_all_read));
+                   owner_alone));
     if (!file.is_open()) {
         problem = failure("open " + path_ + "/" + name, errno);
         return {};
     }
-    const int operation = wait == Wait::until_free ? LOCK_EX : LOCK_EX | LOCK_NB;
-    while (flock(file.get(), operation) != 0) {
-        if (errno == EINTR) {
-            continue;
-        }
-        if (errno != EWOULDBLOCK) {
+    fchmod(file.get(), owner_alone);  // earlier versions made it for all to read
+    constexpr auto pause = std::chrono::milliseconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(longest_wait_s);
+    while (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
             problem = failure("lock " + path_ + "/" + name, errno);
+            return {};
         }
-        return {};
+        if (wait == Wait::not_at_all) {
+            return {};
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            problem = path_ + "/" + name + " has been locked by another program for " +
+                      std::to_string(longest_wait_s) + " seconds, see: fuser -v " + path_ + "/" +
+                      name;
+            return {};
+        }
+        std::this_thread::sleep_for(pause);
     }
     return file;
 }

@@ -39,10 +39,11 @@ class StateFolder {
     std::string write(const std::string& name, std::string_view text) const;
     void remove(const std::string& name) const;
 
-    enum class Wait { until_free, not_at_all };
+    enum class Wait { some_seconds, not_at_all };
 
     /// Takes the lock file `name` (flock(2)) for as long as the descriptor lives, or a copy of it
-    /// in a child. Not open, without a problem: somebody else has it.
+    /// in a child. Not open, without a problem: somebody else has it, and was not waited for. Its
+    /// owner alone may open the file: whoever can open one can keep it locked.
     Fd lock(const std::string& name, Wait wait, std::string& problem) const;
 
   private:

@@ -3,9 +3,14 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <iostream>
 #include <iterator>
+#include <optional>
+#include <set>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "decision/route_text.h"
 #include "lbroute/bird2.h"
@@ -213,16 +218,30 @@ void note_not_served(Report& report) {
     }
 }
 
-/// Whether a process number file of what the daemon watches names a process that runs; it watches
-/// something.
-bool is_any_router_running(const Uplinks& uplinks) {
-    return uplinks.watched.empty() || std::ranges::any_of(uplinks.watched, [](const auto& one) {
-               const std::string text =
-                   shared::text_of_file(pid_path(one.first, one.second == Family::ipv6));
-               pid_t pid = 0;
-               std::from_chars(text.data(), text.data() + text.size(), pid);
-               return pid > 0 && shared::is_running(pid);
-           });
+/// Whose process number files name a process that runs, of what the daemon watches: that one must
+/// be the routing daemon then. The first line tells where none does.
+std::vector<std::string> others_that_route(const Uplinks& uplinks, std::string& nobody) {
+    std::vector<std::string> others;
+    std::string unrouted;
+    for (const auto& [name, family] : uplinks.watched) {
+        const std::string path = pid_path(name, family == Family::ipv6);
+        const std::string text = shared::text_of_file(path);
+        pid_t pid = 0;
+        std::from_chars(text.data(), text.data() + text.size(), pid);
+        if (pid > 0 && shared::is_running(pid)) {
+            others.push_back(path + " names process " + std::to_string(pid) + " (" +
+                             shared::process_name(pid) + ")");
+        } else {
+            unrouted += (unrouted.empty() ? "" : ", ") + std::string(name_of(family)) +
+                        (name.empty() ? " of the default namespace" : " of namespace " + name);
+        }
+    }
+    if (!unrouted.empty()) {
+        nobody = "no routing daemon runs for " + unrouted +
+                 ", so nobody takes over what lb writes there from now on; start it: systemctl "
+                 "start lbroute";
+    }
+    return others;
 }
 
 }  // namespace
@@ -250,10 +269,12 @@ Report report_of_now(Options options, bool chooses_table) {
     }
     if (report.is_running) {
         note_not_served(report);
-    } else if (!is_any_router_running(scene.site.uplinks())) {
-        report.problems.emplace_back(
-            "no routing daemon runs, so nobody takes over what lb writes from now on; start it: "
-            "systemctl start lbroute");
+    } else {
+        std::string nobody;
+        report.others = others_that_route(scene.site.uplinks(), nobody);
+        if (!nobody.empty()) {
+            report.problems.push_back(nobody);
+        }
     }
     return report;
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string>
-
 #include "lbroute/options.h"
 #include "lbroute/report.h"
 

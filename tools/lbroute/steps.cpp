@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdint>
 #include <map>
 #include <set>
 #include <tuple>
 #include <unordered_map>
 #include <unordered_set>
+#include <variant>
 
 namespace lbroute {
 
@@ -127,7 +129,7 @@ class UsableGroups {
 /// The path as the kernel lists it, in an order of our own.
 std::vector<PathHop> sorted(std::vector<PathHop> hops) {
     for (PathHop& hop : hops) {
-        hop.is_dead = false;
+        hop.is_dead = hop.is_on_link = false;
     }
     std::ranges::sort(
         hops, {}, [](const PathHop& hop) { return std::tuple(hop.link, hop.gateway, hop.weight); });
@@ -143,7 +145,11 @@ KernelRoute kernel_route(const PlannedRoute& planned, Mode mode) {
     const auto hops = planned.routed();
     const std::vector<int> weights = kernel_weights(hops, 0);
     for (std::size_t i = 0; i < hops.size(); ++i) {
-        route.hops.push_back({hops[i]->gateway, hops[i]->link, weights[i], false});
+        route.hops.push_back({.gateway = hops[i]->gateway,
+                              .link = hops[i]->link,
+                              .weight = weights[i],
+                              .is_dead = false,
+                              .is_on_link = hops[i]->is_on_link});
     }
     if (route.hops.size() == 1) {
         route.hops[0].weight = 1;
@@ -199,7 +205,7 @@ std::vector<Step> hop_steps(const Wanted& wanted, const KernelState& kernel, Mod
             auto& ids = objects[{hop->gateway, hop->link}];
             while (ids.size() < needed) {
                 ids.push_back(numbers.next());
-                steps.push_back(AddHop{{ids.back(), hop->gateway, hop->link}});
+                steps.push_back(AddHop{{ids.back(), hop->gateway, hop->link}, hop->is_on_link});
             }
         }
     }

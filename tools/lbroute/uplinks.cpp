@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <map>
+#include <system_error>
 
 namespace lbroute {
 
@@ -97,9 +99,9 @@ Uplinks uplinks_of(const LBData& configuration) {
     return uplinks;
 }
 
-Uplinks with_dumps(Uplinks configured, const std::vector<lbshow::Interface>& dumped) {
+Uplinks with_dumps(Uplinks configured, const std::vector<dumps::Interface>& dumped) {
     Uplinks uplinks = std::move(configured);
-    for (const lbshow::Interface& one : dumped) {
+    for (const dumps::Interface& one : dumped) {
         const Family family = one.family == 4 ? Family::ipv4 : Family::ipv6;
         auto known = std::ranges::find_if(uplinks.uplinks, [&](const Uplink& uplink) {
             return uplink.family == family && uplink.interface == one.name &&

@@ -1,16 +1,14 @@
 #pragma once
 
-#include <map>
 #include <optional>
 #include <set>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "config/lb_data.h"
+#include "dumps/state.h"
 #include "lbroute/address.h"
-#include "lbshow/state.h"
 
 /// What is known of the router's uplinks and rules: from the daemon's configuration, and from its
 /// dumps, which tell the next hops in force and who is active. Plain values; without a system call.
@@ -68,6 +66,6 @@ std::optional<Prefix> prefix_of(const std::string& text);
 Uplinks uplinks_of(const LBData& configuration);
 
 /// The same with what the dumps tell beside it: a dump counts for the uplinks that it names.
-Uplinks with_dumps(Uplinks configured, const std::vector<lbshow::Interface>& dumped);
+Uplinks with_dumps(Uplinks configured, const std::vector<dumps::Interface>& dumped);
 
 }  // namespace lbroute

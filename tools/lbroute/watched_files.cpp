@@ -29,6 +29,12 @@ WatchedFiles::WatchedFiles(const Options& options, const Site& site, EventLoop& 
 void WatchedFiles::watch(const AllServed& all) {
     std::set<std::string> folders{folder_of(options_.configuration), shared::namespaces,
                                   StateFolder::usual_path};
+    // Behind a symbolic link it is saved in another folder.
+    std::error_code error;
+    real_configuration_ = std::filesystem::canonical(options_.configuration, error);
+    if (!error) {
+        folders.insert(folder_of(real_configuration_));
+    }
     bool is_shared = site_.has_learning_uplinks();
     for (const auto& [name, served] : all) {
         folders.insert(folder_of(fragment_path(name, false)));
@@ -68,7 +74,7 @@ WatchedFiles::Changes WatchedFiles::take_changes(const AllServed& all) {
     const auto has_changed = [&](const std::string& path) {
         return changes.is_all || changes.paths.contains(path);
     };
-    found.configuration = has_changed(options_.configuration);
+    found.configuration = has_changed(options_.configuration) || has_changed(real_configuration_);
     found.holds = has_changed(std::string(StateFolder::usual_path) + "/holds");
     for (const int family : {4, 6}) {
         found.dumps |=

@@ -47,8 +47,9 @@ class WatchedFiles {
     EventLoop& loop_;
     Journal& journal_;
     shared::FolderWatch files_;
-    int watched_descriptor_ = -1;  // of files_, which has none while the kernel gives none
-    std::int64_t look_at_ms_ = 0;  // while some file cannot be watched
+    std::string real_configuration_;  // at the end of all symbolic links; empty while missing
+    int watched_descriptor_ = -1;     // of files_, which has none while the kernel gives none
+    std::int64_t look_at_ms_ = 0;     // while some file cannot be watched
 };
 
 }  // namespace lbroute

@@ -3,8 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <map>
-#include <optional>
 
 #include "lbroute/findings.h"
 #include "shared/processes.h"

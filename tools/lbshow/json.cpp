@@ -1,4 +1,8 @@
-#include "lbshow/freshness.h"
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "dumps/freshness.h"
 #include "lbshow/views.h"
 #include <nlohmann/json.hpp>
 
@@ -6,13 +10,13 @@ namespace lbshow {
 
 namespace {
 
-const char* word_of(Result result) {
+const char* word_of(dumps::Result result) {
     switch (result) {
-        case Result::none:
+        case dumps::Result::none:
             return "none";
-        case Result::answered:
+        case dumps::Result::answered:
             return "answered";
-        case Result::timed_out:
+        case dumps::Result::timed_out:
             return "timed_out";
     }
     return "none";
@@ -24,7 +28,7 @@ Json optional_number(const std::optional<int>& number) {
     return number ? Json(*number) : Json(nullptr);
 }
 
-Json json_of(const std::optional<Quality>& quality) {
+Json json_of(const std::optional<dumps::Quality>& quality) {
     if (!quality) {
         return nullptr;
     }
@@ -33,7 +37,7 @@ Json json_of(const std::optional<Quality>& quality) {
             {"rtt_limit", quality->rtt_limit},       {"jitter_limit", quality->jitter_limit}};
 }
 
-Json json_of(const Probe& probe) {
+Json json_of(const dumps::Probe& probe) {
     return {{"probe", probe.position},          {"type", probe.type()},
             {"target", probe.target},           {"last_result", word_of(probe.last_result)},
             {"success_run", probe.success_run}, {"failure_run", probe.failure_run},
@@ -43,7 +47,7 @@ Json json_of(const Probe& probe) {
 template <class Item>
 Json json_list(const std::vector<Item>& items);
 
-Json json_of(const Interface& one) {
+Json json_of(const dumps::Interface& one) {
     return {{"name", one.name},
             {"family", one.family},
             {"namespace", one.namespace_name},
@@ -63,11 +67,11 @@ Json json_of(const Interface& one) {
             {"probes", json_list(one.probes)}};
 }
 
-Json json_of(const Member& member) {
+Json json_of(const dumps::Member& member) {
     return {{"interface", member.interface}, {"family", member.family}, {"weight", member.weight}};
 }
 
-Json json_of(const Rule& rule) {
+Json json_of(const dumps::Rule& rule) {
     return {{"name", rule.name()},
             {"number", rule.number},
             {"family", rule.family},
@@ -77,11 +81,11 @@ Json json_of(const Rule& rule) {
             {"members", json_list(rule.members)}};
 }
 
-Json json_of(const NextHop& hop) {
+Json json_of(const dumps::NextHop& hop) {
     return {{"nexthop", hop.address}, {"interface", hop.interface}, {"weight", hop.weight}};
 }
 
-Json json_of(const Route& route) {
+Json json_of(const dumps::Route& route) {
     return {{"rule", route.rule_name()},
             {"family", route.family},
             {"position", route.position},
@@ -101,42 +105,43 @@ Json json_list(const std::vector<Item>& items) {
     return list;
 }
 
-Json families_of(const State& state) {
+Json families_of(const dumps::State& state) {
     Json families = Json::object();
-    for (const Family& one : state.families) {
-        families[family_name(one.family)] = {{"written", utc_text(one.oldest.written)},
-                                             {"age_s", one.age_s},
-                                             {"stale", one.is_stale},
-                                             {"stale_after_s", one.limit_s}};
+    for (const dumps::Family& one : state.families) {
+        families[dumps::family_name(one.family)] = {
+            {"written", dumps::utc_text(one.oldest.written)},
+            {"age_s", one.age_s},
+            {"stale", one.is_stale},
+            {"stale_after_s", one.limit_s}};
     }
     return families;
 }
 
-Json files_of(const State& state) {
+Json files_of(const dumps::State& state) {
     Json files = Json::object();
-    for (const DumpFile& file : state.files) {
-        files[file.name] = {{"written", utc_text(file.written)},
-                            {"age_s", age_s(file, state.seen)}};
+    for (const dumps::DumpFile& file : state.files) {
+        files[file.name] = {{"written", dumps::utc_text(file.written)},
+                            {"age_s", dumps::age_s(file, state.seen)}};
     }
     return files;
 }
 
 /// Interfaces whose worker stands still while the family's dump is fresh, also where the list of
 /// interfaces has them no more.
-Json stalled_of(const State& state) {
+Json stalled_of(const dumps::State& state) {
     Json stalled = Json::array();
-    for (const Interface& one : state.unjudged) {
+    for (const dumps::Interface& one : state.unjudged) {
         stalled.push_back({{"name", one.name},
                            {"family", one.family},
                            {"namespace", one.namespace_name},
-                           {"judged_s_ago", *since_judged_s(one)}});
+                           {"judged_s_ago", *dumps::since_judged_s(one)}});
     }
     return stalled;
 }
 
 }  // namespace
 
-std::string json(const State& state, const Selection& selection) {
+std::string json(const dumps::State& state, const Selection& selection) {
     Json all = {{"families", families_of(state)},
                 {"files", files_of(state)},
                 {"stalled", stalled_of(state)},

@@ -3,16 +3,19 @@
 #include <algorithm>
 #include <bit>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <optional>
+#include <string>
 #include <thread>
+#include <vector>
 
-#include "lbshow/dump_files.h"
-#include "lbshow/freshness.h"
-#include "lbshow/in_force.h"
-#include "lbshow/plain_text.h"
+#include "dumps/dump_files.h"
+#include "dumps/freshness.h"
+#include "dumps/in_force.h"
 #include "lbshow/views.h"
+#include "shared/plain_text.h"
 #include "shared/standard_output.h"
 #include "shared/usual_paths.h"
 #ifdef LB_HISTORY
@@ -46,7 +49,7 @@ bool is_swapped(const std::string& byte_order) {
     return !byte_order.empty() && (byte_order == "big") != is_native_big;
 }
 
-std::string shown(const lbshow::State& state, const Options& options) {
+std::string shown(const dumps::State& state, const Options& options) {
     if (options.as_json) {
         return lbshow::json(state, options.selection);
     }
@@ -58,7 +61,7 @@ std::string shown(const lbshow::State& state, const Options& options) {
 
 /// The history's word on each interface. The usual one belongs to the usual dumps, and may be
 /// missing. False where one that was asked for cannot be read.
-bool add_past([[maybe_unused]] lbshow::State& state, [[maybe_unused]] const Options& options) {
+bool add_past([[maybe_unused]] dumps::State& state, [[maybe_unused]] const Options& options) {
 #ifdef LB_HISTORY
     const bool is_usual = options.history.empty();
     const std::string path = is_usual ? shared::usual_history : options.history;
@@ -68,7 +71,7 @@ bool add_past([[maybe_unused]] lbshow::State& state, [[maybe_unused]] const Opti
     }
     const std::string problem = lbwatch::read_past(path, state);
     if (!problem.empty()) {
-        std::cerr << "lbshow: " << lbshow::harmless(problem) << std::endl;
+        std::cerr << "lbshow: " << shared::harmless(problem) << std::endl;
     }
     return problem.empty() || is_usual;
 #else
@@ -76,21 +79,21 @@ bool add_past([[maybe_unused]] lbshow::State& state, [[maybe_unused]] const Opti
 #endif
 }
 
-lbshow::Time now() {
+dumps::Time now() {
     return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
 }
 
 /// Prints the state once, or tells what is wrong.
 Status show(const Options& options) {
-    lbshow::State state;
+    dumps::State state;
     const std::string problem =
-        lbshow::read_state(options.directory, is_swapped(options.byte_order), state);
+        dumps::read_state(options.directory, is_swapped(options.byte_order), state);
     if (!problem.empty()) {
         std::cerr << "lbshow: " << problem << std::endl;
         return not_shown;
     }
-    lbshow::judge_freshness(state, now(), options.stale_after_s);
-    lbshow::resolve_next_hops(state);
+    dumps::judge_freshness(state, now(), options.stale_after_s);
+    dumps::resolve_next_hops(state);
     const bool has_past = options.as_metrics || add_past(state, options);
     const std::string unknown = lbshow::select(state, options.selection);
     if (!unknown.empty()) {
@@ -99,13 +102,13 @@ Status show(const Options& options) {
     }
     // A series is of now or it is not there.
     if (!options.wants_stale || options.as_metrics) {
-        lbshow::leave_out_stale(state);
+        dumps::leave_out_stale(state);
     }
     std::cout << shown(state, options);
     if (!shared::end_output("lbshow") || !has_past) {
         return not_shown;
     }
-    return lbshow::has_stale(state) ? stale : shown_well;
+    return dumps::has_stale(state) ? stale : shown_well;
 }
 
 /// Shows again and again until the output is closed; a state that cannot be read may be whole again

@@ -1,13 +1,15 @@
 #include <array>
 #include <cinttypes>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <string>
 #include <utility>
 #include <vector>
 
-#include "lbshow/plain_text.h"
 #include "lbshow/views.h"
+#include "shared/plain_text.h"
 
 namespace lbshow {
 
@@ -15,7 +17,7 @@ namespace {
 
 std::string label_value(const std::string& text) {
     std::string escaped;
-    for (const char character : harmless(text)) {
+    for (const char character : shared::harmless(text)) {
         if (character == '\\' || character == '"') {
             escaped += '\\';
         }
@@ -82,12 +84,12 @@ class Metrics {
     std::map<std::string, Metric> metrics_;
 };
 
-void add_probe(Metrics& all, Labels labels, const Probe& probe) {
+void add_probe(Metrics& all, Labels labels, const dumps::Probe& probe) {
     labels.emplace_back("probe", std::to_string(probe.position));
     labels.emplace_back("type", probe.type());
     labels.emplace_back("target", probe.target);
     all.add("lb_probe_answered", "1 when the last collected probe was answered", labels,
-            probe.last_result == Result::answered ? 1 : 0);
+            probe.last_result == dumps::Result::answered ? 1 : 0);
     all.add("lb_probe_success_run", "answered probes of the target in a row", labels,
             probe.success_run);
     all.add("lb_probe_failure_run", "unanswered probes of the target in a row", labels,
@@ -102,19 +104,19 @@ void add_probe(Metrics& all, Labels labels, const Probe& probe) {
     }
 }
 
-Labels labels_of(const Interface& one) {
+Labels labels_of(const dumps::Interface& one) {
     return {{"interface", one.name},
-            {"family", family_name(one.family)},
+            {"family", dumps::family_name(one.family)},
             {"namespace", one.namespace_name}};
 }
 
-void add_stalled(Metrics& all, const Interface& one, int value) {
+void add_stalled(Metrics& all, const dumps::Interface& one, int value) {
     all.add("lb_interface_worker_stalled",
             "1 when the interface is judged no more although its family's dump is fresh",
             labels_of(one), value);
 }
 
-void add_interface(Metrics& all, const Interface& one) {
+void add_interface(Metrics& all, const dumps::Interface& one) {
     const Labels labels = labels_of(one);
     add_stalled(all, one, 0);
     all.add("lb_interface_active",
@@ -130,48 +132,48 @@ void add_interface(Metrics& all, const Interface& one) {
         all.add("lb_interface_seconds_since_failure",
                 "age of the last evaluation that found it down", labels, *one.since_failure_s);
     }
-    for (const Probe& probe : one.probes) {
+    for (const dumps::Probe& probe : one.probes) {
         add_probe(all, labels, probe);
     }
 }
 
-void add_family(Metrics& all, const Family& one) {
-    const Labels labels{{"family", family_name(one.family)}};
+void add_family(Metrics& all, const dumps::Family& one) {
+    const Labels labels{{"family", dumps::family_name(one.family)}};
     all.add("lb_up", "1 when the daemon writes the family's dumps, 0 when they are stale", labels,
             one.is_stale ? 0 : 1);
     all.add("lb_dump_age_seconds", "age of the oldest dump that tells of the family", labels,
             one.age_s);
 }
 
-void add_rule(Metrics& all, const Rule& rule) {
-    for (const Member& member : rule.members) {
+void add_rule(Metrics& all, const dumps::Rule& rule) {
+    for (const dumps::Member& member : rule.members) {
         all.add("lb_rule_member_weight", "configured weight, its lowest byte",
                 {{"rule", rule.name()},
                  {"namespace", rule.namespace_name},
                  {"interface", member.interface},
-                 {"family", family_name(member.family)}},
+                 {"family", dumps::family_name(member.family)}},
                 member.weight);
     }
 }
 
 }  // namespace
 
-std::string metrics(const State& state, const std::string& version) {
+std::string metrics(const dumps::State& state, const std::string& version) {
     Metrics all;
     all.add("lb_build_info", "1, with the version of the programs", {{"version", version}}, 1);
-    for (const Family& one : state.families) {
+    for (const dumps::Family& one : state.families) {
         add_family(all, one);
     }
-    for (const Interface& one : state.unjudged) {
+    for (const dumps::Interface& one : state.unjudged) {
         add_stalled(all, one, 1);
     }
-    for (const Interface& one : state.interfaces) {
+    for (const dumps::Interface& one : state.interfaces) {
         add_interface(all, one);
     }
-    for (const Rule& rule : state.rules) {
+    for (const dumps::Rule& rule : state.rules) {
         add_rule(all, rule);
     }
-    for (const Route& route : state.routes) {
+    for (const dumps::Route& route : state.routes) {
         if (!route.nexthop.empty()) {
             all.add(
                 "lb_route_chosen", "1 for the next hop that a failover rule chose",

@@ -14,7 +14,7 @@ void keep_if(std::vector<Item>& items, Keep keep) {
 
 }  // namespace
 
-std::string select(State& state, const Selection& selection) {
+std::string select(dumps::State& state, const Selection& selection) {
     std::map<std::string, bool> is_known;
     for (const std::string& name : selection.names) {
         is_known[name] = false;
@@ -31,15 +31,17 @@ std::string select(State& state, const Selection& selection) {
             return is_asked_for && is_named;
         });
     };
-    keep_named(state.interfaces, selection.interfaces,
-               [](const Interface& item, const std::string& name) { return item.name == name; });
-    keep_named(state.rules, selection.rules, [](const Rule& item, const std::string& name) {
+    keep_named(
+        state.interfaces, selection.interfaces,
+        [](const dumps::Interface& item, const std::string& name) { return item.name == name; });
+    keep_named(state.rules, selection.rules, [](const dumps::Rule& item, const std::string& name) {
         return item.name() == name || std::to_string(item.number) == name;
     });
-    keep_named(state.routes, selection.routes, [](const Route& item, const std::string& name) {
-        return item.prefix == name || item.rule_name() == name ||
-               std::to_string(item.rule_number) == name;
-    });
+    keep_named(state.routes, selection.routes,
+               [](const dumps::Route& item, const std::string& name) {
+                   return item.prefix == name || item.rule_name() == name ||
+                          std::to_string(item.rule_number) == name;
+               });
     const auto unknown =
         std::find_if(is_known.begin(), is_known.end(), [](const auto& one) { return !one.second; });
     return unknown == is_known.end() ? "" : unknown->first;

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "lbshow/state.h"
+#include "dumps/state.h"
 
 namespace lbshow {
 
@@ -17,6 +17,6 @@ struct Selection {
 
 /// Leaves what was asked for. A name is an interface's, a rule's ("1_ipv4" or its number), or a
 /// route's prefix or rule. Gives the first name that is nobody's, or an empty text. Pure.
-std::string select(State& state, const Selection& selection);
+std::string select(dumps::State& state, const Selection& selection);
 
 }  // namespace lbshow

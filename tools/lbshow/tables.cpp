@@ -1,11 +1,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
+#include <string>
+#include <vector>
 
-#include "lbshow/freshness.h"
-#include "lbshow/plain_text.h"
+#include "dumps/freshness.h"
 #include "lbshow/views.h"
 #include "shared/dump_file.h"
+#include "shared/plain_text.h"
 
 namespace lbshow {
 
@@ -24,13 +27,13 @@ std::string length(std::int64_t seconds) {
                      : std::to_string(all) + "s";
 }
 
-const char* shown_result(Result result) {
+const char* shown_result(dumps::Result result) {
     switch (result) {
-        case Result::none:
+        case dumps::Result::none:
             return "not yet";
-        case Result::answered:
+        case dumps::Result::answered:
             return "answered";
-        case Result::timed_out:
+        case dumps::Result::timed_out:
             return "no answer";
     }
     return "not yet";
@@ -48,7 +51,7 @@ std::string age(const std::optional<int>& seconds) {
 }
 
 /// "> 3d2h" where nobody saw it begin.
-std::string since_text(const std::optional<Past>& past) {
+std::string since_text(const std::optional<dumps::Past>& past) {
     return past ? (past->is_begin_seen ? "" : "> ") + length(past->since_s) : "-";
 }
 
@@ -105,7 +108,7 @@ class Table {
     std::vector<std::vector<Cell>> rows_;
 };
 
-std::string quality_text(const std::optional<Quality>& quality) {
+std::string quality_text(const std::optional<dumps::Quality>& quality) {
     if (!quality) {
         return "-";
     }
@@ -118,7 +121,7 @@ std::string quality_text(const std::optional<Quality>& quality) {
 }
 
 /// What a stale dump tells was so once.
-Cell state_cell(const Interface& one) {
+Cell state_cell(const dumps::Interface& one) {
     if (one.is_stale) {
         return {one.is_active ? "was active" : "was failed", Colour::bad};
     }
@@ -129,10 +132,10 @@ std::string rule_text(const std::string& name, bool is_stale) {
     return name + (is_stale ? " (stale)" : "");
 }
 
-Cell result_cell(Result result) {
-    const Colour colour = result == Result::answered    ? Colour::good
-                          : result == Result::timed_out ? Colour::bad
-                                                        : Colour::plain;
+Cell result_cell(dumps::Result result) {
+    const Colour colour = result == dumps::Result::answered    ? Colour::good
+                          : result == dumps::Result::timed_out ? Colour::bad
+                                                               : Colour::plain;
     return {shown_result(result), colour};
 }
 
@@ -140,22 +143,22 @@ std::string run_text(int run, int threshold) {
     return std::to_string(run) + "/" + std::to_string(threshold);
 }
 
-Table interface_table(const std::vector<Interface>& interfaces, bool has_history) {
+Table interface_table(const std::vector<dumps::Interface>& interfaces, bool has_history) {
     std::vector<std::string> head{"INTERFACE", "FAMILY", "NAMESPACE", "STATE",   "ROUTED",
                                   "NEXT HOP",  "FROM",   "SOURCE",    "LAST UP", "LAST DOWN"};
     if (has_history) {
         head.insert(head.end(), {"SINCE", "FLAPS TODAY"});
     }
     Table table(std::move(head));
-    for (const Interface& one : interfaces) {
-        std::vector<Cell> row{{harmless(one.name)},
-                              {family_name(one.family)},
-                              {or_dash(one.namespace_name)},
+    for (const dumps::Interface& one : interfaces) {
+        std::vector<Cell> row{{shared::harmless(one.name)},
+                              {dumps::family_name(one.family)},
+                              {shared::or_dash(one.namespace_name)},
                               state_cell(one),
                               {one.is_routed ? "yes" : "no"},
-                              {or_dash(one.nexthop)},
+                              {shared::or_dash(one.nexthop)},
                               {one.nexthop_from},
-                              {or_dash(one.source_address)},
+                              {shared::or_dash(one.source_address)},
                               {age(one.since_success_s)},
                               {age(one.since_failure_s)}};
         if (has_history) {
@@ -167,15 +170,15 @@ Table interface_table(const std::vector<Interface>& interfaces, bool has_history
     return table;
 }
 
-Table probe_table(const std::vector<Interface>& interfaces) {
+Table probe_table(const std::vector<dumps::Interface>& interfaces) {
     Table table(
         {"INTERFACE", "PROBE", "TYPE", "TARGET", "LAST PROBE", "SUCCESSES", "FAILURES", "QUALITY"});
-    for (const Interface& one : interfaces) {
-        for (const Probe& probe : one.probes) {
-            table.add({{harmless(one.name)},
+    for (const dumps::Interface& one : interfaces) {
+        for (const dumps::Probe& probe : one.probes) {
+            table.add({{shared::harmless(one.name)},
                        {std::to_string(probe.position)},
                        {probe.type()},
-                       {or_dash(probe.target)},
+                       {shared::or_dash(probe.target)},
                        one.is_stale ? Cell{shown_result(probe.last_result)}
                                     : result_cell(probe.last_result),
                        {run_text(probe.success_run, one.success_ct)},
@@ -186,19 +189,19 @@ Table probe_table(const std::vector<Interface>& interfaces) {
     return table;
 }
 
-Table rule_table(const std::vector<Rule>& rules) {
+Table rule_table(const std::vector<dumps::Rule>& rules) {
     Table table({"RULE", "NAMESPACE", "MODE", "INTERFACE", "WEIGHT"});
-    for (const Rule& rule : rules) {
+    for (const dumps::Rule& rule : rules) {
         const std::string mode = rule.is_failover ? "failover" : "shared";
         const std::string name = rule_text(rule.name(), rule.is_stale);
         if (rule.members.empty()) {
-            table.add({{name}, {or_dash(rule.namespace_name)}, {mode}, {"-"}, {"-"}});
+            table.add({{name}, {shared::or_dash(rule.namespace_name)}, {mode}, {"-"}, {"-"}});
         }
-        for (const Member& member : rule.members) {
+        for (const dumps::Member& member : rule.members) {
             table.add({{name},
-                       {or_dash(rule.namespace_name)},
+                       {shared::or_dash(rule.namespace_name)},
                        {mode},
-                       {harmless(member.interface) + (member.family == 6 ? " (ipv6)" : "")},
+                       {shared::harmless(member.interface) + (member.family == 6 ? " (ipv6)" : "")},
                        {std::to_string(member.weight)}});
         }
     }
@@ -206,21 +209,21 @@ Table rule_table(const std::vector<Rule>& rules) {
 }
 
 /// As ip-route(8) writes next hops; a failover rule's one has no weight that counts.
-std::string next_hops_text(const Route& route) {
+std::string next_hops_text(const dumps::Route& route) {
     std::string text;
-    for (const NextHop& hop : route.in_force) {
-        text += (text.empty() ? "" : ", ") + harmless(hop.address) + " dev " +
-                harmless(hop.interface) +
+    for (const dumps::NextHop& hop : route.in_force) {
+        text += (text.empty() ? "" : ", ") + shared::harmless(hop.address) + " dev " +
+                shared::harmless(hop.interface) +
                 (route.nexthop.empty() ? " weight " + std::to_string(hop.weight) : "");
     }
     return text.empty() ? "-" : text;
 }
 
-Table route_table(const std::vector<Route>& routes) {
+Table route_table(const std::vector<dumps::Route>& routes) {
     Table table({"RULE", "PREFIX", "METRIC", "NEXT HOPS"});
-    for (const Route& route : routes) {
+    for (const dumps::Route& route : routes) {
         table.add({{rule_text(route.rule_name(), route.is_stale)},
-                   {harmless(route.prefix)},
+                   {shared::harmless(route.prefix)},
                    {route.metric ? std::to_string(*route.metric) : "-"},
                    {next_hops_text(route)}});
     }
@@ -228,7 +231,7 @@ Table route_table(const std::vector<Route>& routes) {
 }
 
 /// What the stale lines keep from being shown.
-std::string left_out_line(const LeftOut& left_out) {
+std::string left_out_line(const dumps::LeftOut& left_out) {
     if (left_out.interfaces + left_out.rules + left_out.routes == 0) {
         return "";
     }
@@ -237,20 +240,20 @@ std::string left_out_line(const LeftOut& left_out) {
            ", routes " + std::to_string(left_out.routes) + "\n";
 }
 
-std::string kind_of(const DumpFile& file) {
+std::string kind_of(const dumps::DumpFile& file) {
     for (const int family : {4, 6}) {
-        if (file.name == outbounds_name(family)) {
-            return family_name(family);
+        if (file.name == dumps::outbounds_name(family)) {
+            return dumps::family_name(family);
         }
     }
     return file.name == shared::name_of(shared::DumpFile::rules) ? "rules" : "routes";
 }
 
 /// When each file was written: the last line.
-std::string written_line(const State& state) {
+std::string written_line(const dumps::State& state) {
     std::string line;
-    for (const DumpFile& file : state.files) {
-        const std::int64_t age = age_s(file, state.seen);
+    for (const dumps::DumpFile& file : state.files) {
+        const std::int64_t age = dumps::age_s(file, state.seen);
         line +=
             (line.empty() ? "written: " : ", ") + kind_of(file) + " " +
             (age < 0 ? std::to_string(-age) + " s in the future" : std::to_string(age) + " s ago");
@@ -260,7 +263,7 @@ std::string written_line(const State& state) {
 
 }  // namespace
 
-std::string tables(const State& state, const Selection& selection, bool is_coloured) {
+std::string tables(const dumps::State& state, const Selection& selection, bool is_coloured) {
     std::vector<Table> shown;
     if (selection.interfaces) {
         shown.push_back(interface_table(state.interfaces, state.has_history));
@@ -272,8 +275,8 @@ std::string tables(const State& state, const Selection& selection, bool is_colou
     if (selection.routes) {
         shown.push_back(route_table(state.routes));
     }
-    const bool is_stale = has_stale(state);
-    std::string all = stale_lines(state) + left_out_line(state.left_out);
+    const bool is_stale = dumps::has_stale(state);
+    std::string all = dumps::stale_lines(state) + left_out_line(state.left_out);
     for (const Table& table : shown) {
         // An empty table would say that there is nothing, where nothing is known.
         if (!is_stale || !table.is_empty()) {

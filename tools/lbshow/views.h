@@ -2,8 +2,8 @@
 
 #include <string>
 
+#include "dumps/state.h"
 #include "lbshow/selection.h"
-#include "lbshow/state.h"
 
 /// The three ways in which `lbshow` tells a state whose freshness was judged. Pure. Columns, keys
 /// and metrics are described in lbshow(1): more may come, none changes or goes.
@@ -11,7 +11,7 @@ namespace lbshow {
 
 /// Aligned tables for people, behind a line for everything that is stale; `is_coloured` for
 /// terminals only. Control characters of foreign files come out as \xNN.
-std::string tables(const State& state, const Selection& selection, bool is_coloured);
+std::string tables(const dumps::State& state, const Selection& selection, bool is_coloured);
 
 /// One JSON object (RFC 8259) and a line feed:
 ///
@@ -33,9 +33,9 @@ std::string tables(const State& state, const Selection& selection, bool is_colou
 ///
 /// Times are RFC 3339 in UTC. Ages are null where there never was one, as is a metric or chosen
 /// next hop that does not exist; "last_result" is "none", "answered" or "timed_out".
-std::string json(const State& state, const Selection& selection);
+std::string json(const dumps::State& state, const Selection& selection);
 
 /// The Prometheus text format, for a textfile collector. `version` is that of the program.
-std::string metrics(const State& state, const std::string& version);
+std::string metrics(const dumps::State& state, const std::string& version);
 
 }  // namespace lbshow

@@ -1,6 +1,7 @@
 #include "lbsim/daemon.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <utility>

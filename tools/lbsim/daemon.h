@@ -1,8 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <deque>
 #include <functional>
-#include <memory>
 #include <string>
 
 #include "core/load_balance.h"

@@ -1,12 +1,10 @@
 #include "lbsim/history.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
-#include <cmath>
-#include <cstdio>
 #include <ctime>
 #include <string_view>
+#include <system_error>
 
 #include "base/address_text.h"
 #include "lbsim/scenario.h"

@@ -1,5 +1,8 @@
 // A history as a file: the database of lbwatch(8), or comma-separated values.
 
+#include <cstdint>
+#include <string>
+
 #include "lbsim/history.h"
 #include "lbsim/scenario.h"
 #include "lbsim/session.h"

@@ -1,5 +1,9 @@
 // The answer for programs.
 
+#include <cstdint>
+#include <optional>
+#include <string>
+
 #include "lbsim/report.h"
 #include <nlohmann/json.hpp>
 

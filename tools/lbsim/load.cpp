@@ -1,6 +1,8 @@
 // What the loader makes of a configuration, as far as a simulation needs it.
 
 #include <algorithm>
+#include <cstdint>
+#include <string>
 
 #include "core/workers.h"
 #include "host/simulated/simulation.h"

@@ -5,6 +5,7 @@
 #include <optional>
 #include <tuple>
 #include <utility>
+#include <variant>
 
 #include "lbsim/replay_recorded.h"
 #include "lbsim/scenario_text.h"

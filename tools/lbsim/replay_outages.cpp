@@ -1,6 +1,11 @@
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <iterator>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
 
 #include "lbsim/replay_recorded.h"
 #include "lbsim/scenario_text.h"

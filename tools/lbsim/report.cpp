@@ -1,6 +1,7 @@
 #include "lbsim/report.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <utility>

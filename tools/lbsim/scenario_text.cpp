@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <system_error>
 #include <utility>
 
 #include "base/address_text.h"

@@ -2,18 +2,20 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 #include <limits>
 #include <memory>
 #include <utility>
+#include <vector>
 
-#include "lbshow/plain_text.h"
 #include "lbsim/apart.h"
 #include "lbsim/packed.h"
 #include "lbsim/scenario_text.h"
 #include "shared/output_file.h"
+#include "shared/plain_text.h"
 
 namespace lbsim {
 
@@ -51,7 +53,7 @@ void require(const std::string& error) {
 std::string quoted(const std::string& word) {
     constexpr std::size_t most = 60;
     std::string text(1, '\'');
-    text.append(lbshow::harmless(word.substr(0, most)));
+    text.append(shared::harmless(word.substr(0, most)));
     return text.append(word.size() > most ? "...'" : "'");
 }
 

@@ -1,6 +1,7 @@
 #include "lbsim/world.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "base/address_text.h"
 #include "decision/lease_file.h"

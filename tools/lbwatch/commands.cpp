@@ -1,5 +1,6 @@
 #include "lbwatch/commands.h"
 
+#include <cstdint>
 #include <iostream>
 
 #include "lbwatch/history_reader.h"

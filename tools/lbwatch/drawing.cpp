@@ -2,13 +2,14 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 
-#include "lbshow/plain_text.h"
 #include "lbwatch/moment.h"
 #include "lbwatch/page_style.h"
 #include "lbwatch/report_text.h"
+#include "shared/plain_text.h"
 
 namespace lbwatch {
 
@@ -108,7 +109,7 @@ std::string rounded(double value) {
 
 std::string escaped(const std::string& text) {
     std::string made;
-    for (const char character : lbshow::harmless(text)) {
+    for (const char character : shared::harmless(text)) {
         switch (character) {
             case '&':
                 made += "&amp;";

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <span>
 #include <utility>
 
 namespace lbwatch {
@@ -23,7 +24,7 @@ Look torn() {
 
 /// Takes the items of a whole dump.
 template <class Item>
-Look take(lbshow::Read<Item> read, std::vector<Item>& items, bool may_be_empty) {
+Look take(dumps::Read<Item> read, std::vector<Item>& items, bool may_be_empty) {
     if (read.is_truncated || (read.items.empty() && read.problem.empty() && !may_be_empty)) {
         return torn();
     }
@@ -59,33 +60,33 @@ Look Dumps::look(DumpFile file) {
     Look look;
     switch (file) {
         case DumpFile::outbounds4:
-            look = take(lbshow::read_interfaces(dump, 4, false), interfaces4_, false);
+            look = take(dumps::read_interfaces(dump, 4, false), interfaces4_, false);
             break;
         case DumpFile::outbounds6:
-            look = take(lbshow::read_interfaces(dump, 6, false), interfaces6_, false);
+            look = take(dumps::read_interfaces(dump, 6, false), interfaces6_, false);
             break;
         case DumpFile::rules:
-            look = take(lbshow::read_rules(dump, false), rules_, false);
+            look = take(dumps::read_rules(dump, false), rules_, false);
             break;
         case DumpFile::routes:
-            look = take(lbshow::read_routes(dump, false), routes_, true);
+            look = take(dumps::read_routes(dump, false), routes_, true);
             break;
     }
     look.written_ms = std::int64_t{read.written.tv_sec} * 1000 + read.written.tv_nsec / 1'000'000;
     return look;
 }
 
-std::int64_t patience_ms(const std::vector<lbshow::Interface>& interfaces4,
-                         const std::vector<lbshow::Interface>& interfaces6) {
+std::int64_t patience_ms(const std::vector<dumps::Interface>& interfaces4,
+                         const std::vector<dumps::Interface>& interfaces6) {
     constexpr std::int64_t usual_ms = 30'000;
     constexpr std::int64_t per_ping_ms = 60'000;
     constexpr std::int64_t most_ms = 600'000;
     std::map<std::pair<std::string, int>, std::int64_t> pings;
     for (const auto* interfaces : {&interfaces4, &interfaces6}) {
-        for (const lbshow::Interface& item : *interfaces) {
+        for (const dumps::Interface& item : *interfaces) {
             pings[{item.namespace_name, item.family}] +=
                 std::count_if(item.probes.begin(), item.probes.end(),
-                              [](const lbshow::Probe& probe) { return probe.quality.has_value(); });
+                              [](const dumps::Probe& probe) { return probe.quality.has_value(); });
         }
     }
     std::int64_t most_pings = 0;

@@ -1,11 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "lbshow/state.h"
+#include "dumps/state.h"
 #include "shared/dump_file.h"
 
 namespace lbwatch {
@@ -40,25 +39,25 @@ class Dumps {
     /// Reads the file whole or not at all. Costs one open, one read and two stats.
     Look look(DumpFile file);
 
-    const std::vector<lbshow::Interface>& interfaces(int family) const {
+    const std::vector<dumps::Interface>& interfaces(int family) const {
         return family == 6 ? interfaces6_ : interfaces4_;
     }
-    const std::vector<lbshow::Rule>& rules() const { return rules_; }
-    const std::vector<lbshow::Route>& routes() const { return routes_; }
+    const std::vector<dumps::Rule>& rules() const { return rules_; }
+    const std::vector<dumps::Route>& routes() const { return routes_; }
 
   private:
     std::string folder_;
     std::vector<std::uint8_t> bytes_;  ///< kept, so that a look need not ask for memory
-    std::vector<lbshow::Interface> interfaces4_;
-    std::vector<lbshow::Interface> interfaces6_;
-    std::vector<lbshow::Rule> rules_;
-    std::vector<lbshow::Route> routes_;
+    std::vector<dumps::Interface> interfaces4_;
+    std::vector<dumps::Interface> interfaces6_;
+    std::vector<dumps::Rule> rules_;
+    std::vector<dumps::Route> routes_;
 };
 
 /// How long the daemon may leave its files alone. An extended ping holds its worker until all its
 /// echoes are answered or given up, and the dumps do not tell how many those are; so each of a
 /// worker's extended pings is given a minute, all together ten.
-std::int64_t patience_ms(const std::vector<lbshow::Interface>& interfaces4,
-                         const std::vector<lbshow::Interface>& interfaces6);
+std::int64_t patience_ms(const std::vector<dumps::Interface>& interfaces4,
+                         const std::vector<dumps::Interface>& interfaces6);
 
 }  // namespace lbwatch

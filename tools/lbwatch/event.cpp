@@ -3,8 +3,8 @@
 #include <array>
 #include <utility>
 
-#include "lbshow/plain_text.h"
 #include "lbwatch/moment.h"
+#include "shared/plain_text.h"
 
 namespace lbwatch {
 
@@ -54,7 +54,7 @@ std::string text_of(const UplinkKey& key) {
     if (!key.namespace_name.empty()) {
         text += " (" + key.namespace_name + ")";
     }
-    return lbshow::harmless(text);
+    return shared::harmless(text);
 }
 
 const char* word_of(EventKind kind) {
@@ -83,7 +83,7 @@ std::string line_of(const Event& event) {
     if (!event.reason.empty()) {
         text += ": " + event.reason;
     }
-    return lbshow::harmless(text);
+    return shared::harmless(text);
 }
 
 }  // namespace lbwatch

@@ -6,8 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
-#include <ctime>
 #include <filesystem>
 #include <system_error>
 

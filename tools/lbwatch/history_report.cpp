@@ -1,8 +1,10 @@
 #include "lbwatch/history_report.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <ctime>
 #include <iterator>
+#include <vector>
 
 #include "lbwatch/report_text.h"
 

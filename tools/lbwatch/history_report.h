@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include "lbwatch/history_reader.h"
 #include "lbwatch/report.h"
 

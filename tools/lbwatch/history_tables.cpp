@@ -1,5 +1,7 @@
 #include "lbwatch/history_tables.h"
 
+#include <vector>
+
 namespace lbwatch {
 
 namespace {

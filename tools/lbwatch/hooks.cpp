@@ -19,9 +19,9 @@
 #include <system_error>
 #include <utility>
 
-#include "lbshow/plain_text.h"
 #include "lbwatch/json.h"
 #include "shared/folder_names.h"
+#include "shared/plain_text.h"
 
 namespace lbwatch {
 
@@ -107,7 +107,7 @@ std::vector<std::string> hook_environment(const Event& event) {
     const char* const path = getenv("PATH");
     const bool is_daemon = event.kind == EventKind::daemon;
     const auto set = [](const char* name, const std::string& value) {
-        return std::string(name) + "=" + lbshow::harmless(value);
+        return std::string(name) + "=" + shared::harmless(value);
     };
     return {set("PATH", path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin"),
             set("LB_EVENT", word_of(event.kind)),
@@ -134,7 +134,7 @@ Hooks::~Hooks() {
 
 void Hooks::refuse(const std::string& path, const std::string& why) {
     if (refused_.insert(path + why).second) {
-        notice_(lbshow::harmless(path) + " is not run: " + why);
+        notice_(shared::harmless(path) + " is not run: " + why);
     }
 }
 
@@ -216,7 +216,7 @@ bool Hooks::start(Job& job, const Moment& now) {
                                       input.fd.get(), said.get());
         job.pid = spawned.pid;
         if (job.pid == 0) {
-            notice_("hook " + lbshow::harmless(job.name) +
+            notice_("hook " + shared::harmless(job.name) +
                     " cannot be run: " + strerror(spawned.error));
             continue;
         }
@@ -261,10 +261,10 @@ bool Hooks::reap(Job& job) {
     kill(-job.pid, SIGKILL);
     waitid(P_PID, static_cast<id_t>(job.pid), &ended, WEXITED);
     read_output(job);
-    const std::string name = "hook " + lbshow::harmless(job.name);
+    const std::string name = "hook " + shared::harmless(job.name);
     for (std::size_t at = 0; at < job.said.size();) {
         const std::size_t end = std::min(job.said.find('\n', at), job.said.size());
-        notice_(name + ": " + lbshow::harmless(job.said.substr(at, end - at)));
+        notice_(name + ": " + shared::harmless(job.said.substr(at, end - at)));
         at = end + 1;
     }
     if (job.is_flooding) {
@@ -302,7 +302,7 @@ void Hooks::stop() {
     for (Job& job : jobs_) {
         kill(-job.pid, SIGKILL);
         waitpid(job.pid, nullptr, 0);
-        notice_("hook " + lbshow::harmless(job.name) +
+        notice_("hook " + shared::harmless(job.name) +
                 " was killed, as lbwatch ends, over: " + line_of(job.event));
     }
     jobs_.clear();

@@ -1,5 +1,8 @@
 #include "lbwatch/json.h"
 
+#include <cstdint>
+#include <optional>
+
 #include "lbwatch/moment.h"
 #include <nlohmann/json.hpp>
 

@@ -1,7 +1,8 @@
 #include "lbwatch/live_page.h"
 
-#include <algorithm>
+#include <cstdint>
 #include <map>
+#include <optional>
 
 #include "lbwatch/drawing.h"
 #include "lbwatch/report_page.h"
@@ -72,7 +73,7 @@ std::string details_of(const Uplink& uplink) {
                      ? escaped(told(address, target).substr(address.size() + 1))
                      : "not judged");
         if (target.quality) {
-            const lbshow::Quality& quality = *target.quality;
+            const dumps::Quality& quality = *target.quality;
             text += ": loss " + std::to_string(quality.loss_percent) + " of " +
                     std::to_string(quality.loss_limit) + " %, round-trip time " +
                     std::to_string(quality.rtt_ms) + " of " + std::to_string(quality.rtt_limit) +

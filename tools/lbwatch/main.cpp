@@ -1,4 +1,5 @@
 #include <iostream>
+#include <string>
 
 #include "lbwatch/commands.h"
 #include <CLI/CLI.hpp>

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "lbshow/plain_text.h"
+#include "shared/plain_text.h"
 
 namespace lbwatch {
 
@@ -52,17 +52,17 @@ class Families {
 };
 
 Labels labels_of(const UplinkKey& key) {
-    return {{"uplink", lbshow::harmless(key.name)},
+    return {{"uplink", shared::harmless(key.name)},
             {"family", "ipv" + std::to_string(key.family)},
-            {"namespace", lbshow::harmless(key.namespace_name)}};
+            {"namespace", shared::harmless(key.namespace_name)}};
 }
 
 Labels with(Labels labels, const char* name, const std::string& value) {
-    labels.push_back({name, lbshow::harmless(value)});
+    labels.push_back({name, shared::harmless(value)});
     return labels;
 }
 
-void add_quality(Families& all, const Labels& labels, const lbshow::Quality& quality) {
+void add_quality(Families& all, const Labels& labels, const dumps::Quality& quality) {
     all.gauge("lb_quality_loss_ratio", "Loss of the last extended ping, 0 to 1.", labels,
               quality.loss_percent / 100.0);
     all.gauge("lb_quality_rtt_seconds", "Mean round-trip time of the last extended ping.", labels,
@@ -131,8 +131,8 @@ std::string metrics_of(const View& view, const std::string& version, const Momen
         add_uplink(all, key, uplink);
     }
     for (const auto& [key, rule] : view.rules) {
-        const Labels labels{{"rule", lbshow::harmless(key.name)},
-                            {"namespace", lbshow::harmless(key.namespace_name)}};
+        const Labels labels{{"rule", shared::harmless(key.name)},
+                            {"namespace", shared::harmless(key.namespace_name)}};
         const auto active =
             std::count_if(rule.members.begin(), rule.members.end(), [&view](const auto& member) {
                 const auto found = view.uplinks.find(member);

@@ -1,6 +1,8 @@
 #include "lbwatch/report_page.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <optional>
 
 #include "lbwatch/drawing.h"
 #include "lbwatch/moment.h"

@@ -1,11 +1,14 @@
 #include "lbwatch/report_text.h"
 
+#include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <optional>
 
-#include "lbshow/plain_text.h"
 #include "lbwatch/moment.h"
+#include "shared/plain_text.h"
 
 namespace lbwatch {
 
@@ -52,7 +55,7 @@ std::string outage_table(const UplinkReport& uplink) {
     for (const Outage& outage : uplink.outages) {
         text += "  " + padded(local_time(outage.begin_ms), 21) +
                 padded(outage.is_going_on ? "-" : local_time(outage.end_ms), 21) +
-                padded(length_of(outage), 24) + lbshow::harmless(outage.reason) + "\n";
+                padded(length_of(outage), 24) + shared::harmless(outage.reason) + "\n";
     }
     return text;
 }
@@ -78,7 +81,7 @@ std::string uplink_text(const UplinkReport& uplink, std::int64_t period_ms) {
 // Comma-separated values.
 
 std::string quoted(const std::string& text) {
-    const std::string harmless = lbshow::harmless(text);
+    const std::string harmless = shared::harmless(text);
     if (harmless.find_first_of(",\"") == std::string::npos) {
         return harmless;
     }

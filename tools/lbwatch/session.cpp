@@ -1,6 +1,7 @@
 #include "lbwatch/session.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <utility>
 
 namespace lbwatch {

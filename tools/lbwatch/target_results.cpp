@@ -1,6 +1,8 @@
 #include "lbwatch/target_results.h"
 
 #include <algorithm>
+#include <map>
+#include <optional>
 
 namespace lbwatch {
 
@@ -11,8 +13,7 @@ std::string limit_text(const char* what, int value, int limit, const char* unit)
            std::to_string(limit) + unit + ")";
 }
 
-bool is_same(const std::optional<lbshow::Quality>& one,
-             const std::optional<lbshow::Quality>& other) {
+bool is_same(const std::optional<dumps::Quality>& one, const std::optional<dumps::Quality>& other) {
     if (!one || !other) {
         return !one && !other;
     }
@@ -21,25 +22,25 @@ bool is_same(const std::optional<lbshow::Quality>& one,
 }
 
 /// An extended ping that has not run shows zeros, which nobody measured.
-std::optional<lbshow::Quality> measured(const lbshow::Probe& probe) {
-    if (!probe.quality || probe.last_result == lbshow::Result::none) {
+std::optional<dumps::Quality> measured(const dumps::Probe& probe) {
+    if (!probe.quality || probe.last_result == dumps::Result::none) {
         return std::nullopt;
     }
     const bool has_values = probe.quality->loss_percent != 0 || probe.quality->rtt_ms != 0 ||
                             probe.quality->jitter_ms != 0;
-    return has_values || probe.last_result == lbshow::Result::answered ? probe.quality
-                                                                       : std::nullopt;
+    return has_values || probe.last_result == dumps::Result::answered ? probe.quality
+                                                                      : std::nullopt;
 }
 
 }  // namespace
 
-Verdict verdict_of(const lbshow::Probe& probe, const lbshow::Interface& interface, Verdict before) {
-    if (probe.last_result == lbshow::Result::none) {
+Verdict verdict_of(const dumps::Probe& probe, const dumps::Interface& interface, Verdict before) {
+    if (probe.last_result == dumps::Result::none) {
         return before;
     }
     // With a threshold of 0 the daemon takes every result as it comes.
     if (interface.success_ct == 0 || interface.failure_ct == 0) {
-        return probe.last_result == lbshow::Result::answered ? Verdict::success : Verdict::failure;
+        return probe.last_result == dumps::Result::answered ? Verdict::success : Verdict::failure;
     }
     if (probe.failure_run >= interface.failure_ct) {
         return Verdict::failure;
@@ -47,9 +48,9 @@ Verdict verdict_of(const lbshow::Probe& probe, const lbshow::Interface& interfac
     return probe.success_run >= interface.success_ct ? Verdict::success : before;
 }
 
-std::string fault_of(const lbshow::Probe& probe) {
+std::string fault_of(const dumps::Probe& probe) {
     if (probe.quality) {
-        const lbshow::Quality& quality = *probe.quality;
+        const dumps::Quality& quality = *probe.quality;
         if (quality.loss_percent >= quality.loss_limit) {
             return limit_text("loss", quality.loss_percent, quality.loss_limit, " %");
         }
@@ -63,30 +64,30 @@ std::string fault_of(const lbshow::Probe& probe) {
     return "no answer";
 }
 
-void take_over(Target& target, const std::vector<lbshow::Probe>& probes,
-               const lbshow::Interface& interface) {
-    lbshow::Probe joined;
-    std::optional<lbshow::Quality> quality;
+void take_over(Target& target, const std::vector<dumps::Probe>& probes,
+               const dumps::Interface& interface) {
+    dumps::Probe joined;
+    std::optional<dumps::Quality> quality;
     std::string fault;
-    for (const lbshow::Probe& probe : probes) {
+    for (const dumps::Probe& probe : probes) {
         quality = quality ? quality : measured(probe);
-        if (probe.last_result == lbshow::Result::timed_out && fault.empty()) {
+        if (probe.last_result == dumps::Result::timed_out && fault.empty()) {
             fault = fault_of(probe);
         }
-        if (joined.last_result != lbshow::Result::timed_out &&
-            probe.last_result != lbshow::Result::none) {
+        if (joined.last_result != dumps::Result::timed_out &&
+            probe.last_result != dumps::Result::none) {
             joined.last_result = probe.last_result;
         }
         joined.success_run = std::max(joined.success_run, probe.success_run);
         joined.failure_run = std::max(joined.failure_run, probe.failure_run);
         target.was_answered = target.was_answered || probe.success_run > 0 ||
-                              probe.last_result == lbshow::Result::answered;
+                              probe.last_result == dumps::Result::answered;
     }
     // A run whose first echo stays unanswered leaves the measurements of the run before in place,
     // so they explain a failure only where they came with it.
-    const bool is_fresh = target.last_result != lbshow::Result::timed_out ||
+    const bool is_fresh = target.last_result != dumps::Result::timed_out ||
                           !is_same(target.quality, quality) || target.fault.empty();
-    if (joined.last_result == lbshow::Result::timed_out && is_fresh) {
+    if (joined.last_result == dumps::Result::timed_out && is_fresh) {
         target.fault = fault;
     }
     target.is_broken =

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "lbshow/state.h"
+#include "dumps/state.h"
 #include "lbwatch/moment.h"
 #include "lbwatch/world.h"
 
@@ -13,16 +13,16 @@ namespace lbwatch {
 
 /// The verdict that the daemon holds: it changes only when a run of equal results reaches its
 /// threshold, so in between the one `before` stays.
-Verdict verdict_of(const lbshow::Probe& probe, const lbshow::Interface& interface, Verdict before);
+Verdict verdict_of(const dumps::Probe& probe, const dumps::Interface& interface, Verdict before);
 
 /// Why the latest result is a failure: the limit that an extended ping reached (in the daemon's own
 /// order: loss, round-trip time, jitter), or that no answer came.
-std::string fault_of(const lbshow::Probe& probe);
+std::string fault_of(const dumps::Probe& probe);
 
 /// Takes the entries of all probes of one target over into it, verdict and results; counts nothing.
 /// The daemon counts their results in one run, so it is missed where any of them was.
-void take_over(Target& target, const std::vector<lbshow::Probe>& probes,
-               const lbshow::Interface& interface);
+void take_over(Target& target, const std::vector<dumps::Probe>& probes,
+               const dumps::Interface& interface);
 
 /// For example "203.0.113.53 no answer (3 in a row)" or "203.0.113.53 answered (2 in a row)".
 std::string told(const std::string& address, const Target& target);

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <ctime>
+#include <optional>
+#include <vector>
 
 #include "lbwatch/history_report.h"
 #include "lbwatch/moment.h"
@@ -23,14 +25,14 @@ std::int64_t midnight_before(std::int64_t now_ms) {
     return std::int64_t{mktime(&date)} * 1000;
 }
 
-UplinkKey key_of(const lbshow::Interface& item) {
+UplinkKey key_of(const dumps::Interface& item) {
     return {.namespace_name = item.namespace_name, .family = item.family, .name = item.name};
 }
 
 }  // namespace
 
-std::optional<lbshow::Past> past_of(const UplinkReport& uplink, bool is_active,
-                                    std::int64_t midnight_ms) {
+std::optional<dumps::Past> past_of(const UplinkReport& uplink, bool is_active,
+                                   std::int64_t midnight_ms) {
     const std::vector<Piece>& pieces = uplink.pieces;
     const Known now = is_active ? Known::active : Known::failed;
     if (pieces.empty() || pieces.back().known != now) {
@@ -40,7 +42,7 @@ std::optional<lbshow::Past> past_of(const UplinkReport& uplink, bool is_active,
     while (std::next(first) != pieces.rend() && std::next(first)->known == now) {
         ++first;
     }
-    lbshow::Past past;
+    dumps::Past past;
     past.since_s = (pieces.back().end_ms - first->begin_ms) / 1000;
     past.is_begin_seen = std::next(first) != pieces.rend() && is_judged(std::next(first)->known);
     for (std::size_t i = 1; i < pieces.size(); ++i) {
@@ -51,12 +53,12 @@ std::optional<lbshow::Past> past_of(const UplinkReport& uplink, bool is_active,
     return past;
 }
 
-std::string read_past(const std::string& history, lbshow::State& state) {
+std::string read_past(const std::string& history, dumps::State& state) {
     HistoryReader reader(history);
     const std::int64_t now_ms = now().wall_ms;
     const std::int64_t midnight_ms = midnight_before(now_ms);
     const Report all = recent_report_of(reader, midnight_ms, now_ms);
-    for (lbshow::Interface& one : state.interfaces) {
+    for (dumps::Interface& one : state.interfaces) {
         const auto found =
             std::find_if(all.uplinks.begin(), all.uplinks.end(),
                          [&one](const auto& uplink) { return uplink.uplink == key_of(one); });

@@ -8,7 +8,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
+#include <csignal>
+#include <cstdint>
 #include <iostream>
 
 #include "lbwatch/json.h"

@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include <csignal>
+#include <cstdint>
 #include <memory>
 #include <set>
 #include <string>

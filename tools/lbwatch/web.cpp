@@ -4,12 +4,12 @@
 
 #include <algorithm>
 #include <charconv>
-#include <chrono>
+#include <cstdint>
 #include <deque>
 #include <string_view>
 #include <utility>
+#include <vector>
 
-#include "lbshow/plain_text.h"
 #include "lbwatch/history_report.h"
 #include "lbwatch/json.h"
 #include "lbwatch/live_page.h"
@@ -17,6 +17,7 @@
 #include "lbwatch/moment.h"
 #include "lbwatch/report_page.h"
 #include "lbwatch/report_text.h"
+#include "shared/plain_text.h"
 #include "shared/time_text.h"
 
 namespace lbwatch {
@@ -257,7 +258,7 @@ class Web::Routes : public httplib::Server {
         }
         if (!problem.empty()) {
             // What this run saw is told also where nothing can be kept.
-            answer.set_header("X-From-Memory", lbshow::harmless(problem));
+            answer.set_header("X-From-Memory", shared::harmless(problem));
             found.clear();
             for (auto& one : board_.events_after(0)) {
                 if (one.event.time_ms >= selection.since_ms &&

@@ -14,13 +14,13 @@ constexpr int missing_dumps = 2;
 /// less than this is waited for.
 constexpr std::int64_t overdue_ms = 5000;
 
-std::optional<std::int64_t> evaluation_age_s(const lbshow::Interface& item) {
+std::optional<std::int64_t> evaluation_age_s(const dumps::Interface& item) {
     return item.is_active ? item.since_success_s : item.since_failure_s;
 }
 
 /// Since when the state in a first dump has lasted: since it was last judged to be the other one.
 /// None where it never was, or where the clock has been set since.
-std::optional<std::int64_t> since_last_change(const lbshow::Interface& item, const Moment& now) {
+std::optional<std::int64_t> since_last_change(const dumps::Interface& item, const Moment& now) {
     const auto age_s = item.is_active ? item.since_failure_s : item.since_success_s;
     const std::int64_t age_ms = std::int64_t{age_s.value_or(-1)} * 1000;
     if (age_ms < 0 || age_ms > now.boot_ms) {
@@ -44,16 +44,16 @@ Event event_of(EventKind kind, const UplinkKey& key, const Moment& now) {
 }
 
 /// Why a failed uplink has failed where no target was seen to reach the count of failures.
-std::string reason_without_verdict(const Uplink& uplink, const lbshow::Interface& item) {
+std::string reason_without_verdict(const Uplink& uplink, const dumps::Interface& item) {
     return (uplink.targets.size() == 1 ? uplink.targets.begin()->first + " " : std::string()) +
            "no " + std::to_string(item.success_ct) + " answers in a row" +
            (item.since_success_s ? "" : " since the daemon started");
 }
 
 /// The targets' probes; two that share a target share its run of results as well.
-std::map<std::string, std::vector<lbshow::Probe>> by_target(const lbshow::Interface& item) {
-    std::map<std::string, std::vector<lbshow::Probe>> probes;
-    for (const lbshow::Probe& probe : item.probes) {
+std::map<std::string, std::vector<dumps::Probe>> by_target(const dumps::Interface& item) {
+    std::map<std::string, std::vector<dumps::Probe>> probes;
+    for (const dumps::Probe& probe : item.probes) {
         if (!probe.target.empty()) {
             probes[probe.target].push_back(probe);
         }
@@ -61,7 +61,7 @@ std::map<std::string, std::vector<lbshow::Probe>> by_target(const lbshow::Interf
     return probes;
 }
 
-UplinkKey key_of(const lbshow::Interface& item) {
+UplinkKey key_of(const dumps::Interface& item) {
     return {.namespace_name = item.namespace_name, .family = item.family, .name = item.name};
 }
 
@@ -116,18 +116,18 @@ void World::remember(const UplinkKey& key, UplinkState told) {
     uplink.is_unwatched = true;
 }
 
-Changes World::read(int family, const std::vector<lbshow::Interface>& interfaces,
+Changes World::read(int family, const std::vector<dumps::Interface>& interfaces,
                     std::int64_t written_s, const Moment& now) {
     Changes changes;
     if (!begun_boot_ms_) {
         begun_boot_ms_ = now.boot_ms;
     }
     std::set<std::string> namespaces;
-    for (const lbshow::Interface& item : interfaces) {
+    for (const dumps::Interface& item : interfaces) {
         namespaces.insert(item.namespace_name);
     }
     std::set<UplinkKey> present;
-    for (const lbshow::Interface& item : interfaces) {
+    for (const dumps::Interface& item : interfaces) {
         const UplinkKey key = key_of(item);
         if (!present.insert(key).second) {
             continue;
@@ -152,7 +152,7 @@ Changes World::read(int family, const std::vector<lbshow::Interface>& interfaces
     return changes;
 }
 
-void World::read_one(const UplinkKey& key, const lbshow::Interface& item, bool is_new_cycle,
+void World::read_one(const UplinkKey& key, const dumps::Interface& item, bool is_new_cycle,
                      std::int64_t written_s, const Moment& now, Changes& changes) {
     Uplink& uplink = uplinks_[key];
     uplink.missing = 0;
@@ -160,8 +160,8 @@ void World::read_one(const UplinkKey& key, const lbshow::Interface& item, bool i
     for (const auto& [address, probes] : by_target(item)) {
         Target& target = targets[address] = uplink.targets[address];
         take_over(target, probes, item);
-        if (is_new_cycle && target.last_result != lbshow::Result::none) {
-            const bool is_answered = target.last_result == lbshow::Result::answered;
+        if (is_new_cycle && target.last_result != dumps::Result::none) {
+            const bool is_answered = target.last_result == dumps::Result::answered;
             ++(is_answered ? target.answered : target.missed);
             changes.cycles.push_back({.uplink = key,
                                       .target = address,
@@ -194,7 +194,7 @@ void World::read_one(const UplinkKey& key, const lbshow::Interface& item, bool i
 /// Whether an inactive uplink would be active by now if it were sound. The daemon holds each for
 /// inactive from its start on, so that alone is no judgement. One that loses some answers may never
 /// have as many failures in a row as make a target fail.
-bool World::has_had_time(const Uplink& uplink, const lbshow::Interface& item,
+bool World::has_had_time(const Uplink& uplink, const dumps::Interface& item,
                          const Moment& now) const {
     if (item.since_success_s) {
         return true;  // this daemon has held it for active
@@ -207,7 +207,7 @@ bool World::has_had_time(const Uplink& uplink, const lbshow::Interface& item,
            now.boot_ms - *begun_boot_ms_ >= patience_ms_;
 }
 
-UplinkState World::judged(Uplink& uplink, const lbshow::Interface& item, std::int64_t written_s,
+UplinkState World::judged(Uplink& uplink, const dumps::Interface& item, std::int64_t written_s,
                           const Moment& now) const {
     uplink.is_judged = uplink.is_judged || item.is_active || has_failed_target(uplink) ||
                        has_had_time(uplink, item, now);
@@ -238,7 +238,7 @@ UplinkState World::judged(Uplink& uplink, const lbshow::Interface& item, std::in
 }
 
 /// The targets' verdicts and the next hop.
-void World::tell_details(const UplinkKey& key, Uplink& uplink, const lbshow::Interface& item,
+void World::tell_details(const UplinkKey& key, Uplink& uplink, const dumps::Interface& item,
                          const Moment& now, std::vector<Event>& events) {
     for (auto& [address, target] : uplink.targets) {
         if (target.verdict == target.told || target.verdict == Verdict::unknown) {
@@ -302,7 +302,7 @@ void World::tell_state(const UplinkKey& key, Uplink& uplink, const Moment& now,
     events.push_back(std::move(made));
 }
 
-bool World::is_of_another_run(const std::vector<lbshow::Interface>& interfaces,
+bool World::is_of_another_run(const std::vector<dumps::Interface>& interfaces,
                               std::int64_t written_s) const {
     return std::any_of(interfaces.begin(), interfaces.end(), [&](const auto& item) {
         const auto found = uplinks_.find(key_of(item));
@@ -368,7 +368,7 @@ void World::forget_states() {
         uplink.had_success = uplink.had_failure = false;
         for (auto& [address, target] : uplink.targets) {
             target.verdict = Verdict::unknown;
-            target.last_result = lbshow::Result::none;
+            target.last_result = dumps::Result::none;
             target.since_boot_ms.reset();
             target.success_run = 0;
             target.failure_run = 0;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "lbshow/state.h"
+#include "dumps/state.h"
 #include "lbwatch/event.h"
 #include "lbwatch/moment.h"
 
@@ -29,7 +29,7 @@ struct Cycle {
     UplinkKey uplink;
     std::string target;
     bool is_answered = false;
-    std::optional<lbshow::Quality> quality;
+    std::optional<dumps::Quality> quality;
 };
 
 struct Changes {
@@ -41,14 +41,14 @@ struct Target {
     Verdict verdict = Verdict::unknown;  ///< confirmed by as many equal results as are configured
     Verdict told = Verdict::unknown;     ///< by the latest event; outlives the daemon
     std::optional<std::int64_t> since_boot_ms;
-    lbshow::Result last_result = lbshow::Result::none;
+    dumps::Result last_result = dumps::Result::none;
     int success_run = 0;
     int failure_run = 0;
-    std::optional<lbshow::Quality> quality;  ///< of an extended ping that has run
-    std::string fault;                       ///< why the latest failed result is one
-    bool was_answered = false;               ///< since the daemon started
-    bool is_broken = false;                  ///< a run of answers has ended since then
-    std::uint64_t answered = 0;              ///< cycles since this program started
+    std::optional<dumps::Quality> quality;  ///< of an extended ping that has run
+    std::string fault;                      ///< why the latest failed result is one
+    bool was_answered = false;              ///< since the daemon started
+    bool is_broken = false;                 ///< a run of answers has ended since then
+    std::uint64_t answered = 0;             ///< cycles since this program started
     std::uint64_t missed = 0;
 };
 
@@ -110,16 +110,16 @@ class World {
     void remember(const UplinkKey& key, UplinkState told);
 
     /// A whole outbounds dump, written at `written_s` (since the epoch) by the daemon that runs.
-    Changes read(int family, const std::vector<lbshow::Interface>& interfaces,
+    Changes read(int family, const std::vector<dumps::Interface>& interfaces,
                  std::int64_t written_s, const Moment& now);
 
     /// The rules and routes as of now; after the outbounds.
-    std::vector<Event> read(const std::vector<lbshow::Rule>& rules,
-                            const std::vector<lbshow::Route>& routes, const Moment& now);
+    std::vector<Event> read(const std::vector<dumps::Rule>& rules,
+                            const std::vector<dumps::Route>& routes, const Moment& now);
 
     /// Whether a daemon that has been restarted wrote this, at `written_s`: it has forgotten a
     /// judgement that the one before knew.
-    bool is_of_another_run(const std::vector<lbshow::Interface>& interfaces,
+    bool is_of_another_run(const std::vector<dumps::Interface>& interfaces,
                            std::int64_t written_s) const;
 
     /// The family's dump is no longer rewritten, though the daemon runs: its states are unknown.
@@ -135,21 +135,21 @@ class World {
     const Rules& rules() const { return rules_; }
 
   private:
-    void read_one(const UplinkKey& key, const lbshow::Interface& item, bool is_new_cycle,
+    void read_one(const UplinkKey& key, const dumps::Interface& item, bool is_new_cycle,
                   std::int64_t written_s, const Moment& now, Changes& changes);
-    UplinkState judged(Uplink& uplink, const lbshow::Interface& item, std::int64_t written_s,
+    UplinkState judged(Uplink& uplink, const dumps::Interface& item, std::int64_t written_s,
                        const Moment& now) const;
-    bool has_had_time(const Uplink& uplink, const lbshow::Interface& item, const Moment& now) const;
-    static void tell_details(const UplinkKey& key, Uplink& uplink, const lbshow::Interface& item,
+    bool has_had_time(const Uplink& uplink, const dumps::Interface& item, const Moment& now) const;
+    static void tell_details(const UplinkKey& key, Uplink& uplink, const dumps::Interface& item,
                              const Moment& now, std::vector<Event>& events);
     static void tell_state(const UplinkKey& key, Uplink& uplink, const Moment& now,
                            std::vector<Event>& events);
     std::vector<Event> drop_missing(int family, const std::set<UplinkKey>& present, int allowed,
                                     const Moment& now);
-    lbshow::State state_for(const std::vector<lbshow::Rule>& rules,
-                            const std::vector<lbshow::Route>& routes) const;
-    bool is_settled(const lbshow::Rule& rule, const Moment& now) const;
-    std::vector<Event> tell_routes(const lbshow::Rule& rule, RuleRoutes& entry,
+    dumps::State state_for(const std::vector<dumps::Rule>& rules,
+                           const std::vector<dumps::Route>& routes) const;
+    bool is_settled(const dumps::Rule& rule, const Moment& now) const;
+    std::vector<Event> tell_routes(const dumps::Rule& rule, RuleRoutes& entry,
                                    std::map<std::string, std::string> used,
                                    const Moment& now) const;
 

@@ -1,10 +1,15 @@
 // Which uplinks the destinations use: the half of World that reads rules and routes.
 
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
+#include <map>
+#include <set>
+#include <string>
 #include <utility>
+#include <vector>
 
-#include "lbshow/in_force.h"
+#include "dumps/in_force.h"
 #include "lbwatch/world.h"
 
 namespace lbwatch {
@@ -14,7 +19,7 @@ namespace {
 /// A member that the daemon has not judged by then counts as not used.
 constexpr std::int64_t settling_ms = 30'000;
 
-UplinkKey key_of(const lbshow::Rule& rule, const lbshow::Member& member) {
+UplinkKey key_of(const dumps::Rule& rule, const dumps::Member& member) {
     return {
         .namespace_name = rule.namespace_name, .family = member.family, .name = member.interface};
 }
@@ -22,13 +27,13 @@ UplinkKey key_of(const lbshow::Rule& rule, const lbshow::Member& member) {
 /// Routes that are alike in these use the same uplinks.
 using Way = std::pair<std::string, std::string>;
 
-Way way_of(const lbshow::Route& route) {
+Way way_of(const dumps::Route& route) {
     return {route.rule_name(), route.nexthop};
 }
 
-std::string names_of(const std::vector<lbshow::NextHop>& hops) {
+std::string names_of(const std::vector<dumps::NextHop>& hops) {
     std::string names;
-    for (const lbshow::NextHop& hop : hops) {
+    for (const dumps::NextHop& hop : hops) {
         names += (names.empty() ? "" : ", ") + hop.interface;
     }
     return names.empty() ? "none" : names;
@@ -38,9 +43,9 @@ std::string names_of(const std::vector<lbshow::NextHop>& hops) {
 
 /// The uplinks as they are believed now, with the rules and, of the routes of each that go through
 /// the same chosen next hop, the first: all others go where it goes.
-lbshow::State World::state_for(const std::vector<lbshow::Rule>& rules,
-                               const std::vector<lbshow::Route>& routes) const {
-    lbshow::State state;
+dumps::State World::state_for(const std::vector<dumps::Rule>& rules,
+                              const std::vector<dumps::Route>& routes) const {
+    dumps::State state;
     for (const auto& [key, uplink] : uplinks_) {
         state.interfaces.push_back({.name = key.name,
                                     .family = key.family,
@@ -51,12 +56,12 @@ lbshow::State World::state_for(const std::vector<lbshow::Rule>& rules,
     state.rules = rules;
     std::set<Way> ways;
     std::copy_if(routes.begin(), routes.end(), std::back_inserter(state.routes),
-                 [&ways](const lbshow::Route& route) { return ways.insert(way_of(route)).second; });
-    lbshow::resolve_next_hops(state);
+                 [&ways](const dumps::Route& route) { return ways.insert(way_of(route)).second; });
+    dumps::resolve_next_hops(state);
     return state;
 }
 
-bool World::is_settled(const lbshow::Rule& rule, const Moment& now) const {
+bool World::is_settled(const dumps::Rule& rule, const Moment& now) const {
     if (!begun_boot_ms_) {
         return false;
     }
@@ -70,7 +75,7 @@ bool World::is_settled(const lbshow::Rule& rule, const Moment& now) const {
 }
 
 /// Destinations of a rule that change alike are one event; the first sight of one is none.
-std::vector<Event> World::tell_routes(const lbshow::Rule& rule, RuleRoutes& entry,
+std::vector<Event> World::tell_routes(const dumps::Rule& rule, RuleRoutes& entry,
                                       std::map<std::string, std::string> used,
                                       const Moment& now) const {
     std::map<std::pair<std::string, std::string>, Event> alike;
@@ -101,25 +106,25 @@ std::vector<Event> World::tell_routes(const lbshow::Rule& rule, RuleRoutes& entr
     return events;
 }
 
-std::vector<Event> World::read(const std::vector<lbshow::Rule>& rules,
-                               const std::vector<lbshow::Route>& routes, const Moment& now) {
-    const lbshow::State state = state_for(rules, routes);
+std::vector<Event> World::read(const std::vector<dumps::Rule>& rules,
+                               const std::vector<dumps::Route>& routes, const Moment& now) {
+    const dumps::State state = state_for(rules, routes);
     std::map<Way, std::string> used_by;
-    for (const lbshow::Route& route : state.routes) {
+    for (const dumps::Route& route : state.routes) {
         used_by[way_of(route)] = names_of(route.in_force);
     }
     // A rule's name is unique in the daemon's configuration, whatever the namespace.
     std::map<std::string, std::map<std::string, std::string>> used;
-    for (const lbshow::Route& route : routes) {
+    for (const dumps::Route& route : routes) {
         used[route.rule_name()][route.prefix] = used_by[way_of(route)];
     }
     std::vector<Event> events;
     Rules known;
-    for (const lbshow::Rule& rule : rules) {
+    for (const dumps::Rule& rule : rules) {
         const RuleKey key{.namespace_name = rule.namespace_name, .name = rule.name()};
         RuleRoutes& entry = known[key] = std::move(rules_[key]);
         entry.members.clear();
-        for (const lbshow::Member& member : rule.members) {
+        for (const dumps::Member& member : rule.members) {
             entry.members.push_back(key_of(rule, member));
         }
         if (is_settled(rule, now)) {
@@ -129,7 +134,7 @@ std::vector<Event> World::read(const std::vector<lbshow::Rule>& rules,
         }
     }
     rules_ = std::move(known);
-    for (const lbshow::Interface& one : state.interfaces) {
+    for (const dumps::Interface& one : state.interfaces) {
         uplinks_[{one.namespace_name, one.family, one.name}].is_routed = one.is_routed;
     }
     return events;

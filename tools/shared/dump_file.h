@@ -8,7 +8,7 @@
 #include <vector>
 
 /// The daemon's dumps as files: their names, and their bytes at one moment. What the records in
-/// them mean is lbshow/state.h's.
+/// them mean is dumps/state.h's.
 namespace shared {
 
 enum class DumpFile { outbounds4, outbounds6, rules, routes };

@@ -4,7 +4,7 @@
 
 #include <array>
 #include <cstddef>
-#include <span>
+#include <cstdint>
 
 #include "wire/frames.h"
 

@@ -7,6 +7,7 @@
 
 #include <bit>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 #include "base/fd.h"

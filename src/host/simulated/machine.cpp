@@ -2,7 +2,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <string_view>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
 
 #include "base/address_text.h"
 #include "host/addresses.h"

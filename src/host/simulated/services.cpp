@@ -1,5 +1,7 @@
 // Clocks, log, watchdog and crash report of the simulated machine.
 
+#include <cstdint>
+
 #include "host/clock.h"
 #include "host/crash_report.h"
 #include "host/log.h"

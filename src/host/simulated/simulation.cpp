@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <span>
 #include <stdexcept>
 
 #include "base/address_text.h"

@@ -10,6 +10,7 @@ from .routing_daemon import text_of
 
 LB_LEASE = os.path.join(os.path.dirname(binary()), "lb-lease")
 LEASE, LEASE6 = "/var/db/dhclient_gi1_1.leases", "/var/db/dhcp6_clientgi1_1.leases"
+LOCK = "/var/db/.lb-lease.lock"
 CONF = "/etc/lb.conf"
 
 _PROGRAM = "/usr/sbin/lb-lease"
@@ -53,6 +54,11 @@ def run(*arguments, environment=None):
     return done.returncode, done.stdout
 
 
+def files():
+    """What lies beside the lock, sorted."""
+    return sorted(set(os.listdir(os.path.dirname(LOCK))) - {os.path.basename(LOCK)})
+
+
 def put(path, text):
     """Makes the file hold this text; None: not be there."""
     with contextlib.suppress(FileNotFoundError):
@@ -62,12 +68,17 @@ def put(path, text):
             file.write(text)
 
 
-def lease(router):
-    """The IPv4 file that the program writes for gi1_1."""
-    return ("# Written by lb-lease(8) for lb(8); changes are lost.\n"
-            f'lease {{\n  interface "gi1_1";\n  option routers {router};\n}}\n')
+def _head(boot):
+    if boot is None:
+        with open("/proc/sys/kernel/random/boot_id", encoding="ascii") as file:
+            boot = file.read().strip()
+    return f"# Written by lb-lease(8) for lb(8); changes are lost.\n# Since the machine's start {boot}\n"
 
 
-def lease6(router):
-    return ("# Written by lb-lease(8) for lb(8); changes are lost.\n"
-            f"interface='gi1_1'\nnew_routers='{router}'\n")
+def lease(router, boot=None, interface="gi1_1"):
+    """The IPv4 file that the program writes; in this start of the machine, or in that other one."""
+    return f'{_head(boot)}lease {{\n  interface "{interface}";\n  option routers {router};\n}}\n'
+
+
+def lease6(router, boot=None):
+    return f"{_head(boot)}interface='gi1_1'\nnew_routers='{router}'\n"

@@ -20,7 +20,7 @@ from service_manager import UNITS, ServiceManager, make_targets, run
 
 from kit import netns
 from kit.dhcp import DhcpServer, Udhcpc, missing
-from kit.lb_lease import UDHCPC_SCRIPT
+from kit.lb_lease import UDHCPC_SCRIPT, lease
 from kit.system_log import SystemLog
 
 PACKAGE_FOLDER = pathlib.Path(sys.argv.pop(1))
@@ -155,8 +155,8 @@ class Router(unittest.TestCase):
         self.assertFalse(os.path.exists("/run/routing.pid"))
 
     def test_7_routes_are_there_again_after_a_restart_of_the_machine(self):
-        """As far as the router sees one: processes, routes and /run are gone, the disk stays. So does the number of a
-        routing daemon, as if that were on the disk, and somebody else has it now."""
+        """As far as the router sees one: processes, routes and /run are gone, the disk stays. So do the number of a
+        routing daemon, as if that were on the disk, and somebody else has it now; and a lease that nobody has ended."""
         self.end()
         run("ip", "nexthop", "flush")
         self.assertEqual(run("ip", "route", "show", "default"), "")
@@ -165,9 +165,12 @@ class Router(unittest.TestCase):
             if path.name != "netns" and not path.name.startswith("dhcp-"):
                 shutil.rmtree(path) if path.is_dir() else path.unlink()
         pathlib.Path("/run/routing.pid").write_text("1\n")
+        old = pathlib.Path("/var/db/dhclient_gi1_3.leases")
+        old.write_text(lease("198.51.100.1", boot="another", interface="gi1_3"))
         self.start()
 
         expect_routed(STATIC, LEASED_LATER)
+        self.assertFalse(old.exists())
 
 
 if __name__ == "__main__":

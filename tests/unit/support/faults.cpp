@@ -142,11 +142,14 @@ ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flags, const so
 
 decltype(recv) __real_recv;
 ssize_t __wrap_recv(int fd, void* data, size_t size, int flags) {
-    return through<Call::recv>(__real_recv, fd, data, size, flags);
+    return through<Call::recv>(answering(&StandIns::recv, __real_recv), fd, data, size, flags);
 }
 
 ssize_t __real___recv_chk(int, void*, size_t, size_t, int);
 ssize_t __wrap___recv_chk(int fd, void* data, size_t size, size_t room, int flags) {
+    if (stand_ins.load()->recv != nullptr) {
+        return __wrap_recv(fd, data, size, flags);
+    }
     return through<Call::recv>(__real___recv_chk, fd, data, size, room, flags);
 }
 
@@ -368,6 +371,10 @@ void reset_stand_ins() {
 
 int real_open(const char* path, int flags, mode_t mode) {
     return __real_open(path, flags, mode);
+}
+
+ssize_t real_recv(int fd, void* data, size_t size, int flags) {
+    return __real_recv(fd, data, size, flags);
 }
 
 FILE* real_popen(const char* command, const char* mode) {

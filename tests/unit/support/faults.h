@@ -33,6 +33,7 @@ struct StandIns {
                       socklen_t length) = nullptr;
     ssize_t (*sendmsg)(int fd, const msghdr* message, int flags) = nullptr;
     int (*sendmmsg)(int fd, mmsghdr* messages, unsigned count, int flags) = nullptr;
+    ssize_t (*recv)(int fd, void* data, size_t size, int flags) = nullptr;
     int (*recvmmsg)(int fd, mmsghdr* messages, unsigned count, int flags,
                     timespec* patience) = nullptr;
 };
@@ -43,6 +44,7 @@ void reset_stand_ins();
 
 /// What stands behind the wrappers, for stand-ins that pass calls on.
 int real_open(const char* path, int flags, mode_t mode);
+ssize_t real_recv(int fd, void* data, size_t size, int flags);
 FILE* real_popen(const char* command, const char* mode);
 
 enum class Call : std::size_t {

@@ -1,7 +1,7 @@
 #include "unit/support/given_dumps.h"
 
-#include "lbshow/freshness.h"
-#include "lbshow/in_force.h"
+#include "dumps/freshness.h"
+#include "dumps/in_force.h"
 
 namespace given {
 
@@ -57,20 +57,20 @@ Dump route(bool is_big) {
         .number(104, 12);
 }
 
-lbshow::State state() {
-    return {.interfaces = lbshow::read_interfaces(outbound(), 4, false).items,
-            .rules = lbshow::read_rules(rule(), false).items,
-            .routes = lbshow::read_routes(route(), false).items,
+dumps::State state() {
+    return {.interfaces = dumps::read_interfaces(outbound(), 4, false).items,
+            .rules = dumps::read_rules(rule(), false).items,
+            .routes = dumps::read_routes(route(), false).items,
             .dump_directory = "/run/load-balance/wlb_dump",
-            .files = {{.name = lbshow::outbounds_name(4), .written = written},
+            .files = {{.name = dumps::outbounds_name(4), .written = written},
                       {.name = "wlb_rules.bin", .written = written},
                       {.name = "wlb_routes.bin", .written = written}}};
 }
 
-lbshow::State judged(std::int64_t age_s) {
-    lbshow::State made = state();
-    lbshow::judge_freshness(made, written + std::chrono::seconds(age_s), std::nullopt);
-    lbshow::resolve_next_hops(made);
+dumps::State judged(std::int64_t age_s) {
+    dumps::State made = state();
+    dumps::judge_freshness(made, written + std::chrono::seconds(age_s), std::nullopt);
+    dumps::resolve_next_hops(made);
     return made;
 }
 

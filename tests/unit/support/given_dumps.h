@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "lbshow/state.h"
+#include "dumps/state.h"
 
 /// The daemon's dumps, byte for byte from the table of their fields, in either byte order.
 namespace given {
@@ -46,10 +46,10 @@ Dump rule(bool is_big = is_big_here);
 /// The one destination of that rule, with its chosen next hop.
 Dump route(bool is_big = is_big_here);
 /// When the files of `state` were written: 2026-11-21T14:10:05Z.
-constexpr lbshow::Time written{std::chrono::seconds(1795270205)};
+constexpr dumps::Time written{std::chrono::seconds(1795270205)};
 /// What these three tell, not judged yet.
-lbshow::State state();
+dumps::State state();
 /// The same, judged so many seconds after it was written, with its next hops.
-lbshow::State judged(std::int64_t age_s = 1);
+dumps::State judged(std::int64_t age_s = 1);
 
 }  // namespace given

@@ -4,32 +4,32 @@
 #include <utility>
 #include <vector>
 
-#include "lbshow/state.h"
+#include "dumps/state.h"
 #include "lbwatch/world.h"
 
 /// Items of dumps for the tests of lbwatch, made of plain values.
 namespace lbwatch_items {
 
-inline lbshow::Probe answered(std::string target, int run = 3) {
-    lbshow::Probe probe;
+inline dumps::Probe answered(std::string target, int run = 3) {
+    dumps::Probe probe;
     probe.target = std::move(target);
-    probe.last_result = lbshow::Result::answered;
+    probe.last_result = dumps::Result::answered;
     probe.success_run = run;
     return probe;
 }
 
-inline lbshow::Probe timed_out(std::string target, int run = 3) {
-    lbshow::Probe probe;
+inline dumps::Probe timed_out(std::string target, int run = 3) {
+    dumps::Probe probe;
     probe.target = std::move(target);
-    probe.last_result = lbshow::Result::timed_out;
+    probe.last_result = dumps::Result::timed_out;
     probe.failure_run = run;
     return probe;
 }
 
 /// An uplink with thresholds of three, active or failed, just evaluated.
-inline lbshow::Interface interface(std::string name, bool is_active,
-                                   std::vector<lbshow::Probe> probes, int family = 4) {
-    lbshow::Interface made;
+inline dumps::Interface interface(std::string name, bool is_active,
+                                  std::vector<dumps::Probe> probes, int family = 4) {
+    dumps::Interface made;
     made.name = std::move(name);
     made.family = family;
     made.is_active = is_active;

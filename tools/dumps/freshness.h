@@ -4,11 +4,11 @@
 #include <optional>
 #include <string>
 
-#include "lbshow/state.h"
+#include "dumps/state.h"
 
 /// Whether what the dumps tell is of now. They stay when the daemon ends, and those of a family
 /// that is configured no more stay beside the new ones; nothing in them says so. Pure.
-namespace lbshow {
+namespace dumps {
 
 /// The age in seconds from which on dumps are stale, unless the operator says another. The daemon
 /// writes them once in a cycle, which takes about a second; but an extended ping holds its worker
@@ -52,4 +52,4 @@ std::string utc_text(Time time);
 /// How old a file is, in whole seconds; negative for one from the future.
 std::int64_t age_s(const DumpFile& file, Time now);
 
-}  // namespace lbshow
+}  // namespace dumps

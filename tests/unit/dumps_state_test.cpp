@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "dumps/state.h"
 #include "lbshow/selection.h"
-#include "lbshow/state.h"
 #include "lbshow/views.h"
 #include "unit/support/given_dumps.h"
 
@@ -15,26 +15,26 @@ using given::rule;
 using given::state;
 
 TEST(Dumps, of_either_byte_order_tell_the_same) {
-    lbshow::State swapped = state();
-    swapped.interfaces = lbshow::read_interfaces(outbound(!is_big_here), 4, true).items;
-    swapped.rules = lbshow::read_rules(rule(!is_big_here), true).items;
-    swapped.routes = lbshow::read_routes(route(!is_big_here), true).items;
+    dumps::State swapped = state();
+    swapped.interfaces = dumps::read_interfaces(outbound(!is_big_here), 4, true).items;
+    swapped.rules = dumps::read_rules(rule(!is_big_here), true).items;
+    swapped.routes = dumps::read_routes(route(!is_big_here), true).items;
     EXPECT_EQ(lbshow::json(swapped, {}), lbshow::json(state(), {}));
 }
 
 TEST(Dumps, of_the_wrong_byte_order_are_refused) {
-    EXPECT_NE(lbshow::read_routes(route(!is_big_here), false).problem, "");
+    EXPECT_NE(dumps::read_routes(route(!is_big_here), false).problem, "");
 }
 
 TEST(Dumps, cut_within_a_record_say_so) {
     Dump cut = route();
     cut.resize(200);
-    const auto read = lbshow::read_routes(cut, false);
+    const auto read = dumps::read_routes(cut, false);
     EXPECT_EQ(read.problem.empty(), false);
     Dump one_and_a_half = route();
     const Dump second = route();
     one_and_a_half.insert(one_and_a_half.end(), second.begin(), second.begin() + 50);
-    const auto truncated = lbshow::read_routes(one_and_a_half, false);
+    const auto truncated = dumps::read_routes(one_and_a_half, false);
     EXPECT_TRUE(truncated.is_truncated);
     EXPECT_EQ(truncated.items.size(), 1U);
 }
@@ -44,12 +44,12 @@ TEST(Dumps, foreign_files_are_refused) {
     for (std::size_t i = 0; i < noise.size(); ++i) {
         noise[i] = static_cast<std::uint8_t>(i * 31 + 7);
     }
-    EXPECT_NE(lbshow::read_interfaces(noise, 4, false).problem, "");
-    EXPECT_NE(lbshow::read_rules(noise, false).problem, "");
-    EXPECT_NE(lbshow::read_routes(noise, false).problem, "");
+    EXPECT_NE(dumps::read_interfaces(noise, 4, false).problem, "");
+    EXPECT_NE(dumps::read_rules(noise, false).problem, "");
+    EXPECT_NE(dumps::read_routes(noise, false).problem, "");
     Dump counted = outbound();
     counted[4288] = 51;
-    EXPECT_NE(lbshow::read_interfaces(counted, 4, false).problem, "");
+    EXPECT_NE(dumps::read_interfaces(counted, 4, false).problem, "");
 }
 
 /// A byte that no daemon writes there.
@@ -77,7 +77,7 @@ TEST(Dumps, with_a_single_wrong_byte_in_an_interface_are_refused) {
                                    {4311, 2, "active"}}) {
         Dump dump = outbound();
         dump.at(wrong.at) = static_cast<std::uint8_t>(wrong.value);
-        const auto read = lbshow::read_interfaces(dump, 4, false);
+        const auto read = dumps::read_interfaces(dump, 4, false);
         EXPECT_NE(read.problem, "") << wrong.what;
         EXPECT_TRUE(read.items.empty()) << wrong.what;
         EXPECT_FALSE(read.is_truncated) << wrong.what;
@@ -94,7 +94,7 @@ TEST(Dumps, with_a_single_wrong_byte_in_a_rule_or_route_are_refused) {
                                    {3342, 2, "family"}}) {
         Dump dump = rule();
         dump.at(wrong.at) = static_cast<std::uint8_t>(wrong.value);
-        EXPECT_NE(lbshow::read_rules(dump, false).problem, "") << wrong.what;
+        EXPECT_NE(dumps::read_rules(dump, false).problem, "") << wrong.what;
     }
     for (const WrongByte& wrong : {WrongByte{0, 0, "no prefix"},
                                    {49, 'x', "prefix"},
@@ -102,24 +102,24 @@ TEST(Dumps, with_a_single_wrong_byte_in_a_rule_or_route_are_refused) {
                                    {108, 2, "family"}}) {
         Dump dump = route();
         dump.at(wrong.at) = static_cast<std::uint8_t>(wrong.value);
-        EXPECT_NE(lbshow::read_routes(dump, false).problem, "") << wrong.what;
+        EXPECT_NE(dumps::read_routes(dump, false).problem, "") << wrong.what;
     }
 }
 
 TEST(Dumps, may_be_full_to_their_last_entry) {
     Dump dump = outbound();
     dump[4288] = 50;
-    EXPECT_EQ(lbshow::read_interfaces(dump, 4, false).problem, "");
+    EXPECT_EQ(dumps::read_interfaces(dump, 4, false).problem, "");
     dump = rule();
     dump[3300] = 50;
-    ASSERT_EQ(lbshow::read_rules(dump, false).items.size(), 1U);
-    EXPECT_EQ(lbshow::read_rules(dump, false).items[0].members.size(), 50U);
+    ASSERT_EQ(dumps::read_rules(dump, false).items.size(), 1U);
+    EXPECT_EQ(dumps::read_rules(dump, false).items[0].members.size(), 50U);
 }
 
 TEST(Dumps, are_told_from_those_of_the_other_byte_order_by_their_counts) {
     const auto is_read = [](int at, std::uint32_t number) {
         const Dump dump = given::Bytes(4312, is_big_here).text(0, "gi1_1").number(at, number);
-        return lbshow::read_interfaces(dump, 4, false).problem.empty();
+        return dumps::read_interfaces(dump, 4, false).problem.empty();
     };
     for (const int at : {4301, 4305}) {
         EXPECT_TRUE(is_read(at, 0)) << at;
@@ -131,7 +131,7 @@ TEST(Dumps, are_told_from_those_of_the_other_byte_order_by_their_counts) {
     }
     const auto is_position = [](std::uint32_t number) {
         const Dump dump = given::Bytes(109, is_big_here).text(0, "10.0.0.0/8").number(100, number);
-        return lbshow::read_routes(dump, false).problem.empty();
+        return dumps::read_routes(dump, false).problem.empty();
     };
     EXPECT_FALSE(is_position(0));
     EXPECT_TRUE(is_position(1));
@@ -142,16 +142,16 @@ TEST(Dumps, are_told_from_those_of_the_other_byte_order_by_their_counts) {
 TEST(Ages, of_zero_seconds_are_now_for_the_present_state_and_never_for_the_other) {
     Dump dump = outbound();
     std::fill(dump.begin() + 4289, dump.begin() + 4297, std::uint8_t{0});
-    const auto active = lbshow::read_interfaces(dump, 4, false).items.at(0);
+    const auto active = dumps::read_interfaces(dump, 4, false).items.at(0);
     EXPECT_EQ(active.since_success_s, 0);
     EXPECT_EQ(active.since_failure_s, std::nullopt);
     dump[4311] = 0;
-    const auto failed = lbshow::read_interfaces(dump, 4, false).items.at(0);
+    const auto failed = dumps::read_interfaces(dump, 4, false).items.at(0);
     EXPECT_EQ(failed.since_success_s, std::nullopt);
     EXPECT_EQ(failed.since_failure_s, 0);
     dump[188 + 54] = 0;  // neither probe has a result yet
     dump[270 + 54] = 0;
-    EXPECT_EQ(lbshow::read_interfaces(dump, 4, false).items.at(0).since_failure_s, std::nullopt);
+    EXPECT_EQ(dumps::read_interfaces(dump, 4, false).items.at(0).since_failure_s, std::nullopt);
 }
 
 TEST(Dumps, tell_position_and_type_of_probes) {
@@ -164,7 +164,7 @@ TEST(Dumps, tell_position_and_type_of_probes) {
 }
 
 TEST(Selection, leaves_what_is_named) {
-    lbshow::State one = state();
+    dumps::State one = state();
     EXPECT_EQ(
         lbshow::select(one, {.interfaces = true, .rules = true, .routes = true, .names = {"12"}}),
         "");

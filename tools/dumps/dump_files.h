@@ -2,9 +2,9 @@
 
 #include <string>
 
-#include "lbshow/state.h"
+#include "dumps/state.h"
 
-namespace lbshow {
+namespace dumps {
 
 /// Reads the dumps below an output directory, and when each was written. A dump that is empty or
 /// cut is read again for half a second, since the daemon rewrites its files in place; so is one
@@ -14,4 +14,4 @@ namespace lbshow {
 /// Gives what is wrong, with the path and the reason, or an empty text.
 std::string read_state(const std::string& directory, bool is_swapped, State& state);
 
-}  // namespace lbshow
+}  // namespace dumps

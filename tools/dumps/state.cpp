@@ -1,13 +1,12 @@
-#include "lbshow/state.h"
+#include "dumps/state.h"
 
 #include <algorithm>
 #include <cstring>
-#include <string_view>
 
 #include "output/record_layout.h"
 #include "shared/dump_file.h"
 
-namespace lbshow {
+namespace dumps {
 
 namespace {
 
@@ -216,4 +215,4 @@ Read<Route> read_routes(std::span<const std::uint8_t> dump, bool is_swapped) {
         dump, [=](const record::Route& entry) { return route_of(entry, is_swapped); });
 }
 
-}  // namespace lbshow
+}  // namespace dumps

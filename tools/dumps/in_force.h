@@ -1,8 +1,8 @@
 #pragma once
 
-#include "lbshow/state.h"
+#include "dumps/state.h"
 
-namespace lbshow {
+namespace dumps {
 
 /// Fills in which next hops each route has at this moment, and which interfaces some route uses, as
 /// the daemon works it out from rules, weights and active members. Pure; wants all items, before
@@ -12,4 +12,4 @@ namespace lbshow {
 /// for a member that is never routed.
 void resolve_next_hops(State& state);
 
-}  // namespace lbshow
+}  // namespace dumps

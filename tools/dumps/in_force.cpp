@@ -1,10 +1,12 @@
-#include "lbshow/in_force.h"
+#include "dumps/in_force.h"
 
 #include <algorithm>
 #include <map>
+#include <string>
 #include <utility>
+#include <vector>
 
-namespace lbshow {
+namespace dumps {
 
 namespace {
 
@@ -90,4 +92,4 @@ void resolve_next_hops(State& state) {
     }
 }
 
-}  // namespace lbshow
+}  // namespace dumps

@@ -1,21 +1,24 @@
-#include "lbshow/dump_files.h"
+#include "dumps/dump_files.h"
 
 #include <fcntl.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <iterator>
+#include <span>
 #include <thread>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "base/fd.h"
 #include "shared/dump_file.h"
 
-namespace lbshow {
+namespace dumps {
 
 namespace {
 
@@ -149,4 +152,4 @@ std::string read_state(const std::string& directory, bool is_swapped, State& sta
     return problem;
 }
 
-}  // namespace lbshow
+}  // namespace dumps

@@ -1,15 +1,17 @@
-#include "lbshow/freshness.h"
+#include "dumps/freshness.h"
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <ctime>
 #include <iterator>
 #include <limits>
 #include <utility>
+#include <vector>
 
-#include "lbshow/plain_text.h"
+#include "shared/plain_text.h"
 
-namespace lbshow {
+namespace dumps {
 
 namespace {
 
@@ -75,7 +77,7 @@ std::string cause_of(const State& state, const Family& one) {
     if (!is_alone) {
         return "is the daemon running? (systemctl status lb)";
     }
-    const std::string path = harmless(state.dump_directory + "/" + one.oldest.name);
+    const std::string path = shared::harmless(state.dump_directory + "/" + one.oldest.name);
     return "nothing writes " + path + " any more; where this family is no longer configured: rm " +
            path;
 }
@@ -172,8 +174,9 @@ std::string stale_lines(const State& state) {
         }
     }
     for (const Interface& one : state.unjudged) {
-        lines += "STALE: " + harmless(one.name) + " (" + family_name(one.family) + ", namespace " +
-                 or_dash(one.namespace_name) + ") judged " + std::to_string(*since_judged_s(one)) +
+        lines += "STALE: " + shared::harmless(one.name) + " (" + family_name(one.family) +
+                 ", namespace " + shared::or_dash(one.namespace_name) + ") judged " +
+                 std::to_string(*since_judged_s(one)) +
                  " s ago: its worker stands still (systemctl restart lb)\n";
     }
     return lines;
@@ -191,4 +194,4 @@ std::string utc_text(Time time) {
     return text.data();
 }
 
-}  // namespace lbshow
+}  // namespace dumps

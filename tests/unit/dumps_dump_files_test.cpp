@@ -8,7 +8,7 @@
 #include <fstream>
 #include <thread>
 
-#include "lbshow/dump_files.h"
+#include "dumps/dump_files.h"
 #include "unit/support/faults.h"
 #include "unit/support/given_dumps.h"
 
@@ -36,17 +36,17 @@ struct Directory : testing::Test {
         put("wlb_routes.bin", route());
     }
     std::string path;
-    lbshow::State read;
+    dumps::State read;
 };
 
 TEST_F(Directory, without_dumps_is_a_clear_error) {
-    EXPECT_EQ(lbshow::read_state("/nonexistent", false, read),
+    EXPECT_EQ(dumps::read_state("/nonexistent", false, read),
               "no dumps below /nonexistent: is the daemon running with this directory?");
 }
 
 TEST_F(Directory, family_without_a_dump_is_no_error) {
     put_all();
-    EXPECT_EQ(lbshow::read_state(path, false, read), "");
+    EXPECT_EQ(dumps::read_state(path, false, read), "");
     EXPECT_EQ(read.interfaces.size(), 1U);
 }
 
@@ -55,7 +55,7 @@ TEST_F(Directory, times_of_writing_come_with_the_state) {
     const timespec times[2] = {{.tv_sec = 1'000'000'000, .tv_nsec = 250'000'000},
                                {.tv_sec = 1'000'000'000, .tv_nsec = 250'000'000}};
     ASSERT_EQ(utimensat(AT_FDCWD, (path + "/wlb_dump/wlb_rules.bin").c_str(), times, 0), 0);
-    ASSERT_EQ(lbshow::read_state(path, false, read), "");
+    ASSERT_EQ(dumps::read_state(path, false, read), "");
     ASSERT_EQ(read.files.size(), 3U);
     EXPECT_EQ(read.files[1].name, "wlb_rules.bin");
     EXPECT_EQ(read.files[1].written.time_since_epoch(),
@@ -66,7 +66,7 @@ TEST_F(Directory, missing_rules_or_routes_are_an_error_with_its_reason) {
     for (const std::string name : {"wlb_rules.bin", "wlb_routes.bin"}) {
         put_all();
         std::filesystem::remove(path + "/wlb_dump/" + name);
-        EXPECT_EQ(lbshow::read_state(path, false, read),
+        EXPECT_EQ(dumps::read_state(path, false, read),
                   path + "/wlb_dump/" + name + " cannot be read: No such file or directory");
     }
 }
@@ -77,7 +77,7 @@ TEST_F(Directory, folder_in_a_dumps_place_is_an_error) {
         const std::string place = path + "/wlb_dump/" + name;
         std::filesystem::remove(place);
         std::filesystem::create_directory(place);
-        EXPECT_EQ(lbshow::read_state(path, false, read), place + " cannot be read: Is a directory");
+        EXPECT_EQ(dumps::read_state(path, false, read), place + " cannot be read: Is a directory");
         std::filesystem::remove(place);
     }
 }
@@ -87,7 +87,7 @@ TEST_F(Directory, pipe_in_a_dumps_place_is_an_error_and_not_waited_for) {
     const std::string place = path + "/wlb_dump/wlb_rules.bin";
     std::filesystem::remove(place);
     ASSERT_EQ(mkfifo(place.c_str(), 0600), 0);
-    EXPECT_EQ(lbshow::read_state(path, false, read),
+    EXPECT_EQ(dumps::read_state(path, false, read),
               place + " cannot be read: it is no regular file");
 }
 
@@ -95,18 +95,18 @@ TEST_F(Directory, unreadable_dump_is_an_error_with_its_reason) {
     put_all();
     const std::string place = path + "/wlb_dump/wlb_routes.bin";
     const faults::FailCall fail(faults::Call::open, EACCES, 5);
-    EXPECT_EQ(lbshow::read_state(path, false, read), place + " cannot be read: Permission denied");
+    EXPECT_EQ(dumps::read_state(path, false, read), place + " cannot be read: Permission denied");
 }
 
 TEST_F(Directory, file_in_the_dumps_folders_place_is_an_error_with_its_reason) {
     std::filesystem::remove(path + "/wlb_dump");
     std::ofstream(path + "/wlb_dump").put('x');
-    EXPECT_EQ(lbshow::read_state(path, false, read),
+    EXPECT_EQ(dumps::read_state(path, false, read),
               path + "/wlb_dump cannot be read: Not a directory");
 }
 
 TEST_F(Directory, folder_without_any_dump_is_a_clear_error) {
-    EXPECT_EQ(lbshow::read_state(path, false, read),
+    EXPECT_EQ(dumps::read_state(path, false, read),
               "no dumps below " + path + ": is the daemon running with this directory?");
 }
 
@@ -114,7 +114,7 @@ TEST_F(Directory, dump_that_stays_cut_is_an_error) {
     Dump cut = outbound();
     cut.resize(100);
     put("wlb_ipv4_outbounds.bin", cut);
-    EXPECT_EQ(lbshow::read_state(path, false, read),
+    EXPECT_EQ(dumps::read_state(path, false, read),
               path + "/wlb_dump/wlb_ipv4_outbounds.bin ends within a record");
 }
 
@@ -122,14 +122,14 @@ TEST_F(Directory, dump_that_stays_empty_is_an_error_where_there_must_be_records)
     put("wlb_ipv4_outbounds.bin", outbound());
     put("wlb_rules.bin", {});
     EXPECT_EQ(
-        lbshow::read_state(path, false, read),
+        dumps::read_state(path, false, read),
         path + "/wlb_dump/wlb_rules.bin is empty: is the disk full? (df " + path + "/wlb_dump)");
 }
 
 TEST_F(Directory, rules_without_destinations_have_an_empty_dump_of_routes) {
     put_all();
     put("wlb_routes.bin", {});
-    EXPECT_EQ(lbshow::read_state(path, false, read), "");
+    EXPECT_EQ(dumps::read_state(path, false, read), "");
 }
 
 TEST_F(Directory, dump_that_is_just_rewritten_is_read_again) {
@@ -139,7 +139,7 @@ TEST_F(Directory, dump_that_is_just_rewritten_is_read_again) {
         std::this_thread::sleep_for(std::chrono::milliseconds(60));
         put("wlb_routes.bin", route());
     });
-    EXPECT_EQ(lbshow::read_state(path, false, read), "");
+    EXPECT_EQ(dumps::read_state(path, false, read), "");
     writer.join();
     EXPECT_EQ(read.routes.size(), 1U);
 }

@@ -9,7 +9,7 @@
 
 /// What the daemon's dumps tell, as plain values. Texts come from a file and may hold anything;
 /// those who print them make them harmless first.
-namespace lbshow {
+namespace dumps {
 
 /// The latest measurements of an extended ping beside their limits.
 struct Quality {
@@ -157,4 +157,4 @@ Read<Interface> read_interfaces(std::span<const std::uint8_t> dump, int family, 
 Read<Rule> read_rules(std::span<const std::uint8_t> dump, bool is_swapped);
 Read<Route> read_routes(std::span<const std::uint8_t> dump, bool is_swapped);
 
-}  // namespace lbshow
+}  // namespace dumps

@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
-#include "lbshow/in_force.h"
+#include "dumps/in_force.h"
 
 namespace {
 
-lbshow::Interface uplink(const std::string& name, const std::string& nexthop, int family = 4) {
-    lbshow::Interface one;
+dumps::Interface uplink(const std::string& name, const std::string& nexthop, int family = 4) {
+    dumps::Interface one;
     one.name = name;
     one.family = family;
     one.nexthop = nexthop;
@@ -14,7 +14,7 @@ lbshow::Interface uplink(const std::string& name, const std::string& nexthop, in
 }
 
 /// eth0 and eth1, both up, of weights 3 and 1 behind one rule with one destination.
-lbshow::State two_uplinks(bool is_failover = false, const std::string& chosen = "") {
+dumps::State two_uplinks(bool is_failover = false, const std::string& chosen = "") {
     return {
         .interfaces = {uplink("eth0", "192.0.2.1"), uplink("eth1", "198.51.100.1")},
         .rules = {{.number = 1,
@@ -25,14 +25,14 @@ lbshow::State two_uplinks(bool is_failover = false, const std::string& chosen = 
 }
 
 /// The next hops of the only route, one behind the other, and behind a bar the routed interfaces.
-std::string in_force(lbshow::State state) {
-    lbshow::resolve_next_hops(state);
+std::string in_force(dumps::State state) {
+    dumps::resolve_next_hops(state);
     std::string text;
-    for (const lbshow::NextHop& hop : state.routes.at(0).in_force) {
+    for (const dumps::NextHop& hop : state.routes.at(0).in_force) {
         text += hop.address + " " + hop.interface + " " + std::to_string(hop.weight) + ";";
     }
     text += "|";
-    for (const lbshow::Interface& one : state.interfaces) {
+    for (const dumps::Interface& one : state.interfaces) {
         text += one.is_routed ? one.name + ";" : "";
     }
     return text;
@@ -43,20 +43,20 @@ TEST(InForce, are_all_healthy_members_of_a_shared_rule) {
 }
 
 TEST(InForce, is_no_member_that_is_down) {
-    lbshow::State state = two_uplinks();
+    dumps::State state = two_uplinks();
     state.interfaces[0].is_active = false;
     EXPECT_EQ(in_force(state), "198.51.100.1 eth1 1;|eth1;");
 }
 
 TEST(InForce, is_no_member_without_a_weight_or_a_next_hop) {
-    lbshow::State state = two_uplinks();
+    dumps::State state = two_uplinks();
     state.rules[0].members[0].weight = 0;
     state.interfaces[1].nexthop = "";
     EXPECT_EQ(in_force(state), "|");
 }
 
 TEST(InForce, is_no_member_of_another_namespace) {
-    lbshow::State state = two_uplinks();
+    dumps::State state = two_uplinks();
     state.interfaces[1].namespace_name = "blue";
     EXPECT_EQ(in_force(state), "192.0.2.1 eth0 3;|eth0;");
 }
@@ -71,14 +71,14 @@ TEST(InForce, is_nothing_where_a_failover_rule_has_chosen_none) {
 }
 
 TEST(InForce, is_the_heaviest_where_two_uplinks_share_the_chosen_next_hop) {
-    lbshow::State state = two_uplinks(true, "192.0.2.1");
+    dumps::State state = two_uplinks(true, "192.0.2.1");
     state.interfaces[1].nexthop = "192.0.2.1";
     state.rules[0].members[1].weight = 9;
     EXPECT_EQ(in_force(state), "192.0.2.1 eth1 9;|eth1;");
 }
 
 TEST(InForce, are_the_members_of_the_other_family_too) {
-    lbshow::State state = two_uplinks();
+    dumps::State state = two_uplinks();
     state.interfaces.push_back(uplink("eth0", "2001:db8::1", 6));
     state.rules[0].members.push_back({.interface = "eth0", .family = 6, .weight = 2});
     EXPECT_EQ(in_force(state),
@@ -86,7 +86,7 @@ TEST(InForce, are_the_members_of_the_other_family_too) {
 }
 
 TEST(InForce, is_nothing_for_a_route_whose_rule_is_not_there) {
-    lbshow::State state = two_uplinks();
+    dumps::State state = two_uplinks();
     state.rules[0].family = 6;
     EXPECT_EQ(in_force(state), "|");
 }

@@ -1,9 +1,9 @@
-#include "lbshow/plain_text.h"
+#include "shared/plain_text.h"
 
 #include <array>
 #include <cstdio>
 
-namespace lbshow {
+namespace shared {
 
 std::string harmless(const std::string& text) {
     std::string shown;
@@ -24,4 +24,4 @@ std::string or_dash(const std::string& text) {
     return text.empty() ? "-" : harmless(text);
 }
 
-}  // namespace lbshow
+}  // namespace shared

@@ -69,7 +69,8 @@ class CommandLine(unittest.TestCase):
         self.assert_refused("nothing to simulate", self.file("empty", ""))
         self.assert_refused("'soon' is no length of time", "--for", "soon", CONF)
         self.assert_refused("'x=1' is not as", "--random", "--kinds", "x=1", CONF)
-        self.assert_refused("--days", "--days", "3", CONF)
+        for option, value in (("--days", "3"), ("--outages-per-day", "2"), ("--mean-outage", "1m"), ("--kinds", "dead=1")):
+            self.assert_refused(f"{option} requires --random", option, value, CONF)
         self.assert_refused("--random", "--random", CONF, self.file("s", ""))
         self.assert_refused("No such file", "--svg", "/nonexistent/a.svg", CONF)
 

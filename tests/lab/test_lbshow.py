@@ -236,7 +236,8 @@ class CommandLine(LabTest):
         self.assertRegex(done.stdout, r"^lbshow \d+\.\d+\.\d+\n$")
 
     def test_watch_refuses_what_is_neither_seconds_nor_shown(self):
-        for words in (("--watch", "nonsense"), ("--watch", "0"), ("--watch", "1e9")):
+        for words in (("--watch", "nonsense"), ("--watch", "0"), ("--watch", "1e9"), ("--watch", "nan"), ("--watch=nan",),
+                      ("--watch", "inf")):
             self.assertEqual(lbshow(*words).returncode, 1, words)
 
     def test_watch_into_a_full_disk_ends_and_tells_so(self):

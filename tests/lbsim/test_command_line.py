@@ -63,6 +63,22 @@ class CommandLine(unittest.TestCase):
         self.assert_refused(":2: 'deda': what happens is wanted", CONF, self.file("s", "1s gi1_1 dead\n2s gi1_1 deda\n"))
         self.assert_refused(":1: 'eth0': the configuration has no such uplink", CONF, self.file("s", "1s eth0 dead\n"))
 
+    def test_all_errors_of_a_scenario_are_told_at_once(self):
+        scenario = self.file("s", "1s gi1_1 deda\n2s gi1_9 dead\n3s gi1_1 loss 3\n")
+        status, _, errors = lbsim(CONF, scenario)
+        self.assertEqual(status, 2)
+        self.assertEqual([line.split(": ")[1:3] for line in errors.splitlines()],
+                         [[f"{scenario}:1", "'deda'"], [f"{scenario}:2", "'gi1_9'"], [f"{scenario}:3", "'3'"]])
+
+    def test_errors_of_the_command_line_name_the_program_and_the_option(self):
+        for arguments in (("--bogus",), ("--bogus", CONF)):
+            self.assertTrue(lbsim(*arguments)[2].startswith("lbsim: The following argument was not expected: --bogus\n"))
+        self.assertTrue(lbsim()[2].startswith("lbsim: CONF is required\n"))
+
+    def test_outages_that_do_not_fit_into_a_day_are_refused(self):
+        self.assert_refused("so many outages of 10m do not fit into a day; fewer than 144 do",
+                            "--random", "--outages-per-day", "144", "--mean-outage", "10m", CONF)
+
     def test_unusable_arguments_are_refused(self):
         self.assert_refused("No such file", "/nonexistent")
         self.assert_refused("Is a directory", str(self.folder))
@@ -74,6 +90,8 @@ class CommandLine(unittest.TestCase):
         self.assert_refused("--random", "--random", CONF, self.file("s", ""))
         self.assert_refused("No such file", "--svg", "/nonexistent/a.svg", CONF)
 
+        for option in ("--days", "--outages-per-day"):
+            self.assert_refused("'nan' is no number", "--random", option, "nan", CONF)
         self.assert_refused("'-1' is no seed", "--seed", "-1", CONF)
         self.assert_refused("--svg: the name of a file is wanted", "--svg", "", CONF)
         self.assert_refused("--compare", "--tune", "--compare", CONF, CONF)
@@ -93,7 +111,8 @@ class CommandLine(unittest.TestCase):
         self.assert_refused("is no history of lbwatch", "--replay", other, CONF)
         self.assert_refused("nothing was recorded in that time", "--replay", night, "--since", "1h", CONF)
         self.assert_refused("--since 1h (", "--replay", night, "--since", "1h", "--until", "2h", CONF)
-        self.assert_refused("'soon' is no time", "--replay", night, "--since", "soon", CONF)
+        for moment in ("soon", "2026-02-31"):
+            self.assert_refused(f"'{moment}' is no time", "--replay", night, "--since", moment, CONF)
         self.assert_refused("--since requires --replay", "--since", "1h", CONF)
 
     def test_words_of_a_broken_file_are_harmless_and_few(self):
@@ -141,6 +160,16 @@ class CommandLine(unittest.TestCase):
         self.assertEqual(sorted(by_count.values()), list(by_count.values()))
         present = next(one for one in summary["settings"] if one["present"])
         self.assertEqual(present["left_after_s"], by_count[3])
+
+    def test_deaths_that_were_never_left_are_counted_whatever_an_uplink_died_of(self):
+        conf = pathlib.Path(CONF).read_text(encoding="utf-8")
+        second = "        rule 2 {\n            type ping {\n                target 198.51.100.54\n            }\n        }\n"
+        self.assertIn(second, conf)
+        scenario = self.file("s", "30s gi1_1 target 198.51.100.53 dead\n90s gi1_1 clean\n150s gi1_1 dead\n155s gi1_1 clean\n"
+                                  "200s gi1_1 dead\n205s gi1_1 clean\n")
+        output = lbsim("--tune", "--json", "--scenario", scenario, self.file("one.conf", conf.replace(second, "")))[1]
+        present = next(one for one in json.loads(output)["summary"]["settings"] if one["present"])
+        self.assertEqual((present["deaths"], present["never_left"]), (3, 2))
 
     def test_pictures_are_well_formed(self):
         for arguments in ((), ("--tune", "--scenario", self.file("s", "60s gi1_1 dead\n"))):

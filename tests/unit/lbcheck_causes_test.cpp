@@ -231,6 +231,53 @@ TEST(Causes, each_surplus_bracket_is_told_at_its_line) {
     }
 }
 
+/// The good file with the bracket at the end of that line taken out.
+std::string without_opening(int wanted, bool is_flat) {
+    std::string text;
+    int number = 1;
+    for (std::size_t begin = 0; begin < good.size(); ++number) {
+        const std::size_t end = good.find('\n', begin) + 1;
+        std::string line = good.substr(begin, end - begin);
+        if (number == wanted) {
+            line = replaced_once(line, " {", "");
+        }
+        text += is_flat ? line.substr(line.find_first_not_of(' ')) : line;
+        begin = end;
+    }
+    return text;
+}
+
+TEST(Causes, each_missing_opening_bracket_is_told_at_its_line) {
+    int tried = 0;
+    for (const int closing : closing_lines()) {
+        const int opening = opening_line(closing);
+        for (const bool is_flat : {false, true}) {
+            const TemporaryFile file(without_opening(opening, is_flat));
+            const auto checked = lbcheck::check(file.path());
+            ASSERT_EQ(checked.findings.size(), 1U) << opening << said_of(content_of(file.path()));
+            EXPECT_EQ(checked.findings[0].line, opening);
+            EXPECT_EQ(checked.findings[0].message, "'{' is missing at the end of this line");
+            EXPECT_EQ(checked.findings[0].severity, lbcheck::Severity::error);
+            ++tried;
+        }
+    }
+    EXPECT_EQ(tried, 22);
+}
+
+TEST(Causes, block_that_neither_begins_nor_ends_is_told_with_both) {
+    EXPECT_EQ(said_of(replaced(good, "target {\n        address 0.0.0.0/0\n    }",
+                               "target\n        address 0.0.0.0/0")),
+              "F:30: error: 'target': '{' is missing at the end of this line\n"
+              "F:30: error: 'target {': this block does not end: '}' is missing before line 32\n"
+              "F: 2 errors, 0 warnings\n");
+}
+
+TEST(Causes, line_without_a_block_of_its_own_and_nothing_inside_is_left_to_the_loader) {
+    EXPECT_EQ(
+        said_of(replaced_once(good, "rule 1_ipv4 {\n", "rule 1_ipv4 {\n    interface gi1_1\n")),
+        "F:24: error: 'interface gi1_1': Illegal rule number: gi1_1\nF: 1 error, 0 warnings\n");
+}
+
 TEST(Causes, missing_bracket_without_indentation_is_found_by_the_keywords) {
     const TemporaryFile file(with_line(11, 0));
     std::string flat = content_of(file.path());

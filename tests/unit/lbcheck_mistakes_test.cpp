@@ -227,6 +227,101 @@ TEST(Mistakes, probes_that_a_tunnel_or_modem_cannot_send) {
     EXPECT_EQ(found_in(Uplink{.name = "gre1", .probe = ping}), "");
 }
 
+TEST(Mistakes, target_or_source_that_no_host_has) {
+    for (const char* address : {"0.0.0.0", "127.0.0.1", "224.0.0.1", "255.255.255.255"}) {
+        EXPECT_EQ(
+            found_in(Uplink{.probe = std::string("type ping {\ntarget ") + address + "\n}\n"}),
+            std::string("warning: 'target ") + address +
+                "': no host has this address: nothing ever answers\n");
+        EXPECT_EQ(found_in(Uplink{.in_interface = std::string("source_address ") + address + "\n"}),
+                  std::string("warning: 'source_address ") + address +
+                      "': no host has this address: nothing can be answered to it\n");
+    }
+    for (const char* address : {"::", "::1", "ff02::1"}) {
+        EXPECT_FALSE(lbcheck::is_of_a_host(AF_INET6, address));
+    }
+    for (const char* address : {"fe80::1", "2001:DB8:0::1", "::ffff:192.0.2.1"}) {
+        EXPECT_TRUE(lbcheck::is_of_a_host(AF_INET6, address));
+    }
+    for (const char* address : {"1.0.0.1", "126.0.0.1", "128.0.0.1", "223.255.255.255"}) {
+        EXPECT_TRUE(lbcheck::is_of_a_host(AF_INET, address));
+    }
+}
+
+TEST(Mistakes, source_that_is_the_next_hop) {
+    EXPECT_EQ(found_in(Uplink{.in_interface = "source_address 192.0.2.1\n"}),
+              "warning: 'interface gi1_1': its source_address is its next hop: the answers go "
+              "there\n");
+    EXPECT_EQ(found_in(Uplink{.in_interface = "source_address 192.0.2.2\n"}), "");
+}
+
+TEST(Mistakes, links_without_ethernet_by_their_usual_names) {
+    for (const char* name : {"ppp0", "wg0", "wg-office", "tun0", "tun1.5", "wg"}) {
+        const std::string found = std::string(name) +
+                                  "': by its name a link without Ethernet addresses, into which "
+                                  "frames are sent in vain; ";
+        EXPECT_EQ(found_in(Uplink{.name = name}),
+                  "warning: 'interface " + found +
+                      "give it a name with 'gre' or 'ip4ip4' in it, or for type ping 'modem'\n");
+        EXPECT_EQ(found_in(Uplink{.name = name, .nexthop = "tunnel"}),
+                  found_in(Uplink{.name = name}));
+        EXPECT_EQ(found_in(Uplink{.family = "6",
+                                  .name = name,
+                                  .nexthop = "2001:db8::1",
+                                  .in_interface = source6,
+                                  .probe = probe6,
+                                  .prefix = "::/0"}),
+                  "warning: 'interface6 " + found + "use an Ethernet interface for IPv6\n");
+    }
+    for (const char* name :
+         {"wwan0", "tunnel0", "pppoe", "wgreat", "wg_modem", "tap0", "eth0.tun"}) {
+        EXPECT_EQ(found_in(Uplink{.name = name}), "") << name;
+    }
+}
+
+TEST(Mistakes, resp_time_of_an_extended_ping) {
+    const std::string extended =
+        "type ping_ext {\ntarget 198.51.100.1\nresp-time 500\ncount 5\ntimeout 1000\n}\n";
+    EXPECT_EQ(found_in(Uplink{.probe = extended}),
+              "warning: 'resp-time 500': acts on nothing in a ping_ext: how long each echo is "
+              "waited for is its timeout\n");
+    EXPECT_EQ(found_in(Uplink{.probe = "type ping {\ntarget 198.51.100.1\nresp-time 500\n}\n"}),
+              "");
+    const std::string other = "}\nrule 2 {\ntype ping {\nresp-time 500\ntarget 198.51.100.2\n}\n";
+    EXPECT_EQ(found_in(Uplink{.probe = "type ping_ext {\ntarget 198.51.100.1\n}\n" + other}), "");
+}
+
+TEST(Mistakes, uplink_that_comes_up_late) {
+    EXPECT_EQ(found_in(Uplink{.counts = "success-ct 151\nfailure-ct 2\n"}),
+              "warning: 'interface gi1_1': answers bring it up after about 301 s only: lower "
+              "success-ct\n");
+    EXPECT_EQ(found_in(Uplink{.counts = "success-ct 150\nfailure-ct 2\n"}), "");
+}
+
+TEST(Mistakes, two_rules_of_one_number) {
+    Uplink uplink;
+    const std::string once = uplink.health() + uplink.rule("1");
+    uplink.prefix = "198.51.100.0/24";
+    EXPECT_EQ(found_in(once + uplink.rule("01")),
+              "warning: 'rule 1_ipv4': has the number of rule 01_ipv4: the dumps, lbshow and "
+              "lbwatch cannot tell them apart; give it another number\n");
+    EXPECT_EQ(found_in(once + uplink.rule("2")), "");
+    uplink = {.family = "6",
+              .nexthop = "2001:db8::1",
+              .in_interface = source6,
+              .probe = probe6,
+              .prefix = "::/0"};
+    EXPECT_EQ(found_in(once + uplink.health() + uplink.rule("1")), "");
+}
+
+TEST(Mistakes, rule_whose_number_does_not_fit) {
+    const Uplink uplink;
+    EXPECT_EQ(found_in(uplink.health() + uplink.rule("99999999999")),
+              "warning: 'rule 99999999999_ipv4': its number has more than 32 bits: the dumps, "
+              "lbshow and lbwatch show another one\n");
+    EXPECT_EQ(found_in(uplink.health() + uplink.rule("2147483647")), "");
+}
+
 TEST(Mistakes, link_local_next_hop) {
     EXPECT_EQ(found_in(Uplink{.family = "6",
                               .nexthop = "fe80::1",

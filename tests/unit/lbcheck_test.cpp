@@ -1,5 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <thread>
 
 #include "lbcheck/findings.h"
 #include "unit/support/captured_log.h"
@@ -50,6 +56,32 @@ TEST(Check, missing_file_is_an_error) {
     ASSERT_EQ(findings.size(), 1U);
     EXPECT_EQ(findings[0].message, "cannot be read: No such file or directory");
     EXPECT_EQ(lbcheck::exit_status(findings, false), 2);
+}
+
+TEST(Check, pipe_without_a_writer_is_an_error) {
+    const TemporaryFile place("");
+    const std::string pipe = place.path() + ".pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const auto findings = lbcheck::check(pipe).findings;
+    unlink(pipe.c_str());
+    ASSERT_EQ(findings.size(), 1U);
+    EXPECT_EQ(findings[0].message, "cannot be read: it is a pipe, and nobody writes into it");
+}
+
+TEST(Check, pipe_is_read_to_its_end) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe(ends.data()), 0);
+    std::thread writer([end = ends[1]] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const std::string text = conf("weight 2\n");
+        EXPECT_EQ(write(end, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        close(end);
+    });
+    const auto findings = lbcheck::check("/proc/self/fd/" + std::to_string(ends[0])).findings;
+    writer.join();
+    close(ends[0]);
+    ASSERT_EQ(findings.size(), 1U);
+    EXPECT_EQ(findings[0].text, "weight 2");
 }
 
 TEST(Check, unknown_keyword_is_told_with_its_line) {
@@ -269,7 +301,9 @@ TEST(Check, probe_dropped_by_a_repeated_number_is_told) {
 
 TEST(Check, probes_of_one_target_are_told) {
     EXPECT_EQ(found_in(conf("rule 2 {\ntype ping {\ntarget 198.51.100.1\n}\n}\n")),
-              "2 warning 'interface eth0' probe 2 has the target of another one");
+              "2 warning 'interface eth0' probe 2 has the target of another one: both count in "
+              "one run of results, and where one succeeds and the other fails, the uplink may "
+              "reach neither count and stay as it is");
 }
 
 TEST(Check, rule_whose_namespace_has_no_interface_is_told) {
@@ -356,7 +390,7 @@ TEST(Check, limits_that_fail_every_run_are_told) {
 TEST(Check, times_that_leave_no_answer_are_told) {
     EXPECT_EQ(found_in(conf("", "timeout 0\n")),
               "9 warning 'timeout 0' leaves no time for an answer");
-    EXPECT_EQ(found_in(conf("", "resp-time 0\n")),
+    EXPECT_EQ(found_in(conf("rule 2 {\ntype ping {\ntarget 198.51.100.2\nresp-time 0\n}\n}\n")),
               "9 warning 'resp-time 0' leaves no time for an answer");
 }
 

@@ -66,6 +66,27 @@ TEST(DrawnOutages, have_the_frequency_and_the_length_that_were_asked_for) {
     EXPECT_NEAR(static_cast<double>(length_us) / count, 6e7, 3e6);
 }
 
+TEST(DrawnOutages, are_as_many_where_an_uplink_is_down_most_of_the_day) {
+    OutageModel model;
+    model.outages_per_day = 100;
+    model.mean_length_us = 600'000'000;
+    EXPECT_EQ(problem_of(model), "");
+    const auto events = draw_outages(uplinks_of({"gi1_1"}), 100 * day_us, model, 1);
+    EXPECT_NEAR(static_cast<double>(events.size()) / 2, 10'000, 300);
+}
+
+TEST(DrawnOutages, that_do_not_fit_into_a_day_are_refused) {
+    OutageModel model;
+    model.mean_length_us = 600'000'000;
+    model.outages_per_day = 144;
+    EXPECT_EQ(problem_of(model),
+              "--outages-per-day: so many outages of 10m do not fit into a day; fewer than 144 do");
+    model.outages_per_day = 143.9;
+    EXPECT_EQ(problem_of(model), "");
+    model.outages_per_day = 0;
+    EXPECT_EQ(problem_of(model), "");
+}
+
 TEST(DrawnOutages, begin_after_the_first_verdict_and_before_the_end) {
     for (const Event& event : draw_outages(uplinks_of({"gi1_1"}), day_us, {}, 2)) {
         EXPECT_GT(event.at_us, 60'000'000);

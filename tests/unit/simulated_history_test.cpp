@@ -191,10 +191,10 @@ TEST_F(WrittenHistory, of_a_newer_version_is_refused) {
 Trial trial_with(std::optional<int> failure_ct, std::int64_t left_after_s, int flaps) {
     Trial trial;
     trial.setting.failure_ct = failure_ct;
-    trial.dead.asked = 3;
-    trial.dead.followed = 2;
-    trial.dead.state_after_us = 2 * left_after_s * 1'000'000;
-    trial.dead.longest_state_after_us = left_after_s * 1'000'000;
+    trial.deaths = {.all = 3,
+                    .left = 2,
+                    .left_after_us = 2 * left_after_s * 1'000'000,
+                    .longest_us = left_after_s * 1'000'000};
     trial.all.flaps = flaps;
     return trial;
 }
@@ -219,23 +219,58 @@ TEST(Tuning, says_how_many_runs_it_made_and_marks_the_present_settings) {
     EXPECT_NE(text.find("     0 |" + std::string(60, ' ') + "f\n"), std::string::npos) << text;
 }
 
-TEST(Tuning, counts_the_rows_in_which_an_uplink_died) {
+Row row_of(std::int64_t at_s, Condition condition, bool was_active,
+           std::optional<std::int64_t> state_after_s) {
+    Row row{.at_us = at_s * 1'000'000, .condition = condition, .was_active = was_active};
+    if (state_after_s) {
+        row.state_after_us = *state_after_s * 1'000'000;
+    }
+    return row;
+}
+
+TEST(Tuning, sums_up_all_rows_and_uplinks) {
     Summary summary;
-    Row dead;
-    dead.condition = Condition::dead;
-    dead.state_after_us = 5'000'000;
-    Row good;
-    good.state_after_us = 9'000'000;
-    good.flaps = 2;
-    summary.rows = {dead, good};
+    summary.rows = {row_of(10, Condition::dead, true, 5), row_of(20, Condition::good, false, 9)};
+    summary.rows[1].flaps = 2;
     summary.uplinks.resize(2);
     summary.uplinks[0].changes = 3;
     summary.uplinks[1].changes = 4;
     const Trial trial = trial_of({}, summary);
-    EXPECT_EQ(trial.dead.followed, 1);
-    EXPECT_EQ(trial.dead.state_after_us, 5'000'000);
+    EXPECT_EQ(trial.deaths.all, 1);
+    EXPECT_EQ(trial.deaths.left, 1);
+    EXPECT_EQ(trial.deaths.left_after_us, 5'000'000);
     EXPECT_EQ(trial.all.flaps, 2);
     EXPECT_EQ(trial.changes, 7);
+}
+
+TEST(Tuning, counts_deaths_of_active_uplinks_whatever_they_died_of) {
+    Summary summary;
+    Row of_its_only_target = row_of(30, Condition::dead, true, 20);
+    of_its_only_target.is_expected = false;
+    Row of_another = row_of(160, Condition::dead, true, 7);
+    of_another.uplink = 1;
+    summary.rows = {
+        row_of(0, Condition::dead, false, {}),   of_its_only_target,
+        row_of(90, Condition::good, false, 8),   row_of(150, Condition::dead, true, {}),
+        row_of(155, Condition::good, true, {}),  of_another,
+        row_of(200, Condition::dead, true, {}),  row_of(205, Condition::good, true, {}),
+        row_of(300, Condition::dead, false, {}), row_of(310, Condition::dead, false, 3)};
+    const Trial trial = trial_of({}, summary);
+    EXPECT_EQ(trial.deaths.all, 4);
+    EXPECT_EQ(trial.deaths.left, 2);
+    EXPECT_EQ(trial.deaths.never_left(), 2);
+    EXPECT_EQ(trial.deaths.left_after_us, 27'000'000);
+    EXPECT_EQ(trial.deaths.longest_us, 20'000'000);
+}
+
+TEST(Tuning, takes_what_happens_within_a_death_for_a_part_of_it) {
+    Summary summary;
+    summary.rows = {row_of(10, Condition::dead, true, {}), row_of(14, Condition::dead, true, 3),
+                    row_of(30, Condition::dead, false, {}), row_of(40, Condition::good, false, 8)};
+    const Trial trial = trial_of({}, summary);
+    EXPECT_EQ(trial.deaths.all, 1);
+    EXPECT_EQ(trial.deaths.left, 1);
+    EXPECT_EQ(trial.deaths.left_after_us, 7'000'000);
 }
 
 }  // namespace

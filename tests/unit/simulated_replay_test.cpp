@@ -252,6 +252,42 @@ TEST(Gap, that_ends_with_the_target_still_silent_ends_no_outage) {
               "32s target 203.0.113.1 dead\n1m 35s not watched\n1m 45s watched again\n");
 }
 
+TEST(Gap, of_a_killed_watcher_moves_no_begin) {
+    // What was counted before the end of the first watcher is lost with it.
+    History history{.observations = {seen(0, 59, 0), seen(60, 0, 5), seen(120, 0, 55)},
+                    .turns = {failure(105.9)},
+                    .watches = {watch(0, 105.9), watch(114, 180)}};
+    EXPECT_EQ(text_of(replay_of(history, {}, one_uplink()).scenario),
+              "1m 27.9s target 203.0.113.1 dead\n1m 45.9s not watched\n1m 54s watched again\n");
+    // Started again at once, so that its parts touch.
+    history.watches = {watch(0, 105.9), watch(106.5, 180)};
+    EXPECT_EQ(text_of(replay_of(history, {}, one_uplink()).scenario),
+              "1m 27.9s target 203.0.113.1 dead\n");
+}
+
+TEST(Gap, of_a_killed_watcher_ends_what_was_before_where_the_next_one_begins) {
+    History history{.observations = {seen(0, 0, 10), seen(60, 0, 5), seen(120, 59, 0)},
+                    .turns = {},
+                    .watches = {watch(0, 90), watch(110, 180)}};
+    EXPECT_EQ(text_of(replay_of(history, {}, one_uplink()).scenario),
+              "0s target 203.0.113.1 dead\n1m 30s not watched\n1m 50s watched again\n"
+              "2m target 203.0.113.1 alive\n");
+    history.observations[0] = seen(0, 59, 0);
+    EXPECT_EQ(text_of(replay_of(history, {}, one_uplink()).scenario),
+              "1m 30s not watched\n1m 50s target 203.0.113.1 dead\n1m 50s watched again\n"
+              "2m target 203.0.113.1 alive\n");
+}
+
+TEST(Gap, of_a_killed_watcher_moves_no_outage_before_an_answer) {
+    const History history{.observations = {seen(0, 59, 0), seen(60, 0, 5), seen(120, 0, 55)},
+                          .turns = {failure(50), success(80)},
+                          .watches = {watch(0, 90), watch(90.5, 180)}};
+    const std::string text = text_of(replay_of(history, {}, one_uplink()).scenario);
+    EXPECT_EQ(text,
+              "32s target 203.0.113.1 dead\n1m 12s target 203.0.113.1 alive\n"
+              "1m 20s target 203.0.113.1 dead\n");
+}
+
 TEST(Gap, is_whatever_of_the_period_has_no_watch) {
     const auto replayed =
         replay_of({.observations = {seen(60, 59, 0)}, .watches = {watch(60, 120)}},

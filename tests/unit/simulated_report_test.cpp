@@ -304,10 +304,8 @@ TEST(Svg, every_uplink_has_a_row_of_its_own) {
 Trial trial(Setting setting, std::int64_t left_after_s, int flaps) {
     Trial made;
     made.setting = setting;
-    made.dead.asked = 3;
-    made.dead.followed = 2;
-    made.dead.state_after_us = 2 * left_after_s * s;
-    made.dead.longest_state_after_us = 30 * s;
+    made.deaths = {
+        .all = 3, .left = 2, .left_after_us = 2 * left_after_s * s, .longest_us = 30 * s};
     made.all.flaps = flaps;
     made.all.into_dead_us = 40 * s;
     made.all.left_unused_us = 5 * s;
@@ -362,7 +360,7 @@ TEST(TuningText, has_a_curve_below_its_table) {
 
 TEST(TuningJson, has_every_figure_and_null_where_nothing_was_left) {
     Trial never;
-    never.dead.asked = 1;
+    never.deaths.all = 1;
     const std::string text =
         tuning_json({trial({.success_ct = 2, .failure_ct = {}}, 5, 1), never}, 60 * s, 9);
     for (const char* const part :

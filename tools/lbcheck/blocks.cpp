@@ -1,6 +1,9 @@
 #include "lbcheck/blocks.h"
 
+#include <algorithm>
 #include <cstdlib>
+
+#include "config/keywords.h"
 
 namespace lbcheck {
 
@@ -27,6 +30,30 @@ bool closes_too_early(const std::vector<Statement>& statements) {
     return false;
 }
 
+/// By its keyword, a block belongs behind it.
+bool takes_block(const Statement& statement) {
+    if (statement.words.empty()) {
+        return false;
+    }
+    const std::string& word = statement.words[0];
+    const bool has_name = statement.words.size() > 1;
+    if (word == "health" || word == "target") {
+        return !has_name;
+    }
+    return has_name && (word == "rule" || word == "type" || is_interface_keyword(word));
+}
+
+bool lacks_bracket(const Statement& statement) {
+    return statement.is_first && !statement.opens && takes_block(statement);
+}
+
+/// Says nothing of a text whose lines all begin in one column.
+bool is_indented(const std::vector<Statement>& statements) {
+    return std::any_of(statements.begin(), statements.end(), [&](const Statement& one) {
+        return one.indentation != statements.front().indentation;
+    });
+}
+
 /// How deep a block stands where it belongs, by the word that opens it; -1 where that says nothing.
 int level_of(const Statement& statement) {
     if (!statement.opens || statement.words.empty()) {
@@ -38,7 +65,7 @@ int level_of(const Statement& statement) {
         (word == "rule" && has_name && statement.words[1].find("_ipv") != std::string::npos)) {
         return 0;
     }
-    if (word == "interface" || word == "interface6" || (word == "target" && !has_name)) {
+    if (is_interface_keyword(word) || (word == "target" && !has_name)) {
         return 1;
     }
     return word == "type" ? 3 : -1;
@@ -126,6 +153,30 @@ std::string Statement::text() const {
         all += all.empty() ? "{" : " {";
     }
     return closes ? "}" : all;
+}
+
+void open_missing(std::vector<Statement>& statements, std::set<int>& changed,
+                  std::vector<Finding>& causes) {
+    std::vector<Statement*> missing;
+    const bool tells = is_indented(statements);
+    for (std::size_t i = 0; i < statements.size(); ++i) {
+        const bool has_inside = i + 1 < statements.size() && statements[i + 1].is_first &&
+                                statements[i + 1].indentation > statements[i].indentation;
+        if (lacks_bracket(statements[i]) && (has_inside || !tells)) {
+            missing.push_back(&statements[i]);
+        }
+    }
+    if (!tells && static_cast<int>(missing.size()) != -surplus_of(statements)) {
+        return;
+    }
+    for (Statement* const one : missing) {
+        causes.push_back({.line = one->line,
+                          .severity = Severity::error,
+                          .text = one->text(),
+                          .message = "'{' is missing at the end of this line"});
+        one->opens = true;
+        changed.insert(one->line);
+    }
 }
 
 void balance(std::vector<Statement>& statements, std::vector<Finding>& causes) {

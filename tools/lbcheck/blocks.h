@@ -1,11 +1,12 @@
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
 #include "lbcheck/findings.h"
 
-/// Blocks that do not end, and brackets that end nothing. Pure.
+/// Blocks that do not begin or do not end, and brackets that end nothing. Pure.
 namespace lbcheck {
 
 /// A line's words, or one of its closing brackets.
@@ -21,6 +22,12 @@ struct Statement {
 
     std::string text() const;
 };
+
+/// Opens the blocks whose bracket is missing: what has one by its keyword and is indented less than
+/// the line behind it. In a text without any indentation, those that the closing brackets ask for.
+/// `changed` gets their lines.
+void open_missing(std::vector<Statement>& statements, std::set<int>& changed,
+                  std::vector<Finding>& causes);
 
 /// Where brackets do not match, puts in those that are missing and takes out those too many: where
 /// the indentation tells, else where a keyword stands that belongs further out. Where neither does,

@@ -124,10 +124,15 @@ class Judge {
 
     void judge_time(const std::string& place, const LBHealth& health) {
         constexpr int long_s = 30;
-        const int down_s = expected_change(health).down_s;
-        if (down_s > long_s) {
-            warn(place, "an outage is noticed after about " + std::to_string(down_s) +
+        constexpr int longest_wait_s = 300;  // five minutes may be meant, for a line that flaps
+        const ExpectedChange expected = expected_change(health);
+        if (expected.down_s > long_s) {
+            warn(place, "an outage is noticed after about " + std::to_string(expected.down_s) +
                             " s only: lower resp-time or failure-ct");
+        }
+        if (expected.up_s > longest_wait_s) {
+            warn(place, "answers bring it up after about " + std::to_string(expected.up_s) +
+                            " s only: lower success-ct");
         }
     }
 
@@ -174,6 +179,9 @@ class Judge {
     }
 
     void judge_source(const std::string& place, const LBHealth& health) {
+        if (!health.source_address.empty() && health.source_address == health.nexthop) {
+            warn(place, "its source_address is its next hop: the answers go there");
+        }
         const bool asks_beyond_link =
             std::any_of(health.tests6.begin(), health.tests6.end(), [&health](const auto& entry) {
                 const std::string& target = entry.second->target;
@@ -192,7 +200,10 @@ class Judge {
         for_each_probe(health, [&](int number, const Probe& probe) {
             if (!targets.insert(probe.target).second) {
                 add(place, Severity::warning, place,
-                    "probe " + std::to_string(number) + " has the target of another one");
+                    "probe " + std::to_string(number) +
+                        " has the target of another one: both count in one run of results, and "
+                        "where one succeeds and the other fails, the uplink may reach neither "
+                        "count and stay as it is");
             }
         });
         judge_replaced_targets(place, health, targets);
@@ -226,15 +237,34 @@ class Judge {
         if (work_in(rule.namespace_name, is_ipv6).interfaces == 0) {
             warn(place, "no interface of its family lies in its namespace: no worker serves it");
         }
-        if (!read_rule_key(name)) {
-            warn(place,
-                 "is not called NUMBER_ipv4 or NUMBER_ipv6: the dump of the rules ends here");
-        }
+        judge_number(place, name);
         for (const auto& [prefix, metric] : rule.targets) {
             judge_prefix(place, rule, prefix, is_ipv6);
         }
         for (const auto& [member, weight] : rule.interfaces) {
             judge_member(place, rule, member, weight, is_ipv6);
+        }
+    }
+
+    /// The dumps have a rule's number and family, not its name.
+    void judge_number(const std::string& place, const std::string& name) {
+        const auto key = read_rule_key(name);
+        if (!key) {
+            warn(place,
+                 "is not called NUMBER_ipv4 or NUMBER_ipv6: the dump of the rules ends here");
+            return;
+        }
+        if (!problem_of_number(name.substr(0, name.find('_'))).empty()) {
+            warn(place,
+                 "its number has more than 32 bits: the dumps, lbshow and lbwatch show "
+                 "another one");
+        }
+        const auto [first, is_new] =
+            rule_by_number_.try_emplace({key->number, key->is_ipv6}, place);
+        if (!is_new) {
+            warn(place, "has the number of " + first->second +
+                            ": the dumps, lbshow and lbwatch cannot tell them apart; give it "
+                            "another number");
         }
     }
 
@@ -287,6 +317,8 @@ class Judge {
     /// how it is written there.
     std::map<std::tuple<std::string, bool, std::string>, std::pair<std::string, std::string>>
         routed_by_;
+    /// Number and family of each rule so far, with the first that has them.
+    std::map<std::pair<int, bool>, std::string> rule_by_number_;
     /// Namespace, family and next hop of each uplink so far, with the first that has it.
     std::map<std::tuple<std::string, bool, std::string>, std::string> uplink_by_next_hop_;
 };

@@ -352,6 +352,7 @@ MendedText mend_layout(const std::string& bytes, const std::string& path) {
     Cutter cutter;
     cutter.cut(lines);
     cutter.tell(mended.causes);
+    open_missing(cutter.statements, cutter.changed, mended.causes);
     balance(cutter.statements, mended.causes);
     Speller(cutter.statements, cutter.changed, mended.causes).spell_all();
     if (mended.causes.empty()) {

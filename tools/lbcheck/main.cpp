@@ -5,6 +5,7 @@
 
 #include "lbcheck/findings.h"
 #include "lbcheck/live_findings.h"
+#include "shared/command_line.h"
 #include "shared/standard_output.h"
 #include "shared/usual_paths.h"
 #include <CLI/CLI.hpp>
@@ -52,6 +53,7 @@ int main(int argc, char* argv[]) {
         "silently ignore; with --live also whether this router lets it work. Exit status: 0, 1 "
         "for warnings with --strict, 2 for errors.",
         "lbcheck");
+    app.failure_message(shared::failure_text);
     app.set_version_flag("--version", "lbcheck " LB_VERSION);
     app.add_option("FILE", options.path, "the configuration; with --live /etc/lb.conf by default");
     app.add_flag("--strict", options.is_strict,

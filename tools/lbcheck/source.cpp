@@ -14,7 +14,8 @@
 namespace lbcheck {
 
 Source read_source(const std::string& path, std::size_t most_bytes) {
-    const Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // Without waiting for a writer, who may never come.
+    const Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
     if (!file.is_open() || fstat(file.get(), &status) != 0) {
         return {.bytes = "", .problem = strerror(errno)};
@@ -22,6 +23,7 @@ Source read_source(const std::string& path, std::size_t most_bytes) {
     if (S_ISDIR(status.st_mode)) {
         return {.bytes = "", .problem = std::string(strerror(EISDIR)) + ": name a file in it"};
     }
+    fcntl(file.get(), F_SETFL, 0);  // but for what a writer has to say yet
     Source source;
     std::array<char, 65536> buffer{};
     for (;;) {
@@ -31,6 +33,9 @@ Source read_source(const std::string& path, std::size_t most_bytes) {
         }
         if (count < 0) {
             return {.bytes = "", .problem = strerror(errno)};
+        }
+        if (count == 0 && source.bytes.empty() && S_ISFIFO(status.st_mode)) {
+            return {.bytes = "", .problem = "it is a pipe, and nobody writes into it"};
         }
         if (count == 0) {
             return source;

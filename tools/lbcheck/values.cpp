@@ -7,7 +7,9 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
+#include <optional>
 
 #include "base/address_text.h"
 #include "config/keywords.h"
@@ -75,6 +77,8 @@ std::string problem_of_host_bits(const Address& address, int length) {
                      text_of(network) + "/" + std::to_string(length);
 }
 
+constexpr std::array usual_names{"ppp", "wg", "tun"};
+
 constexpr const char* no_neighbour = "no neighbour has this address: nothing is ever sent there";
 
 }  // namespace
@@ -100,27 +104,37 @@ std::string problem_of_prefix(int family, const std::string& text) {
                              : problem_of_host_bits(*parse_ipv6(address), length);
 }
 
-std::string problem_of_next_hop(int family, const std::string& text) {
+bool is_of_a_host(int family, const std::string& text) {
     if (family == AF_INET) {
         const auto address = parse_ipv4(text);
         constexpr std::uint8_t loopback = 127;
         constexpr std::uint8_t first_multicast = 224;  // and reserved, and broadcast
-        const bool is_neighbour = !address || ((*address)[0] != 0 && (*address)[0] != loopback &&
-                                               (*address)[0] < first_multicast);
-        return is_neighbour ? "" : no_neighbour;
+        return !address ||
+               ((*address)[0] != 0 && (*address)[0] != loopback && (*address)[0] < first_multicast);
     }
     const auto address = parse_ipv6(text);
-    if (!address) {
-        return "";
-    }
     constexpr std::uint8_t multicast = 0xff;
     const Ipv6Bytes unspecified{};
     Ipv6Bytes loopback{};
     loopback.back() = 1;
-    if ((*address)[0] == multicast || *address == unspecified || *address == loopback) {
+    return !address ||
+           ((*address)[0] != multicast && *address != unspecified && *address != loopback);
+}
+
+bool is_usually_without_ethernet(const std::string& ifname) {
+    // wwan is not among them: some modems speak Ethernet.
+    return std::any_of(usual_names.begin(), usual_names.end(), [&ifname](const char* begin) {
+        const std::string rest = ifname.starts_with(begin) ? ifname.substr(strlen(begin)) : "x";
+        return rest.empty() || std::isalpha(static_cast<unsigned char>(rest[0])) == 0;
+    });
+}
+
+std::string problem_of_next_hop(int family, const std::string& text) {
+    if (!is_of_a_host(family, text)) {
         return no_neighbour;
     }
-    const std::string printed = text_of(*address);
+    const auto address = family == AF_INET6 ? parse_ipv6(text) : std::nullopt;
+    const std::string printed = address ? text_of(*address) : text;
     return printed == text ? ""
                            : "the kernel prints it otherwise, so it is never found among the "
                              "neighbours; write " +

@@ -19,6 +19,10 @@ std::string problem_of_prefix(int family, const std::string& text);
 /// Why no frame or route ever goes to the next hop, an address of that family; empty for one that
 /// may work.
 std::string problem_of_next_hop(int family, const std::string& text);
+/// Whether a host can have it, an address of that family.
+bool is_of_a_host(int family, const std::string& text);
+/// PPP, WireGuard and other tunnels as they are usually called: their frames have no addresses.
+bool is_usually_without_ethernet(const std::string& ifname);
 /// Why no interface has the name, or no network namespace; empty for one that some may have.
 std::string problem_of_interface_name(const std::string& name);
 std::string problem_of_namespace_name(const std::string& name);

@@ -56,6 +56,11 @@ bool is_blank(const std::string& text) {
     return text.find_first_not_of(" \t\r\n") == std::string::npos;
 }
 
+/// No name that would let IPv4 echoes leave by a socket.
+bool is_unreachable_by_frames(const std::string& ifname) {
+    return is_usually_without_ethernet(ifname) && !echoes_through_tunnel(ifname);
+}
+
 bool is_health(const HandledStatement& statement) {
     return statement.blocks[0] == "health";
 }
@@ -114,6 +119,7 @@ void Watcher::statement(const HandledStatement& statement) {
             judge_acted(statement, text);
             break;
         case Handled::dropped:
+            is_extended_ = false;  // nothing tells what the first one is
             add(Severity::warning, text,
                 "the number of this rule has a probe already: this one is dropped, its lines act "
                 "on the first");
@@ -236,6 +242,7 @@ void Watcher::judge_acted(const HandledStatement& statement, const std::string& 
     }
     if (is_health(statement)) {
         judge_way_of_echoes(key, value, text);
+        judge_time_of_run(key, value, text);
     }
     if (!is_health(statement) && key == "metric") {
         add(Severity::warning, text,
@@ -273,11 +280,29 @@ void Watcher::judge_way_of_echoes(const std::string& key, const std::string& val
         add(Severity::warning, text,
             "a tunnel or modem by its name: its IPv6 probes leave as Ethernet frames, which "
             "neither can send; use an Ethernet interface for IPv6");
+    } else if (is_interface_keyword(key) && is_unreachable_by_frames(value)) {
+        add(Severity::warning, text,
+            std::string("by its name a link without Ethernet addresses, into which frames are sent "
+                        "in vain; ") +
+                (key == "interface6" ? "use an Ethernet interface for IPv6"
+                                     : "give it a name with 'gre' or 'ip4ip4' in it, or for type "
+                                       "ping 'modem'"));
     } else if (key == "type" && value == "ping_ext" && echoes_through_tunnel(interface_) &&
                !pings_through_tunnel(interface_)) {
         add(Severity::warning, text,
             "a modem by its name: extended pings leave as Ethernet frames, which it cannot send; "
             "write type ping");
+    }
+}
+
+/// B73: the dumps show the time all the same.
+void Watcher::judge_time_of_run(const std::string& key, const std::string& value,
+                                const std::string& text) {
+    if (key == "type" || is_interface_keyword(key)) {
+        is_extended_ = key == "type" && value == "ping_ext";
+    } else if (key == "resp-time" && is_extended_) {
+        add(Severity::warning, text,
+            "acts on nothing in a ping_ext: how long each echo is waited for is its timeout");
     }
 }
 
@@ -297,9 +322,16 @@ void Watcher::judge_address(const HandledStatement& statement, const std::string
         return;
     }
     const bool is_literal = key == "source_address" || key == "target";
-    if (is_literal && !is_address(family_of(is_ipv6_), value)) {
+    if (!is_literal) {
+        return;
+    }
+    if (!is_address(family_of(is_ipv6_), value)) {
         add(Severity::error, text,
             std::string(no_address) + (key == "target" ? ": the probe is never sent" : ""));
+    } else if (!is_of_a_host(family_of(is_ipv6_), value)) {
+        add(Severity::warning, text,
+            key == "target" ? "no host has this address: nothing ever answers"
+                            : "no host has this address: nothing can be answered to it");
     }
 }
 
@@ -309,7 +341,8 @@ void Watcher::judge_next_hop(const std::string& value, const std::string& text) 
         add(Severity::error, text, "an IPv6 probe needs a configured next hop: it is never sent");
         return;
     }
-    if (value == "tunnel" && !echoes_through_tunnel(interface_)) {
+    if (value == "tunnel" && !echoes_through_tunnel(interface_) &&
+        !is_unreachable_by_frames(interface_)) {
         add(Severity::warning, text,
             "probes of " + interface_ +
                 " leave as Ethernet frames, as it is no tunnel by name: only names with 'gre', "
@@ -340,7 +373,7 @@ void Watcher::judge_limit(const std::string& key, const std::string& value,
         add(Severity::warning, text, "a " + key + " limit of 0 fails every run");
     } else if (key == "count" && number <= 0) {
         add(Severity::warning, text, "a count of 0 fails every run");
-    } else if ((key == "timeout" || key == "resp-time") && number <= 0) {
+    } else if ((key == "timeout" || (key == "resp-time" && !is_extended_)) && number <= 0) {
         add(Severity::warning, text, "leaves no time for an answer");
     } else if (key == "timeout" && number % ms_per_s != 0 && pings_through_tunnel(interface_)) {
         add(Severity::error, text, "on a tunnel only whole seconds work: every run fails");

@@ -38,6 +38,8 @@ class Watcher : public LoadObserver {
     void judge_acted(const HandledStatement& statement, const std::string& text);
     void judge_way_of_echoes(const std::string& key, const std::string& value,
                              const std::string& text);
+    void judge_time_of_run(const std::string& key, const std::string& value,
+                           const std::string& text);
     void judge_repetition(const HandledStatement& statement, const std::string& text);
     void judge_address(const HandledStatement& statement, const std::string& text);
     void judge_next_hop(const std::string& value, const std::string& text);
@@ -57,6 +59,7 @@ class Watcher : public LoadObserver {
     std::string interface_;  // the latest below health
     std::string interface_place_;
     bool is_ipv6_ = false;
+    bool is_extended_ = false;  // the latest type of probe
     /// The depth and keyword of what has one value in the blocks that are open -> its line.
     std::map<std::pair<int, std::string>, int> given_;
     std::string rule_;  // the latest rule

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
@@ -15,6 +16,7 @@
 #include "dumps/freshness.h"
 #include "dumps/in_force.h"
 #include "lbshow/views.h"
+#include "shared/command_line.h"
 #include "shared/plain_text.h"
 #include "shared/standard_output.h"
 #include "shared/usual_paths.h"
@@ -126,8 +128,8 @@ int watch(const Options& options) {
 
 bool is_number(const std::string& word) {
     char* end = nullptr;
-    strtod(word.c_str(), &end);
-    return !word.empty() && *end == '\0';
+    const double number = strtod(word.c_str(), &end);
+    return !word.empty() && *end == '\0' && std::isfinite(number);
 }
 
 /// The words of the command line, last one first. `--watch` takes the word behind it only where
@@ -150,6 +152,7 @@ std::vector<std::string> words_of(int argc, char* argv[]) {
 int main(int argc, char* argv[]) {
     Options options;
     CLI::App app(description, "lbshow");
+    app.failure_message(shared::failure_text);
     app.set_version_flag("--version", "lbshow " LB_VERSION);
     app.add_option("what", options.what, "interfaces, rules or routes; all three by default")
         ->check(CLI::IsMember({"interfaces", "rules", "routes"}));
@@ -170,7 +173,8 @@ int main(int argc, char* argv[]) {
         app.add_option("--watch", options.pause_s, "show again every 2, or so many, seconds")
             ->type_name("[SECONDS]")
             ->expected(0, 1)
-            ->check(CLI::Range(0.1, 86400.0));
+            ->check(CLI::Range(0.1, 86400.0))
+            ->check(shared::problem_of_nan);
     app.add_option(
            "--stale-after", options.stale_after_s,
            "the age from which on dumps are stale (15; 60 for a family with extended pings)")

@@ -8,9 +8,13 @@
 #include <string_view>
 #include <utility>
 
+#include "lbsim/scenario_text.h"
+
 namespace lbsim {
 
 namespace {
+
+constexpr double day_us = 8.64e10;
 
 /// The standard's engine gives the same numbers everywhere; its distributions do not.
 class Draws {
@@ -143,6 +147,16 @@ bool parse_kinds(const std::string& text, OutageModel& model) {
     return true;
 }
 
+std::string problem_of(const OutageModel& model) {
+    const double share = model.outages_per_day * static_cast<double>(model.mean_length_us) / day_us;
+    if (share < 1) {
+        return "";
+    }
+    const double limit = std::ceil(day_us / static_cast<double>(model.mean_length_us));
+    return "--outages-per-day: so many outages of " + shown_duration(model.mean_length_us) +
+           " do not fit into a day; fewer than " + std::to_string(std::llround(limit)) + " do";
+}
+
 Scenario draw_outages(const std::vector<Uplink>& uplinks, std::int64_t duration_us,
                       const OutageModel& model, std::uint64_t seed) {
     std::map<std::string, Line> lines;
@@ -155,7 +169,8 @@ Scenario draw_outages(const std::vector<Uplink>& uplinks, std::int64_t duration_
     if (model.outages_per_day <= 0) {
         return events;
     }
-    const auto mean_gap_us = static_cast<std::int64_t>(8.64e10 / model.outages_per_day);
+    const std::int64_t mean_gap_us =
+        static_cast<std::int64_t>(day_us / model.outages_per_day) - model.mean_length_us;
     for (const auto& [name, line] : lines) {
         Draws draws(seed, name);
         std::int64_t at_us = line.start_us;

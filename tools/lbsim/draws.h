@@ -26,10 +26,13 @@ struct OutageModel {
 /// where it is none.
 bool parse_kinds(const std::string& text, OutageModel& model);
 
+/// Why nothing can be drawn from it; empty where something can.
+std::string problem_of(const OutageModel& model);
+
 /// Outages of each uplink (of both families at once) until the end, beginning when it has been
 /// judged for the first time. An outage and the time until the next one are distributed
-/// exponentially; those of one uplink never overlap. What one uplink meets does not depend on the
-/// others.
+/// exponentially; those of one uplink never overlap, and as many begin in a day as the model says.
+/// What one uplink meets does not depend on the others.
 Scenario draw_outages(const std::vector<Uplink>& uplinks, std::int64_t duration_us,
                       const OutageModel& model, std::uint64_t seed);
 

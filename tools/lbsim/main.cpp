@@ -15,6 +15,7 @@
 #include "lbsim/session.h"
 #include "lbsim/svg.h"
 #include "lbsim/tune.h"
+#include "shared/command_line.h"
 #include "shared/standard_output.h"
 #include "shared/time_text.h"
 #include <CLI/CLI.hpp>
@@ -113,6 +114,9 @@ Course drawn_course(const Options& options, const std::vector<Uplink>& uplinks) 
     if (!options.kinds.empty()) {
         parse_kinds(options.kinds, model);
     }
+    if (const std::string problem = problem_of(model); !problem.empty()) {
+        throw Unusable{"lbsim: " + problem + '\n'};
+    }
     const double days = options.days.value_or(options.is_tuned ? tuning_days : default_days);
     const std::int64_t duration_us =
         parse_duration(options.duration).value_or(static_cast<std::int64_t>(days * 8.64e10));
@@ -210,7 +214,7 @@ int run(const Options& options) {
 }
 
 void add_options(CLI::App& app, Options& options) {
-    app.add_option("CONF", options.configuration, "the configuration")->required();
+    app.add_option("CONF", options.configuration, "the configuration");
     auto* const scenario =
         app.add_option("SCENARIO", options.scenario, "what happens, one event a line")
             ->check(valid_file);
@@ -248,10 +252,12 @@ void add_options(CLI::App& app, Options& options) {
             ->excludes(replay);
     app.add_option("--days", options.days, "of --random; 30 by default")
         ->check(CLI::Range(0.01, 36500.0))
+        ->check(shared::problem_of_nan)
         ->needs(random);
     app.add_option("--outages-per-day", options.model.outages_per_day,
                    "of each uplink with --random; 4 by default")
         ->check(CLI::Range(0.0, 10000.0))
+        ->check(shared::problem_of_nan)
         ->needs(random);
     app.add_option("--mean-outage", options.mean_outage,
                    "mean length of an outage with --random; 2m by default")
@@ -278,10 +284,15 @@ int main(int argc, char* argv[]) {
         "it would have done. Without a scenario: each single failure of an uplink or a target in "
         "turn. Nothing of this machine is asked or changed. Exit status: 0, or 2 for errors.",
         "lbsim");
+    app.failure_message(shared::failure_text);
     app.set_version_flag("--version", "lbsim " LB_VERSION);
     add_options(app, options);
     try {
         app.parse(argc, argv);
+        // Behind what the library complains of: an unknown option is told before.
+        if (options.configuration.empty()) {
+            throw CLI::RequiredError("CONF");
+        }
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : 2;
     }

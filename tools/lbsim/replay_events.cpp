@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -21,8 +22,7 @@ struct Condition {
     }
 };
 
-Condition condition_of(const Observation& one, std::int64_t until_ms) {
-    const Part part{one.at_ms, until_ms};
+Condition condition_of(const Observation& one, const Part& part) {
     if (one.missed == 0 || one.answered == 0) {
         return {.part = part, .change = one.missed == 0 ? Change::alive : Change::dead};
     }
@@ -43,6 +43,36 @@ bool is_explained(const Observation& one, const std::vector<Outage>& outages) {
             }));
 }
 
+/// When the observation begins to tell how the target was. The counts of a minute in which a
+/// watcher was killed are those of the next one alone: where nothing was answered in them, that
+/// holds from its begin on, and from what a verdict of that minute tells.
+std::int64_t begin_of(const Observation& one, const Recorded& recorded,
+                      const std::vector<Outage>& outages) {
+    if (one.answered > 0) {
+        return one.at_ms;
+    }
+    const Part minute{one.at_ms, one.at_ms + minute_ms};
+    std::int64_t begin_ms = one.at_ms;
+    const auto take = [&](std::int64_t at_ms) {
+        begin_ms = at_ms < minute.end_ms ? std::max(begin_ms, at_ms) : begin_ms;
+    };
+    const auto behind =
+        std::partition_point(recorded.watched.begin(), recorded.watched.end(),
+                             [&minute](const Part& part) { return part.begin_ms < minute.end_ms; });
+    if (behind != recorded.watched.begin()) {
+        take(std::prev(behind)->begin_ms);
+    }
+    for (const Outage& outage : outages_of(minute, outages)) {
+        if (outage.failed) {
+            take(outage.silent.begin_ms);
+        }
+        if (outage.returned) {
+            take(outage.returned->at_ms);
+        }
+    }
+    return begin_ms;
+}
+
 /// What was not as at the start, in the order of time, without overlaps. What was seen lasts until
 /// the next look; what an outage explains is the outage's.
 std::vector<Condition> conditions_at(const Recorded& recorded, const TargetRecord& record,
@@ -50,11 +80,14 @@ std::vector<Condition> conditions_at(const Recorded& recorded, const TargetRecor
     std::vector<Condition> conditions;
     for (std::size_t i = 0; i < record.seen.size(); ++i) {
         const Observation& one = *record.seen[i];
-        const std::int64_t until_ms =
-            i + 1 < record.seen.size() ? record.seen[i + 1]->at_ms : all.end_ms;
-        if (one.missed > 0 && !is_explained(one, record.outages)) {
-            conditions.push_back(condition_of(one, until_ms));
+        if (one.missed == 0 || is_explained(one, record.outages)) {
+            continue;
         }
+        const std::int64_t until_ms = i + 1 < record.seen.size()
+                                          ? begin_of(*record.seen[i + 1], recorded, record.outages)
+                                          : all.end_ms;
+        conditions.push_back(
+            condition_of(one, {begin_of(one, recorded, record.outages), until_ms}));
     }
     for (const Outage& outage : record.outages) {
         Part silent = outage.silent;

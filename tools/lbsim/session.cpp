@@ -86,9 +86,11 @@ void write_file(const std::string& path, const std::string& text) {
 
 Scenario read_scenario(const std::string& path, const std::vector<Uplink>& uplinks) {
     ParsedScenario parsed = parse_scenario(read_file(path));
-    if (parsed.errors.empty()) {
-        parsed.errors = check_scenario(parsed.events, uplinks);
-    }
+    const auto unfit = check_scenario(parsed.events, uplinks);
+    parsed.errors.insert(parsed.errors.end(), unfit.begin(), unfit.end());
+    std::stable_sort(
+        parsed.errors.begin(), parsed.errors.end(),
+        [](const ScenarioError& one, const ScenarioError& other) { return one.line < other.line; });
     if (!parsed.errors.empty()) {
         throw Unusable{errors_text(path, parsed.errors)};
     }

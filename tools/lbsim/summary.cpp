@@ -86,6 +86,7 @@ Row UplinkStory::row(std::int64_t from_us, std::int64_t to_us, std::string event
     const bool is_open =
         is_of_target || row.condition == Condition::impaired || row.condition == Condition::unknown;
     const bool wants_active = is_open ? !is_active : row.condition == Condition::good;
+    row.was_active = is_active;
     row.is_expected = !is_open && wants_active != is_active;
     const auto followed = active.first(wants_active, from_us, to_us);
     if (wants_active != is_active && followed) {

@@ -16,9 +16,10 @@ namespace lbsim {
 /// What an event led to at one uplink, until the next event that concerns it.
 struct Row {
     std::int64_t at_us = 0;
-    std::string event{};     ///< "start", or as the scenario has it
-    std::size_t uplink = 0;  ///< of the configuration's
-    Condition condition{};   ///< from then on
+    std::string event{};      ///< "start", or as the scenario has it
+    std::size_t uplink = 0;   ///< of the configuration's
+    Condition condition{};    ///< from then on
+    bool was_active = false;  ///< at its beginning
     /// The condition asks for a change of state. An impaired or unknown uplink, and one of whose
     /// targets alone something happened to, may go either way.
     bool is_expected = true;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <map>
 
 #include "lbsim/scenario.h"
 #include "lbsim/scenario_text.h"
@@ -21,10 +22,10 @@ std::string shown_count(const std::optional<int>& count) {
 
 /// Seconds until a dead uplink was left, on average; nothing where none was.
 std::optional<double> detection_s(const Trial& trial) {
-    if (trial.dead.followed == 0) {
+    if (trial.deaths.left == 0) {
         return std::nullopt;
     }
-    return static_cast<double>(trial.dead.state_after_us) / 1e6 / trial.dead.followed;
+    return static_cast<double>(trial.deaths.left_after_us) / 1e6 / trial.deaths.left;
 }
 
 struct Extent {
@@ -77,6 +78,37 @@ std::string curve_text(const std::vector<Trial>& trials) {
            "\n        @ as configured, f another failure-ct, s another success-ct\n";
 }
 
+Deaths deaths_of(const std::vector<Row>& rows) {
+    struct Death {
+        std::int64_t begin_us = 0;
+        bool is_left = false;
+    };
+    Deaths deaths;
+    std::map<std::size_t, Death> open;  // by uplink
+    for (const Row& row : rows) {
+        if (row.condition != Condition::dead) {
+            open.erase(row.uplink);
+            continue;
+        }
+        const bool is_open = open.contains(row.uplink);
+        if (!is_open && !row.was_active) {
+            continue;
+        }
+        if (!is_open) {
+            ++deaths.all;
+        }
+        Death& death = open.try_emplace(row.uplink, Death{.begin_us = row.at_us}).first->second;
+        if (!death.is_left && row.state_after_us) {
+            const std::int64_t after_us = row.at_us + *row.state_after_us - death.begin_us;
+            death.is_left = true;
+            ++deaths.left;
+            deaths.left_after_us += after_us;
+            deaths.longest_us = std::max(deaths.longest_us, after_us);
+        }
+    }
+    return deaths;
+}
+
 std::string number(double value) {
     char text[32];
     snprintf(text, sizeof text, "%.2f", value);
@@ -100,10 +132,8 @@ Trial trial_of(const Setting& setting, const Summary& summary) {
     Trial trial{.setting = setting};
     for (const Row& row : summary.rows) {
         trial.all.add(row);
-        if (row.condition == Condition::dead) {
-            trial.dead.add(row);
-        }
     }
+    trial.deaths = deaths_of(summary.rows);
     for (const UplinkTotal& total : summary.uplinks) {
         trial.changes += total.changes;
     }
@@ -119,10 +149,10 @@ std::string tuning_text(const std::vector<Trial>& trials, std::int64_t duration_
         table.add({trial.setting.is_present() ? "@" : "", shown_count(trial.setting.failure_ct),
                    shown_count(trial.setting.success_ct),
                    at_s ? shown_seconds(static_cast<std::int64_t>(*at_s * 1e6)) : "-",
-                   at_s ? shown_seconds(trial.dead.longest_state_after_us) : "-",
-                   std::to_string(trial.dead.asked - trial.dead.followed),
-                   shown_seconds(trial.all.into_dead_us), shown_seconds(trial.all.left_unused_us),
-                   std::to_string(trial.changes), std::to_string(trial.all.flaps)});
+                   at_s ? shown_seconds(trial.deaths.longest_us) : "-",
+                   std::to_string(trial.deaths.never_left()), shown_seconds(trial.all.into_dead_us),
+                   shown_seconds(trial.all.left_unused_us), std::to_string(trial.changes),
+                   std::to_string(trial.all.flaps)});
     }
     return std::to_string(trials.size()) + " runs of " + shown_duration(duration_us) +
            " each, in the same world with the same draws:\n\n" + table.text() + '\n' +
@@ -142,8 +172,8 @@ std::string tuning_json(const std::vector<Trial>& trials, std::int64_t duration_
                             {"failure_ct", count(trial.setting.failure_ct)},
                             {"success_ct", count(trial.setting.success_ct)},
                             {"left_after_s", at_s ? Json(*at_s) : Json()},
-                            {"deaths", trial.dead.asked},
-                            {"never_left", trial.dead.asked - trial.dead.followed},
+                            {"deaths", trial.deaths.all},
+                            {"never_left", trial.deaths.never_left()},
                             {"into_dead_s", static_cast<double>(trial.all.into_dead_us) / 1e6},
                             {"left_unused_s", static_cast<double>(trial.all.left_unused_us) / 1e6},
                             {"changes", trial.changes},

@@ -22,10 +22,21 @@ struct Setting {
 /// `success-ct` with the configured `failure-ct`.
 std::vector<Setting> settings_to_try();
 
+/// Times that an active uplink died, from the moment that nothing got through any more until
+/// something did, whatever else happened to it meanwhile.
+struct Deaths {
+    int all = 0;
+    int left = 0;                    ///< those in which the uplink became inactive
+    std::int64_t left_after_us = 0;  ///< the sum over these
+    std::int64_t longest_us = 0;
+
+    int never_left() const { return all - left; }
+};
+
 /// What one setting led to.
 struct Trial {
     Setting setting{};
-    Totals dead{};  ///< of the rows in which an uplink died
+    Deaths deaths{};
     Totals all{};
     int changes = 0;
 };

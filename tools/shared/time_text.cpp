@@ -57,22 +57,53 @@ std::optional<std::int64_t> age_ms(const std::string& text) {
                          : std::nullopt;
 }
 
+/// The library takes the 31st of February for the 3rd of March.
+bool is_day_of(const std::tm& written) {
+    std::tm day{};
+    day.tm_year = written.tm_year;
+    day.tm_mon = written.tm_mon;
+    day.tm_mday = written.tm_mday;
+    timegm(&day);
+    return day.tm_mon == written.tm_mon && day.tm_mday == written.tm_mday;
+}
+
+/// Nothing where the clocks were set forward past it.
+std::optional<std::int64_t> local_ms(const std::tm& written) {
+    std::tm local = written;
+    local.tm_isdst = -1;
+    const std::int64_t at_ms = std::int64_t{mktime(&local)} * second_ms;
+    return local.tm_hour == written.tm_hour && local.tm_min == written.tm_min
+               ? std::make_optional(at_ms)
+               : std::nullopt;
+}
+
+/// A day begins an hour late where the clocks are set forward at midnight.
+std::optional<std::int64_t> day_ms(std::tm day) {
+    const auto midnight = local_ms(day);
+    ++day.tm_hour;
+    return midnight ? midnight : local_ms(day);
+}
+
 std::optional<std::int64_t> date_ms(const std::string& text) {
+    constexpr const char* day_alone = "%Y-%m-%d";
     for (const char* format : {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M",
-                               "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
+                               "%Y-%m-%d %H:%M", day_alone}) {
         std::tm date{};
-        date.tm_isdst = -1;
         const char* const rest = strptime(text.c_str(), format, &date);
         if (rest == nullptr) {
             continue;
         }
         const std::string zone = rest;
-        if (zone.empty()) {
-            return std::int64_t{mktime(&date)} * second_ms;
+        if (!zone.empty() && zone != "Z") {
+            continue;
+        }
+        if (!is_day_of(date)) {
+            return std::nullopt;
         }
         if (zone == "Z") {
             return std::int64_t{timegm(&date)} * second_ms;
         }
+        return format == day_alone ? day_ms(date) : local_ms(date);
     }
     return std::nullopt;
 }

@@ -73,7 +73,7 @@ TEST(Uplinks, dumps_tell_the_next_hop_in_force_and_who_is_active) {
 }
 
 TEST(Uplinks, dumps_tell_who_learns_its_next_hop) {
-    lbshow::Interface dumped;
+    dumps::Interface dumped;
     dumped.name = "gi1_5";
     dumped.family = 4;
     dumped.nexthop = "203.0.113.1";

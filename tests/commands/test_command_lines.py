@@ -60,18 +60,21 @@ class CommandLine(unittest.TestCase):
 
     def run_apart(self, *arguments):
         """On a machine of the test's own; what it leaves in /var lies in `var`."""
+        return self.run_it(*arguments, before=self.apart())
+
+    def apart(self):
         var = self.folder / "var"
         var.mkdir(exist_ok=True)
         if subprocess.run([*APART, var, "true"], stderr=subprocess.DEVNULL, check=False).returncode:
             self.skipTest("needs the right to make a network and mounts of its own")
-        return self.run_it(*arguments, before=[*APART, var])
+        return [*APART, var]
 
-    def on_a_terminal(self, stream, *arguments, patience_s=20, until=""):
+    def on_a_terminal(self, stream, *arguments, patience_s=20, until="", before=()):
         """What a person sees of one stream, up to and with these words or to the end."""
         terminal, far_end = pty.openpty()
         self.addCleanup(os.close, terminal)
         other = {"stdout": "stderr", "stderr": "stdout"}[stream]
-        with subprocess.Popen([PROGRAM, *arguments], stdin=subprocess.DEVNULL,
+        with subprocess.Popen([*before, PROGRAM, *arguments], stdin=subprocess.DEVNULL,
                               **{stream: far_end, other: subprocess.DEVNULL}) as running:
             os.close(far_end)
             seen = b""
@@ -259,12 +262,12 @@ class LbLease(CommandLine):
         return self.file("lb.conf", HEALTH)
 
     def test_tells_of_itself(self):
-        self.assert_tells_of_itself(2, "3 (and silent) when the configuration has no such uplink.",
+        self.assert_tells_of_itself(2, "3 when the configuration has no such uplink as far as it can be read",
                                     "gi1_1", "192.0.2.9")
 
     def test_wrong_command_lines_are_refused(self):
         conf = self.conf()
-        self.assert_refused(2, "INTERFACE is required")
+        self.assert_refused(2, "the interface name is empty")
         self.assert_refused(2, "a router is missing, or --gone", "-f", conf, "gi1_1")
         self.assert_refused(2, "--gone takes no router", "-f", conf, "--gone", "gi1_1", "192.0.2.1")
         self.assert_refused(2, "the interface name ", "-f", conf, "../gi1_1", "192.0.2.1")
@@ -289,21 +292,28 @@ class LbLease(CommandLine):
         self.assertEqual((status, errors), (0, "lb-lease: left out what is no list of static routes of gi1_1: 'some'\n"))
         self.assertIn("192.0.2.9;", self.leases()["dhclient_gi1_1.leases"])
 
-    def test_what_does_not_learn_by_leases_is_left_alone_and_a_person_told_why(self):
+    def test_lease_of_what_does_not_learn_by_leases_is_written_and_a_person_told_so(self):
         conf = self.conf()
         for arguments in (("gi1_2", "192.0.2.9"), ("--ipv6", "gi1_1", "fe80::9"), ("eth0", "192.0.2.9")):
-            self.assertEqual(self.run_it("-f", conf, *arguments), (3, "", ""))
-        self.assertEqual(self.on_a_terminal("stderr", "-f", conf, "gi1_2", "192.0.2.9"),
-                         f"lb-lease: gi1_2 is left alone: no 'interface gi1_2' in {conf} has 'nexthop dhcp'\n")
-        self.assertEqual(self.on_a_terminal("stderr", "-f", conf, "--ipv6", "gi1_1", "fe80::9"),
-                         f"lb-lease: gi1_1 is left alone: no 'interface6 gi1_1' in {conf} has 'nexthop dhcp'\n")
+            self.assertEqual(self.run_apart("-f", conf, *arguments), (3, "", ""))
+        self.assertEqual(set(self.leases()),
+                         {"dhclient_gi1_2.leases", "dhcp6_clientgi1_1.leases", "dhclient_eth0.leases"})
+        for interface, word, arguments in (("gi1_2", "interface", ("gi1_2", "192.0.2.9")),
+                                           ("gi1_1", "interface6", ("--ipv6", "gi1_1", "fe80::9"))):
+            self.assertEqual(self.on_a_terminal("stderr", "-f", conf, *arguments, before=self.apart()),
+                             f"lb-lease: {interface} is none of the uplinks with 'nexthop dhcp': no '{word} {interface}' in "
+                             f"{conf} has it\n")
 
-    def test_configuration_that_is_of_no_use_is_told(self):
+    def test_configuration_that_is_of_no_use_is_told_and_costs_no_lease(self):
         none = str(self.folder / "none")
-        self.assert_refused(1, f"lb-lease: {none} cannot be read: No such file", "-f", none, "gi1_1", "192.0.2.9")
-        broken = self.file("broken", "health {\n  interface gi1_1 {\n    failure-ct many\n    nexthop dhcp\n  }\n")
-        self.assertEqual(self.run_it("-f", broken, "gi1_1", "192.0.2.9"),
-                         (1, "", f"lb-lease: {broken} is not whole, see: lbcheck {broken}\n"))
+        broken = self.file("broken", "health {\n  interface gi1_2 {\n    failure-ct many\n    nexthop dhcp\n  }\n")
+        for path, words in ((none, "cannot be read: No such file or directory"),
+                            (broken, f"is not whole, see: lbcheck {broken}")):
+            status, output, errors = self.run_apart("-f", path, "gi1_1", "192.0.2.9")
+            self.assertEqual((status, output), (3, ""))
+            self.assertTrue(errors.startswith(f"lb-lease: {path} {words}; until it can be read as a whole, gi1_1 is none"),
+                            errors)
+            self.assertIn("192.0.2.9;", self.leases().pop("dhclient_gi1_1.leases"))
 
 
 class Lbroute(CommandLine):

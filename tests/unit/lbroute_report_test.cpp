@@ -306,7 +306,7 @@ TEST(KernelReport, shows_everything_in_columns) {
 TEST(KernelReport, has_the_same_for_programs) {
     const auto read = nlohmann::json::parse(report_json(whole_report()));
     const auto expected = nlohmann::json::parse(R"({
-        "running": true, "pid": 812, "bird2_file": "", "agrees": false,
+        "running": true, "pid": 812, "bird2_file": "", "agrees": false, "others": [],
         "problems": ["/etc/lb.conf cannot be read"],
         "holds": [
             {"interface": "gi1_3", "family": 4, "namespace": "", "forced": false,

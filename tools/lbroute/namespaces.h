@@ -30,7 +30,8 @@ struct Served {
     bool is_claimed = false;
     bool is_shared = false;  ///< some next hop follows the dumps
     bool is_uncertain = false;
-    bool is_good = false;  ///< everything that the fragments ask for is in force
+    bool is_good = false;      ///< everything that the fragments ask for is in force
+    bool was_settled = false;  ///< everything was, after the pass before the last one
 };
 
 /// The namespaces in which this program is the routing daemon. They come and go with the

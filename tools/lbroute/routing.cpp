@@ -36,6 +36,7 @@ Routing::Routing(const Options& options, Journal& journal)
     : options_(options), journal_(journal), bird_(options.bird2_file, options.birdc) {}
 
 ServedNamespace::Result Routing::route(Served& served, const Surroundings& surroundings) {
+    served.was_settled = served.is_good && !served.is_uncertain;
     const std::int64_t now = boottime_ms();
     const bool guesses = served.uncertain_until_ms && now >= *served.uncertain_until_ms;
     auto result = is_for_bird() ? served.kernel.plan_for_others(surroundings, guesses)
@@ -92,7 +93,7 @@ void Routing::tell_changes(Served& served, const ServedNamespace::Result& result
             changes.push_back(title + " is not routed any more");
         }
     }
-    if (changes.empty() && !served.paths.empty()) {
+    if (changes.empty() && served.was_settled) {
         tell_put_back(served, count_put(result.taken));
     }
     if (changes.size() > most_told_routes) {

@@ -115,6 +115,7 @@ class Hooks(Scripted):
         self.hook("mail", f"MAIL_TO=noc@example.org SENDMAIL=/run/sendmail MAIL_TOLD=/run/told exec {mail}\n")
         self.daemon.fail(self.one)
         self.one["targets"][0].update(result=0, failure=0)
+        self.one["since_success"] = 0  # never
         self.daemon.start()
         watch = self.watch("--hooks", HOOKS)
         watch.expect_state("eth1", "active")

@@ -10,8 +10,7 @@
 namespace lbroute {
 
 Work::Work(const Options& options, const StateFolder& folder, Journal& journal, EventLoop& loop)
-    : options_(options),
-      folder_(folder),
+    : folder_(folder),
       journal_(journal),
       site_(options.configuration, options.output_directory),
       namespaces_(options, folder, journal, loop),

@@ -61,7 +61,6 @@ class Work {
     void read_fragments(const std::string& name);
     bool read_holds_anew();
 
-    const Options& options_;
     const StateFolder& folder_;
     Journal& journal_;
     Site site_;

@@ -103,7 +103,8 @@ class CommandLine(unittest.TestCase):
         status, output, errors = self.run_it("--help")
         self.assertIn(description, re.sub(r"\s+", " ", output))
         self.assertEqual((status, errors), (0, ""))
-        self.assert_refused(misused, "--no-such-option", "--no-such-option", *wanted)
+        self.assert_refused(misused, f"{PROGRAM.name}: The following argument was not expected: --no-such-option",
+                            "--no-such-option", *wanted)
 
 
 def fields(size, *placed):

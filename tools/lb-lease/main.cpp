@@ -13,6 +13,7 @@
 #include "decision/lease_file.h"
 #include "lb-lease/lease_store.h"
 #include "lb-lease/lease_text.h"
+#include "shared/command_line.h"
 #include "shared/quiet_log.h"
 #include "shared/usual_paths.h"
 #include <CLI/CLI.hpp>
@@ -170,6 +171,7 @@ int remove_old(const Options& options) {
 int main(int argc, char* argv[]) {
     Options options;
     CLI::App app(description, "lb-lease");
+    app.failure_message(shared::failure_text);
     app.add_option("INTERFACE", options.interface,
                    "the uplink, by the name of its kernel interface");
     app.add_option("ROUTER", options.routers, "the addresses of its routers; the first counts");

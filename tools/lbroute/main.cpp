@@ -4,6 +4,7 @@
 #include "lbroute/daemon.h"
 #include "lbroute/maintenance.h"
 #include "lbroute/status.h"
+#include "shared/command_line.h"
 #include <CLI/CLI.hpp>
 
 namespace {
@@ -74,6 +75,7 @@ int main(int argc, char* argv[]) {
     lbroute::Options options;
     Words words;
     CLI::App app(description, "lbroute");
+    app.failure_message(shared::failure_text);
     app.set_version_flag("--version", "lbroute " LB_VERSION);
     app.require_subcommand(0, 1);
     app.fallthrough();

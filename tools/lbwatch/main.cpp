@@ -2,6 +2,7 @@
 #include <string>
 
 #include "lbwatch/commands.h"
+#include "shared/command_line.h"
 #include <CLI/CLI.hpp>
 
 namespace {
@@ -51,6 +52,7 @@ int main(int argc, char* argv[]) {
     lbwatch::EventsOptions events;
     lbwatch::ReportOptions report;
     CLI::App app(description, "lbwatch");
+    app.failure_message(shared::failure_text);
     app.set_version_flag("--version", "lbwatch " LB_VERSION);
     app.require_subcommand(0, 1);
     add_run_options(app, watch);

@@ -161,7 +161,7 @@ class SideBySide(ProgramTest):
         self.addCleanup(os.close, held_lock())
 
         self.check(FAILED, f"lb-lease: {LOCK} has been locked for 10 seconds, by another lb-lease or some program of "
-                           f"root's, see: lsof {LOCK}\n", "gi1_1", "192.0.2.1")
+                           "root's, see: lslocks\n", "gi1_1", "192.0.2.1")
 
 
 class OtherInterfaces(ProgramTest):

@@ -98,8 +98,7 @@ std::string take(const Fd& lock) {
         if (std::chrono::steady_clock::now() > deadline) {
             return path_of(lock_name) +
                    " has been locked for 10 seconds, by another lb-lease or some program of root's,"
-                   " see: lsof " +
-                   path_of(lock_name);
+                   " see: lslocks";
         }
         std::this_thread::sleep_for(pause_between_tries);
     }

@@ -167,8 +167,7 @@ Fd StateFolder::lock(const std::string& name, Wait wait, std::string& problem) c
         }
         if (std::chrono::steady_clock::now() > deadline) {
             problem = path_ + "/" + name + " has been locked by another program for " +
-                      std::to_string(longest_wait_s) + " seconds, see: fuser -v " + path_ + "/" +
-                      name;
+                      std::to_string(longest_wait_s) + " seconds, see: lslocks";
             return {};
         }
         std::this_thread::sleep_for(pause);

@@ -218,8 +218,8 @@ void note_not_served(Report& report) {
     }
 }
 
-/// Whose process number files name a process that runs, of what the daemon watches: that one must
-/// be the routing daemon then. The first line tells where none does.
+/// The process number files of what the daemon watches that name a process which runs: that one
+/// must be the routing daemon there. Where none does goes into `nobody`, as a line for people.
 std::vector<std::string> others_that_route(const Uplinks& uplinks, std::string& nobody) {
     std::vector<std::string> others;
     std::string unrouted;

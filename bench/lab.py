@@ -19,14 +19,21 @@ BUSY_S = 20  # a busy machine has few cycles to measure
 FAR_MAC = "02:00:00:00:00:01"  # of the far end of all namespaces
 UNRELATED_PACKETS = 100_000
 
+# The far end has a processor of its own, as on another machine, where there are two.
+PROCESSORS = sorted(os.sched_getaffinity(0))
+FAR_PROCESSORS = set(PROCESSORS[-1:])
+OWN_PROCESSORS = set(PROCESSORS[:-1] or PROCESSORS)
+
 
 def ip(*words, batch=None):
     subprocess.run(["ip", *words, *(("-batch", "-") if batch else ())], check=True, text=True,
                    input="\n".join(batch) if batch else None)
 
 
-def inside(namespace, *command, **options):
-    return subprocess.Popen(["ip", "netns", "exec", namespace, *command], **options)
+def inside(namespace, *command, processors=None, **options):
+    """A command in a namespace, on all processors or on these."""
+    place = {"preexec_fn": lambda: os.sched_setaffinity(0, processors)} if processors else {}
+    return subprocess.Popen(["ip", "netns", "exec", namespace, *command], **place, **options)
 
 
 def end(uplink, host, ipv6=False):
@@ -66,10 +73,13 @@ def build_network(routers, ipv6=False):
 
 
 class Responder:
-    """The far end of a router's uplinks, for the length of a with block."""
+    """The far end of a router's uplinks, for the length of a with block. Only one can be `alone` on its processor, where
+    it stays awake."""
 
-    def __init__(self, router="router"):
-        self._process = inside("far", str(BUILD / "bench_responder"), router, stdout=subprocess.PIPE)
+    def __init__(self, router="router", is_alone=True):
+        is_alone = is_alone and OWN_PROCESSORS != FAR_PROCESSORS
+        self._process = inside("far", str(BUILD / "bench_responder"), router, *(["awake"] if is_alone else []),
+                               processors=FAR_PROCESSORS if is_alone else None, stdout=subprocess.PIPE)
         self._process.stdout.readline()
 
     def __enter__(self):
@@ -144,31 +154,37 @@ def keep_alives():
     return manager, path
 
 
-def cycle_work_ms(manager, seconds, at_each=lambda: None):
-    """The work of each cycle: what lies between two keep-alives beyond the second's sleep. `at_each` is called at
+def wait_for_cycle(manager):
+    """The next keep-alive, with which a cycle begins."""
+    manager.settimeout(BUSY_S)
+    try:
+        while b"WATCHDOG=1" not in manager.recv(512):
+            pass
+    except TimeoutError:
+        sys.exit("bench: the daemon stands still")
+
+
+def cycle_work_ms(manager, cycles, at_each=lambda: None):
+    """The work of so many cycles: what lies between two keep-alives beyond the second's sleep. `at_each` is called at
     every keep-alive."""
-    end, moments = time.monotonic() + seconds, []
-    while (left := end - time.monotonic()) > 0:
-        manager.settimeout(left)
-        try:
-            if b"WATCHDOG=1" in manager.recv(512):
-                moments.append(time.monotonic())
-                at_each()
-        except TimeoutError:
-            break
+    moments = []
+    for _ in range(cycles):
+        wait_for_cycle(manager)
+        moments.append(time.monotonic())
+        at_each()
     return [(later - earlier - 1) * 1000 for earlier, later in zip(moments, moments[1:])]
 
 
 class Daemon:
     """The daemon on the router, warmed up, for the length of a with block."""
 
-    def __init__(self, warm_up_s=WARM_UP_S):
+    def __init__(self, warm_up_s=WARM_UP_S, processors=OWN_PROCESSORS):
         self.keep_alives, path = keep_alives()
         os.makedirs("/run/load-balance", exist_ok=True)
-        self._process = inside("router", str(BUILD / "lb"), "-f", "/run/lb.conf",
+        self._process = inside("router", str(BUILD / "lb"), "-f", "/run/lb.conf", processors=processors,
                                env={**os.environ, "NOTIFY_SOCKET": path})
         self.pid = self._process.pid
-        cycle_work_ms(self.keep_alives, warm_up_s)
+        cycle_work_ms(self.keep_alives, warm_up_s)  # a cycle is little more than a second
 
     def __enter__(self):
         return self
@@ -212,15 +228,19 @@ def expect_all_active():
     sys.exit(f"bench: {states.count('active')} of {len(states)} uplinks are active")
 
 
-def measure_daemon(seconds):
-    with Daemon() as daemon:
-        before, sent, began = cpu_s(daemon.pid), probes_received(), time.monotonic()
+def measure_daemon(seconds, processors=OWN_PROCESSORS):
+    """From sleep to sleep, between an even number of cycles: a healthy target is probed in every second one."""
+    with Daemon(processors=processors) as daemon:
         fragments = []
-        work_ms = cycle_work_ms(daemon.keep_alives, seconds, lambda: fragments.append(fragment_age()))
+        wait_for_cycle(daemon.keep_alives)
+        time.sleep(0.5)
+        before, sent, began = cpu_s(daemon.pid), probes_received(), time.monotonic()
+        work_ms = cycle_work_ms(daemon.keep_alives, max(seconds // 2 * 2, 2), lambda: fragments.append(fragment_age()))
+        time.sleep(0.5)
         used, probes = cpu_s(daemon.pid) - before, probes_received() - sent
         expect_all_active()
-        if not work_ms or not probes:
-            sys.exit("bench: the daemon stands still")
+        if not probes:
+            sys.exit("bench: the daemon sends no probe")
         return {"cpu_us_per_probe": used / probes * 1e6, "probes_per_s": probes / (time.monotonic() - began),
                 "cycle_ms": statistics.median(work_ms), "rss_mb": rss_mb(daemon.pid),
                 "dropped_replies": dropped_replies(),
@@ -233,9 +253,9 @@ def cost_of(seconds, due, *command, lines=""):
     with tempfile.TemporaryFile("w+") as said, tempfile.TemporaryFile("w+") as given:
         given.write(lines)
         given.seek(0)
-        process = inside("router", *command, stdin=given, stdout=subprocess.DEVNULL, stderr=said)
+        process = inside("router", *command, processors=OWN_PROCESSORS, stdin=given, stdout=subprocess.DEVNULL, stderr=said)
         try:
-            time.sleep(WARM_UP_S)
+            time.sleep(WARM_UP_S + 0.5)  # between two rounds of probes
             if process.poll() is None:
                 before, sent = cpu_s(process.pid), probes_received()
                 time.sleep(seconds)
@@ -271,12 +291,12 @@ def measure_alone(uplinks, seconds, ipv6=False, is_busy=False):
     """The daemon alone on uplinks of one family; `is_busy`: beside programs that take every processor."""
     build_network({"router": range(uplinks)}, ipv6=ipv6)
     write_conf({"router": range(uplinks)}, ipv6=ipv6)
-    with Responder(), contextlib.ExitStack() as stack:
+    with Responder(is_alone=not is_busy), contextlib.ExitStack() as stack:
         for _ in range(os.cpu_count() if is_busy else 0):
             load = subprocess.Popen([sys.executable, "-c", "while True: pass"])
             stack.callback(load.wait)
             stack.callback(load.kill)
-        return measure_daemon(max(seconds, BUSY_S) if is_busy else seconds)
+        return measure_daemon(BUSY_S, PROCESSORS) if is_busy else measure_daemon(seconds)
 
 
 def measure_extended(uplinks, seconds):

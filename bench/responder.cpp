@@ -1,7 +1,9 @@
 // The fast far end of a bench: answers every ICMP and ICMPv6 echo request on an interface at the
-// link level, as cheaply as one process can. Runs until it is killed.
+// link level, as cheaply as one process can. Runs until it is killed. With `awake` it never sleeps,
+// so that no request is the one that wakes it: that would be paid by its sender, who on a router
+// has nothing to do with the far end's sleep.
 //
-//     responder INTERFACE
+//     responder INTERFACE [awake]
 
 #include <arpa/inet.h>
 #include <linux/filter.h>
@@ -64,8 +66,9 @@ void turn_round(std::span<std::uint8_t> bytes, std::uint8_t reply_type) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-    if (argc != 2) {
-        fprintf(stderr, "usage: responder INTERFACE\n");
+    const bool is_awake = argc == 3 && std::strcmp(argv[2], "awake") == 0;
+    if (argc != 2 && !is_awake) {
+        fprintf(stderr, "usage: responder INTERFACE [awake]\n");
         return 1;
     }
     const OpenedFd opened = open_frame_receiver(ETH_P_ALL, pass_echo_requests);
@@ -87,9 +90,10 @@ int main(int argc, char* argv[]) {
     setsockopt(link.get(), SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room);
     puts("ready");
     fflush(stdout);
+    const int flags = is_awake ? MSG_DONTWAIT : 0;
     std::array<std::uint8_t, longest_frame> buffer;
     while (true) {
-        const ssize_t length = recv(link.get(), buffer.data(), buffer.size(), 0);
+        const ssize_t length = recv(link.get(), buffer.data(), buffer.size(), flags);
         if (length < static_cast<ssize_t>(sizeof(EchoFrame4))) {
             continue;
         }

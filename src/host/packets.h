@@ -126,9 +126,9 @@ struct ReceiverWatch {
     std::function<bool()> on_readable;
     /// The wait itself failed, which ends the watch too.
     std::function<void()> on_wait_failed;
-    /// Who else reads the receiver does so more often than every two seconds, mostly: a host with
-    /// threads calls for the first packet as it comes, and from then on looks now and then whether
-    /// one is in. No packet wakes it.
+    /// Who else reads the receiver does so about once a second: a host with threads calls for the
+    /// first packet as it comes, and from then on only looks now and then whether some were left.
+    /// No packet wakes it.
     bool is_read_by_others = false;
 };
 /// The work of a receiver's body: calls `on_readable` each time that packets are in. A host without

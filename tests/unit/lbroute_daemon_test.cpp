@@ -132,13 +132,13 @@ TEST_F(LbrouteDaemon, faulty_fragment_costs_its_route_and_the_status) {
     });
 }
 
-TEST_F(LbrouteDaemon, damaged_holds_are_told) {
+TEST_F(LbrouteDaemon, damaged_holds_are_told_and_a_failure) {
     in_own_machine([this] {
         write_fragment(first);
         std::filesystem::create_directory(StateFolder::usual_path);
         std::ofstream(std::string(StateFolder::usual_path) + "/holds") << "{";
         std::string errors;
-        once(errors);
+        EXPECT_EQ(once(errors), 1);
         EXPECT_THAT(errors, HasSubstr(std::string(StateFolder::usual_path) +
                                       "/holds is damaged: no hold is in force; hold again what "
                                       "must stay held\n"));

@@ -135,6 +135,7 @@ bool Work::read_holds_anew() {
     }
     journal_.tell("holds", problems);
     are_holds_read_ = problem.empty() && !reading.is_unread;
+    are_holds_whole_ = problems.empty();
     if (!are_holds_read_) {
         // What is held stays held, until its time is over.
         const std::size_t before = holds_.size();
@@ -169,7 +170,7 @@ bool Work::is_waiting_for_files() const {
 }
 
 bool Work::is_good() const {
-    bool is_good = true;
+    bool is_good = site_.is_read() && are_holds_whole_;
     for (const auto& [name, served] : namespaces_.served()) {
         is_good &= served.is_good;
         for (const FragmentFile& file : served.kernel.fragments()) {

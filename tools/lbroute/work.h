@@ -71,6 +71,7 @@ class Work {
     bool is_record_left_ = false;
     std::vector<Hold> holds_;
     bool are_holds_read_ = false;
+    bool are_holds_whole_ = false;  ///< and none of them was damaged
 };
 
 }  // namespace lbroute

@@ -314,8 +314,8 @@ DetachedStart start_receiver_thread(ThreadBody body, void* argument) {
 
 namespace {
 
-/// Two cycles: while the worker comes in each, there is nothing to do.
-constexpr std::int64_t rest_after_none_ms = 2000;
+/// Some cycles: while the worker comes in each, there is nothing to do.
+constexpr std::int64_t rest_after_none_ms = 10'000;
 /// The worker is kept, or more comes than it takes in time.
 constexpr std::int64_t rest_after_packets_ms = 50;
 

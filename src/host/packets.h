@@ -126,10 +126,10 @@ struct ReceiverWatch {
     std::function<bool()> on_readable;
     /// The wait itself failed, which ends the watch too.
     std::function<void()> on_wait_failed;
-    /// Who else reads the receiver does so about once a second: a host with threads calls for the
-    /// first packet as it comes, and from then on only looks now and then whether some were left.
-    /// No packet wakes it.
-    bool is_read_by_others = false;
+    /// For receivers whose packets can wait: how long a host with threads lets one rest before the
+    /// call, so that it wakes once for all that come together. The first packet for so long has the
+    /// call at once; mostly it is the only one.
+    std::int64_t rest_ms = 0;
 };
 /// The work of a receiver's body: calls `on_readable` each time that packets are in. A host without
 /// threads notes the watch, returns at once and calls it as packets come.

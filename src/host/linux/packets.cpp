@@ -14,6 +14,7 @@
 #include <bit>
 #include <cerrno>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -312,31 +313,21 @@ DetachedStart start_receiver_thread(ThreadBody body, void* argument) {
     return start_detached(body, argument);
 }
 
-namespace {
-
-/// Some cycles: while the worker comes in each, there is nothing to do.
-constexpr std::int64_t rest_after_none_ms = 10'000;
-/// The worker is kept, or more comes than it takes in time.
-constexpr std::int64_t rest_after_packets_ms = 50;
-
-}  // namespace
-
 void watch_receiver(int receiver, const ReceiverWatch& watch) {
     pollfd readable{.fd = receiver, .events = POLLIN, .revents = 0};
-    int patience_ms = -1;
+    std::optional<timespec> last_call;
     while (true) {
-        const int found = poll(&readable, 1, patience_ms);
-        if (found < 0 || (readable.revents & POLLNVAL) != 0) {
+        if (poll(&readable, 1, -1) <= 0 || (readable.revents & POLLNVAL) != 0) {
             watch.on_wait_failed();
             return;
         }
-        if (found > 0 && !watch.on_readable()) {
+        if (last_call && elapsed_ms(*last_call, monotonic_now()) < watch.rest_ms) {
+            sleep_ms(watch.rest_ms);
+        }
+        if (!watch.on_readable()) {
             return;
         }
-        if (watch.is_read_by_others) {
-            sleep_ms(found > 0 ? rest_after_packets_ms : rest_after_none_ms);
-            patience_ms = 0;
-        }
+        last_call = monotonic_now();
     }
 }
 

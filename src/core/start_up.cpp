@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -79,6 +80,7 @@ std::vector<JoinedThread> start_namespace_threads(LoadBalance& lb) {
 void run_process(int argc, char* argv[]) {
     hold_standard_streams();
     report_crashes(argv[0]);
+    signal(SIGPIPE, SIG_IGN);  // who stops reading a pipe costs that file, not the daemon
     CommandLine options = read_command_line(argc, argv);
     if (options.wants_usage) {
         print_usage();

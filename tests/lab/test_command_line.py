@@ -2,8 +2,10 @@
 import os
 import signal
 import stat
+import subprocess
 
 from kit import LabTest, expect, main
+from kit.daemon import command
 from scenes import error, one_uplink
 
 USAGE = """\
@@ -47,6 +49,14 @@ class CommandLine(LabTest):
 
     def test_empty_configuration_path_ends_the_run(self):
         self.assertEqual(self.end_of("-f", ""), (0, EMPTY))
+
+    def test_standard_output_that_nobody_reads_any_more_does_not_end_the_run(self):
+        left, pipe = os.pipe()
+        os.close(left)
+        try:
+            self.assertEqual(subprocess.run(command(), stdout=pipe, check=False, timeout=20).returncode, 0)
+        finally:
+            os.close(pipe)
 
     def test_no_configuration_file_means_no_fork_and_no_pid_file(self):
         daemon = self.lab.run_daemon("-d", "-i", PID_FILE)

@@ -22,9 +22,11 @@ struct OpenedSocket {
     bool is_open() const { return number >= 0; }
 };
 
-/// Sends whole frames; nothing ever waits in it unread.
+/// Sends whole frames; nothing ever waits in it unread. Sending waits for a link's queue a moment
+/// only: one that stands still holds up neither the caller nor the packets of other links.
 OpenedSocket open_frame_sender();
-/// Sends ICMP or ICMPv6 messages, for which the host makes the IP header; takes nothing in.
+/// Sends ICMP or ICMPv6 messages, for which the host makes the IP header, likewise; takes nothing
+/// in.
 OpenedSocket open_echo_sender(bool is_ipv6);
 /// Receives ICMP datagrams from their IP header on, or ICMPv6 messages, whose word at the place of
 /// a packet identifier is below `identifiers`, whatever their type.

@@ -1,8 +1,10 @@
 #include "host/packets.h"
 
+#include <fcntl.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <linux/sock_diag.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -70,10 +72,14 @@ OpenedSocket hand_over(OpenedFd opened) {
     return {.number = opened.fd.release(), .error = opened.error};
 }
 
-OpenedFd reusable(OpenedFd opened) {
+/// How long a sender waits for room: far longer than a link that sends needs for what it has.
+constexpr timeval longest_wait{.tv_sec = 0, .tv_usec = 100'000};
+
+OpenedFd as_sender(OpenedFd opened) {
     const int on = 1;
     if (opened.is_open()) {
         setsockopt(opened.fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        setsockopt(opened.fd.get(), SOL_SOCKET, SO_SNDTIMEO, &longest_wait, sizeof longest_wait);
     }
     return opened;
 }
@@ -95,21 +101,56 @@ OpenedFd open_raw_socket(bool is_ipv6, std::span<const sock_filter> filter) {
     return raw;
 }
 
+/// A sender as that one is, in the same namespace and bound to the same interface.
+OpenedFd open_sender_like(int number) {
+    int domain = 0;
+    socklen_t size = sizeof domain;
+    getsockopt(number, SOL_SOCKET, SO_DOMAIN, &domain, &size);
+    if (domain == AF_PACKET) {
+        return as_sender(open_packet_socket());
+    }
+    OpenedFd fresh = as_sender(open_raw_socket(domain == AF_INET6, filters::pass_nothing));
+    std::array<char, IFNAMSIZ> ifname{};
+    size = ifname.size();
+    if (fresh.is_open() &&
+        getsockopt(number, SOL_SOCKET, SO_BINDTODEVICE, ifname.data(), &size) == 0 && size > 0) {
+        setsockopt(fresh.fd.get(), SOL_SOCKET, SO_BINDTODEVICE, ifname.data(), size);
+    }
+    return fresh;
+}
+
+/// What a link has not sent yet counts as its sender's, which all links share: one link that stands
+/// still would in time keep the others' packets back. A sender that is full is left to the kernel,
+/// which drops it with the last of its packets, and a fresh one gets its number. 0, or the error.
+int replace_full_sender(int number) {
+    const OpenedFd fresh = open_sender_like(number);
+    if (!fresh.is_open()) {
+        return fresh.error;
+    }
+    return dup3(fresh.fd.get(), number, O_CLOEXEC) >= 0 ? 0 : errno;
+}
+
 template <class Address>
 Transfer send_to(int number, const Address& destination, std::span<const std::uint8_t> message) {
-    const auto sent = sendto(number, message.data(), message.size(), 0,
-                             reinterpret_cast<const sockaddr*>(&destination), sizeof destination);
+    const auto send_once = [&] {
+        return sendto(number, message.data(), message.size(), 0,
+                      reinterpret_cast<const sockaddr*>(&destination), sizeof destination);
+    };
+    auto sent = send_once();
+    if (sent < 0 && errno == EAGAIN && replace_full_sender(number) == 0) {
+        sent = send_once();
+    }
     return {.count = static_cast<int>(sent), .error = sent < 0 ? errno : 0};
 }
 
 }  // namespace
 
 OpenedSocket open_frame_sender() {
-    return hand_over(reusable(open_packet_socket()));
+    return hand_over(as_sender(open_packet_socket()));
 }
 
 OpenedSocket open_echo_sender(bool is_ipv6) {
-    return hand_over(reusable(open_raw_socket(is_ipv6, filters::pass_nothing)));
+    return hand_over(as_sender(open_raw_socket(is_ipv6, filters::pass_nothing)));
 }
 
 OpenedSocket open_reply_receiver(bool is_ipv6, std::uint32_t identifiers) {
@@ -167,13 +208,19 @@ Transfer send_frames(int frame_sender, std::span<const OutgoingFrame> frames) {
     }
     // The kernel tells an error only of the first message that it is given.
     std::size_t sent = 0;
+    bool is_replaced = false;
     while (sent < messages.size()) {
         const int more = sendmmsg(frame_sender, &messages[sent],
                                   static_cast<unsigned>(messages.size() - sent), 0);
-        if (more <= 0) {
-            return {.count = static_cast<int>(sent), .error = errno};
+        if (more > 0) {
+            sent += static_cast<std::size_t>(more);
+            continue;
         }
-        sent += static_cast<std::size_t>(more);
+        const int error = errno;
+        if (error != EAGAIN || is_replaced || replace_full_sender(frame_sender) != 0) {
+            return {.count = static_cast<int>(sent), .error = error};
+        }
+        is_replaced = true;
     }
     return {.count = static_cast<int>(sent), .error = 0};
 }

@@ -237,8 +237,9 @@ template <class Write>
 void LBOutput::rewrite(Shared file, const context* ctx, Write write) {
     {
         const std::lock_guard guard(rewrites_lock_);
-        const Known& known = known_[ctx][static_cast<std::size_t>(file)];
+        Known& known = known_[ctx][static_cast<std::size_t>(file)];
         if (!known.has_news && known.rewrites != rewrites_of(file, ctx)) {
+            known.rewrites = rewrites_of(file, ctx);  // left to it once, not in the next cycle too
             return;
         }
     }

@@ -7,7 +7,8 @@
 #include "output/record_layout.h"
 
 /// The dump records of interfaces and rules, without a system call. The caller holds a
-/// `LiveStateReader`. Nothing comes where a text cannot be formatted.
+/// `LiveStateReader` for those of interfaces and routes; rules never change. Nothing comes where a
+/// text cannot be formatted.
 
 std::optional<record::Outbound> outbound_record(const LBHealth& health, int now_s);
 

@@ -17,7 +17,9 @@ std::string success_age(int stamp_s, int now_s) {
     if (stamp_s == 0) {
         return never();
     }
-    return age_text(now_s > stamp_s ? static_cast<std::uint32_t>(now_s - stamp_s) : 0);
+    // Without a sign, so that no clock can make it overflow.
+    const auto age_s = static_cast<std::uint32_t>(now_s) - static_cast<std::uint32_t>(stamp_s);
+    return age_text(now_s > stamp_s ? age_s : 0);
 }
 
 /// B114: a failure's age has no guard against a clock that was set back, and is huge then.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <optional>
 #include <string>
@@ -73,6 +74,8 @@ class HostView {
     host::ConnectionTracking tracking;
     Outbox outbox{tracking};
     ReplyRoom reply_room;
+    /// While a pass collects: what was answered before is marked. Monotonic clock.
+    std::optional<timespec> drained_at;
 
   private:
     struct Addresses {

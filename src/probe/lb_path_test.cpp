@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "config/own_records.h"
+#include "host/clock.h"
 #include "probe/host_view.h"
 #include "probe/lb_test.h"
 #include "probe/reply_socket.h"
@@ -62,12 +63,14 @@ void LBPathTest::start(LBData& data, context* ctx) {
             health->send_test(ctx);
         }
     }
-    // After the process stood still, workers and receivers wake in any order: no probe is judged as
-    // late whose answer has come.
+    // No probe is judged as late whose answer has come, however long the process stands still
+    // before or behind this.
+    ctx->view->drained_at = monotonic_now();
     drain(family, *ctx->ns_name, std::max(reply_room.most_replies(), datagrams_at_once));
     reply_room.report_drops(family, *ctx->ns_name);
     for (LBHealth* health : records) {
         health->recv_test(ctx);
         health->status_check(data, ctx);
     }
+    ctx->view->drained_at.reset();
 }

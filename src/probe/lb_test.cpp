@@ -3,6 +3,8 @@
 #include <optional>
 
 #include "config/live_state.h"
+#include "host/clock.h"
+#include "probe/host_view.h"
 #include "probe/reply_socket.h"
 #include "wire/frames.h"
 
@@ -81,7 +83,10 @@ void Probe::recv(LBHealth& health, context* ctx) {
         return;
     }
     start_receiver(family_, ns_name);
-    const ProbeOutcome outcome = collect_probe(family_, health.name, target, timeout);
+    const bool is_drained = ctx->view != nullptr && ctx->view->drained_at;
+    const ProbeOutcome outcome =
+        collect_probe(family_, health.name, target, timeout,
+                      is_drained ? *ctx->view->drained_at : monotonic_now());
     if (outcome != ProbeOutcome::nothing) {
         record(health, ctx, outcome == ProbeOutcome::answered ? 0 : -1, target);
     }

@@ -115,11 +115,11 @@ std::optional<int> register_probe(const ProbeFamily& family, const std::string& 
 
 namespace {
 
-ProbeOutcome judge(const PktData& probe, int timeout_ms) {
+ProbeOutcome judge(const PktData& probe, int timeout_ms, const timespec& now) {
     if (probe.status == PktData::answered) {
         return ProbeOutcome::answered;
     }
-    const bool is_late = elapsed_ms(probe.send_time, monotonic_now()) > timeout_ms;
+    const bool is_late = elapsed_ms(probe.send_time, now) > timeout_ms;
     return probe.status == PktData::sent && is_late ? ProbeOutcome::timed_out
                                                     : ProbeOutcome::nothing;
 }
@@ -127,7 +127,7 @@ ProbeOutcome judge(const PktData& probe, int timeout_ms) {
 }  // namespace
 
 ProbeOutcome collect_probe(const ProbeFamily& family, const std::string& interface,
-                           const std::string& target, int timeout_ms) {
+                           const std::string& target, int timeout_ms, const timespec& now) {
     // A lock that fails costs its message; the step is carried out all the same, or the target
     // would keep its verdict for ever.
     const ResultsLock lock(family, "recv");
@@ -135,7 +135,7 @@ ProbeOutcome collect_probe(const ProbeFamily& family, const std::string& interfa
     if (!packet_id) {
         return ProbeOutcome::nothing;
     }
-    const ProbeOutcome outcome = judge(*family.results.find(*packet_id), timeout_ms);
+    const ProbeOutcome outcome = judge(*family.results.find(*packet_id), timeout_ms, now);
     if (outcome != ProbeOutcome::nothing) {
         family.results.erase(*packet_id);
     }

@@ -123,6 +123,7 @@ std::optional<int> register_probe(const ProbeFamily& family, const std::string& 
 enum class ProbeOutcome { nothing, answered, timed_out };
 
 /// Looks once at the probe in flight of that interface and target: takes it out of the table when
-/// it was answered or is older than `timeout_ms` (B55). Never waits.
+/// it was answered or is older than `timeout_ms` (B55) at the monotonic clock's `now`, before which
+/// all answers were marked. Never waits.
 ProbeOutcome collect_probe(const ProbeFamily& family, const std::string& interface,
-                           const std::string& target, int timeout_ms);
+                           const std::string& target, int timeout_ms, const timespec& now);

@@ -8,6 +8,7 @@
 #include <functional>
 #include <utility>
 
+#include "host/clock.h"
 #include "host/linux/clock_source.h"
 #include "probe/lb_test_ping.h"
 #include "probe/reply_socket.h"
@@ -268,7 +269,8 @@ TEST_F(ExtendedPing, replies_to_echo_probes_reach_them) {
     run(far_end);
     EXPECT_EQ(probe.last_result, 1);
     for (const char* target : {"a", "b"}) {
-        EXPECT_EQ(collect_probe(ipv4_probes, "extended ping", target, 0), ProbeOutcome::answered);
+        EXPECT_EQ(collect_probe(ipv4_probes, "extended ping", target, 0, monotonic_now()),
+                  ProbeOutcome::answered);
     }
 }
 

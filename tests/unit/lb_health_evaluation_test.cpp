@@ -6,6 +6,7 @@
 #include "config/lb_data.h"
 #include "probe/lb_path_test.h"
 #include "probe/lb_test.h"
+#include "probe/probes_in_flight.h"
 #include "unit/support/captured_log.h"
 #include "unit/support/given_clock.h"
 #include "unit/support/loaded.h"
@@ -213,6 +214,36 @@ TEST_F(Evaluated, a_pass_sends_all_probes_before_it_collects_any) {
     EXPECT_TRUE(data.health.at("a").active);
     EXPECT_FALSE(other.active);
     EXPECT_EQ(data.health.at("a").test_it, data.health.at("a").tests.begin());
+}
+
+TEST_F(Evaluated, what_holds_a_pass_up_makes_no_probe_late) {
+    std::vector<std::string> notes;
+    struct HoldingUp : NotedProbe {
+        HoldingUp(std::vector<std::string>& own_notes, GivenClock& own_clock)
+            : NotedProbe(own_notes, "log"), at(own_clock) {}
+        void recv(LBHealth&, context*) override { at.advance_ms(60'000); }
+        GivenClock& at;
+    };
+    struct InFlight : NotedProbe {
+        explicit InFlight(std::vector<std::string>& own_notes) : NotedProbe(own_notes, "sent") {
+            target = "192.0.2.77";
+            timeout = 5000;
+        }
+        void send(LBHealth& own, context*) override {
+            timespec sent{};
+            register_probe(ipv4_probes, own.name, target, sent);
+        }
+        void recv(LBHealth& own, context* context_) override { LBTest::recv(own, context_); }
+    };
+    HoldingUp first(notes, clock);
+    InFlight second(notes);
+    LBHealth& record = data.health.try_emplace("a", "a", false).first->second;
+    record.tests = {{1, &first}, {2, &second}};
+    ipv4_probes.received.set(second.ns_name, true);  // no thread is wanted
+    LBPathTest().start(data, ctx);
+    EXPECT_TRUE(record.history.last_resp.empty());
+    LBPathTest().start(data, ctx);  // by now it has been on its way for a minute
+    EXPECT_EQ(record.history.last_resp.at("192.0.2.77"), failure);
 }
 
 TEST_F(Evaluated, a_pass_of_the_ipv6_worker_leaves_ipv4_interfaces_alone) {

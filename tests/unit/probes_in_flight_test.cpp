@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "host/clock.h"
 #include "probe/lb_test.h"
 #include "probe/reply_socket.h"
 #include "unit/support/captured_log.h"
@@ -73,7 +74,7 @@ class Probing : public testing::Test {
         return register_probe(family, "eth0", target, last_sent);
     }
     ProbeOutcome collect(int timeout_ms, const ProbeFamily& family = ipv4_probes) {
-        return collect_probe(family, "eth0", "a", timeout_ms);
+        return collect_probe(family, "eth0", "a", timeout_ms, monotonic_now());
     }
 
     /// A datagram comes in, as the receiver takes it.

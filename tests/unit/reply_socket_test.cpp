@@ -127,7 +127,8 @@ TEST(Receiver, marks_replies_and_ends_when_its_socket_does) {
     ASSERT_EQ(::send(far.get(), reply.data(), reply.size(), 0), static_cast<ssize_t>(reply.size()));
 
     EXPECT_TRUE(within_seconds(10, [] {
-        return collect_probe(ipv4_probes, "eth9", "r", 100'000) == ProbeOutcome::answered;
+        return collect_probe(ipv4_probes, "eth9", "r", 100'000, monotonic_now()) ==
+               ProbeOutcome::answered;
     }));
     far = Fd();
     EXPECT_TRUE(within_seconds(10, [&name] { return !LBTest::_received.get(name); }));
@@ -150,8 +151,10 @@ TEST(Receiver, answers_that_wait_in_the_socket_are_taken_by_the_worker) {
     }
     EXPECT_EQ(drain(ipv4_probes, "standstill", datagrams_at_once), Drained::all);
     constexpr int long_over_ms = -1;
-    EXPECT_EQ(collect_probe(ipv4_probes, "eth9", "first", long_over_ms), ProbeOutcome::answered);
-    EXPECT_EQ(collect_probe(ipv4_probes, "eth9", "second", long_over_ms), ProbeOutcome::answered);
+    EXPECT_EQ(collect_probe(ipv4_probes, "eth9", "first", long_over_ms, monotonic_now()),
+              ProbeOutcome::answered);
+    EXPECT_EQ(collect_probe(ipv4_probes, "eth9", "second", long_over_ms, monotonic_now()),
+              ProbeOutcome::answered);
     LBTest::_recv_icmp_sock.set("standstill", 0);
 }
 
@@ -187,7 +190,8 @@ TEST(Receiver, that_ended_is_started_anew_by_the_next_collection) {
 
         start_receiver(*family, name);
         EXPECT_TRUE(within_seconds(10, [family] {
-            return collect_probe(*family, "eth9", "anew", 100'000) == ProbeOutcome::answered;
+            return collect_probe(*family, "eth9", "anew", 100'000, monotonic_now()) ==
+                   ProbeOutcome::answered;
         }));
         replies.far = Fd();
         EXPECT_TRUE(within_seconds(10, [&] { return !family->received.get(name); }));
@@ -227,7 +231,9 @@ struct Waiting : testing::Test {
         return static_cast<std::uint32_t>(
             register_probe(ipv4_probes, "echo waiter", "a", last_sent).value());
     }
-    ProbeOutcome collect() { return collect_probe(ipv4_probes, "echo waiter", "a", 100'000); }
+    ProbeOutcome collect() {
+        return collect_probe(ipv4_probes, "echo waiter", "a", 100'000, monotonic_now());
+    }
 
     const std::string ns_name = "echo waiter";
     const ExpectedEcho echo{.source = {127, 0, 0, 1}, .packet_id = 40'000, .sequence = 3};

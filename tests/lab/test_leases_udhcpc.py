@@ -31,6 +31,19 @@ class Leases(ClientTests, LeaseTest):
         return self.lab.router.run("env", *(f"{name}={value}" for name, value in environment.items()), "sh", "-c",
                                    '"$@" 2>&1', "sh", UDHCPC_SCRIPT, reason)
 
+    def test_default_route_from_before_it_was_an_uplink_goes_with_the_next_lease(self):
+        told = {"interface": "gi1_1", "ip": "192.0.2.10", "subnet": "255.255.255.0", "router": ROUTER_1}
+        whole = lb_lease.text_of(lb_lease.CONF)
+        lb_lease.put(lb_lease.CONF, Conf().interface("gi1_2", nexthop="dhcp").text())
+        self.call("bound", **told)
+        self.assertIn(f"default via {ROUTER_1} dev gi1_1", self.lab.router.ip("route show"))
+
+        lb_lease.put(lb_lease.CONF, whole)
+        self.lab.router.ip(f"route add default via {ROUTER_1} dev gi1_1 metric 7 proto 76")  # as lbroute's
+        self.call("renew", **told)
+
+        self.assertRegex(self.lab.router.ip("route show default"), rf"\Adefault via {ROUTER_1} dev gi1_1 proto \w+ metric 7 \n\Z")
+
     def test_failed_offers_refusals_and_the_clients_start_take_the_router_away(self):
         """The client calls for its start as it does for a lease that has ended."""
         for reason in ("leasefail", "nak", "deconfig"):

@@ -102,7 +102,8 @@ TEST(Metrics, of_an_uplink_have_its_labels_and_base_units) {
                   target +
                   "0.09\n"
                   "lb_rule_uplinks{rule=\"1_ipv6\",namespace=\"blue\"} 2\n"
-                  "lb_rule_uplinks_active{rule=\"1_ipv6\",namespace=\"blue\"} 0\n");
+                  "lb_rule_uplinks_active{rule=\"1_ipv6\",namespace=\"blue\"} 0\n"
+                  "lb_rule_uplinks_failed{rule=\"1_ipv6\",namespace=\"blue\"} 1\n");
 }
 
 TEST(Metrics, count_the_active_uplinks_of_a_rule) {

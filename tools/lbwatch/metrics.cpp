@@ -133,15 +133,19 @@ std::string metrics_of(const View& view, const std::string& version, const Momen
     for (const auto& [key, rule] : view.rules) {
         const Labels labels{{"rule", shared::harmless(key.name)},
                             {"namespace", shared::harmless(key.namespace_name)}};
-        const auto active =
-            std::count_if(rule.members.begin(), rule.members.end(), [&view](const auto& member) {
-                const auto found = view.uplinks.find(member);
-                return found != view.uplinks.end() && found->second.state == UplinkState::active;
-            });
+        const auto count = [&](UplinkState state) {
+            return static_cast<double>(std::count_if(
+                rule.members.begin(), rule.members.end(), [&view, state](const auto& member) {
+                    const auto found = view.uplinks.find(member);
+                    return found != view.uplinks.end() && found->second.state == state;
+                }));
+        };
         all.gauge("lb_rule_uplinks", "Uplinks of the rule.", labels,
                   static_cast<double>(rule.members.size()));
         all.gauge("lb_rule_uplinks_active", "Uplinks of the rule that are active.", labels,
-                  static_cast<double>(active));
+                  count(UplinkState::active));
+        all.gauge("lb_rule_uplinks_failed", "Uplinks of the rule that have failed.", labels,
+                  count(UplinkState::failed));
     }
     return all.text();
 }

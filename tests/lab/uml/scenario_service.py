@@ -250,6 +250,8 @@ class Service(unittest.TestCase):
         fragment_is(FRAGMENT)
         self.manager.control("start", "lbwatch-hooks.service")
         begun = expect(lambda: routing_daemon.text_of("/run/hooks.begun"), 60, "a hook runs").split()
+        # Where hooks, and what is wrong with them, are heard of.
+        self.assertEqual(self.manager.shown("lbwatch-hooks.service", "StandardError"), "journal")
 
         self.manager.control("stop", "lbwatch-hooks.service")
 

@@ -5,7 +5,7 @@
 /// Operator messages go through `SYSLOG_message` with a number of the subsystem (always 35), a kind
 /// and a severity as in syslog(3); a few lines go through `plain_syslog` without the operator
 /// prefix. Any thread may call; a line is formatted first and handed to the log whole.
-/// No lock of this daemon may be held while logging: the log can block.
+/// No lock that another thread waits for may be held while logging: the log can block.
 
 /// Writes a line with the third number as severity, as in syslog(3).
 void SYSLOG_message(int subsystem, int kind, int severity, const char* format, ...)

@@ -65,6 +65,8 @@ DHCPCD_DROP_IN = "dhcpcd.service.d/lb.conf"
 LEASE = pathlib.Path("/var/db/dhclient_gi1_2.leases")
 # The first cycle comes before the first look at the leases.
 NO_LEASE_READ_YET = "%WAN-W-ERR: <check_arp_exist> Inet_aton() failed Invalid argument(22)"
+# The test of dhcpcd takes the lease away for a moment, in which a cycle may look for it.
+NO_LEASE = "%WAN-W-WARN: Failed to get routers option from DHCP on interface gigabitethernet 1/0/2"
 FRAGMENT = ("protocol static {\ncheck link 1;\n"
             "route 0.0.0.0/0 multipath via 192.0.2.1 weight 2 via 198.51.100.1 weight 1;\n};\n")
 FRAGMENT6 = f"protocol static {{\nroute ::/0 multipath via {PEER6} weight 1;\n}};\n"
@@ -190,7 +192,7 @@ class Service(unittest.TestCase):
         fragment_is(FRAGMENT6, ipv6=True)
         fragment_is(FRAGMENT_BLUE, namespace="blue")
 
-        self.assertLessEqual(set(self.log.errors()), {NO_LEASE_READ_YET})
+        self.assertLessEqual(set(self.log.errors()), {NO_LEASE_READ_YET, NO_LEASE})
 
     def test_the_routing_daemon_of_another_user_is_told(self):
         expect(lambda: '"sender"' in pathlib.Path(HUPS).read_text(), 30, "SIGHUP arrives")

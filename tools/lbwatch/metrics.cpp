@@ -133,9 +133,9 @@ std::string metrics_of(const View& view, const std::string& version, const Momen
     for (const auto& [key, rule] : view.rules) {
         const Labels labels{{"rule", shared::harmless(key.name)},
                             {"namespace", shared::harmless(key.namespace_name)}};
-        const auto count = [&](UplinkState state) {
-            return static_cast<double>(std::count_if(
-                rule.members.begin(), rule.members.end(), [&view, state](const auto& member) {
+        const auto count = [&view, &members = rule.members](UplinkState state) {
+            return static_cast<double>(
+                std::count_if(members.begin(), members.end(), [&view, state](const auto& member) {
                     const auto found = view.uplinks.find(member);
                     return found != view.uplinks.end() && found->second.state == state;
                 }));

@@ -128,10 +128,10 @@ struct ReceiverWatch {
     std::function<bool()> on_readable;
     /// The wait itself failed, which ends the watch too.
     std::function<void()> on_wait_failed;
-    /// For receivers whose packets can wait: how long a host with threads lets one rest before the
-    /// call, so that it wakes once for all that come together. The first packet for so long has the
-    /// call at once; mostly it is the only one.
-    std::int64_t rest_ms = 0;
+    /// Who else reads the receiver does so about once a second, and more often than every ten: a
+    /// host with threads leaves the packets to it, unless they come as a flood that the receiver's
+    /// room might not hold. The first packet has the call at once.
+    bool is_read_by_others = false;
 };
 /// The work of a receiver's body: calls `on_readable` each time that packets are in. A host without
 /// threads notes the watch, returns at once and calls it as packets come.

@@ -137,11 +137,6 @@ Drained drain(const ProbeFamily& family, const std::string& ns_name, int at_most
 
 namespace {
 
-/// Nobody waits for the thread: the worker reads the socket before it judges, an extended ping
-/// while it waits. The thread only keeps the socket from filling up between these; what comes
-/// in its rest is a small part of the socket's room.
-constexpr std::int64_t reply_rest_ms = 50;
-
 void* receive_for(const ProbeFamily& family, void* argument) {
     const std::unique_ptr<std::string> taken_over(static_cast<std::string*>(argument));
     const std::string& ns_name = *taken_over;
@@ -164,7 +159,9 @@ void* receive_for(const ProbeFamily& family, void* argument) {
                                   LOG_ERROR("select for %s failed!!!!!", family.word);
                                   family.received.set(ns_name, false);
                               },
-                          .rest_ms = reply_rest_ms});
+                          // Nobody waits for this thread: the worker reads the socket before it
+                          // judges, an extended ping while it waits.
+                          .is_read_by_others = true});
     return nullptr;
 }
 

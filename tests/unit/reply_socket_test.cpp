@@ -4,6 +4,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -156,6 +158,50 @@ TEST(Receiver, answers_that_wait_in_the_socket_are_taken_by_the_worker) {
     EXPECT_EQ(collect_probe(ipv4_probes, "eth9", "second", long_over_ms, monotonic_now()),
               ProbeOutcome::answered);
     LBTest::_recv_icmp_sock.set("standstill", 0);
+}
+
+/// Loopback sockets, of which the kernel counts what waits in them.
+struct UdpPair {
+    UdpPair() {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        auto* generic = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(bind(near.get(), generic, size), 0);
+        EXPECT_EQ(getsockname(near.get(), generic, &size), 0);
+        EXPECT_EQ(connect(far.get(), generic, size), 0);
+    }
+    bool is_something_waiting() const {
+        int size = 0;
+        return ioctl(near.get(), FIONREAD, &size) == 0 && size > 0;
+    }
+    Fd near{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    Fd far{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+};
+
+TEST(Receiver, takes_a_flood_off_before_the_room_is_gone) {
+    const CapturedLog log;
+    const UdpPair replies;
+    constexpr int room = 64 << 10;  // for about 80
+    ASSERT_EQ(setsockopt(replies.near.get(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room), 0);
+    const std::string name = "flood";
+    LBTest::_recv_icmp_sock.set(name, replies.near.get());
+    const Bytes reply = reply4(packet_id_count);
+    start_receiver(ipv4_probes, name);
+    deliver(replies.far, reply);
+    ASSERT_TRUE(within_seconds(10, [&] { return !replies.is_something_waiting(); }));
+
+    // One more would be left to the worker, whom nobody plays here, for ten seconds.
+    for (int i = 0; i < 60; ++i) {
+        deliver(replies.far, reply);
+    }
+    EXPECT_TRUE(within_seconds(8, [&] { return !replies.is_something_waiting(); }));
+
+    const faults::FailCall broken(faults::Call::recvmmsg, EIO, 1);
+    shutdown(replies.near.get(), SHUT_RDWR);
+    EXPECT_TRUE(within_seconds(10, [&name] { return !LBTest::_received.get(name); }));
+    LBTest::_recv_icmp_sock.set(name, 0);
 }
 
 TEST(Receiver, failed_wait_is_reported_and_lets_the_next_one_start) {

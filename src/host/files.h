@@ -1,7 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -17,12 +16,6 @@ using File = std::unique_ptr<FILE, CloseFile>;
 /// Opens as fopen(3) does; null where that fails. What is opened for writing never waits: a pipe
 /// that nobody reads cannot be opened, one that is full fails the write.
 File open_file(const std::string& path, const char* mode);
-/// Opens for writing `size` bytes over what the file holds; what it holds beyond them is cut off
-/// at once. Until the writer comes by, readers find the former content, and the host need not free
-/// and fill all pages anew.
-File open_file_to_overwrite(const std::string& path, std::size_t size);
-/// Ends such a file behind what was written, where the writer gives up.
-void end_file_here(FILE* file);
 /// For reading, without waiting; null also where it is no regular file: a pipe, a device.
 File open_regular_file(const std::string& path);
 /// When the file behind a stream was modified last, since the epoch by the wall clock; this very

@@ -128,10 +128,10 @@ struct ReceiverWatch {
     std::function<bool()> on_readable;
     /// The wait itself failed, which ends the watch too.
     std::function<void()> on_wait_failed;
-    /// Who else reads the receiver does so about once a second, and more often than every ten: a
-    /// host with threads leaves the packets to it, unless they come as a flood that the receiver's
-    /// room might not hold. The first packet has the call at once.
-    bool is_read_by_others = false;
+    /// For receivers that another reads about once a second: while it gives true, a host with
+    /// threads leaves the packets to that one for up to ten seconds, unless they come as a flood
+    /// that the receiver's room might not hold. The first packet has the call at once.
+    std::function<bool()> is_left_to_others = nullptr;
 };
 /// The work of a receiver's body: calls `on_readable` each time that packets are in. A host without
 /// threads notes the watch, returns at once and calls it as packets come.

@@ -110,6 +110,13 @@ Crowd take_and_mark(const ProbeFamily& family, int reply_socket,
     return crowd;
 }
 
+/// Whether reading has failed, whoever read: the receiver thread tells it and ends.
+NamespaceTable<bool>& failures_of(const ProbeFamily& family) {
+    static NamespaceTable<bool> ipv4;
+    static NamespaceTable<bool> ipv6;
+    return family.is_ipv6 ? ipv6 : ipv4;
+}
+
 }  // namespace
 
 Drained drain(const ProbeFamily& family, const std::string& ns_name, int at_most) {
@@ -123,6 +130,7 @@ Drained drain(const ProbeFamily& family, const std::string& ns_name, int at_most
             }
         }
         if (crowd.has_ended) {
+            failures_of(family).set(ns_name, true);
             return Drained::failed;
         }
         if (crowd.is_last) {
@@ -140,28 +148,32 @@ namespace {
 void* receive_for(const ProbeFamily& family, void* argument) {
     const std::unique_ptr<std::string> taken_over(static_cast<std::string*>(argument));
     const std::string& ns_name = *taken_over;
-    host::watch_receiver(family.recv_sock.get(ns_name),
-                         {.on_readable =
-                              [&family, ns_name] {
-                                  Drained drained = Drained::enough;
-                                  while (drained == Drained::enough) {
-                                      drained = drain(family, ns_name, datagrams_at_once);
-                                  }
-                                  if (drained != Drained::failed) {
-                                      return true;
-                                  }
-                                  LOG_ERROR("recv for %s failed!!!!!", family.word);
-                                  family.received.set(ns_name, false);
-                                  return false;
-                              },
-                          .on_wait_failed =
-                              [&family, ns_name] {
-                                  LOG_ERROR("select for %s failed!!!!!", family.word);
-                                  family.received.set(ns_name, false);
-                              },
-                          // Nobody waits for this thread: the worker reads the socket before it
-                          // judges, an extended ping while it waits.
-                          .is_read_by_others = true});
+    NamespaceTable<bool>& failures = failures_of(family);
+    // A host without threads calls these after this body has returned.
+    const auto read = [&family, &failures, ns_name] {
+        Drained drained = failures.get(ns_name) ? Drained::failed : Drained::enough;
+        while (drained == Drained::enough) {
+            drained = drain(family, ns_name, datagrams_at_once);
+        }
+        if (drained != Drained::failed) {
+            return true;
+        }
+        failures.set(ns_name, false);
+        LOG_ERROR("recv for %s failed!!!!!", family.word);
+        family.received.set(ns_name, false);
+        return false;
+    };
+    const auto end = [&family, ns_name] {
+        LOG_ERROR("select for %s failed!!!!!", family.word);
+        family.received.set(ns_name, false);
+    };
+    // Nobody waits for this thread: the worker reads the socket before it judges, an extended ping
+    // while it waits.
+    host::watch_receiver(
+        family.recv_sock.get(ns_name),
+        {.on_readable = read, .on_wait_failed = end, .is_left_to_others = [&failures, ns_name] {
+             return !failures.get(ns_name);
+         }});
     return nullptr;
 }
 
@@ -179,6 +191,7 @@ void start_receiver(const ProbeFamily& family, const std::string& ns_name) {
     if (family.received.exchange(ns_name, true)) {
         return;
     }
+    failures_of(family).set(ns_name, false);
     auto argument = std::make_unique<std::string>(ns_name);
     switch (host::start_receiver_thread(family.receiver, argument.get())) {
         case DetachedStart::not_created:

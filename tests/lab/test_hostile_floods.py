@@ -9,6 +9,14 @@ from scenes import TARGET
 SENDERS = 16000
 PARTS = 4
 ECHOES = 16000
+UNPACED = 192_000
+UNPACED_SENDER = """
+import socket, sys
+link = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+link.bind((sys.argv[1], 0))
+frames = [bytes.fromhex(text) for text in sys.argv[3:]]
+print(sum(link.send(frames[number % len(frames)]) > 0 for number in range(int(sys.argv[2]))))
+"""
 PACKET_IDS = 32767  # identifiers of probes run below
 
 
@@ -80,6 +88,17 @@ class Echoes(HostileTest):
         slots = self.random.randint(1, 9)
         record = bytes((7, 3 + 4 * slots, 4)) + bytes(4 * slots)
         return self.random.choice((b"\x01" * 4 * slots, b"\0" * 4 * slots, record + b"\0"))
+
+
+    def test_as_many_as_a_processor_sends_cost_no_verdict(self):
+        """By numbers that no probe has yet. A process of its own sends them: the honest far end goes on answering."""
+        frames = [self.echo_reply(PACKET_IDS - number, ipv6=number % 2 == 1) for number in range(64)]
+        sent = self.peer.namespace.run("/usr/bin/python3", "-c", UNPACED_SENDER, self.peer.interface, str(UNPACED),
+                                       *(frame.hex() for frame in frames))
+        self.assertEqual(int(sent), UNPACED)
+        expect(lambda: self.alive.cycles() > self.calm + 3)
+        self.assert_verdicts_were_right_throughout()
+        self.alive.assert_pace_kept(self.calm)
 
 
 class ExtendedPing(HostileTest):

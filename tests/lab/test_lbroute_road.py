@@ -11,14 +11,18 @@
 As with a virtual router, both peers of IPv6 have one hardware address: the daemon looks it up by
 the address alone.
 """
+import os
 import shutil
+import signal
 import socket
 
 from kit import Conf, expect, main, ping
 from kit import echo_policies as policy
 from kit.lab import CONF, LabTest
 from kit.lbroute import assert_stays, own_objects, path_of, route, start, status, write_fragment
+from kit.lbwatch import Lbwatch
 from kit.netns import Namespace
+from kit.prometheus import ask
 from scenes import GATEWAY, GATEWAY_2, PREFIX, ROUTER, ROUTER_2, TARGET, attach_two, two_uplinks
 from scenes6 import PREFIX6, TARGET6, TARGET6_2
 
@@ -60,6 +64,17 @@ class Ipv4(Road):
     def setUp(self):
         super().setUp()
         self.peers = attach_two(self.lab)
+
+    def test_watcher_tells_that_the_routing_daemon_has_died(self):
+        os.system("ip link set lo up")
+        self.run_both(two_uplinks())
+        watch = Lbwatch(self.folder, "--listen", "127.0.0.1:9837")
+        self.addCleanup(watch.close)
+        watch.expect_state("gi1_1", "active")
+        routers = 'lb_router_up{family="ipv4",namespace=""} '
+        expect(lambda: routers + "1\n" in ask(9837, "/metrics"))
+        self.program.end(signal.SIGKILL)
+        expect(lambda: routers + "0\n" in ask(9837, "/metrics"))
 
     def test_routes_follow_an_outage_and_its_end(self):
         self.run_both(two_uplinks())

@@ -31,7 +31,7 @@ class Rules(LabTest):
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
         with open(RULES, encoding="utf-8") as rules, open(RULE_TESTS, encoding="utf-8") as tests:
             names, tested = set(re.findall(r"alert: (\w+)", rules.read())), tests.read()
-        self.assertEqual(len(names), 8)
+        self.assertEqual(len(names), 9)
         for name in names:
             self.assertIn(f"alertname: {name}\n", tested)
         with open(DASHBOARD, encoding="utf-8") as file:

@@ -1,11 +1,15 @@
 // What Prometheus is given, against the names and units that its rules and dashboards ask for.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "lbwatch/board.h"
 #include "lbwatch/metrics.h"
+#include "lbwatch/routers.h"
 
 namespace {
 
@@ -14,7 +18,7 @@ using namespace lbwatch;
 /// The samples alone, without help and types.
 std::string samples_of(const View& view, const Moment& now) {
     std::string samples;
-    const std::string text = metrics_of(view, "1.2", now);
+    const std::string text = metrics_of(view, {}, "1.2", now);
     for (std::size_t at = 0; at < text.size();) {
         const std::size_t end = text.find('\n', at);
         if (text[at] != '#') {
@@ -153,6 +157,70 @@ TEST(Metrics, of_a_watcher_that_stands_still_are_unknown_and_not_the_last_ones) 
     EXPECT_TRUE(says("state=\"unknown\"} 1\n", 50'001));
     board.confirm({.wall_ms = 0, .boot_ms = 60'000});
     EXPECT_TRUE(says("lb_up 1\n", 60'001));
+}
+
+TEST(Metrics, tell_whether_each_routing_daemon_runs) {
+    const std::string text =
+        metrics_of(View{},
+                   {{.namespace_name = "", .family = 4, .is_running = true},
+                    {.namespace_name = "blue", .family = 6, .is_running = false}},
+                   "1.2", {.wall_ms = 0, .boot_ms = 10'000});
+    EXPECT_NE(text.find("lb_router_up{family=\"ipv4\",namespace=\"\"} 1\n"
+                        "lb_router_up{family=\"ipv6\",namespace=\"blue\"} 0\n"),
+              std::string::npos)
+        << text;
+}
+
+/// A root with the files of process numbers.
+class Routers : public testing::Test {
+  protected:
+    Routers() : root_(testing::TempDir() + "routers" + std::to_string(getpid())) {
+        join("1_ipv4", {"", 4, "gi1_1"});
+        join("1_ipv4", {"", 4, "gi1_2"});
+    }
+    ~Routers() override { std::filesystem::remove_all(root_); }
+
+    void join(const char* rule, const UplinkKey& uplink) {
+        rules_[{.namespace_name = uplink.namespace_name, .name = rule}].members.push_back(uplink);
+        uplinks_[uplink] = {};
+    }
+    void write(const std::string& path, const std::string& text) {
+        const std::filesystem::path file = root_ + path;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file) << text;
+    }
+    std::vector<Router> found() const { return find_routers(rules_, uplinks_, root_); }
+
+    std::string root_;
+    World::Rules rules_;
+    World::Uplinks uplinks_;
+};
+
+TEST_F(Routers, are_those_that_the_files_of_process_numbers_name) {
+    join("1_ipv6", {"blue", 6, "gi1_1"});
+    write("/var/run/routing.pid", std::to_string(getpid()) + "\n");
+    write("/var/run/routing6.pid", "1\n");  // no rule has that family there
+    EXPECT_EQ(found(), (std::vector<Router>{{"", 4, true}, {"blue", 6, false}}));
+    write("/var/vrfs/blue/usr/var/run/routing6.pid", std::to_string(getpid()) + "\n");
+    EXPECT_EQ(found(), (std::vector<Router>{{"", 4, true}, {"blue", 6, true}}));
+}
+
+TEST_F(Routers, are_asked_for_only_where_a_rule_has_an_uplink_that_there_is) {
+    rules_[{.namespace_name = "", .name = "1_ipv6"}].members = {{"", 6, "gi1_9"}};
+    uplinks_[{"red", 4, "gi1_3"}] = {};
+    EXPECT_EQ(found(), (std::vector<Router>{{"", 4, false}}));
+}
+
+TEST_F(Routers, do_not_run_where_the_file_names_no_process) {
+    for (const char* text : {"", "lbroute\n", "0\n", "-1\n", "4194305\n"}) {
+        write("/var/run/routing.pid", text);
+        EXPECT_EQ(found(), (std::vector<Router>{{"", 4, false}})) << text;
+    }
+}
+
+TEST_F(Routers, are_not_made_up_where_the_file_cannot_be_read) {
+    std::filesystem::create_directories(root_ + "/var/run/routing.pid");
+    EXPECT_EQ(found(), std::vector<Router>{});
 }
 
 }  // namespace

@@ -376,37 +376,6 @@ TEST_F(Files, short_writes_are_reported_and_end_the_dump) {
                               {4, err + "wan_lb: error dumping routes"}}));
 }
 
-TEST_F(Files, longer_dump_of_a_former_run_is_cut_to_this_one) {
-    output->write(data, ctx);
-    const std::string path = folder + "/wlb_dump/wlb_ipv4_outbounds.bin";
-    fs::resize_file(path, 3 * sizeof(record::Outbound));
-    output->write(data, ctx);
-    EXPECT_EQ(fs::file_size(path), sizeof(record::Outbound));
-}
-
-TEST_F(Files, dump_that_stops_half_way_ends_there) {
-    output->write(data, ctx);
-    const FailCall no_write(Call::fwrite, ENOSPC);
-    output->dump_outbounds(data, {}, ctx, 0);
-    EXPECT_EQ(content("/wlb_dump/wlb_ipv4_outbounds.bin"), "");
-}
-
-TEST_F(Files, reader_finds_the_dump_whole_while_it_is_rewritten) {
-    output->write(data, ctx);
-    const std::string path = folder + "/wlb_dump/wlb_ipv4_outbounds.bin";
-    std::thread writer([this] {
-        for (int i = 0; i < 2000; ++i) {
-            output->dump_outbounds(data, {.tv_sec = i, .tv_usec = 0}, ctx, 0);
-        }
-    });
-    int partial = 0;
-    for (int i = 0; i < 2000; ++i) {
-        partial += fs::file_size(path) == sizeof(record::Outbound) ? 0 : 1;
-    }
-    writer.join();
-    EXPECT_EQ(partial, 0);
-}
-
 TEST_F(Files, rule_key_that_does_not_parse_stops_the_dump) {
     data.rules["5"];
     data.rules["6_ipv4"];

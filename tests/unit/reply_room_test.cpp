@@ -69,7 +69,7 @@ TEST_F(Room, is_asked_for_once_and_anew_for_another_number_of_probes) {
 }
 
 TEST_F(Room, grows_with_the_probes_and_has_a_least_size) {
-    EXPECT_EQ(host::make_room(near.get(), 1).wanted, 4 << 20);
+    EXPECT_EQ(host::make_room(near.get(), 1).wanted, 16 << 20);
     EXPECT_EQ(host::make_room(near.get(), 4000).wanted, 4000 * 4096);
     EXPECT_EQ(host::make_room(near.get(), 2'000'000'000).wanted, 256 << 20);
 }
@@ -113,7 +113,7 @@ TEST_F(Room, losses_are_told_at_once_and_then_once_an_hour) {
                               " ipv4 replies dropped unread, more at once than " + bytes +
                               " bytes hold; who sends them shows: tcpdump -n icmp"};
     };
-    EXPECT_EQ(log.lines(), (std::vector<LogLine>{line(first, "4194304")}));
+    EXPECT_EQ(log.lines(), (std::vector<LogLine>{line(first, "16777216")}));
 
     auto later = overflow();
     report();
@@ -123,7 +123,7 @@ TEST_F(Room, losses_are_told_at_once_and_then_once_an_hour) {
     later += overflow();
     clock.advance_ms(1);
     report();
-    EXPECT_EQ(log.lines().back(), line(later, "4194304"));
+    EXPECT_EQ(log.lines().back(), line(later, "16777216"));
     EXPECT_EQ(log.lines().size(), 2U);
 }
 

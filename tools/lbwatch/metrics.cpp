@@ -109,7 +109,8 @@ void add_uplink(Families& all, const UplinkKey& key, const Uplink& uplink) {
 
 }  // namespace
 
-std::string metrics_of(const View& view, const std::string& version, const Moment& now) {
+std::string metrics_of(const View& view, const std::vector<Router>& routers,
+                       const std::string& version, const Moment& now) {
     Families all;
     all.gauge("lb_build_info", "1, with the version of lbwatch.", {{"version", version}}, 1);
     all.gauge("lb_up", "1 while the daemon rewrites its dumps.", {},
@@ -117,6 +118,13 @@ std::string metrics_of(const View& view, const std::string& version, const Momen
     if (view.last_written_boot_ms) {
         all.gauge("lb_dump_age_seconds", "Time since a dump was last rewritten and believed.", {},
                   static_cast<double>(now.boot_ms - *view.last_written_boot_ms) / 1000.0);
+    }
+    for (const Router& router : routers) {
+        all.gauge("lb_router_up",
+                  "1 while the routing daemon runs that the balancing daemon tells of new routes.",
+                  {{"family", "ipv" + std::to_string(router.family)},
+                   {"namespace", shared::harmless(router.namespace_name)}},
+                  router.is_running ? 1 : 0);
     }
     if (!view.history.empty()) {
         all.gauge("lb_history_written", "1 while the history is written to its file.", {},

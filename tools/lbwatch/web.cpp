@@ -122,8 +122,10 @@ class Web::Routes : public httplib::Server {
             answer.set_content(page_script, "text/javascript; charset=utf-8");
         });
         Get("/metrics", [this](const auto&, auto& answer) {
-            answer.set_content(metrics_of(*board_.view(now()), version_, now()),
-                               "text/plain; version=0.0.4; charset=utf-8");
+            const auto view = board_.view(now());
+            answer.set_content(
+                metrics_of(*view, find_routers(view->rules, view->uplinks), version_, now()),
+                "text/plain; version=0.0.4; charset=utf-8");
         });
         Get("/api/state", [this](const auto&, auto& answer) {
             answer.set_content(json_of(*board_.view(now()), now()) + "\n", "application/json");

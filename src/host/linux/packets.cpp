@@ -282,7 +282,7 @@ namespace {
 
 constexpr int largest_packet = 4096;
 constexpr int smallest_packet = 512;
-constexpr int least_room = 4 << 20;  // what comes unasked must not take the place of replies
+constexpr int least_room = 16 << 20;  // what comes unasked must not take the place of replies
 constexpr int most_room = 256 << 20;
 
 }  // namespace
@@ -363,29 +363,35 @@ DetachedStart start_receiver_thread(ThreadBody body, void* argument) {
 
 namespace {
 
-/// While another reads too: it comes about once a second, and wants no help with what it can take.
-constexpr std::int64_t look_every_ms = 1000;
-/// Whoever it is that reads, no packet is left for longer.
+constexpr std::int64_t rest_ms = 1000;
+constexpr unsigned long rest_slack_ns = 1'000'000'000;
+constexpr std::int64_t longest_rest_ms = 2000;
+constexpr std::int64_t rest_ms_in_a_flood = 50;
+/// Whoever else reads, no packet is left for longer.
 constexpr std::int64_t leave_at_most_ms = 10'000;
-constexpr std::int64_t look_every_ms_in_a_flood = 50;
-/// That share of the room in use is more than a calm second brings.
-constexpr std::uint32_t flooded_share = 8;
 
 /// A second, or up to two where the processor's next waking for something else is as near, which
 /// halves what the look costs.
 void rest_in_calm() {
-    prctl(PR_SET_TIMERSLACK, look_every_ms * 1'000'000);
-    sleep_ms(look_every_ms);
-    prctl(PR_SET_TIMERSLACK, 0);  // the thread's own again
+    prctl(PR_SET_TIMERSLACK, rest_slack_ns);
+    sleep_ms(rest_ms);
+    prctl(PR_SET_TIMERSLACK, 0UL);  // the thread's own again
 }
 
-/// Whether the receiver's room might be gone before its other reader comes; also where the kernel
-/// does not tell (before Linux 4.12).
-bool is_flooded(int receiver) {
+/// Whether the receiver's room might be gone before its other reader comes. Never a rest where the
+/// room is smaller than asked for, or the kernel does not tell (before Linux 4.12).
+bool is_flooded(int receiver, std::int64_t since_call_ms) {
     std::array<std::uint32_t, SK_MEMINFO_VARS> memory{};
     socklen_t size = sizeof memory;
-    return getsockopt(receiver, SOL_SOCKET, SO_MEMINFO, memory.data(), &size) != 0 ||
-           memory[SK_MEMINFO_RMEM_ALLOC] >= memory[SK_MEMINFO_RCVBUF] / flooded_share;
+    if (getsockopt(receiver, SOL_SOCKET, SO_MEMINFO, memory.data(), &size) != 0 ||
+        memory[SK_MEMINFO_RCVBUF] < static_cast<std::uint32_t>(least_room)) {
+        return true;
+    }
+    // Right behind a call what waits tells the rate: one that takes half of the room in the longest
+    // rest. Later the other reader may have just been there.
+    constexpr std::uint32_t half_in_a_rest = 2 * longest_rest_ms / rest_ms_in_a_flood;
+    const std::uint32_t share = since_call_ms < rest_ms ? half_in_a_rest : 4;
+    return memory[SK_MEMINFO_RMEM_ALLOC] >= memory[SK_MEMINFO_RCVBUF] / share;
 }
 
 }  // namespace
@@ -398,17 +404,20 @@ void watch_receiver(int receiver, const ReceiverWatch& watch) {
             watch.on_wait_failed();
             return;
         }
-        if (watch.is_read_by_others && readable.revents == POLLIN && last_call &&
-            elapsed_ms(*last_call, monotonic_now()) < leave_at_most_ms && !is_flooded(receiver)) {
-            rest_in_calm();
-            continue;
+        if (watch.is_left_to_others && readable.revents == POLLIN && last_call) {
+            const std::int64_t since_call_ms = elapsed_ms(*last_call, monotonic_now());
+            if (since_call_ms < leave_at_most_ms && watch.is_left_to_others() &&
+                !is_flooded(receiver, since_call_ms)) {
+                rest_in_calm();
+                continue;
+            }
         }
         if (!watch.on_readable()) {
             return;
         }
-        if (watch.is_read_by_others) {
+        if (watch.is_left_to_others) {
             last_call = monotonic_now();
-            sleep_ms(look_every_ms_in_a_flood);
+            sleep_ms(rest_ms_in_a_flood);
         }
     }
 }

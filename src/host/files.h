@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -16,6 +17,12 @@ using File = std::unique_ptr<FILE, CloseFile>;
 /// Opens as fopen(3) does; null where that fails. What is opened for writing never waits: a pipe
 /// that nobody reads cannot be opened, one that is full fails the write.
 File open_file(const std::string& path, const char* mode);
+/// Opens for writing `size` bytes over what the file holds, which spares the host freeing and
+/// filling all of its pages. The last byte, and what is behind it, is cut off at once: by its
+/// length the file is known as whole only when all is written.
+File open_file_to_overwrite(const std::string& path, std::size_t size);
+/// Ends such a file behind what was written, where the writer gives up.
+void end_file_here(FILE* file);
 /// For reading, without waiting; null also where it is no regular file: a pipe, a device.
 File open_regular_file(const std::string& path);
 /// When the file behind a stream was modified last, since the epoch by the wall clock; this very

@@ -99,6 +99,28 @@ std::optional<record::Outbound> read_outbound(const LBHealth& health, int now_s)
     return outbound_record(health, now_s);
 }
 
+/// False after logging why the dump stops.
+bool write_records_of(const std::map<std::string, LBHealth>& interfaces, int now_s, FILE* file) {
+    RecordWriter<record::Outbound> records(file);
+    for (const auto& [name, health] : interfaces) {
+        const auto record = read_outbound(health, now_s);
+        if (!record) {
+            records.flush();
+            log_text_failure("dump_outbounds");
+            return false;
+        }
+        if (!records.add(*record)) {
+            log_block_failure("dump_outbounds");
+            return false;
+        }
+    }
+    if (!records.flush() || !is_on_disk(file)) {
+        log_block_failure("dump_outbounds");
+        return false;
+    }
+    return true;
+}
+
 /// Writes a rule's route records; false after logging why the dump stops.
 bool dump_routes(const RuleKey& key, const LBRule& rule, FILE* file) {
     int position = 0;
@@ -295,29 +317,19 @@ void LBOutput::dump_outbounds(const LBData& data, timeval now, context* ctx, int
 
 bool LBOutput::write_outbounds(const LBData& data, timeval now, bool is_ipv6) const {
     const std::string path = outbounds_path(out_dir, is_ipv6);
-    const File file = host::open_file(path, "wb");
+    const auto& interfaces = data.family(is_ipv6);
+    // The largest of the files. Its records stay in their places from cycle to cycle.
+    const File file =
+        host::open_file_to_overwrite(path, interfaces.size() * sizeof(record::Outbound));
     if (file == nullptr) {
         LOG_ERROR("wan_lb: error open file for writing '%s'", path.c_str());
         return false;
     }
-    RecordWriter<record::Outbound> records(file.get());
-    for (const auto& [name, health] : data.family(is_ipv6)) {
-        const auto record = read_outbound(health, static_cast<int>(now.tv_sec));
-        if (!record) {
-            records.flush();
-            log_text_failure("dump_outbounds");
-            return false;
-        }
-        if (!records.add(*record)) {
-            log_block_failure("dump_outbounds");
-            return false;
-        }
+    const bool is_whole = write_records_of(interfaces, static_cast<int>(now.tv_sec), file.get());
+    if (!is_whole) {
+        host::end_file_here(file.get());
     }
-    if (!records.flush() || !is_on_disk(file.get())) {
-        log_block_failure("dump_outbounds");
-        return false;
-    }
-    return true;
+    return is_whole;
 }
 
 void LBOutput::dump_rules_and_routes(const LBData& data, context* ctx) {

@@ -10,6 +10,7 @@
 #include <sstream>
 #include <thread>
 
+#include "host/files.h"
 #include "output/lb_output.h"
 #include "output/records.h"
 #include "output/report_text.h"
@@ -374,6 +375,36 @@ TEST_F(Files, short_writes_are_reported_and_end_the_dump) {
         (std::vector<LogLine>{{4, err + "wan_lb: <dump_outbounds> error writing data block"},
                               {4, err + "wan_lb: <dump_rules_and_routes> error writing data block"},
                               {4, err + "wan_lb: error dumping routes"}}));
+}
+
+TEST_F(Files, longer_dump_of_a_former_run_is_cut_to_this_one) {
+    output->write(data, ctx);
+    const std::string path = folder + "/wlb_dump/wlb_ipv4_outbounds.bin";
+    fs::resize_file(path, 3 * sizeof(record::Outbound));
+    output->write(data, ctx);
+    EXPECT_EQ(fs::file_size(path), sizeof(record::Outbound));
+}
+
+TEST_F(Files, dump_that_stops_half_way_ends_there) {
+    output->write(data, ctx);
+    const FailCall no_write(Call::fwrite, ENOSPC);
+    output->dump_outbounds(data, {}, ctx, 0);
+    EXPECT_EQ(content("/wlb_dump/wlb_ipv4_outbounds.bin"), "");
+}
+
+TEST_F(Files, dump_is_not_of_whole_records_until_all_are_written) {
+    output->write(data, ctx);
+    const std::string path = folder + "/wlb_dump/wlb_ipv4_outbounds.bin";
+    const std::string whole = content("/wlb_dump/wlb_ipv4_outbounds.bin");
+    {
+        const host::File file = host::open_file_to_overwrite(path, whole.size());
+        EXPECT_EQ(fs::file_size(path), whole.size() - 1);
+        fwrite(whole.data(), 1, whole.size() - 1, file.get());
+        fflush(file.get());
+        EXPECT_EQ(fs::file_size(path), whole.size() - 1);
+        fputc(whole.back(), file.get());
+    }
+    EXPECT_EQ(content("/wlb_dump/wlb_ipv4_outbounds.bin"), whole);
 }
 
 TEST_F(Files, rule_key_that_does_not_parse_stops_the_dump) {

@@ -70,7 +70,7 @@ TEST_F(Room, is_asked_for_once_and_anew_for_another_number_of_probes) {
 
 TEST_F(Room, grows_with_the_probes_and_has_a_least_size) {
     EXPECT_EQ(host::make_room(near.get(), 1).wanted, 16 << 20);
-    EXPECT_EQ(host::make_room(near.get(), 4000).wanted, 4000 * 4096);
+    EXPECT_EQ(host::make_room(near.get(), 5000).wanted, 5000 * 4096);
     EXPECT_EQ(host::make_room(near.get(), 2'000'000'000).wanted, 256 << 20);
 }
 

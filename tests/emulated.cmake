@@ -30,6 +30,7 @@ set(NOT_EMULATED
   LbrouteKernel.*
   # How posix_spawn(3) tells that there is no such program: its child does not share the memory of its parent.
   Program.that_is_not_there_has_no_status
+  LbwatchHooks.one_that_cannot_be_started_is_told_with_the_reason_and_the_next_is_run
   # A process that a signal ends says nothing more: the emulator adds a line to its standard error.
   CrashReport.threads_that_crash_at_once_give_one_whole_report
   CrashReport.reader_of_standard_error_that_sleeps_does_not_keep_the_process_alive

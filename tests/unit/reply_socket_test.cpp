@@ -181,48 +181,59 @@ struct UdpPair {
     Fd far{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
 };
 
-/// The thread would go on beside the tests that follow, with a number that they may get.
-void end_receiver(const UdpPair& replies, const std::string& name) {
-    const faults::FailCall broken(faults::Call::recvmmsg, EIO, 1);
-    shutdown(replies.near.get(), SHUT_RDWR);
-    EXPECT_TRUE(within_seconds(10, [&name] { return !LBTest::_received.get(name); }));
-    LBTest::_recv_icmp_sock.set(name, 0);
-}
+/// A receiver thread on such a pair. Left running, it would go on beside the tests that follow,
+/// with a number that they may get.
+class RunningReceiver {
+  public:
+    explicit RunningReceiver(const std::string& name) : name_(name) {
+        LBTest::_recv_icmp_sock.set(name_, replies.near.get());
+        start_receiver(ipv4_probes, name_);
+    }
+    ~RunningReceiver() {
+        const faults::FailCall broken(faults::Call::recvmmsg, EIO, 1);
+        shutdown(replies.near.get(), SHUT_RDWR);
+        EXPECT_TRUE(within_seconds(10, [this] { return !LBTest::_received.get(name_); }));
+        LBTest::_recv_icmp_sock.set(name_, 0);
+    }
+    RunningReceiver(const RunningReceiver&) = delete;
+    RunningReceiver& operator=(const RunningReceiver&) = delete;
+
+    bool reads_all() const {
+        return within_seconds(8, [this] { return !replies.is_something_waiting(); });
+    }
+
+    const UdpPair replies;
+
+  private:
+    std::string name_;
+};
 
 TEST(Receiver, takes_a_flood_off_before_the_room_is_gone) {
     const CapturedLog log;
-    const UdpPair replies;
-    if (const auto room = host::make_room(replies.near.get(), 1); room.granted < room.wanted) {
+    const RunningReceiver receiver("flood");
+    const Fd& near = receiver.replies.near;
+    if (const auto room = host::make_room(near.get(), 1); room.granted < room.wanted) {
         GTEST_SKIP() << "only root may ask for such room";
     }
-    const std::string name = "flood";
-    LBTest::_recv_icmp_sock.set(name, replies.near.get());
     const Bytes reply = reply4(packet_id_count);
-    start_receiver(ipv4_probes, name);
-    deliver(replies.far, reply);
-    ASSERT_TRUE(within_seconds(10, [&] { return !replies.is_something_waiting(); }));
+    deliver(receiver.replies.far, reply);
+    ASSERT_TRUE(receiver.reads_all());
 
     // A few would be left to the worker, whom nobody plays here, for ten seconds.
     for (int i = 0; i < 10'000; ++i) {
-        deliver(replies.far, reply);
+        deliver(receiver.replies.far, reply);
     }
-    EXPECT_TRUE(within_seconds(8, [&] { return !replies.is_something_waiting(); }));
-    EXPECT_EQ(host::dropped_packets(replies.near.get()), 0U);
-    end_receiver(replies, name);
+    EXPECT_TRUE(receiver.reads_all());
+    EXPECT_EQ(host::dropped_packets(near.get()), 0U);
 }
 
 TEST(Receiver, leaves_nothing_unread_where_the_room_is_smaller_than_asked_for) {
     const CapturedLog log;
-    const UdpPair replies;
-    const std::string name = "small room";
-    LBTest::_recv_icmp_sock.set(name, replies.near.get());
-    const Bytes reply = reply4(packet_id_count);
-    start_receiver(ipv4_probes, name);
+    const RunningReceiver receiver("small room");
     for (int i = 0; i < 20; ++i) {
-        deliver(replies.far, reply);
-        ASSERT_TRUE(within_seconds(8, [&] { return !replies.is_something_waiting(); })) << i;
+        deliver(receiver.replies.far, reply4(packet_id_count));
+        ASSERT_TRUE(receiver.reads_all()) << i;
     }
-    end_receiver(replies, name);
 }
 
 TEST(Receiver, tells_that_the_worker_could_not_read) {
